@@ -1,0 +1,43 @@
+# Quarvel's two commands for a fresh Debian machine:
+#   make demo   installs what is missing, builds, and runs the demo
+#   make test   installs what is missing, builds, and runs every test suite
+# Also: make build, make bench, make check-asan, make clean.
+
+BUILD      ?= build
+ASAN_BUILD ?= build-asan
+JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
+DEMO_OUT   ?= demo-out
+
+.PHONY: all deps build test demo bench check-asan clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+$(BUILD)/CMakeCache.txt: | deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
+
+build: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+demo: build
+	@if [ -x $(BUILD)/tools/quarvel/quarvel ]; then \
+		$(BUILD)/tools/quarvel/quarvel demo $(DEMO_OUT); \
+	else \
+		$(BUILD)/examples/mirror_demo $(DEMO_OUT); \
+	fi
+
+bench: build
+	$(BUILD)/bench/quarvel_bench --benchmark_min_time=0.2
+
+check-asan: deps
+	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DQUARVEL_SANITIZE=ON -DQUARVEL_BUILD_BENCH=OFF
+	cmake --build $(ASAN_BUILD) -j $(JOBS)
+	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) $(DEMO_OUT)

@@ -1,0 +1,80 @@
+// Packed 1-bit rows: 8 pixels per byte, the leftmost pixel in the most
+// significant bit. Every routine touches only the bits it is given: bits
+// before and after the span, padding included, keep their values, and no
+// byte outside the span's bytes is read or written.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+
+namespace quarvel::bits {
+
+inline int Get(const std::uint8_t *row, int x) { return (row[x >> 3] >> (7 - (x & 7))) & 1; }
+
+inline void Set(std::uint8_t *row, int x, int value) {
+    const std::uint8_t mask = static_cast<std::uint8_t>(0x80u >> (x & 7));
+    if (value) {
+        row[x >> 3] |= mask;
+    } else {
+        row[x >> 3] &= static_cast<std::uint8_t>(~mask);
+    }
+}
+
+// Up to 8 bits starting at bit x, most significant first; `n` is how many
+// bits are wanted, so the byte after is read only when the span reaches it.
+inline std::uint8_t Load8(const std::uint8_t *row, int x, int n) {
+    const int shift = x & 7;
+    const std::uint8_t *p = row + (x >> 3);
+    if (shift == 0) return p[0];
+    unsigned v = static_cast<unsigned>(p[0]) << shift;
+    if (shift + n > 8) v |= static_cast<unsigned>(p[1]) >> (8 - shift);
+    return static_cast<std::uint8_t>(v);
+}
+
+// dst bits [dstX, dstX + count) = op(dst byte, source bits aligned to it),
+// source bits read from srcX on. `op(d, s)` works on whole bytes; only the
+// bits of the span are stored.
+template <class Op>
+inline void Apply(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX, int count, Op op) {
+    while (count > 0) {
+        const int pos = dstX & 7;
+        const int n = std::min(8 - pos, count);
+        const unsigned s = static_cast<unsigned>(Load8(src, srcX, n)) >> pos;
+        const unsigned mask = (0xFFu >> pos) & ~(0xFFu >> (pos + n));
+        std::uint8_t &d = dst[dstX >> 3];
+        d = static_cast<std::uint8_t>((d & ~mask) | (static_cast<unsigned>(op(d, static_cast<std::uint8_t>(s))) & mask));
+        srcX += n;
+        dstX += n;
+        count -= n;
+    }
+}
+
+// The same with an 8-bit-aligned fast path for the common whole-row case.
+template <class Op>
+inline void ApplyRow(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX, int count, Op op) {
+    if (((srcX | dstX) & 7) == 0) {
+        const int whole = count >> 3;
+        const std::uint8_t *s = src + (srcX >> 3);
+        std::uint8_t *d = dst + (dstX >> 3);
+        for (int i = 0; i < whole; ++i) d[i] = static_cast<std::uint8_t>(op(d[i], s[i]));
+        const int done = whole << 3;
+        if (done < count) Apply(src, srcX + done, dst, dstX + done, count - done, op);
+        return;
+    }
+    Apply(src, srcX, dst, dstX, count, op);
+}
+
+inline void Copy(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX, int count) {
+    ApplyRow(src, srcX, dst, dstX, count, [](std::uint8_t, std::uint8_t s) { return s; });
+}
+
+// Sets (value non-zero) or clears bits [x, x + count).
+inline void Fill(std::uint8_t *row, int x, int count, int value) {
+    const std::uint8_t v = value ? 0xFF : 0x00;
+    ApplyRow(row, x, row, x, count, [v](std::uint8_t, std::uint8_t) { return v; });
+}
+
+// Bit-reversal of a byte.
+extern const std::uint8_t kReverse[256];
+
+}  // namespace quarvel::bits

@@ -1,0 +1,141 @@
+// iplCopy, iplSet, iplNot and iplMirror: primitives that move or set pixels
+// without looking at their values.
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+#include <vector>
+
+#include "frame/bits.h"
+#include "frame/ipl.h"
+#include "frame/ipl_mat.h"
+
+namespace quarvel {
+
+namespace {
+
+// A 4-channel table that applies `f` to blue, green and red and keeps the
+// fourth byte: the way value primitives treat 32-bit pixels.
+template <class F>
+cv::Mat ColourLut(F f) {
+    cv::Mat lut(1, 256, CV_8UC4);
+    for (int i = 0; i < 256; ++i) {
+        const auto v = cv::saturate_cast<std::uint8_t>(f(i));
+        lut.at<cv::Vec4b>(0, i) = cv::Vec4b(v, v, v, static_cast<std::uint8_t>(i));
+    }
+    return lut;
+}
+
+}  // namespace
+
+void iplCopy(IplImage *src, IplImage *dst) {
+    if (src == nullptr || dst == nullptr) return;
+    Region rs, rd;
+    if (!CommonRegions(*src, *dst, &rs, &rd)) return;
+    const PixelFormat fs = FormatOf(*src);
+    const PixelFormat fd = FormatOf(*dst);
+    if (fs == PixelFormat::kBitonal || fd == PixelFormat::kBitonal) {
+        if (fs != fd) return;
+        for (int i = 0; i < rs.height; ++i) bits::Copy(RowOf(*src, rs.y + i), rs.x, RowOf(*dst, rd.y + i), rd.x, rs.width);
+        return;
+    }
+    cv::Mat s = MatOf(*src, rs);
+    cv::Mat d = MatOf(*dst, rd);
+    if (fs == fd) {
+        s.copyTo(d);
+    } else if (fs == PixelFormat::kBgra && fd == PixelFormat::kBgr) {
+        cv::cvtColor(s, d, cv::COLOR_BGRA2BGR);
+    } else if (fs == PixelFormat::kBgr && fd == PixelFormat::kBgra) {
+        // A 24-bit pixel gains an opaque fourth byte.
+        cv::cvtColor(s, d, cv::COLOR_BGR2BGRA);
+    }
+    // Gray to colour and back are conversions, not copies: nothing is done.
+}
+
+void iplSet(IplImage *image, int value) {
+    if (image == nullptr) return;
+    Region r;
+    if (!RegionOf(*image, &r)) return;
+    if (FormatOf(*image) == PixelFormat::kBitonal) {
+        for (int i = 0; i < r.height; ++i) bits::Fill(RowOf(*image, r.y + i), r.x, r.width, value);
+        return;
+    }
+    MatOf(*image, r).setTo(cv::Scalar::all(std::clamp(value, 0, 255)));
+}
+
+void iplNot(IplImage *src, IplImage *dst) {
+    if (src == nullptr || dst == nullptr || !SameFormat(*src, *dst)) return;
+    Region rs, rd;
+    if (!CommonRegions(*src, *dst, &rs, &rd)) return;
+    switch (FormatOf(*src)) {
+        case PixelFormat::kBitonal:
+            for (int i = 0; i < rs.height; ++i) {
+                bits::ApplyRow(RowOf(*src, rs.y + i), rs.x, RowOf(*dst, rd.y + i), rd.x, rs.width,
+                               [](std::uint8_t, std::uint8_t s) { return static_cast<std::uint8_t>(~s); });
+            }
+            return;
+        case PixelFormat::kBgra: {
+            static const cv::Mat lut = ColourLut([](int v) { return 255 - v; });
+            cv::Mat d = MatOf(*dst, rd);
+            cv::LUT(MatOf(*src, rs), lut, d);
+            return;
+        }
+        default: {
+            cv::Mat d = MatOf(*dst, rd);
+            cv::bitwise_not(MatOf(*src, rs), d);
+            return;
+        }
+    }
+}
+
+namespace {
+
+void MirrorBitonal(const IplImage &src, const Region &rs, IplImage &dst, const Region &rd, int flipAxis) {
+    const int w = rs.width;
+    const int nb = (w + 7) / 8;
+    std::vector<std::uint8_t> packed(static_cast<std::size_t>(nb) + 1);
+    std::vector<std::uint8_t> reversed(static_cast<std::size_t>(nb) + 1);
+    // Read every source row first when source and destination share rows.
+    std::vector<std::uint8_t> rows;
+    const bool inPlace = src.imageData == dst.imageData;
+    if (inPlace) {
+        rows.resize(static_cast<std::size_t>(nb) * rs.height);
+        for (int i = 0; i < rs.height; ++i) bits::Copy(RowOf(src, rs.y + i), rs.x, &rows[static_cast<std::size_t>(i) * nb], 0, w);
+    }
+    auto sourceRow = [&](int i, int *x) -> const std::uint8_t * {
+        if (inPlace) {
+            *x = 0;
+            return &rows[static_cast<std::size_t>(i) * nb];
+        }
+        *x = rs.x;
+        return RowOf(src, rs.y + i);
+    };
+    for (int i = 0; i < rs.height; ++i) {
+        int sx = 0;
+        if (flipAxis == 0) {
+            const std::uint8_t *s = sourceRow(rs.height - 1 - i, &sx);
+            bits::Copy(s, sx, RowOf(dst, rd.y + i), rd.x, w);
+            continue;
+        }
+        // Reverse the row: align its bits to byte 0, reverse the bytes and
+        // the bits in each, then skip the nb * 8 - w bits that were past its end.
+        const std::uint8_t *s = sourceRow(i, &sx);
+        bits::Copy(s, sx, packed.data(), 0, w);
+        for (int j = 0; j < nb; ++j) reversed[j] = bits::kReverse[packed[nb - 1 - j]];
+        bits::Copy(reversed.data(), nb * 8 - w, RowOf(dst, rd.y + i), rd.x, w);
+    }
+}
+
+}  // namespace
+
+void iplMirror(IplImage *src, IplImage *dst, int flipAxis) {
+    if (src == nullptr || dst == nullptr || !SameFormat(*src, *dst)) return;
+    Region rs, rd;
+    if (!CommonRegions(*src, *dst, &rs, &rd)) return;
+    if (FormatOf(*src) == PixelFormat::kBitonal) {
+        MirrorBitonal(*src, rs, *dst, rd, flipAxis);
+        return;
+    }
+    cv::Mat d = MatOf(*dst, rd);
+    cv::flip(MatOf(*src, rs), d, flipAxis == 0 ? 0 : 1);
+}
+
+}  // namespace quarvel

@@ -1,0 +1,113 @@
+#include "frame/view.h"
+
+#include <cstring>
+
+namespace quarvel {
+
+ImagePtr DibToIplImage(BITMAPINFOHEADER *header) {
+    PixelFormat format;
+    if (header == nullptr || !FormatOfBitCount(header->biBitCount, &format)) return nullptr;
+    return WrapRows(format, header->biWidth, header->biHeight, DibPixelBits(header));
+}
+
+ResultBlock::ResultBlock(ResultBlock &&other) noexcept
+    : handle_(other.handle_), data_(other.data_), image_(std::move(other.image_)) {
+    other.handle_ = nullptr;
+    other.data_ = nullptr;
+}
+
+ResultBlock::~ResultBlock() {
+    image_.reset();
+    if (handle_ != nullptr) {
+        GlobalUnlock(handle_);
+        GlobalFree(handle_);
+    }
+}
+
+bool ResultBlock::Open(std::size_t size) {
+    handle_ = GlobalAlloc(GHND, size);
+    if (handle_ == nullptr) return false;
+    data_ = static_cast<std::uint8_t *>(GlobalLock(handle_));
+    return data_ != nullptr;
+}
+
+ResultBlock ResultBlock::CopiedHeader(const LockedDib &in) {
+    ResultBlock out;
+    PixelFormat format;
+    if (!FormatOfBitCount(in.bitCount(), &format)) return out;
+    if (!out.Open(in.blockSize())) return out;
+    std::memcpy(out.data_, in.block(), in.prefixSize());
+    out.image_ = WrapRows(format, in.width(), in.height(), DibPixelBits(out.header()));
+    return out;
+}
+
+ResultBlock ResultBlock::Rewritten(const LockedDib &in, PixelFormat format, int width, int height, NewTable table) {
+    ResultBlock out;
+    if (table == NewTable::kKeep && !FormatOfBitCount(in.bitCount(), &format)) return out;
+    ImagePtr probe = WrapRows(format, width, height, nullptr);
+    if (!probe) return out;
+    std::size_t entries = 0;
+    switch (table) {
+        case NewTable::kKeep: entries = in.colorCount(); break;
+        case NewTable::kNone: entries = 0; break;
+        case NewTable::kBitonal: entries = 2; break;
+        case NewTable::kGray: entries = 256; break;
+    }
+    const std::size_t imageSize = static_cast<std::size_t>(probe->imageSize);
+    if (!out.Open(kHeaderSize + 4 * entries + imageSize)) return out;
+    std::memcpy(out.data_, in.block(), table == NewTable::kKeep ? in.prefixSize() : kHeaderSize);
+    BITMAPINFOHEADER *h = out.header();
+    h->biWidth = width;
+    h->biHeight = height;
+    h->biSizeImage = static_cast<DWORD>(imageSize);
+    if (table != NewTable::kKeep) {
+        h->biBitCount = static_cast<WORD>(Traits(format).bitCount);
+        h->biClrUsed = static_cast<DWORD>(entries);
+        auto *colors = reinterpret_cast<RGBQUAD *>(out.data_ + kHeaderSize);
+        if (table == NewTable::kBitonal) {
+            colors[0] = RGBQUAD{0, 0, 0, 0};
+            colors[1] = RGBQUAD{255, 255, 255, 0};
+        } else if (table == NewTable::kGray) {
+            for (std::size_t i = 0; i < 256; ++i) {
+                const auto v = static_cast<BYTE>(i);
+                colors[i] = RGBQUAD{v, v, v, 0};
+            }
+        }
+    }
+    probe->imageData = DibPixelBits(h);
+    out.image_ = std::move(probe);
+    return out;
+}
+
+HGLOBAL ResultBlock::Release() {
+    image_.reset();
+    HGLOBAL h = handle_;
+    if (h != nullptr) GlobalUnlock(h);
+    handle_ = nullptr;
+    data_ = nullptr;
+    return h;
+}
+
+namespace {
+
+HGLOBAL CopyPixels(ResultBlock block, const IplImage &result) {
+    if (!block) return nullptr;
+    std::memcpy(block.image()->imageData, result.imageData, static_cast<std::size_t>(result.imageSize));
+    return block.Release();
+}
+
+}  // namespace
+
+HGLOBAL MakeResultBlock(const LockedDib &in, const IplImage &result) {
+    if (result.width != in.width() || result.height != in.height() || BitCountOf(result) != in.bitCount()) {
+        return nullptr;
+    }
+    return CopyPixels(ResultBlock::CopiedHeader(in), result);
+}
+
+HGLOBAL MakeResultBlock(const LockedDib &in, const IplImage &result, NewTable table) {
+    if (table == NewTable::kKeep && BitCountOf(result) != in.bitCount()) return nullptr;
+    return CopyPixels(ResultBlock::Rewritten(in, FormatOf(result), result.width, result.height, table), result);
+}
+
+}  // namespace quarvel

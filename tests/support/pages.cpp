@@ -1,0 +1,199 @@
+#include "support/pages.h"
+
+#include <jpeglib.h>
+#include <png.h>
+
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+
+namespace qtest {
+
+std::vector<std::uint8_t> Block::bytes() const {
+    const auto *p = static_cast<const std::uint8_t *>(GlobalLock(h_));
+    std::vector<std::uint8_t> out;
+    if (p != nullptr) {
+        out.assign(p, p + GlobalSize(h_));
+        GlobalUnlock(h_);
+    }
+    return out;
+}
+
+BITMAPINFOHEADER Block::header() const {
+    BITMAPINFOHEADER h{};
+    const auto *p = static_cast<const std::uint8_t *>(GlobalLock(h_));
+    if (p != nullptr) {
+        std::memcpy(&h, p, sizeof h);
+        GlobalUnlock(h_);
+    }
+    return h;
+}
+
+Block MakePage(const PageSpec &spec) {
+    std::uint32_t colors = spec.clrUsed;
+    if (colors == 0 && spec.bitCount <= 8) colors = 1u << spec.bitCount;
+    const std::size_t stride = quarvel::DibRowStride(spec.width, spec.bitCount);
+    const std::size_t size = 40 + 4 * colors + stride * spec.height + spec.extraBytes;
+    Block page(GlobalAlloc(GHND, size));
+    auto *p = static_cast<std::uint8_t *>(GlobalLock(page.get()));
+    auto *h = reinterpret_cast<BITMAPINFOHEADER *>(p);
+    h->biSize = 40;
+    h->biWidth = spec.width;
+    h->biHeight = spec.height;
+    h->biPlanes = 1;
+    h->biBitCount = static_cast<WORD>(spec.bitCount);
+    h->biCompression = BI_RGB;
+    h->biSizeImage = static_cast<DWORD>(stride * spec.height);
+    h->biXPelsPerMeter = h->biYPelsPerMeter = 11811;  // 300 dpi
+    h->biClrUsed = spec.clrUsed;
+    auto *table = reinterpret_cast<RGBQUAD *>(p + 40);
+    for (std::uint32_t i = 0; i < colors; ++i) {
+        int v = colors <= 1 ? 0 : static_cast<int>(i * 255 / (colors - 1));
+        if (spec.palette == Palette::kLightFirst) v = 255 - v;
+        table[i] = RGBQUAD{static_cast<BYTE>(v), static_cast<BYTE>(v), static_cast<BYTE>(v), 0};
+    }
+    GlobalUnlock(page.get());
+    return page;
+}
+
+PageView::PageView(HGLOBAL h)
+    : h_(h), header_(static_cast<BITMAPINFOHEADER *>(GlobalLock(h))), bits_(quarvel::DibPixelBits(header_)) {}
+
+PageView::~PageView() { GlobalUnlock(h_); }
+
+int PageView::get(int x, int y, int channel) const {
+    const std::uint8_t *r = row(y);
+    switch (bitCount()) {
+        case 1: return (r[x >> 3] >> (7 - (x & 7))) & 1;
+        case 8: return r[x];
+        default: return r[x * (bitCount() / 8) + channel];
+    }
+}
+
+void PageView::set(int x, int y, int value, int channel) const {
+    std::uint8_t *r = row(y);
+    switch (bitCount()) {
+        case 1: {
+            const std::uint8_t m = static_cast<std::uint8_t>(0x80 >> (x & 7));
+            r[x >> 3] = static_cast<std::uint8_t>(value ? (r[x >> 3] | m) : (r[x >> 3] & ~m));
+            break;
+        }
+        case 8: r[x] = static_cast<std::uint8_t>(value); break;
+        default: r[x * (bitCount() / 8) + channel] = static_cast<std::uint8_t>(value);
+    }
+}
+
+namespace {
+
+std::string DataPath(const std::string &name) { return std::string(QUARVEL_TEST_DATA) + "/" + name; }
+
+// Rows arrive top-down from the decoders; a DIB stores them bottom-up.
+Block PageFromRows(int width, int height, int bitCount, const std::vector<std::uint8_t> &rows, std::size_t rowBytes,
+                   Palette palette) {
+    PageSpec spec;
+    spec.width = width;
+    spec.height = height;
+    spec.bitCount = bitCount;
+    spec.palette = palette;
+    Block page = MakePage(spec);
+    PageView v(page.get());
+    for (int y = 0; y < height; ++y) {
+        std::memcpy(v.row(height - 1 - y), &rows[static_cast<std::size_t>(y) * rowBytes], rowBytes);
+    }
+    return page;
+}
+
+Block LoadPng(const std::string &path) {
+    FILE *f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) throw std::runtime_error("cannot open " + path);
+    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png_create_info_struct(png);
+    if (setjmp(png_jmpbuf(png))) {
+        png_destroy_read_struct(&png, &info, nullptr);
+        std::fclose(f);
+        throw std::runtime_error("bad png " + path);
+    }
+    png_init_io(png, f);
+    png_read_info(png, info);
+    const int w = static_cast<int>(png_get_image_width(png, info));
+    const int h = static_cast<int>(png_get_image_height(png, info));
+    const int depth = png_get_bit_depth(png, info);
+    const int type = png_get_color_type(png, info);
+    int bitCount = 8;
+    Palette palette = Palette::kDarkFirst;
+    if (depth == 1 && (type == PNG_COLOR_TYPE_GRAY || type == PNG_COLOR_TYPE_PALETTE)) {
+        bitCount = 1;
+        if (type == PNG_COLOR_TYPE_PALETTE) {
+            png_colorp colors;
+            int n = 0;
+            png_get_PLTE(png, info, &colors, &n);
+            if (n > 0 && colors[0].blue > 128) palette = Palette::kLightFirst;
+        }
+    } else {
+        if (type == PNG_COLOR_TYPE_PALETTE) png_set_palette_to_rgb(png);
+        if (depth == 16) png_set_strip_16(png);
+        if (depth < 8 && type == PNG_COLOR_TYPE_GRAY) png_set_expand_gray_1_2_4_to_8(png);
+        png_set_strip_alpha(png);
+        if (type == PNG_COLOR_TYPE_GRAY_ALPHA) png_set_strip_alpha(png);
+        if (type == PNG_COLOR_TYPE_PALETTE || (type & PNG_COLOR_MASK_COLOR)) {
+            png_set_bgr(png);
+            bitCount = 24;
+        }
+    }
+    png_read_update_info(png, info);
+    const std::size_t rowBytes = png_get_rowbytes(png, info);
+    std::vector<std::uint8_t> rows(rowBytes * h);
+    std::vector<png_bytep> pointers(h);
+    for (int y = 0; y < h; ++y) pointers[y] = &rows[y * rowBytes];
+    png_read_image(png, pointers.data());
+    png_destroy_read_struct(&png, &info, nullptr);
+    std::fclose(f);
+    return PageFromRows(w, h, bitCount, rows, rowBytes, palette);
+}
+
+Block LoadJpeg(const std::string &path) {
+    FILE *f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) throw std::runtime_error("cannot open " + path);
+    jpeg_decompress_struct cinfo;
+    jpeg_error_mgr jerr;
+    cinfo.err = jpeg_std_error(&jerr);
+    jpeg_create_decompress(&cinfo);
+    jpeg_stdio_src(&cinfo, f);
+    jpeg_read_header(&cinfo, TRUE);
+    const bool gray = cinfo.num_components == 1;
+    cinfo.out_color_space = gray ? JCS_GRAYSCALE : JCS_EXT_BGR;
+    jpeg_start_decompress(&cinfo);
+    const int w = static_cast<int>(cinfo.output_width);
+    const int h = static_cast<int>(cinfo.output_height);
+    const std::size_t rowBytes = static_cast<std::size_t>(w) * cinfo.output_components;
+    std::vector<std::uint8_t> rows(rowBytes * h);
+    while (cinfo.output_scanline < cinfo.output_height) {
+        JSAMPROW r = &rows[cinfo.output_scanline * rowBytes];
+        jpeg_read_scanlines(&cinfo, &r, 1);
+    }
+    jpeg_finish_decompress(&cinfo);
+    jpeg_destroy_decompress(&cinfo);
+    std::fclose(f);
+    return PageFromRows(w, h, gray ? 8 : 24, rows, rowBytes, Palette::kDarkFirst);
+}
+
+}  // namespace
+
+Block LoadScan(const std::string &name) {
+    const std::string path = DataPath(name);
+    if (name.size() > 4 && name.substr(name.size() - 4) == ".png") return LoadPng(path);
+    return LoadJpeg(path);
+}
+
+bool SamePixels(HGLOBAL a, HGLOBAL b) {
+    PageView va(a), vb(b);
+    if (va.width() != vb.width() || va.height() != vb.height() || va.bitCount() != vb.bitCount()) return false;
+    const int channels = va.bitCount() >= 24 ? va.bitCount() / 8 : 1;
+    for (int y = 0; y < va.height(); ++y)
+        for (int x = 0; x < va.width(); ++x)
+            for (int c = 0; c < channels; ++c)
+                if (va.get(x, y, c) != vb.get(x, y, c)) return false;
+    return true;
+}
+
+}  // namespace qtest

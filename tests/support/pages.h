@@ -1,0 +1,111 @@
+// Pages for tests: packed DIBs drawn in the test or loaded from tests/data,
+// owned by RAII handles, with accessors in page coordinates.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "frame/dib.h"
+#include "quarvel/quarvel.h"
+
+namespace qtest {
+
+// Owns a global-memory block and frees it.
+class Block {
+public:
+    Block() = default;
+    explicit Block(HGLOBAL h) : h_(h) {}
+    Block(Block &&o) noexcept : h_(o.h_) { o.h_ = nullptr; }
+    Block &operator=(Block &&o) noexcept {
+        reset(o.h_);
+        o.h_ = nullptr;
+        return *this;
+    }
+    Block(const Block &) = delete;
+    ~Block() { reset(); }
+    void reset(HGLOBAL h = nullptr) {
+        if (h_ != nullptr) GlobalFree(h_);
+        h_ = h;
+    }
+    HGLOBAL get() const { return h_; }
+    HGLOBAL release() {
+        HGLOBAL h = h_;
+        h_ = nullptr;
+        return h;
+    }
+    explicit operator bool() const { return h_ != nullptr; }
+
+    // Snapshot of the whole block.
+    std::vector<std::uint8_t> bytes() const;
+    BITMAPINFOHEADER header() const;
+
+private:
+    HGLOBAL h_ = nullptr;
+};
+
+// Colour tables for 1- and 8-bit pages.
+enum class Palette {
+    kDarkFirst,   // entry 0 black: 1 bits / high indices are light
+    kLightFirst,  // entry 0 white
+    kNone,        // no table (24 and 32 bits)
+};
+
+struct PageSpec {
+    int width = 16;
+    int height = 16;
+    int bitCount = 8;
+    Palette palette = Palette::kDarkFirst;
+    std::uint32_t clrUsed = 0;     // written to biClrUsed (0: default count)
+    std::size_t extraBytes = 0;    // block allocated larger than the DIB
+};
+
+// A page with zeroed pixels; the table is gray (8-bit) or black/white (1-bit)
+// in the palette's order.
+Block MakePage(const PageSpec &spec);
+// A page with every pixel byte filled by f(x, y, channel), y in storage rows
+// (for 1-bit pages f gives the bit).
+template <class F>
+Block MakePageWith(const PageSpec &spec, F f);
+
+// Pixel access in storage coordinates (row 0 = bottom row). Channels: blue,
+// green, red, fourth byte.
+class PageView {
+public:
+    explicit PageView(HGLOBAL h);
+    ~PageView();
+    PageView(const PageView &) = delete;
+    int width() const { return header_->biWidth; }
+    int height() const { return header_->biHeight; }
+    int bitCount() const { return header_->biBitCount; }
+    int stride() const { return quarvel::DibRowStride(width(), bitCount()); }
+    std::uint8_t *row(int y) const { return bits_ + static_cast<std::size_t>(y) * stride(); }
+    int get(int x, int y, int channel = 0) const;
+    void set(int x, int y, int value, int channel = 0) const;
+    BITMAPINFOHEADER *header() const { return header_; }
+
+private:
+    HGLOBAL h_;
+    BITMAPINFOHEADER *header_;
+    std::uint8_t *bits_;
+};
+
+// A real scan from tests/data as a packed DIB: 1-bit (palette kept as the file
+// gives it), 8-bit gray or 24-bit colour. PNG and JPEG.
+Block LoadScan(const std::string &name);
+
+// Pixel rows of a page (without padding bits) equal to another's.
+bool SamePixels(HGLOBAL a, HGLOBAL b);
+
+template <class F>
+Block MakePageWith(const PageSpec &spec, F f) {
+    Block page = MakePage(spec);
+    PageView v(page.get());
+    const int channels = spec.bitCount >= 24 ? spec.bitCount / 8 : 1;
+    for (int y = 0; y < spec.height; ++y)
+        for (int x = 0; x < spec.width; ++x)
+            for (int c = 0; c < channels; ++c) v.set(x, y, f(x, y, c), c);
+    return page;
+}
+
+}  // namespace qtest
