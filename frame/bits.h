@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 namespace quarvel::bits {
 
@@ -65,6 +66,15 @@ inline void ApplyRow(const std::uint8_t *src, int srcX, std::uint8_t *dst, int d
 }
 
 inline void Copy(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX, int count) {
+    if (((srcX | dstX) & 7) == 0 && src + (srcX >> 3) != dst + (dstX >> 3)) {
+        const int whole = count >> 3;
+        std::memmove(dst + (dstX >> 3), src + (srcX >> 3), static_cast<std::size_t>(whole));
+        if ((whole << 3) < count) {
+            Apply(src, srcX + (whole << 3), dst, dstX + (whole << 3), count - (whole << 3),
+                  [](std::uint8_t, std::uint8_t s) { return s; });
+        }
+        return;
+    }
     ApplyRow(src, srcX, dst, dstX, count, [](std::uint8_t, std::uint8_t s) { return s; });
 }
 

@@ -2,6 +2,7 @@
 // without looking at their values.
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
+#include <cstring>
 #include <vector>
 
 #include "frame/bits.h"
@@ -10,21 +11,6 @@
 
 namespace quarvel {
 
-namespace {
-
-// A 4-channel table that applies `f` to blue, green and red and keeps the
-// fourth byte: the way value primitives treat 32-bit pixels.
-template <class F>
-cv::Mat ColourLut(F f) {
-    cv::Mat lut(1, 256, CV_8UC4);
-    for (int i = 0; i < 256; ++i) {
-        const auto v = cv::saturate_cast<std::uint8_t>(f(i));
-        lut.at<cv::Vec4b>(0, i) = cv::Vec4b(v, v, v, static_cast<std::uint8_t>(i));
-    }
-    return lut;
-}
-
-}  // namespace
 
 void iplCopy(IplImage *src, IplImage *dst) {
     if (src == nullptr || dst == nullptr) return;
@@ -72,12 +58,20 @@ void iplNot(IplImage *src, IplImage *dst) {
                                [](std::uint8_t, std::uint8_t s) { return static_cast<std::uint8_t>(~s); });
             }
             return;
-        case PixelFormat::kBgra: {
-            static const cv::Mat lut = ColourLut([](int v) { return 255 - v; });
-            cv::Mat d = MatOf(*dst, rd);
-            cv::LUT(MatOf(*src, rs), lut, d);
+        case PixelFormat::kBgra:
+            // Blue, green and red are the low three bytes of a little-endian
+            // 32-bit pixel: complement them, keep the fourth.
+            for (int i = 0; i < rs.height; ++i) {
+                const std::uint8_t *s = RowOf(*src, rs.y + i) + 4 * static_cast<std::ptrdiff_t>(rs.x);
+                std::uint8_t *d = RowOf(*dst, rd.y + i) + 4 * static_cast<std::ptrdiff_t>(rd.x);
+                for (int x = 0; x < rs.width; ++x) {
+                    std::uint32_t v;
+                    std::memcpy(&v, s + 4 * x, 4);
+                    v ^= 0x00FFFFFFu;
+                    std::memcpy(d + 4 * x, &v, 4);
+                }
+            }
             return;
-        }
         default: {
             cv::Mat d = MatOf(*dst, rd);
             cv::bitwise_not(MatOf(*src, rs), d);
@@ -132,6 +126,16 @@ void iplMirror(IplImage *src, IplImage *dst, int flipAxis) {
     if (!CommonRegions(*src, *dst, &rs, &rd)) return;
     if (FormatOf(*src) == PixelFormat::kBitonal) {
         MirrorBitonal(*src, rs, *dst, rd, flipAxis);
+        return;
+    }
+    if (flipAxis == 0 && src->imageData != dst->imageData) {
+        // Rows move whole: one copy per row, at memcpy speed.
+        const std::size_t bytes = static_cast<std::size_t>(rs.width) * Traits(FormatOf(*src)).bytesPerPixel;
+        const std::ptrdiff_t sx = static_cast<std::ptrdiff_t>(rs.x) * Traits(FormatOf(*src)).bytesPerPixel;
+        const std::ptrdiff_t dx = static_cast<std::ptrdiff_t>(rd.x) * Traits(FormatOf(*dst)).bytesPerPixel;
+        for (int i = 0; i < rs.height; ++i) {
+            std::memcpy(RowOf(*dst, rd.y + i) + dx, RowOf(*src, rs.y + rs.height - 1 - i) + sx, bytes);
+        }
         return;
     }
     cv::Mat d = MatOf(*dst, rd);

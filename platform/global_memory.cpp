@@ -5,6 +5,12 @@
 // stale or made-up handle finds nothing in the table instead of touching
 // memory. The table maps handles to blocks under one mutex; the pixel work of
 // an operation runs between GlobalLock and GlobalUnlock, outside the mutex.
+//
+// Page-sized blocks come and go once per operation. Fresh memory from the
+// system costs a page fault per 4 KiB on first touch, which for a 35 MB
+// 32-bit A4 page is far slower than the operation itself, so the memory of a
+// few recently freed large blocks is kept and handed to the next allocation
+// of about the same size (zero-filled again, as every block is).
 #include "quarvel/win32.h"
 
 #include <cstdint>
@@ -18,7 +24,20 @@ namespace {
 struct Block {
     void *data = nullptr;
     std::size_t size = 0;
+    std::size_t capacity = 0;
     unsigned lockCount = 0;
+};
+
+// Memory kept from freed blocks: at most kCacheSlots buffers of at least
+// kCacheMin bytes each, kCacheMax bytes in all. A buffer is reused for a
+// request of at least 3/4 of its capacity.
+constexpr std::size_t kCacheSlots = 4;
+constexpr std::size_t kCacheMin = std::size_t{1} << 20;
+constexpr std::size_t kCacheMax = std::size_t{256} << 20;
+
+struct Spare {
+    void *data = nullptr;
+    std::size_t capacity = 0;
 };
 
 // Blocks are 64-byte aligned so that rows of a result block can be read with
@@ -28,11 +47,27 @@ constexpr std::size_t kBlockAlign = 64;
 
 class BlockTable {
 public:
-    HGLOBAL add(void *data, std::size_t size) {
+    HGLOBAL add(void *data, std::size_t size, std::size_t capacity) {
         std::lock_guard<std::mutex> guard(mutex_);
         std::uintptr_t key = (++serial_ << 4) | 0x8;
-        blocks_.emplace(key, Block{data, size, 0});
+        blocks_.emplace(key, Block{data, size, capacity, 0});
         return reinterpret_cast<HGLOBAL>(key);
+    }
+
+    // A kept buffer that fits `capacity` bytes, or null.
+    void *takeSpare(std::size_t capacity, std::size_t *got) {
+        if (capacity < kCacheMin) return nullptr;
+        std::lock_guard<std::mutex> guard(mutex_);
+        for (Spare &s : spares_) {
+            if (s.data != nullptr && s.capacity >= capacity && capacity >= s.capacity / 4 * 3) {
+                void *data = s.data;
+                *got = s.capacity;
+                cached_ -= s.capacity;
+                s = Spare{};
+                return data;
+            }
+        }
+        return nullptr;
     }
 
     void *lock(HGLOBAL h) {
@@ -63,7 +98,7 @@ public:
             std::lock_guard<std::mutex> guard(mutex_);
             auto it = blocks_.find(reinterpret_cast<std::uintptr_t>(h));
             if (it == blocks_.end()) return false;
-            data = it->second.data;
+            data = keepOrEvict(it->second.data, it->second.capacity);
             blocks_.erase(it);
         }
         std::free(data);
@@ -71,6 +106,32 @@ public:
     }
 
 private:
+    // Keeps a large buffer for reuse; returns what must be freed instead (the
+    // buffer itself, or an older one it displaces).
+    void *keepOrEvict(void *data, std::size_t capacity) {
+        if (data == nullptr || capacity < kCacheMin || capacity > kCacheMax) return data;
+        Spare *slot = nullptr;
+        for (Spare &s : spares_) {
+            if (s.data == nullptr) {
+                slot = &s;
+                break;
+            }
+        }
+        void *evicted = nullptr;
+        if (slot == nullptr) {
+            slot = &spares_[next_++ % kCacheSlots];
+            evicted = slot->data;
+            cached_ -= slot->capacity;
+        }
+        if (cached_ + capacity > kCacheMax) {
+            std::free(evicted);
+            return data;
+        }
+        *slot = Spare{data, capacity};
+        cached_ += capacity;
+        return evicted;
+    }
+
     Block *find(HGLOBAL h) {
         auto it = blocks_.find(reinterpret_cast<std::uintptr_t>(h));
         return it == blocks_.end() ? nullptr : &it->second;
@@ -79,6 +140,9 @@ private:
     std::mutex mutex_;
     std::unordered_map<std::uintptr_t, Block> blocks_;
     std::uint64_t serial_ = 0;
+    Spare spares_[kCacheSlots];
+    std::size_t cached_ = 0;
+    std::size_t next_ = 0;
 };
 
 BlockTable &table() {
@@ -93,15 +157,18 @@ extern "C" {
 
 HGLOBAL GlobalAlloc(UINT /*uFlags*/, SIZE_T dwBytes) {
     void *data = nullptr;
+    std::size_t capacity = 0;
     if (dwBytes > 0) {
         if (dwBytes > SIZE_MAX - kBlockAlign) return nullptr;
-        std::size_t rounded = (dwBytes + kBlockAlign - 1) / kBlockAlign * kBlockAlign;
-        data = std::aligned_alloc(kBlockAlign, rounded);
+        capacity = (dwBytes + kBlockAlign - 1) / kBlockAlign * kBlockAlign;
+        data = table().takeSpare(capacity, &capacity);
+        if (data == nullptr) data = std::aligned_alloc(kBlockAlign, capacity);
         if (data == nullptr) return nullptr;
         // Every block starts zero-filled (GHND's promise, kept for all flags).
-        std::memset(data, 0, rounded);
+        std::memset(data, 0, capacity);
     }
-    return table().add(data, dwBytes);
+    HGLOBAL h = table().add(data, dwBytes, capacity);
+    return h;
 }
 
 LPVOID GlobalLock(HGLOBAL hMem) {

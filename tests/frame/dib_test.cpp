@@ -1,0 +1,240 @@
+// Reading packed DIBs: table sizes, row strides, views, result blocks, and
+// the blocks that must be refused.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "frame/convert.h"
+#include "frame/view.h"
+#include "support/pages.h"
+
+namespace {
+
+using namespace quarvel;
+using qtest::Block;
+using qtest::PageSpec;
+
+TEST(Dib, ColourCountsPixelOffsetsAndStrides) {
+    struct Case {
+        int bits;
+        std::uint32_t clrUsed;
+        std::size_t offset;
+    } cases[] = {{8, 0, 1064}, {8, 2, 48}, {1, 0, 48}, {24, 0, 40}, {24, 3, 52}, {32, 0, 40}, {4, 0, 104}};
+    for (const Case &c : cases) {
+        BITMAPINFOHEADER h{};
+        h.biBitCount = static_cast<WORD>(c.bits);
+        h.biClrUsed = c.clrUsed;
+        EXPECT_EQ(DibPixelBits(&h) - reinterpret_cast<std::uint8_t *>(&h), static_cast<std::ptrdiff_t>(c.offset))
+            << c.bits << " bits, biClrUsed " << c.clrUsed;
+    }
+    EXPECT_EQ(DibRowStride(33, 1), 8);
+    EXPECT_EQ(DibRowStride(5, 24), 16);
+    EXPECT_EQ(DibRowStride(5, 8), 8);
+    EXPECT_EQ(DibRowStride(3, 32), 12);
+}
+
+TEST(Dib, ViewsMatchThePageAtEveryDepth) {
+    struct Case {
+        int bits, channels, alpha, depth;
+        const char *model;
+    } cases[] = {{1, 1, 0, 1, "GRAY"}, {8, 1, 0, 8, "GRAY"}, {24, 3, 0, 8, "RGB"}, {32, 3, 1, 8, "RGB"}};
+    for (const Case &c : cases) {
+        PageSpec spec;
+        spec.width = 33;
+        spec.height = 3;
+        spec.bitCount = c.bits;
+        Block page = qtest::MakePage(spec);
+        LockedDib in(page.get());
+        ASSERT_TRUE(in.ok());
+        ImagePtr view = DibToIplImage(in.header());
+        ASSERT_TRUE(view);
+        EXPECT_EQ(view->nChannels, c.channels);
+        EXPECT_EQ(view->alphaChannel, c.alpha);
+        EXPECT_EQ(view->depth, c.depth);
+        EXPECT_EQ(std::string(view->colorModel, 4).c_str(), std::string(c.model));
+        EXPECT_EQ(view->origin, IPL_ORIGIN_BL);
+        EXPECT_EQ(view->widthStep, DibRowStride(33, c.bits));
+        EXPECT_EQ(view->imageSize, DibRowStride(33, c.bits) * 3);
+        EXPECT_EQ(view->imageData, in.bits());
+        EXPECT_FALSE(view->ownsData);
+        // An allocated image of the same description has the same stride.
+        ImagePtr own = CreateImageLike(*view, 33, 3, 0);
+        EXPECT_EQ(own->widthStep, view->widthStep);
+    }
+}
+
+TEST(Dib, RewrittenResultBlocksCarryTheirNewTable) {
+    PageSpec spec;
+    spec.width = 5;
+    spec.height = 2;
+    spec.bitCount = 24;
+    Block page = qtest::MakePage(spec);
+    LockedDib in(page.get());
+    struct Case {
+        PixelFormat format;
+        NewTable table;
+        int bits;
+        std::uint32_t entries;
+    } cases[] = {{PixelFormat::kBitonal, NewTable::kBitonal, 1, 2},
+                 {PixelFormat::kGray, NewTable::kGray, 8, 256},
+                 {PixelFormat::kBgra, NewTable::kNone, 32, 0},
+                 {PixelFormat::kBgr, NewTable::kKeep, 24, 0}};
+    for (const Case &c : cases) {
+        ResultBlock out = ResultBlock::Rewritten(in, c.format, 7, 4, c.table);
+        ASSERT_TRUE(out);
+        Block block(out.Release());
+        const BITMAPINFOHEADER h = block.header();
+        EXPECT_EQ(h.biWidth, 7);
+        EXPECT_EQ(h.biHeight, 4);
+        EXPECT_EQ(h.biBitCount, c.bits);
+        EXPECT_EQ(h.biClrUsed, c.entries);
+        EXPECT_EQ(h.biXPelsPerMeter, 11811);  // carried over
+        EXPECT_EQ(h.biSizeImage, static_cast<DWORD>(DibRowStride(7, c.bits) * 4));
+        EXPECT_EQ(GlobalSize(block.get()), 40 + 4 * c.entries + h.biSizeImage);
+        const auto bytes = block.bytes();
+        if (c.entries == 2) {
+            EXPECT_EQ(bytes[40], 0);
+            EXPECT_EQ(bytes[44], 255);
+        }
+        if (c.entries == 256) {
+            EXPECT_EQ(bytes[40 + 4 * 77 + 1], 77);
+        }
+    }
+}
+
+// Each malformed block, and what makes it so.
+struct Malformed {
+    const char *name;
+    void (*spoil)(BITMAPINFOHEADER *h);
+    std::size_t blockSize;  // 0: as drawn
+    DibError error;
+};
+
+const Malformed kMalformed[] = {
+    {"NegativeHeight", [](BITMAPINFOHEADER *h) { h->biHeight = -h->biHeight; }, 0, DibError::kBadSize},
+    {"ZeroWidth", [](BITMAPINFOHEADER *h) { h->biWidth = 0; }, 0, DibError::kBadSize},
+    {"ZeroHeight", [](BITMAPINFOHEADER *h) { h->biHeight = 0; }, 0, DibError::kBadSize},
+    {"Compressed", [](BITMAPINFOHEADER *h) { h->biCompression = 1; }, 0, DibError::kCompressed},
+    {"FourBit", [](BITMAPINFOHEADER *h) { h->biBitCount = 4; }, 0, DibError::kDepth},
+    {"SixteenBit", [](BITMAPINFOHEADER *h) { h->biBitCount = 16; }, 0, DibError::kDepth},
+    {"RowsPastTheBlock", [](BITMAPINFOHEADER *h) { h->biHeight += 1; }, 0, DibError::kTooSmall},
+    {"HugeColourTable", [](BITMAPINFOHEADER *h) { h->biClrUsed = 0xFFFFFFFFu; }, 0, DibError::kTooSmall},
+    {"OverflowingWidth", [](BITMAPINFOHEADER *h) { h->biWidth = 0x7FFFFFFF; }, 0, DibError::kOverflow},
+    {"OverflowingRows", [](BITMAPINFOHEADER *h) { h->biWidth = 1 << 20, h->biHeight = 1 << 14; }, 0, DibError::kOverflow},
+    {"HeaderCut", [](BITMAPINFOHEADER *) {}, 39, DibError::kTooSmall},
+};
+
+class MalformedBlocks : public ::testing::TestWithParam<Malformed> {};
+
+TEST_P(MalformedBlocks, AreRefusedWithoutTouchingTheBlock) {
+    const Malformed &m = GetParam();
+    PageSpec spec;
+    spec.width = 9;
+    spec.height = 4;
+    spec.bitCount = 24;
+    Block drawn = qtest::MakePage(spec);
+    std::vector<std::uint8_t> bytes = drawn.bytes();
+    m.spoil(reinterpret_cast<BITMAPINFOHEADER *>(bytes.data()));
+    const std::size_t size = m.blockSize != 0 ? m.blockSize : bytes.size();
+    Block page(GlobalAlloc(GHND, size));
+    std::memcpy(GlobalLock(page.get()), bytes.data(), size);
+    GlobalUnlock(page.get());
+    const auto before = page.bytes();
+    {
+        LockedDib in(page.get());
+        EXPECT_EQ(in.error(), m.error);
+    }
+    for (auto op : {Mirror, Flip, Invert}) EXPECT_EQ(op(page.get()), nullptr);
+    EXPECT_EQ(page.bytes(), before);
+    // Every lock was released.
+    EXPECT_NE(GlobalLock(page.get()), nullptr);
+    EXPECT_FALSE(GlobalUnlock(page.get()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Frame, MalformedBlocks, ::testing::ValuesIn(kMalformed),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+TEST(MalformedBlocks, DeadHandlesGiveNull) {
+    HGLOBAL freed = GlobalAlloc(GHND, 100);
+    GlobalFree(freed);
+    for (HGLOBAL h : {HGLOBAL{nullptr}, freed, reinterpret_cast<HGLOBAL>(0x40)}) {
+        for (auto op : {Mirror, Flip, Invert}) EXPECT_EQ(op(h), nullptr);
+    }
+}
+
+TEST(Conversions, BitsBecomeGrayByThePalette) {
+    // Entry 0 blue byte: 255 and 129 make 0 bits light; 128 makes them dark.
+    for (int blue : {255, 129, 128}) {
+        PageSpec spec;
+        spec.width = 10;
+        spec.height = 2;
+        spec.bitCount = 1;
+        Block page = qtest::MakePageWith(spec, [](int x, int, int) { return x % 2; });
+        {
+            qtest::PageView v(page.get());
+            auto *table = reinterpret_cast<RGBQUAD *>(reinterpret_cast<std::uint8_t *>(v.header()) + 40);
+            table[0] = RGBQUAD{static_cast<BYTE>(blue), 0, 0, 0};
+        }
+        LockedDib in(page.get());
+        ImagePtr view = DibToIplImage(in.header());
+        ImagePtr gray = MakeGrayImage(view.get(), nullptr, in.header());
+        const int zero = blue > 128 ? 255 : 0;
+        EXPECT_EQ(RowOf(*gray, 0)[0], zero) << blue;
+        EXPECT_EQ(RowOf(*gray, 0)[1], 255 - zero) << blue;
+        ImagePtr colour = MakeColorImage(view.get(), nullptr, in.header(), 24);
+        EXPECT_EQ(RowOf(*colour, 1)[3 * 1 + 2], 255 - zero);
+        EXPECT_EQ(view->roi, nullptr);
+    }
+}
+
+TEST(Conversions, RegionsThresholdsAndColour) {
+    PageSpec spec;
+    spec.width = 40;
+    spec.height = 30;
+    spec.bitCount = 8;
+    Block page = qtest::MakePageWith(spec, [](int x, int y, int) { return (x + 3 * y) % 256; });
+    LockedDib in(page.get());
+    ImagePtr view = DibToIplImage(in.header());
+    IplROI margin{0, 10, 10, 20, 10};
+    ImagePtr gray = MakeGrayImage(view.get(), &margin, in.header());
+    ASSERT_EQ(gray->width, 20);
+    ASSERT_EQ(gray->height, 10);
+    EXPECT_EQ(RowOf(*gray, 0)[0], (10 + 30) % 256);
+    EXPECT_EQ(view->roi, nullptr);
+
+    // Threshold 128: 127 gives a 0 bit, 128 a 1 bit.
+    ImagePtr bitonal = MakeBitonalImage(view.get(), nullptr, in.header(), 128);
+    qtest::PageView v(page.get());
+    for (int y = 0; y < 30; ++y)
+        for (int x = 0; x < 40; ++x)
+            ASSERT_EQ((RowOf(*bitonal, y)[x >> 3] >> (7 - (x & 7))) & 1, v.get(x, y) >= 128 ? 1 : 0);
+
+    ImagePtr colour = MakeColorImage(view.get(), nullptr, in.header(), 32);
+    EXPECT_EQ(colour->widthStep, 160);
+    EXPECT_EQ(RowOf(*colour, 2)[4 * 5 + 0], (5 + 6) % 256);
+    EXPECT_EQ(RowOf(*colour, 2)[4 * 5 + 2], (5 + 6) % 256);
+
+    IplROI outside{0, 30, 0, 20, 5};
+    EXPECT_FALSE(MakeGrayImage(view.get(), &outside, in.header()));
+}
+
+TEST(Conversions, ColourToGrayAndBitonalExpansion) {
+    PageSpec spec;
+    spec.width = 3;
+    spec.height = 1;
+    spec.bitCount = 24;
+    const int px[3][3] = {{30, 250, 90}, {255, 255, 255}, {0, 0, 200}};
+    Block page = qtest::MakePageWith(spec, [&](int x, int, int c) { return px[x][c]; });
+    LockedDib in(page.get());
+    ImagePtr view = DibToIplImage(in.header());
+    ImagePtr expanded = ExpandBitonalToGray(view.get(), in.header());
+    EXPECT_EQ(RowOf(*expanded, 0)[0], 90);  // max(blue, red); green ignored
+    EXPECT_EQ(RowOf(*expanded, 0)[2], 200);
+    ImagePtr gray = MakeGrayImage(view.get(), nullptr, in.header());
+    for (int x = 0; x < 3; ++x) {
+        const double g = 0.212671 * px[x][2] + 0.715160 * px[x][1] + 0.072169 * px[x][0];
+        EXPECT_EQ(RowOf(*gray, 0)[x], static_cast<int>(g + 0.5)) << x;
+    }
+}
+
+}  // namespace

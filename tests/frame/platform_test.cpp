@@ -1,0 +1,99 @@
+// Global-memory handles and rectangle arithmetic.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "platform/rect.h"
+#include "quarvel/win32.h"
+
+namespace {
+
+TEST(GlobalMemory, LiveHandlesLockNestAndZeroFill) {
+    HGLOBAL h = GlobalAlloc(GHND, 100);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(GlobalSize(h), 100u);
+    auto *p = static_cast<unsigned char *>(GlobalLock(h));
+    ASSERT_NE(p, nullptr);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(p[i], 0);
+    EXPECT_EQ(GlobalLock(h), p);
+    EXPECT_TRUE(GlobalUnlock(h));   // still locked once
+    EXPECT_FALSE(GlobalUnlock(h));  // now unlocked
+    EXPECT_FALSE(GlobalUnlock(h));  // not locked at all
+    EXPECT_EQ(GlobalFree(h), nullptr);
+}
+
+TEST(GlobalMemory, NullUnknownAndFreedHandlesAreRefused) {
+    HGLOBAL h = GlobalAlloc(GHND, 16);
+    ASSERT_EQ(GlobalFree(h), nullptr);
+    int local = 0;
+    for (HGLOBAL bad : {HGLOBAL{nullptr}, h, static_cast<HGLOBAL>(&local), reinterpret_cast<HGLOBAL>(0x1234)}) {
+        EXPECT_EQ(GlobalLock(bad), nullptr);
+        EXPECT_EQ(GlobalSize(bad), 0u);
+        EXPECT_FALSE(GlobalUnlock(bad));
+        if (bad != nullptr) {
+            EXPECT_EQ(GlobalFree(bad), bad);
+        }
+    }
+    EXPECT_EQ(GlobalFree(nullptr), nullptr);
+}
+
+TEST(GlobalMemory, EmptyBlockLocksToNull) {
+    HGLOBAL h = GlobalAlloc(GHND, 0);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(GlobalLock(h), nullptr);
+    EXPECT_EQ(GlobalSize(h), 0u);
+    EXPECT_EQ(GlobalFree(h), nullptr);
+}
+
+TEST(GlobalMemory, ReusedLargeBlocksComeBackZeroed) {
+    const std::size_t size = 5u << 20;
+    for (int round = 0; round < 3; ++round) {
+        HGLOBAL h = GlobalAlloc(GHND, size);
+        auto *p = static_cast<unsigned char *>(GlobalLock(h));
+        ASSERT_NE(p, nullptr);
+        for (std::size_t i = 0; i < size; i += 4093) ASSERT_EQ(p[i], 0) << "round " << round << " byte " << i;
+        std::memset(p, 0xAB, size);
+        GlobalUnlock(h);
+        GlobalFree(h);
+    }
+}
+
+TEST(GlobalMemory, ThreadsAllocateLockAndFreeAtOnce) {
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 2000; ++i) {
+                HGLOBAL h = GlobalAlloc(GHND, 64 + (i % 7) * 1000 + t);
+                auto *p = static_cast<unsigned char *>(GlobalLock(h));
+                if (p == nullptr || p[0] != 0) ++failures;
+                if (p != nullptr) p[0] = static_cast<unsigned char>(t + 1);
+                GlobalUnlock(h);
+                if (GlobalFree(h) != nullptr) ++failures;
+            }
+        });
+    }
+    for (auto &th : threads) th.join();
+    EXPECT_EQ(failures.load(), 0);
+}
+
+TEST(Rectangles, IntersectAndEmptiness) {
+    RECT a, b, out;
+    quarvel::SetRect(&a, 0, 0, 10, 10);
+    quarvel::SetRect(&b, 5, -3, 20, 4);
+    EXPECT_TRUE(quarvel::IntersectRect(&out, &a, &b));
+    EXPECT_EQ(out.left, 5);
+    EXPECT_EQ(out.top, 0);
+    EXPECT_EQ(out.right, 10);
+    EXPECT_EQ(out.bottom, 4);
+    quarvel::SetRect(&b, 10, 0, 12, 5);  // touching edges share nothing
+    EXPECT_FALSE(quarvel::IntersectRect(&out, &a, &b));
+    EXPECT_TRUE(quarvel::IsRectEmpty(&out));
+    quarvel::SetRect(&b, 5, 5, 4, 9);  // inverted
+    EXPECT_TRUE(quarvel::IsRectEmpty(&b));
+}
+
+}  // namespace
