@@ -47,6 +47,15 @@ constexpr std::size_t kBlockAlign = 64;
 
 class BlockTable {
 public:
+    BlockTable() = default;
+    BlockTable(const BlockTable &) = delete;
+    BlockTable &operator=(const BlockTable &) = delete;
+    // Frees whatever the host left allocated and every kept buffer.
+    ~BlockTable() {
+        for (auto &entry : blocks_) std::free(entry.second.data);
+        for (Spare &s : spares_) std::free(s.data);
+    }
+
     HGLOBAL add(void *data, std::size_t size, std::size_t capacity) {
         std::lock_guard<std::mutex> guard(mutex_);
         std::uintptr_t key = (++serial_ << 4) | 0x8;
@@ -145,10 +154,26 @@ private:
     std::size_t next_ = 0;
 };
 
-BlockTable &table() {
-    // Never destroyed: blocks may be freed by a host's static destructors.
-    static BlockTable *t = new BlockTable;
-    return *t;
+BlockTable *g_table = nullptr;
+bool g_unloaded = false;
+std::once_flag g_tableOnce;
+
+// Not a static object: a host's static destructors may still free blocks
+// after ours would have run. The table goes when the library is unloaded;
+// a call after that finds no table and behaves as for an unknown handle.
+BlockTable *table() {
+    std::call_once(g_tableOnce, [] {
+        if (!g_unloaded) g_table = new BlockTable;
+    });
+    return g_table;
+}
+
+// Runs when the library is unloaded (dlclose) or, at process exit, after every
+// C++ static destructor of the host, so no host call can follow it.
+__attribute__((destructor)) void ReleaseBlockTable() {
+    g_unloaded = true;
+    delete g_table;
+    g_table = nullptr;
 }
 
 }  // namespace
@@ -156,39 +181,45 @@ BlockTable &table() {
 extern "C" {
 
 HGLOBAL GlobalAlloc(UINT /*uFlags*/, SIZE_T dwBytes) {
+    BlockTable *t = table();
+    if (t == nullptr || dwBytes > SIZE_MAX - kBlockAlign) return nullptr;
     void *data = nullptr;
     std::size_t capacity = 0;
     if (dwBytes > 0) {
-        if (dwBytes > SIZE_MAX - kBlockAlign) return nullptr;
         capacity = (dwBytes + kBlockAlign - 1) / kBlockAlign * kBlockAlign;
-        data = table().takeSpare(capacity, &capacity);
+        data = t->takeSpare(capacity, &capacity);
         if (data == nullptr) data = std::aligned_alloc(kBlockAlign, capacity);
         if (data == nullptr) return nullptr;
         // Every block starts zero-filled (GHND's promise, kept for all flags).
         std::memset(data, 0, capacity);
     }
-    HGLOBAL h = table().add(data, dwBytes, capacity);
-    return h;
+    try {
+        return t->add(data, dwBytes, capacity);
+    } catch (...) {  // the handle table could not grow
+        std::free(data);
+        return nullptr;
+    }
 }
 
 LPVOID GlobalLock(HGLOBAL hMem) {
-    if (hMem == nullptr) return nullptr;
-    return table().lock(hMem);
+    BlockTable *t = table();
+    return hMem == nullptr || t == nullptr ? nullptr : t->lock(hMem);
 }
 
 BOOL GlobalUnlock(HGLOBAL hMem) {
-    if (hMem == nullptr) return FALSE;
-    return table().unlock(hMem);
+    BlockTable *t = table();
+    return hMem == nullptr || t == nullptr ? FALSE : t->unlock(hMem);
 }
 
 SIZE_T GlobalSize(HGLOBAL hMem) {
-    if (hMem == nullptr) return 0;
-    return table().size(hMem);
+    BlockTable *t = table();
+    return hMem == nullptr || t == nullptr ? 0 : t->size(hMem);
 }
 
 HGLOBAL GlobalFree(HGLOBAL hMem) {
+    BlockTable *t = table();
     if (hMem == nullptr) return nullptr;
-    return table().remove(hMem) ? nullptr : hMem;
+    return t != nullptr && t->remove(hMem) ? nullptr : hMem;
 }
 
 }  // extern "C"
