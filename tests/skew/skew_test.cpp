@@ -1,0 +1,374 @@
+// Page measurements through the C API: thresholds on pages with known
+// histograms, skew of drawn text pages turned by known angles and of real
+// scans, the precision test on drawn frames, and the answers for blocks that
+// cannot be read.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+
+#include "skew/skew.h"
+#include "support/pages.h"
+#include "text_pages.h"
+
+using qtest::Block;
+using qtest::MakePage;
+using qtest::MakePageWith;
+using qtest::PageSpec;
+using qtest::Palette;
+
+namespace {
+
+PageSpec Gray(int w, int h) {
+    PageSpec s;
+    s.width = w;
+    s.height = h;
+    return s;
+}
+
+PageSpec Colour(int w, int h, int bits = 24) {
+    PageSpec s;
+    s.width = w;
+    s.height = h;
+    s.bitCount = bits;
+    s.palette = Palette::kNone;
+    return s;
+}
+
+// ---- Thresholds -------------------------------------------------------------
+
+TEST(Thresholds, HalfWhiteHalfBlack) {
+    Block page = MakePageWith(Colour(20, 10), [](int x, int, int) { return x < 10 ? 0 : 255; });
+    EXPECT_EQ(GetBinaryThresholdByOtsu(page.get()), 255u);  // every k ties; the first wins
+    EXPECT_EQ(GetBinaryThresholdByRidCal(page.get()), 127u);
+}
+
+TEST(Thresholds, UniformGrayPage) {
+    Block page = MakePageWith(Gray(33, 7), [](int, int, int) { return 200; });
+    EXPECT_EQ(GetBinaryThresholdByOtsu(page.get()), 255u);
+    EXPECT_EQ(GetBinaryThresholdByRidCal(page.get()), 200u);
+}
+
+TEST(Thresholds, TwoGrayLevelsThirtySeventy) {
+    // Gray 60 (ink 195) on 30 % of the page, 220 (ink 35) on the rest. Otsu's
+    // variance is flat between the levels, so k = 35; Ridler-Calvard starts
+    // at the mean ink 83 and settles at (35 + 195 + 1) / 2 = 115.
+    Block page = MakePageWith(Gray(10, 10), [](int x, int, int) { return x < 3 ? 60 : 220; });
+    EXPECT_EQ(GetBinaryThresholdByOtsu(page.get()), 255u - 35u);
+    EXPECT_EQ(GetBinaryThresholdByRidCal(page.get()), 255u - 115u);
+}
+
+TEST(Thresholds, ThreeLevelsOtsuSplitsAtTheWidestGap) {
+    // Ink 0 (50 %), 100 (25 %), 255 (25 %).
+    Block page = MakePageWith(Gray(4, 4), [](int x, int, int) { return x < 2 ? 255 : x == 2 ? 155 : 0; });
+    // Light class {0} against {100, 255}: w = 0.5, mu(k) = 0, muT = 88.75:
+    // 88.75^2 * 0.25 / 0.25 = 7876.6; {0, 100} against {255}: w = 0.75,
+    // mu = 25, (66.5625 - 25)^2 / 0.1875 = 9212.8, the larger: k = 100.
+    EXPECT_EQ(GetBinaryThresholdByOtsu(page.get()), 155u);
+}
+
+TEST(Thresholds, BitonalPages) {
+    PageSpec s;
+    s.width = 64;
+    s.height = 32;
+    s.bitCount = 1;
+    s.palette = Palette::kLightFirst;  // bit 1 is black
+    Block some = MakePageWith(s, [](int x, int y, int) { return (x + y) % 7 == 0 ? 1 : 0; });
+    EXPECT_EQ(GetBinaryThresholdByOtsu(some.get()), 255u);
+    EXPECT_EQ(GetBinaryThresholdByRidCal(some.get()), 127u);
+    // Almost all black: the rounded mean ink is already 255.
+    Block black = MakePageWith(s, [](int x, int y, int) { return x == 0 && y == 0 ? 0 : 1; });
+    EXPECT_EQ(GetBinaryThresholdByRidCal(black.get()), 0u);
+}
+
+TEST(Thresholds, RegionsRestrictTheHistogram) {
+    quarvel::skew::PageRaster r;
+    ASSERT_TRUE(r.Resize(4, 2));
+    const std::uint8_t ink[8] = {0, 0, 255, 255, 40, 40, 40, 40};
+    std::memcpy(r.data(), ink, 8);
+    EXPECT_EQ(quarvel::skew::RidlerCalvardThreshold(r, RECT{0, 1, 4, 2}), 40);
+    EXPECT_EQ(quarvel::skew::RidlerCalvardThreshold(r, RECT{0, 0, 4, 1}), 128);
+    EXPECT_EQ(quarvel::skew::RidlerCalvardThreshold(r, RECT{2, 0, 2, 1}), quarvel::skew::RidlerCalvardThreshold(r, RECT{}));
+    EXPECT_EQ(quarvel::skew::OtsuThreshold(r, RECT{0, 1, 4, 2}), 0);
+}
+
+// ---- The raster loader --------------------------------------------------------
+
+quarvel::skew::PageRaster Load(HGLOBAL h) {
+    quarvel::skew::DibBlock block;
+    block.CopyFrom(h);
+    quarvel::skew::PageRaster r;
+    quarvel::skew::LoadPageRaster(r, block);
+    return r;
+}
+
+TEST(Raster, DecodesEveryDepthTopRowFirst) {
+    // 24 bits: (10, 20, 31) has ink 255 - 20 = 235; the stored bottom row is
+    // the raster's last.
+    Block c = MakePageWith(Colour(3, 2), [](int x, int y, int ch) { return y == 0 && x == 1 ? 10 + 10 * ch + (ch == 2) : 255; });
+    auto r24 = Load(c.get());
+    ASSERT_EQ(r24.width, 3);
+    EXPECT_EQ(r24.at(1, 1), 235);
+    EXPECT_EQ(r24.at(1, 0), 0);
+
+    // 16 bits: 0x7FFF has ink 7.
+    Block w = MakePage(Colour(2, 1, 16));
+    {
+        qtest::PageView v(w.get());
+        v.row(0)[0] = 0xFF;
+        v.row(0)[1] = 0x7F;
+    }
+    auto r16 = Load(w.get());
+    EXPECT_EQ(r16.at(0, 0), 7);
+    EXPECT_EQ(r16.at(1, 0), 255);
+
+    // 1 bit, 10 wide: the second byte's top two bits are pixels 8 and 9; the
+    // colours come from the table, whichever order it has.
+    for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
+        PageSpec s;
+        s.width = 10;
+        s.height = 1;
+        s.bitCount = 1;
+        s.palette = p;
+        Block b = MakePageWith(s, [p](int x, int, int) {
+            const bool black = x == 0 || x == 9;
+            return (p == Palette::kLightFirst) == black ? 1 : 0;
+        });
+        auto r1 = Load(b.get());
+        EXPECT_EQ(r1.at(0, 0), 255);
+        EXPECT_EQ(r1.at(1, 0), 0);
+        EXPECT_EQ(r1.at(9, 0), 255);
+    }
+}
+
+TEST(Raster, ShortColourTableAndFourBitPages) {
+    // An 8-bit page with a two-entry table: rows start after those entries,
+    // and indices beyond the table read as paper.
+    PageSpec s = Gray(4, 1);
+    s.clrUsed = 2;
+    Block b = MakePage(s);
+    {
+        qtest::PageView v(b.get());
+        auto *table = reinterpret_cast<RGBQUAD *>(reinterpret_cast<std::uint8_t *>(v.header()) + 40);
+        table[0] = RGBQUAD{0, 0, 0, 0};
+        table[1] = RGBQUAD{255, 255, 255, 0};
+        v.row(0)[0] = 0;
+        v.row(0)[1] = 1;
+        v.row(0)[2] = 7;
+    }
+    auto r = Load(b.get());
+    ASSERT_EQ(r.width, 4);
+    EXPECT_EQ(r.at(0, 0), 255);
+    EXPECT_EQ(r.at(1, 0), 0);
+    EXPECT_EQ(r.at(2, 0), 0);
+
+    PageSpec f;
+    f.width = 3;
+    f.height = 1;
+    f.bitCount = 4;
+    Block four = MakePage(f);  // gray ramp of 16 entries: index i is 17 i
+    {
+        qtest::PageView v(four.get());
+        v.row(0)[0] = 0x0F;  // pixel 0 index 0 (black), pixel 1 index 15 (white)
+        v.row(0)[1] = 0x50;  // pixel 2 index 5
+    }
+    auto r4 = Load(four.get());
+    EXPECT_EQ(r4.at(0, 0), 255);
+    EXPECT_EQ(r4.at(1, 0), 0);
+    EXPECT_EQ(r4.at(2, 0), 255 - 85);
+}
+
+TEST(Raster, UnreadableBlocksGiveTheEmptyPageAnswers) {
+    auto expectEmpty = [](HGLOBAL h) {
+        EXPECT_EQ(GetBinaryThresholdByOtsu(h), 255u);
+        EXPECT_EQ(GetBinaryThresholdByRidCal(h), 127u);
+        EXPECT_EQ(GetObliquity(h), 0.0);
+        double hz = 9, vt = 9;
+        EXPECT_EQ(TestPrecision(h, 300, &hz, &vt), -1);
+        EXPECT_EQ(hz, 9);
+        EXPECT_EQ(vt, 9);
+    };
+    expectEmpty(nullptr);
+    expectEmpty(reinterpret_cast<HGLOBAL>(0x12345678));
+    Block tiny(GlobalAlloc(GHND, 20));
+    expectEmpty(tiny.get());
+
+    auto mangled = [](void (*edit)(BITMAPINFOHEADER *)) {
+        Block b = MakePageWith(Gray(64, 64), [](int x, int, int) { return x < 32 ? 0 : 255; });
+        edit(static_cast<BITMAPINFOHEADER *>(GlobalLock(b.get())));
+        GlobalUnlock(b.get());
+        return b;
+    };
+    expectEmpty(mangled([](BITMAPINFOHEADER *h) { h->biHeight = -64; }).get());
+    expectEmpty(mangled([](BITMAPINFOHEADER *h) { h->biWidth = 0; }).get());
+    expectEmpty(mangled([](BITMAPINFOHEADER *h) { h->biCompression = 1; }).get());
+    expectEmpty(mangled([](BITMAPINFOHEADER *h) { h->biHeight = 65; }).get());        // rows beyond the block
+    expectEmpty(mangled([](BITMAPINFOHEADER *h) { h->biWidth = 0x40000000; }).get()); // overflowing size
+    expectEmpty(mangled([](BITMAPINFOHEADER *h) { h->biSize = 0xFFFF; }).get());
+
+    Block freed = MakePage(Gray(8, 8));
+    HGLOBAL stale = freed.get();
+    freed.reset();
+    expectEmpty(stale);
+}
+
+TEST(Raster, UnsupportedDepthReadsAsBlankPaper) {
+    PageSpec s = Gray(16, 4);
+    s.bitCount = 2;
+    s.clrUsed = 4;
+    Block b = MakePage(s);
+    auto r = Load(b.get());
+    ASSERT_EQ(r.width, 16);
+    for (std::uint32_t i = 0; i < r.size(); ++i) ASSERT_EQ(r.data()[i], 0);
+    EXPECT_EQ(GetObliquity(b.get()), 0.0);
+}
+
+// ---- Skew -------------------------------------------------------------------
+
+TEST(Skew, BlankPagesGiveExactlyZero) {
+    Block white = MakePageWith(Colour(600, 900), [](int, int, int) { return 255; });
+    EXPECT_EQ(GetObliquity(white.get()), 0.0);
+    Block gray = MakePageWith(Gray(300, 200), [](int, int, int) { return 90; });
+    EXPECT_EQ(GetObliquity(gray.get()), 0.0);
+}
+
+class SkewAngles : public ::testing::TestWithParam<double> {};
+
+TEST_P(SkewAngles, FindsTheTurnOfDrawnText) {
+    const double angle = GetParam();
+    Block page = qtest::TurnedTextPage(qtest::TextLayout{}, angle);
+    EXPECT_NEAR(GetObliquity(page.get()), angle, 0.15);
+}
+
+// The coarse search follows the broad rise of the score toward the text
+// angle, 5 degrees at a time; a full page of long lines keeps that rise
+// within about 12 degrees.
+INSTANTIATE_TEST_SUITE_P(Degrees, SkewAngles,
+                         ::testing::Values(-12.0, -7.0, -3.0, -0.6, 0.0, 0.35, 2.0, 4.5, 9.25, 12.0),
+                         [](const auto &info) {
+                             std::string n = std::to_string(info.param);
+                             for (char &ch : n) ch = (ch == '-') ? 'm' : (ch == '.' ? '_' : ch);
+                             return n;
+                         });
+
+TEST(Skew, BeyondThirtyDegreesTheTurnedPageIsSearchedAgain) {
+    // One line of words: a score that rises steadily toward its angle, so
+    // the bracket walks to +-30 and the page is turned and searched again.
+    qtest::TextLayout t;
+    t.margin = 300;
+    t.lineSpacing = 2000;
+    t.xHeight = 30;
+    for (double angle : {-27.0, -25.0, 25.0, 27.0}) {
+        Block page = qtest::TurnedTextPage(t, angle);
+        EXPECT_NEAR(GetObliquity(page.get()), angle, 0.15) << angle;
+    }
+}
+
+TEST(Skew, SameAnswerAtEveryDepth) {
+    qtest::TextLayout t;
+    t.width = 800;
+    t.height = 1100;
+    const double a8 = GetObliquity(qtest::TurnedTextPage(t, 3.0, 8).get());
+    EXPECT_EQ(GetObliquity(qtest::TurnedTextPage(t, 3.0, 1).get()), a8);
+    EXPECT_EQ(GetObliquity(qtest::TurnedTextPage(t, 3.0, 24).get()), a8);
+    EXPECT_EQ(GetObliquity(qtest::TurnedTextPage(t, 3.0, 32).get()), a8);
+}
+
+TEST(Skew, RealScans) {
+    // A music score whose staff lines rise by about 2.2 degrees toward the
+    // right; an upright brochure page.
+    Block score = qtest::LoadScan("deskew-2.png");
+    EXPECT_NEAR(GetObliquity(score.get()), -2.2, 0.15);
+    Block brochure = qtest::LoadScan("linn.png");
+    EXPECT_NEAR(GetObliquity(brochure.get()), 0.0, 0.15);
+}
+
+TEST(Skew, RotateRasterLeavesSmallAnglesAlone) {
+    quarvel::skew::PageRaster r;
+    ASSERT_TRUE(r.Resize(5, 3));
+    for (std::uint32_t i = 0; i < r.size(); ++i) r.data()[i] = static_cast<std::uint8_t>(i * 17);
+    std::vector<std::uint8_t> before(r.data(), r.data() + r.size());
+    quarvel::skew::RotateRaster(r, 0.04, 2, 1);
+    EXPECT_TRUE(std::equal(before.begin(), before.end(), r.data()));
+    // A half turn about the centre of an odd-sized raster moves pixels (the
+    // degree constant is not exactly pi / 180, so bilinear weights may take
+    // one level off).
+    quarvel::skew::RotateRaster(r, 180, 2, 1);
+    EXPECT_NEAR(r.at(0, 0), before[14], 1);
+    EXPECT_NEAR(r.at(4, 2), before[0], 1);
+    EXPECT_NEAR(r.at(2, 1), before[7], 1);
+}
+
+TEST(Skew, ShearedProfileFollowsItsSlope) {
+    // A line rising one row per column sums into a single entry at slope 1.
+    quarvel::skew::PageRaster r;
+    ASSERT_TRUE(r.Resize(6, 6));
+    std::memset(r.data(), 0, r.size());
+    for (int x = 0; x < 6; ++x) r.data()[((x + 1) % 6) * 6 + x] = 10;
+    float profile[6];
+    quarvel::skew::ShearedRowProfile(r, RECT{0, 0, 6, 6}, profile, 1.0f);
+    int nonzero = 0;
+    for (float p : profile) nonzero += p != 0;
+    EXPECT_EQ(nonzero, 1);
+    // Rows requested above and below the raster read 0.
+    float tall[8];
+    quarvel::skew::ShearedRowProfile(r, RECT{0, -1, 6, 7}, tall, 0.0f);
+    EXPECT_EQ(tall[0], 0.0f);
+    EXPECT_EQ(tall[7], 0.0f);
+    EXPECT_EQ(tall[1], 10.0f);
+}
+
+// ---- Precision test -----------------------------------------------------------
+
+// A 300-dpi page with a frame of 3-pixel lines whose outer box is w x h.
+Block FramePage(int w, int h, int left = 220, int top = 200) {
+    return MakePageWith(Gray(1700, 1700), [=](int x, int y, int) {
+        const int dy = 1700 - 1 - y;  // display row
+        const bool inBox = x >= left && x < left + w && dy >= top && dy < top + h;
+        const bool inner = x >= left + 3 && x < left + w - 3 && dy >= top + 3 && dy < top + h - 3;
+        return inBox && !inner ? 0 : 255;
+    });
+}
+
+TEST(Precision, MeasuresADrawnFrame) {
+    // L = 1181 at 300 dpi. The sides measure from end point to end point:
+    // outer width - 1 and outer height - 1.
+    Block page = FramePage(1191, 1176);
+    double hz = 0, vt = 0;
+    ASSERT_EQ(TestPrecision(page.get(), 300, &hz, &vt), 0);
+    EXPECT_NEAR(hz, (1190.0 - 1181) / 1181, 1e-12);
+    EXPECT_NEAR(vt, (1175.0 - 1181) / 1181, 1e-12);
+
+    Block exact = FramePage(1182, 1182);
+    ASSERT_EQ(TestPrecision(exact.get(), 300, &hz, &vt), 0);
+    EXPECT_EQ(hz, 0.0);
+    EXPECT_EQ(vt, 0.0);
+}
+
+TEST(Precision, RefusesWhatIsNotAFrame) {
+    double hz = 5, vt = 5;
+    Block blank = MakePageWith(Gray(1700, 1700), [](int, int, int) { return 255; });
+    EXPECT_EQ(TestPrecision(blank.get(), 300, &hz, &vt), -1);
+    // An isolated dot on the middle row is not a side.
+    Block dot = MakePageWith(Gray(1700, 1700), [](int x, int y, int) { return x == 400 && y == 850 ? 0 : 255; });
+    EXPECT_EQ(TestPrecision(dot.get(), 300, &hz, &vt), -1);
+    // A frame reaching into the half-inch margin band.
+    Block wide = FramePage(1191, 1176, 100);
+    EXPECT_EQ(TestPrecision(wide.get(), 300, &hz, &vt), -1);
+    EXPECT_EQ(hz, 5);
+    EXPECT_EQ(vt, 5);
+    // A resolution of 0 or below, and missing outputs.
+    Block page = FramePage(1191, 1176);
+    EXPECT_EQ(TestPrecision(page.get(), 0, &hz, &vt), -1);
+    EXPECT_EQ(TestPrecision(page.get(), -300, &hz, &vt), -1);
+    EXPECT_EQ(TestPrecision(page.get(), 300, nullptr, &vt), -1);
+}
+
+TEST(Precision, TinyResolutionsStayInsideThePage) {
+    // A margin of 0 lets the traces run to the page edges.
+    Block page = MakePageWith(Gray(40, 30), [](int x, int, int) { return x == 1 || x == 38 ? 0 : 255; });
+    double hz = 0, vt = 0;
+    EXPECT_EQ(TestPrecision(page.get(), 1, &hz, &vt), 0);
+}
+
+}  // namespace
