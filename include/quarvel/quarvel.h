@@ -41,6 +41,13 @@ QUARVEL_API HGLOBAL QUARVEL_CALL Mirror(HGLOBAL hDib);
 QUARVEL_API HGLOBAL QUARVEL_CALL Flip(HGLOBAL hDib);
 QUARVEL_API HGLOBAL QUARVEL_CALL Invert(HGLOBAL hDib);
 
+/* Rotation and crop. */
+QUARVEL_API HGLOBAL QUARVEL_CALL Rotate(HGLOBAL hDib, double angle, int xCenter, int yCenter, int interpolate);
+QUARVEL_API HGLOBAL QUARVEL_CALL RotateEx(HGLOBAL hDib, double angle, int xCenter, int yCenter, int interpolate);
+QUARVEL_API HGLOBAL QUARVEL_CALL RotateEx1(HGLOBAL hDib, double angle, int xCenter, int yCenter, int interpolate);
+QUARVEL_API HGLOBAL QUARVEL_CALL RotateExpand(HGLOBAL hDib, double angle, int xCenter, int yCenter, int interpolate);
+QUARVEL_API HGLOBAL QUARVEL_CALL Crop(HGLOBAL hDib, RECT *rect, int mode, int border);
+
 /* Thresholds, skew and the scanner precision test. */
 QUARVEL_API unsigned int QUARVEL_CALL GetBinaryThresholdByOtsu(HGLOBAL hDib);
 QUARVEL_API unsigned int QUARVEL_CALL GetBinaryThresholdByRidCal(HGLOBAL hDib);

@@ -1,0 +1,147 @@
+// Rotate, RotateEx, RotateEx1 and RotateExpand.
+//
+// All four turn the page with iplRotate about a centre (the shift from
+// iplGetRotateShift). Rotate keeps the page's frame and fills what the turned
+// page leaves uncovered with the background value (white: 0 on a light-first
+// page, else 255). RotateEx and RotateEx1 enlarge the canvas to hold the
+// turned corners and centre the page on the canvas' growth; RotateEx fills
+// with the background value, RotateEx1 with its opposite. RotateExpand turns
+// by quarter and half turns, choosing the output size and shifts from its
+// turn table; whole-degree turns move pixels exactly (transpose and flips).
+#include <algorithm>
+#include <cmath>
+#include <opencv2/core.hpp>
+
+#include "frame/bits.h"
+#include "frame/ipl_mat.h"
+#include "frame/view.h"
+#include "geometry/geometry.h"
+
+namespace quarvel::geometry {
+
+namespace {
+
+// Degrees to radians with the decimal constant the canvas arithmetic uses.
+constexpr double kRadiansPerDegree = 0.0174532925;
+
+enum class Fill { kBackground, kOpposite };
+
+HGLOBAL RotateInto(HGLOBAL hDib, double angle, int xCenter, int yCenter, int interpolate, bool enlarge, Fill fill) {
+    LockedDib in(hDib, kImageDepths);
+    if (!in.ok()) return nullptr;
+    ImagePtr view = DibToIplImage(in.header());
+    if (!view) return nullptr;
+    const int w = in.width(), h = in.height();
+    int newW = w, newH = h;
+    if (enlarge && !RotatedCanvas(w, h, angle, xCenter, yCenter, &newW, &newH)) return nullptr;
+    PixelFormat format = FormatOf(*view);
+    ResultBlock out = ResultBlock::Rewritten(in, format, newW, newH, NewTable::kKeep);
+    if (!out) return nullptr;
+    const int background = BackgroundValue(in.header());
+    out.Fill(fill == Fill::kBackground ? background : 255 - background);
+
+    double xShift = 0.0, yShift = 0.0;
+    iplGetRotateShift(xCenter, yCenter, angle, &xShift, &yShift);
+    xShift += (newW - w) / 2;
+    yShift += (newH - h) / 2;
+    iplRotate(view.get(), out.image(), angle, xShift, yShift, interpolate);
+    return out.Release();
+}
+
+// A turn by a whole number of quarter turns as exact pixel moves. `rem` is
+// 90, 180 or 270 (-90 turns as 270).
+void QuarterTurn(IplImage &src, IplImage &dst, int rem) {
+    if (src.depth == IPL_DEPTH_1U) {
+        const int w = src.width, h = src.height;
+        for (int y = 0; y < h; ++y) {
+            const std::uint8_t *in = RowOf(src, y);
+            for (int x = 0; x < w; ++x) {
+                const int v = bits::Get(in, x);
+                switch (rem) {
+                    case 90: bits::Set(RowOf(dst, w - 1 - x), y, v); break;
+                    case 180: bits::Set(RowOf(dst, h - 1 - y), w - 1 - x, v); break;
+                    default: bits::Set(RowOf(dst, x), h - 1 - y, v); break;
+                }
+            }
+        }
+        return;
+    }
+    Region rs{0, 0, src.width, src.height}, rd{0, 0, dst.width, dst.height};
+    cv::Mat in = MatOf(src, rs), out = MatOf(dst, rd);
+    if (rem == 180) {
+        cv::flip(in, out, -1);
+        return;
+    }
+    // 90: output (X, Y) = source (W - 1 - Y, X); 270: source (Y, H - 1 - X).
+    cv::Mat t;
+    cv::transpose(in, t);
+    cv::flip(t, out, rem == 90 ? 0 : 1);
+}
+
+}  // namespace
+
+bool RotatedCanvas(int width, int height, double angle, int xCenter, int yCenter, int *newWidth, int *newHeight) {
+    const double a = angle * kRadiansPerDegree;
+    const double c = std::cos(a), s = std::sin(a);
+    const double corners[4][2] = {{0, 0}, {static_cast<double>(width), 0}, {0, static_cast<double>(height)},
+                                  {static_cast<double>(width), static_cast<double>(height)}};
+    float minX = 0.0f, minY = 0.0f, maxX = static_cast<float>(width), maxY = static_cast<float>(height);
+    for (const auto &p : corners) {
+        const double dx = p[0] - xCenter, dy = p[1] - yCenter;
+        const float x = static_cast<float>(xCenter + dx * c + dy * s);
+        const float y = static_cast<float>(yCenter - dx * s + dy * c);
+        minX = std::min(minX, x), maxX = std::max(maxX, x);
+        minY = std::min(minY, y), maxY = std::max(maxY, y);
+    }
+    const double w = maxX - std::trunc(minX - 1.0) + 2.0;
+    const double h = maxY - std::trunc(minY - 1.0) + 2.0;
+    if (!(w < 2147483647.0 && h < 2147483647.0)) return false;  // also catches NaN
+    *newWidth = static_cast<int>(w);
+    *newHeight = static_cast<int>(h);
+    return true;
+}
+
+HGLOBAL Rotate(HGLOBAL hDib, double angle, int xCenter, int yCenter, int interpolate) {
+    return RotateInto(hDib, angle, xCenter, yCenter, interpolate, false, Fill::kBackground);
+}
+
+HGLOBAL RotateEx(HGLOBAL hDib, double angle, int xCenter, int yCenter, int interpolate) {
+    return RotateInto(hDib, angle, xCenter, yCenter, interpolate, true, Fill::kBackground);
+}
+
+HGLOBAL RotateEx1(HGLOBAL hDib, double angle, int xCenter, int yCenter, int interpolate) {
+    return RotateInto(hDib, angle, xCenter, yCenter, interpolate, true, Fill::kOpposite);
+}
+
+HGLOBAL RotateExpand(HGLOBAL hDib, double angle) {
+    LockedDib in(hDib, kImageDepths);
+    if (!in.ok() || !std::isfinite(angle) || std::fabs(angle) >= 2147483647.0) return nullptr;
+    ImagePtr view = DibToIplImage(in.header());
+    if (!view) return nullptr;
+    const int w = in.width(), h = in.height();
+    const int whole = static_cast<int>(angle);
+    const int rem = whole % 360;
+    int outW = h, outH = w;
+    double xShift = 0, yShift = 0;
+    switch (rem) {
+        case 90: xShift = 0, yShift = w - 1; break;
+        case 180: outW = w, outH = h, xShift = w - 1, yShift = h - 1; break;
+        case 270:
+        case -90: xShift = h - 1, yShift = 0; break;
+        case 0: outW = w, outH = h; break;  // no turn: an unchanged copy
+        default: return nullptr;            // not a turn the table knows
+    }
+    ResultBlock out = ResultBlock::Rewritten(in, FormatOf(*view), outW, outH, NewTable::kKeep);
+    if (!out) return nullptr;
+    if (rem == 0) {
+        iplCopy(view.get(), out.image());
+    } else if (angle == whole) {
+        QuarterTurn(*view, *out.image(), rem == -90 ? 270 : rem);
+    } else {
+        out.Fill(0);
+        iplRotate(view.get(), out.image(), angle, xShift, yShift, IPL_INTER_NN);
+    }
+    return out.Release();
+}
+
+}  // namespace quarvel::geometry
