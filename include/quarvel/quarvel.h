@@ -48,6 +48,21 @@ QUARVEL_API HGLOBAL QUARVEL_CALL RotateEx1(HGLOBAL hDib, double angle, int xCent
 QUARVEL_API HGLOBAL QUARVEL_CALL RotateExpand(HGLOBAL hDib, double angle, int xCenter, int yCenter, int interpolate);
 QUARVEL_API HGLOBAL QUARVEL_CALL Crop(HGLOBAL hDib, RECT *rect, int mode, int border);
 
+/* Colour analysis and enhancement. */
+QUARVEL_API int QUARVEL_CALL JudgeColorMode(HGLOBAL hDib, int colorThreshold);
+QUARVEL_API HGLOBAL QUARVEL_CALL ConvertHongTou(HGLOBAL hColorDib, HGLOBAL hGrayDib, int reserved1, int reserved2, int reserved3,
+                                                int colorDiff);
+QUARVEL_API HGLOBAL QUARVEL_CALL ConvertHongTouEx(HGLOBAL hColorDib, HGLOBAL hGrayDib, int reserved1, int reserved2,
+                                                  int reserved3, int colorDiff, BYTE minLevel);
+QUARVEL_API HGLOBAL QUARVEL_CALL EnhanceColor(HGLOBAL hDib, RECT *rect, int splitLevel, int brighten, int darken,
+                                              int redThreshold, int redBoost, int blueThreshold, int blueBoost);
+QUARVEL_API HGLOBAL QUARVEL_CALL EnhanceColorEx(HGLOBAL hDib, HGLOBAL hMap, RECT *rect, int splitLevel, int brighten, int darken,
+                                                int redThreshold, int redBoost, int blueThreshold, int blueBoost);
+QUARVEL_API HGLOBAL QUARVEL_CALL EnhanceColorEx1(HGLOBAL hDib, HGLOBAL hBaseDib, HGLOBAL hMap, RECT *rect, int splitLevel,
+                                                 int brighten, int darken, int redThreshold, int redBoost, int blueThreshold,
+                                                 int blueBoost);
+QUARVEL_API HGLOBAL QUARVEL_CALL DeColorize(HGLOBAL hDib, RECT *rect, int redThreshold, int blueThreshold, int greenThreshold);
+
 /* Thresholds, skew and the scanner precision test. */
 QUARVEL_API unsigned int QUARVEL_CALL GetBinaryThresholdByOtsu(HGLOBAL hDib);
 QUARVEL_API unsigned int QUARVEL_CALL GetBinaryThresholdByRidCal(HGLOBAL hDib);

@@ -1,0 +1,45 @@
+// DeColorize: gray the colour of a page while it stays a colour page. Over
+// the whole page, distinctly red, blue or green pixels (each test on only
+// when its threshold is above 0) are kept and every other pixel becomes its
+// gray value (B >> 2) + (G >> 1) + (R >> 2); over a rectangle every pixel is
+// grayed.
+#include <algorithm>
+
+#include "colour/colour.h"
+
+namespace quarvel::colour {
+
+HGLOBAL DeColorize(HGLOBAL hDib, const RECT *rect, int redThreshold, int blueThreshold, int greenThreshold) {
+    LockedDib in(hDib, kAllDepths);
+    BlockCopy out(in);
+    if (!out) return nullptr;
+    if (in.bitCount() < 24) return out.Release();
+    const int w = in.width(), h = in.height();
+    const RECT r = rect != nullptr ? *rect : RECT{0, 0, 0, 0};
+    const bool wholePage = r.right == 0 && r.bottom == 0;
+    Span span;
+    if (wholePage) {
+        // Columns from left and rows from top to the page's edges.
+        if (r.left < 0 || r.top < 0 || r.left > w || r.top > h) return out.Release();
+        span = Span{static_cast<int>(r.left), w, 0, h - static_cast<int>(r.top)};
+    } else if (!ResolveRect(&r, w, h, &span)) {
+        return out.Release();
+    }
+    const ColourRows rows = RowsOf(out.header());
+    for (int y = span.y0; y < span.y1; ++y) {
+        std::uint8_t *p = rows.row(y) + static_cast<std::size_t>(span.x0) * rows.bytesPerPixel;
+        for (int x = span.x0; x < span.x1; ++x, p += rows.bytesPerPixel) {
+            const int b = p[0], g = p[1], rr = p[2];
+            if (wholePage) {
+                if (redThreshold > 0 && rr >= 60 && rr - std::max(g, b) >= redThreshold) continue;
+                if (blueThreshold > 0 && b >= 60 && b - std::max(g, rr) >= blueThreshold) continue;
+                if (greenThreshold > 0 && g >= 60 && g - std::max(b, rr) >= greenThreshold) continue;
+            }
+            const auto v = static_cast<std::uint8_t>((b >> 2) + (g >> 1) + (rr >> 2));
+            p[0] = p[1] = p[2] = v;
+        }
+    }
+    return out.Release();
+}
+
+}  // namespace quarvel::colour
