@@ -41,6 +41,32 @@ QUARVEL_API HGLOBAL QUARVEL_CALL Mirror(HGLOBAL hDib);
 QUARVEL_API HGLOBAL QUARVEL_CALL Flip(HGLOBAL hDib);
 QUARVEL_API HGLOBAL QUARVEL_CALL Invert(HGLOBAL hDib);
 
+/* Brightness and contrast. */
+QUARVEL_API HGLOBAL QUARVEL_CALL AdjustBrightness(HGLOBAL hDib, int brightness);
+QUARVEL_API HGLOBAL QUARVEL_CALL AdjustContrast(HGLOBAL hDib, int contrast);
+QUARVEL_API HGLOBAL QUARVEL_CALL AdjustBrightnessAndContrast(HGLOBAL hDib, int brightness, int contrast);
+
+/* Text thickening and thinning. */
+QUARVEL_API HGLOBAL QUARVEL_CALL TextEffect(HGLOBAL hDib, int level);
+QUARVEL_API HGLOBAL QUARVEL_CALL TextEffectRect(HGLOBAL hDib, RECT *rect, int level);
+
+/* Region fill. */
+QUARVEL_API HGLOBAL QUARVEL_CALL Fill(HGLOBAL hDib, RECT *rect, int value);
+QUARVEL_API HGLOBAL QUARVEL_CALL FillOutside(HGLOBAL hDib, RECT *rect, int value);
+
+/* Image arithmetic. */
+QUARVEL_API HGLOBAL QUARVEL_CALL ImageAnd(HGLOBAL hDib1, HGLOBAL hDib2, int x1, int y1, int x2, int y2, int width, int height);
+QUARVEL_API HGLOBAL QUARVEL_CALL ImageOr(HGLOBAL hDib1, HGLOBAL hDib2, int x1, int y1, int x2, int y2, int width, int height);
+QUARVEL_API HGLOBAL QUARVEL_CALL GetLess(HGLOBAL hDib1, HGLOBAL hDib2);
+
+/* Colour-mode conversion. */
+QUARVEL_API HGLOBAL QUARVEL_CALL ConvertMode(HGLOBAL hDib, int mode, int threshold);
+QUARVEL_API HGLOBAL QUARVEL_CALL ConvertModeToGrayEx(HGLOBAL hDib, int redDelta, int blueDelta);
+
+/* Resize and thumbnail. */
+QUARVEL_API HGLOBAL QUARVEL_CALL Thumbnail(HGLOBAL hDib, int maxWidth, int maxHeight);
+QUARVEL_API HGLOBAL QUARVEL_CALL Resize(HGLOBAL hDib, int width, int height);
+
 /* Rotation and crop. */
 QUARVEL_API HGLOBAL QUARVEL_CALL Rotate(HGLOBAL hDib, double angle, int xCenter, int yCenter, int interpolate);
 QUARVEL_API HGLOBAL QUARVEL_CALL RotateEx(HGLOBAL hDib, double angle, int xCenter, int yCenter, int interpolate);

@@ -1,0 +1,75 @@
+// ConvertMode and ConvertModeToGrayEx: a page converted to black and white
+// (1 bit, black-then-white table), gray (8 bits, gray ramp) or colour (24 or
+// 32 bits, no table) with the frame's conversions, under a fresh header.
+// ConvertModeToGrayEx makes strongly red and strongly blue pixels of a colour
+// page black in its gray result, so coloured marks come out as dark as ink;
+// a 32-bit page is tested with its own 4-byte pixels.
+#include <algorithm>
+
+#include "frame/convert.h"
+#include "frame/view.h"
+#include "pixel/pixel.h"
+
+namespace quarvel::pixel {
+
+namespace {
+
+// The converted image under a rewritten header with the table of its depth
+// and biClrUsed 0.
+HGLOBAL Emit(const LockedDib &in, const IplImage &image, NewTable table) {
+    ResultBlock out = ResultBlock::Rewritten(in, FormatOf(image), image.width, image.height, table);
+    if (!out) return nullptr;
+    iplCopy(const_cast<IplImage *>(&image), out.image());
+    out.header()->biClrUsed = 0;
+    return out.Release();
+}
+
+}  // namespace
+
+HGLOBAL ConvertMode(HGLOBAL hDib, int mode, int threshold) {
+    if (mode != 1 && mode != 8 && mode != 24 && mode != 32) return nullptr;
+    LockedDib in(hDib, kImageDepths);
+    if (!in.ok()) return nullptr;
+    ImagePtr view = DibToIplImage(in.header());
+    if (!view) return nullptr;
+    ImagePtr converted;
+    NewTable table = NewTable::kNone;
+    switch (mode) {
+        case 1:
+            converted = MakeBitonalImage(view.get(), nullptr, in.header(), threshold);
+            table = NewTable::kBitonal;
+            break;
+        case 8:
+            converted = MakeGrayImage(view.get(), nullptr, in.header());
+            table = NewTable::kGray;
+            break;
+        default: converted = MakeColorImage(view.get(), nullptr, in.header(), mode); break;
+    }
+    if (!converted) return nullptr;
+    return Emit(in, *converted, table);
+}
+
+HGLOBAL ConvertModeToGrayEx(HGLOBAL hDib, int redDelta, int blueDelta) {
+    LockedDib in(hDib, kImageDepths);
+    if (!in.ok()) return nullptr;
+    ImagePtr view = DibToIplImage(in.header());
+    if (!view) return nullptr;
+    ImagePtr gray = MakeGrayImage(view.get(), nullptr, in.header());
+    if (!gray) return nullptr;
+    if (in.bitCount() >= 24 && (redDelta > 0 || blueDelta > 0)) {
+        const int bpp = in.bitCount() / 8;
+        for (int y = 0; y < in.height(); ++y) {
+            const std::uint8_t *p = in.row(y);
+            std::uint8_t *g = RowOf(*gray, y);
+            for (int x = 0; x < in.width(); ++x, p += bpp) {
+                const int b = p[0], gr = p[1], r = p[2];
+                const bool red = redDelta > 0 && r >= 60 && r - std::max(gr, b) >= redDelta;
+                const bool blue = !red && blueDelta > 0 && b >= 60 && b - std::max(gr, r) >= blueDelta;
+                if (red || blue) g[x] = 0;
+            }
+        }
+    }
+    return Emit(in, *gray, NewTable::kGray);
+}
+
+}  // namespace quarvel::pixel
