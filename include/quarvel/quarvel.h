@@ -74,6 +74,14 @@ QUARVEL_API HGLOBAL QUARVEL_CALL RotateEx1(HGLOBAL hDib, double angle, int xCent
 QUARVEL_API HGLOBAL QUARVEL_CALL RotateExpand(HGLOBAL hDib, double angle, int xCenter, int yCenter, int interpolate);
 QUARVEL_API HGLOBAL QUARVEL_CALL Crop(HGLOBAL hDib, RECT *rect, int mode, int border);
 
+/* Page cleaning and composition. */
+QUARVEL_API HGLOBAL QUARVEL_CALL Denoise(HGLOBAL hDib, int nSize);
+QUARVEL_API HGLOBAL QUARVEL_CALL DenoiseRect(HGLOBAL hDib, RECT *prcArea, int nSize);
+QUARVEL_API int QUARVEL_CALL IsBlankPage(HGLOBAL hDib, int threshold);
+QUARVEL_API HGLOBAL QUARVEL_CALL AddWaterMark(HGLOBAL hDib, HGLOBAL hMark);
+QUARVEL_API HGLOBAL QUARVEL_CALL AddWaterMarkEx(HGLOBAL hDib, HGLOBAL hMark);
+QUARVEL_API HGLOBAL QUARVEL_CALL Combine(HGLOBAL hDib1, HGLOBAL hDib2, int nMode);
+
 /* Colour analysis and enhancement. */
 QUARVEL_API int QUARVEL_CALL JudgeColorMode(HGLOBAL hDib, int colorThreshold);
 QUARVEL_API HGLOBAL QUARVEL_CALL ConvertHongTou(HGLOBAL hColorDib, HGLOBAL hGrayDib, int reserved1, int reserved2, int reserved3,
