@@ -74,6 +74,14 @@ QUARVEL_API HGLOBAL QUARVEL_CALL RotateEx1(HGLOBAL hDib, double angle, int xCent
 QUARVEL_API HGLOBAL QUARVEL_CALL RotateExpand(HGLOBAL hDib, double angle, int xCenter, int yCenter, int interpolate);
 QUARVEL_API HGLOBAL QUARVEL_CALL Crop(HGLOBAL hDib, RECT *rect, int mode, int border);
 
+/* Border and punch-hole removal. */
+QUARVEL_API HGLOBAL QUARVEL_CALL RemoveBorder(HGLOBAL hDib, int nThreshold, int nParam3, int nParam4);
+QUARVEL_API HGLOBAL QUARVEL_CALL RemoveBorder1(HGLOBAL hDib, int nThreshold, int nAngle, int nParam4, int nParam5);
+QUARVEL_API HGLOBAL QUARVEL_CALL RemoveBorder_GPY(HGLOBAL hDib, int nThreshold);
+QUARVEL_API HGLOBAL QUARVEL_CALL RemoveBorder_Fill(HGLOBAL hDib, int nThreshold);
+QUARVEL_API HGLOBAL QUARVEL_CALL RemoveHole(HGLOBAL hDib, BOOL bLeft, BOOL bTop, BOOL bRight, BOOL bBottom, int nMargin,
+                                            int nMinHoles, int nMaxHoles, int nMinSize, int nMaxSize, double dDensity);
+
 /* Page cleaning and composition. */
 QUARVEL_API HGLOBAL QUARVEL_CALL Denoise(HGLOBAL hDib, int nSize);
 QUARVEL_API HGLOBAL QUARVEL_CALL DenoiseRect(HGLOBAL hDib, RECT *prcArea, int nSize);

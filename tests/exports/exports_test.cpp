@@ -44,10 +44,9 @@ const std::set<std::string> kOperations = {
     "EnhanceColorEx", "EnhanceColorEx1", "DeColorize", "GetBinaryThresholdByOtsu", "GetBinaryThresholdByRidCal",
     "GetObliquity", "TestPrecision"};
 
-TEST(Exports, HeaderDeclaresOnlyKnownOperations) {
-    const std::set<std::string> declared = HeaderOperations();
-    EXPECT_FALSE(declared.empty());
-    for (const std::string &name : declared) EXPECT_TRUE(kOperations.count(name)) << name;
+TEST(Exports, HeaderDeclaresTheFortyFourOperations) {
+    EXPECT_EQ(kOperations.size(), 44u);
+    EXPECT_EQ(HeaderOperations(), kOperations);
 }
 
 TEST(Exports, DynamicSymbolsAreExactlyTheOperationsAndGlobalFunctions) {

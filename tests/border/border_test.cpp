@@ -1,0 +1,319 @@
+// Border and hole removal through the C API on drawn pages: white sheets on
+// black frames (upright, skewed, quarter-turned), frames touching one edge,
+// all-frame pages, winding dark paths, and punched pages with solid discs.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+
+#include "support/pages.h"
+
+using qtest::Block;
+using qtest::MakePage;
+using qtest::MakePageWith;
+using qtest::PageSpec;
+using qtest::PageView;
+using qtest::Palette;
+
+namespace {
+
+PageSpec Spec(int w, int h, int bits, Palette p = Palette::kDarkFirst) {
+    PageSpec s;
+    s.width = w;
+    s.height = h;
+    s.bitCount = bits;
+    s.palette = bits >= 24 ? Palette::kNone : p;
+    return s;
+}
+
+// A page of `bits` whose pixel (x, y in storage rows) is white where
+// `sheet` holds and black elsewhere.
+Block Sheet(int w, int h, int bits, std::function<bool(double, double)> sheet) {
+    return MakePageWith(Spec(w, h, bits), [&](int x, int y, int) {
+        const bool white = sheet(x + 0.5, y + 0.5);
+        return bits == 1 ? (white ? 1 : 0) : (white ? 255 : 0);
+    });
+}
+
+// A sheet rectangle of sw x sh centred at (cx, cy), turned by `degrees`
+// (counter-clockwise in column / stored-row coordinates).
+std::function<bool(double, double)> Turned(double cx, double cy, double sw, double sh, double degrees) {
+    const double a = degrees * M_PI / 180, c = std::cos(a), s = std::sin(a);
+    return [=](double x, double y) {
+        const double dx = x - cx, dy = y - cy;
+        const double u = dx * c + dy * s, v = -dx * s + dy * c;
+        return std::fabs(u) <= sw / 2 && std::fabs(v) <= sh / 2;
+    };
+}
+
+int Dark(HGLOBAL h) {
+    PageView v(h);
+    int n = 0;
+    for (int y = 0; y < v.height(); ++y)
+        for (int x = 0; x < v.width(); ++x) n += v.get(x, y) < 128;
+    return n;
+}
+
+// ---- RemoveBorder ------------------------------------------------------------------
+
+TEST(RemoveBorder, FramelessPagesLoseTheirMargins) {
+    Block portrait = Sheet(600, 800, 8, [](double, double) { return true; });
+    Block p(RemoveBorder(portrait.get(), 128, 0, 0));
+    ASSERT_TRUE(p);
+    EXPECT_EQ(p.header().biWidth, 600 - 47);
+    EXPECT_EQ(p.header().biHeight, 800 - 37);
+    Block landscape = Sheet(800, 600, 24, [](double, double) { return true; });
+    Block l(RemoveBorder(landscape.get(), 128, 7, 9));
+    ASSERT_TRUE(l);
+    EXPECT_EQ(l.header().biWidth, 800 - 37);
+    EXPECT_EQ(l.header().biHeight, 600 - 47);
+    // Below 510 pixels no margin: 3 in from each side, the far sides 4.
+    Block small = Sheet(300, 400, 8, [](double, double) { return true; });
+    Block s(RemoveBorder(small.get(), 128, 0, 0));
+    EXPECT_EQ(s.header().biWidth, 300 - 7);
+    EXPECT_EQ(s.header().biHeight, 400 - 7);
+}
+
+TEST(RemoveBorder, CutsTheSheetOutOfItsFrame) {
+    Block page = Sheet(700, 900, 8, [](double x, double y) { return x > 100 && x < 600 && y > 150 && y < 750; });
+    Block out(RemoveBorder(page.get(), 128, 0, 0));
+    ASSERT_TRUE(out);
+    // Page lines start at column 100 and stored row 150: edges at the fourth
+    // line of the run, then moved in by 20 across and 15 along (portrait).
+    EXPECT_EQ(out.header().biWidth, (599 - 3 - 20) - (100 + 3 + 20));
+    EXPECT_EQ(out.header().biHeight, (749 - 3 - 15) - (150 + 3 + 15));
+    EXPECT_EQ(Dark(out.get()), 0);
+    // The same at 1 and 32 bits.
+    for (int bits : {1, 32}) {
+        Block other = Sheet(700, 900, bits, [](double x, double y) { return x > 100 && x < 600 && y > 150 && y < 750; });
+        Block o(RemoveBorder(other.get(), 128, 0, 0));
+        ASSERT_TRUE(o);
+        EXPECT_EQ(o.header().biWidth, out.header().biWidth) << bits;
+        EXPECT_EQ(o.header().biHeight, out.header().biHeight) << bits;
+    }
+}
+
+TEST(RemoveBorder, AllFrameAndTinyPages) {
+    Block black = Sheet(100, 80, 8, [](double, double) { return false; });
+    Block out(RemoveBorder(black.get(), 128, 0, 0));
+    EXPECT_EQ(out.header().biWidth, 99);
+    EXPECT_EQ(out.header().biHeight, 79);
+    Block white = Sheet(100, 80, 8, [](double, double) { return true; });
+    Block none(RemoveBorder(white.get(), 255, 0, 0));  // nothing is brighter than 255
+    EXPECT_EQ(none.header().biWidth, 99);
+    Block tiny = Sheet(20, 15, 8, [](double, double) { return true; });
+    Block t(RemoveBorder(tiny.get(), 128, 0, 0));
+    EXPECT_EQ(t.header().biWidth, 20);
+    EXPECT_EQ(t.header().biHeight, 15);
+    EXPECT_EQ(RemoveBorder(MakePage(Spec(8, 8, 4)).get(), 128, 0, 0), nullptr);
+}
+
+TEST(RemoveBorder, FrameAlongOneEdge) {
+    Block page = Sheet(600, 800, 8, [](double, double y) { return y > 100; });
+    Block out(RemoveBorder(page.get(), 128, 0, 0));
+    // Top (stored row) edge: the fourth page row is 103, plus 15.
+    EXPECT_EQ(out.header().biHeight, (800 - 4 - 15) - (103 + 15));
+    EXPECT_EQ(out.header().biWidth, 600 - 47);
+}
+
+// ---- RemoveBorder1 ------------------------------------------------------------------
+
+TEST(RemoveBorder1, UprightSheetMatchesRemoveBorder) {
+    Block page = Sheet(700, 900, 8, [](double x, double y) { return x > 100 && x < 600 && y > 150 && y < 750; });
+    Block plain(RemoveBorder(page.get(), 128, 0, 0));
+    Block one(RemoveBorder1(page.get(), 128, 0, 3, 4));
+    ASSERT_TRUE(one);
+    EXPECT_EQ(one.bytes(), plain.bytes());
+    Block half(RemoveBorder1(page.get(), 128, 180, 0, 0));
+    EXPECT_EQ(half.header().biWidth, plain.header().biWidth);
+    EXPECT_EQ(Dark(half.get()), 0);
+    for (int angle : {90, -90, 270, -270}) {
+        Block q(RemoveBorder1(page.get(), 128, angle, 0, 0));
+        ASSERT_TRUE(q);
+        EXPECT_EQ(q.header().biWidth, plain.header().biHeight) << angle;
+        EXPECT_EQ(q.header().biHeight, plain.header().biWidth) << angle;
+        EXPECT_LT(Dark(q.get()), q.header().biWidth * 2) << angle;
+    }
+}
+
+TEST(RemoveBorder1, StraightensSkewedSheets) {
+    for (double degrees : {2.0, -3.0, 5.0}) {
+        Block page = Sheet(900, 1100, 8, Turned(450, 550, 600, 800, degrees));
+        Block out(RemoveBorder1(page.get(), 128, 0, 0, 0));
+        ASSERT_TRUE(out);
+        // Upright and of the sheet's size, less the finder's margins.
+        EXPECT_NEAR(out.header().biWidth, 600 - 47, 6) << degrees;
+        EXPECT_NEAR(out.header().biHeight, 800 - 37, 6) << degrees;
+        EXPECT_LT(Dark(out.get()), 600 * 4) << degrees;
+        Block turned(RemoveBorder1(page.get(), 128, 90, 0, 0));
+        ASSERT_TRUE(turned);
+        EXPECT_NEAR(turned.header().biWidth, 800 - 37, 6) << degrees;
+        EXPECT_NEAR(turned.header().biHeight, 600 - 47, 6) << degrees;
+    }
+}
+
+// ---- RemoveBorder_GPY ---------------------------------------------------------------
+
+TEST(RemoveBorderGpy, UprightAndTurnedRectangles) {
+    for (double degrees : {0.0, 6.0, -4.0, 17.0, 87.0}) {
+        Block page = Sheet(1100, 1200, 8, Turned(550, 600, 600, 800, degrees));
+        Block out(RemoveBorder_GPY(page.get(), 128));
+        ASSERT_TRUE(out) << degrees;
+        int w = out.header().biWidth, h = out.header().biHeight;
+        if (degrees > 45) std::swap(w, h);  // 87 folds to -3: the long side lies across
+        EXPECT_NEAR(w, 600, 8) << degrees;
+        EXPECT_NEAR(h, 800, 8) << degrees;
+        EXPECT_LT(Dark(out.get()), (w + h) * 8) << degrees;
+    }
+}
+
+TEST(RemoveBorderGpy, RefusesPagesWithoutASheet) {
+    EXPECT_EQ(RemoveBorder_GPY(Sheet(300, 300, 8, [](double, double) { return false; }).get(), 128), nullptr);
+    EXPECT_EQ(RemoveBorder_GPY(Sheet(300, 300, 8, Turned(150, 150, 40, 200, 0)).get(), 128), nullptr);
+    // A 24-bit page: outside the turned source the fill is black.
+    Block colour = Sheet(500, 500, 24, Turned(250, 250, 300, 200, 10));
+    Block out(RemoveBorder_GPY(colour.get(), 128));
+    ASSERT_TRUE(out);
+    EXPECT_NEAR(out.header().biWidth, 300, 8);
+}
+
+TEST(RemoveBorderGpy, TheFirstOfEqualSheetsWins) {
+    // Two equal sheets. OpenCV lists the contour it traced last first, so the
+    // upper sheet in stored rows (the later one in its row-by-row scan) is
+    // the first of the list and wins; it carries a dark mark.
+    Block page = MakePageWith(Spec(400, 600, 8), [](int x, int y, int) {
+        const bool lower = x >= 100 && x < 300 && y >= 50 && y < 250;
+        const bool upper = x >= 100 && x < 300 && y >= 350 && y < 550;
+        if (upper && x >= 190 && x < 210 && y >= 440 && y < 460) return 100;
+        return lower || upper ? 255 : 0;
+    });
+    Block out(RemoveBorder_GPY(page.get(), 128));
+    ASSERT_TRUE(out);
+    int marked = 0;
+    PageView v(out.get());
+    for (int y = 0; y < v.height(); ++y)
+        for (int x = 0; x < v.width(); ++x) marked += v.get(x, y) == 100;
+    EXPECT_GT(marked, 300);
+}
+
+// ---- RemoveBorder_Fill ---------------------------------------------------------------
+
+TEST(RemoveBorderFill, WhitensTheFrameAndKeepsTheText) {
+    Block page = MakePageWith(Spec(200, 150, 8), [](int x, int y, int) {
+        const bool frame = x < 20 || y < 15 || x >= 180 || y >= 130;
+        const bool letter = x >= 90 && x < 95 && y >= 60 && y < 80;
+        const bool line = y == 100 && x < 120;  // runs from the frame into the page
+        return frame || letter || line ? 0 : 240;
+    });
+    Block out(RemoveBorder_Fill(page.get(), 128));
+    ASSERT_TRUE(out);
+    PageView v(out.get());
+    EXPECT_EQ(v.get(5, 5), 255);
+    EXPECT_EQ(v.get(199, 149), 255);
+    EXPECT_EQ(v.get(92, 70), 0);    // the letter stays
+    EXPECT_EQ(v.get(119, 100), 255);  // the line joined to the frame goes
+    EXPECT_EQ(v.get(50, 50), 240);
+    // Threshold 0: nothing is dark; above 255 everything is.
+    EXPECT_EQ(Block(RemoveBorder_Fill(page.get(), 0)).bytes(), page.bytes());
+    EXPECT_EQ(Dark(Block(RemoveBorder_Fill(page.get(), 256)).get()), 0);
+}
+
+TEST(RemoveBorderFill, WindingPathsAreReachedOnlyAsFarAsThePassesGo) {
+    // A dark U open at the top: the forward pass climbs from the frame up the
+    // left arm; the right arm is reached through the bottom of the U.
+    Block page = MakePageWith(Spec(100, 100, 8), [](int x, int y, int) {
+        const bool frame = x == 0 || y == 0 || x == 99 || y == 99;
+        const bool stem = x == 10 && y < 50;
+        const bool bottom = y == 49 && x >= 10 && x <= 40;
+        const bool arm = x == 40 && y >= 20 && y <= 49;
+        return frame || stem || bottom || arm ? 0 : 255;
+    });
+    Block out(RemoveBorder_Fill(page.get(), 128));
+    PageView v(out.get());
+    EXPECT_EQ(v.get(10, 30), 255);
+    EXPECT_EQ(v.get(30, 49), 255);
+    EXPECT_EQ(v.get(40, 20), 255);  // the backward pass walks down the arm
+}
+
+TEST(RemoveBorderFill, BitonalPagesKeepTheirColours) {
+    for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
+        const int ink = p == Palette::kDarkFirst ? 0 : 1;
+        Block page = MakePageWith(Spec(64, 40, 1, p), [&](int x, int y, int) {
+            const bool dark = x < 4 || (x == 30 && y == 20);
+            return dark ? ink : 1 - ink;
+        });
+        Block out(RemoveBorder_Fill(page.get(), 128));
+        PageView v(out.get());
+        EXPECT_EQ(v.get(1, 10), 1 - ink);
+        EXPECT_EQ(v.get(30, 20), ink);
+        EXPECT_EQ(v.get(50, 10), 1 - ink);
+    }
+}
+
+// ---- RemoveHole ---------------------------------------------------------------------
+
+// A white page with solid black discs of the given radius at the centres.
+Block Punched(int w, int h, int bits, std::vector<std::pair<int, int>> centres, int radius) {
+    return MakePageWith(Spec(w, h, bits), [&](int x, int y, int) {
+        const int row = h - 1 - y;  // centres in display coordinates
+        for (auto [cx, cy] : centres)
+            if ((x - cx) * (x - cx) + (row - cy) * (row - cy) <= radius * radius) return 0;
+        return bits == 1 ? 1 : 255;
+    });
+}
+
+TEST(RemoveHole, PaintsDiscsInTheFlaggedBand) {
+    Block page = Punched(800, 1000, 8, {{50, 200}, {50, 500}, {50, 800}, {400, 500}}, 20);
+    Block out(RemoveHole(page.get(), TRUE, FALSE, FALSE, FALSE, 100, 1, 5, 20, 60, 0.5));
+    ASSERT_TRUE(out);
+    PageView v(out.get());
+    EXPECT_EQ(v.get(50, 1000 - 1 - 200), 255);
+    EXPECT_EQ(v.get(50, 1000 - 1 - 500), 255);
+    EXPECT_EQ(v.get(400, 1000 - 1 - 500), 0);  // the disc in the middle is no hole
+    EXPECT_EQ(Dark(out.get()), Dark(Punched(800, 1000, 8, {{400, 500}}, 20).get()));
+    // Other bands flagged only: nothing painted.
+    Block other(RemoveHole(page.get(), FALSE, TRUE, TRUE, TRUE, 100, 1, 5, 20, 60, 0.5));
+    EXPECT_EQ(other.bytes(), page.bytes());
+    // No band at all, or a margin of 0: an unchanged copy.
+    EXPECT_EQ(Block(RemoveHole(page.get(), FALSE, FALSE, FALSE, FALSE, 100, 0, 5, 20, 60, 0.5)).bytes(), page.bytes());
+    EXPECT_EQ(Block(RemoveHole(page.get(), TRUE, FALSE, FALSE, FALSE, 0, 0, 5, 20, 60, 0.5)).bytes(), page.bytes());
+}
+
+TEST(RemoveHole, CountRules) {
+    Block page = Punched(800, 1000, 8, {{50, 200}, {50, 500}, {50, 800}, {750, 500}}, 20);
+    // At most two holes: two of the four are painted.
+    Block two(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 100, 1, 2, 20, 60, 0.5));
+    EXPECT_EQ(Dark(two.get()), Dark(page.get()) / 2);
+    // More holes wanted than there are candidates: nothing painted.
+    Block none(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 100, 5, 9, 20, 60, 0.5));
+    EXPECT_EQ(none.bytes(), page.bytes());
+    // A density above every candidate: the fewest holes are painted anyway.
+    Block least(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 100, 3, 9, 20, 60, 0.9));
+    EXPECT_EQ(Dark(least.get()), Dark(page.get()) / 4);
+    // Discs outside the size limits are no holes.
+    Block big(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 100, 1, 9, 50, 60, 0.5));
+    EXPECT_EQ(big.bytes(), page.bytes());
+    // A margin above a third of the smaller side is lowered to it.
+    Block wide(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 5000, 1, 9, 20, 60, 0.5));
+    EXPECT_EQ(Dark(wide.get()), 0);
+}
+
+TEST(RemoveHole, BlotsTouchingTheInnerBlockStay) {
+    Block page = Punched(800, 1000, 8, {{95, 500}}, 20);  // reaches past the 100-pixel band
+    Block out(RemoveHole(page.get(), TRUE, FALSE, FALSE, FALSE, 100, 1, 5, 20, 60, 0.5));
+    EXPECT_EQ(out.bytes(), page.bytes());
+}
+
+TEST(RemoveHole, BitonalFillFollowsThePalette) {
+    Block dark = Punched(400, 500, 1, {{40, 250}}, 15);
+    Block out(RemoveHole(dark.get(), TRUE, FALSE, FALSE, FALSE, 80, 1, 3, 10, 40, 0.5));
+    EXPECT_EQ(PageView(out.get()).get(40, 249), 1);
+    // Entry 0 white: the holes are painted with 0 bits.
+    Block light = MakePageWith(Spec(400, 500, 1, Palette::kLightFirst), [](int x, int y, int) {
+        return (x - 40) * (x - 40) + (y - 249) * (y - 249) <= 225 ? 1 : 0;
+    });
+    Block lout(RemoveHole(light.get(), TRUE, FALSE, FALSE, FALSE, 80, 1, 3, 10, 40, 0.5));
+    EXPECT_EQ(PageView(lout.get()).get(40, 249), 0);
+}
+
+}  // namespace
