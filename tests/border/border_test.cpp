@@ -11,25 +11,17 @@
 using qtest::Block;
 using qtest::MakePage;
 using qtest::MakePageWith;
-using qtest::PageSpec;
+using qtest::PageShape;
+using qtest::Shape;
 using qtest::PageView;
 using qtest::Palette;
 
 namespace {
 
-PageSpec Spec(int w, int h, int bits, Palette p = Palette::kDarkFirst) {
-    PageSpec s;
-    s.width = w;
-    s.height = h;
-    s.bitCount = bits;
-    s.palette = bits >= 24 ? Palette::kNone : p;
-    return s;
-}
-
 // A page of `bits` whose pixel (x, y in storage rows) is white where
 // `sheet` holds and black elsewhere.
 Block Sheet(int w, int h, int bits, std::function<bool(double, double)> sheet) {
-    return MakePageWith(Spec(w, h, bits), [&](int x, int y, int) {
+    return MakePageWith(Shape(w, h, bits), [&](int x, int y, int) {
         const bool white = sheet(x + 0.5, y + 0.5);
         return bits == 1 ? (white ? 1 : 0) : (white ? 255 : 0);
     });
@@ -105,7 +97,7 @@ TEST(RemoveBorder, AllFrameAndTinyPages) {
     Block t(RemoveBorder(tiny.get(), 128, 0, 0));
     EXPECT_EQ(t.header().biWidth, 20);
     EXPECT_EQ(t.header().biHeight, 15);
-    EXPECT_EQ(RemoveBorder(MakePage(Spec(8, 8, 4)).get(), 128, 0, 0), nullptr);
+    EXPECT_EQ(RemoveBorder(MakePage(Shape(8, 8, 4)).get(), 128, 0, 0), nullptr);
 }
 
 TEST(RemoveBorder, FrameAlongOneEdge) {
@@ -181,7 +173,7 @@ TEST(RemoveBorderGpy, TheFirstOfEqualSheetsWins) {
     // Two equal sheets. OpenCV lists the contour it traced last first, so the
     // upper sheet in stored rows (the later one in its row-by-row scan) is
     // the first of the list and wins; it carries a dark mark.
-    Block page = MakePageWith(Spec(400, 600, 8), [](int x, int y, int) {
+    Block page = MakePageWith(Shape(400, 600, 8), [](int x, int y, int) {
         const bool lower = x >= 100 && x < 300 && y >= 50 && y < 250;
         const bool upper = x >= 100 && x < 300 && y >= 350 && y < 550;
         if (upper && x >= 190 && x < 210 && y >= 440 && y < 460) return 100;
@@ -199,7 +191,7 @@ TEST(RemoveBorderGpy, TheFirstOfEqualSheetsWins) {
 // ---- RemoveBorder_Fill ---------------------------------------------------------------
 
 TEST(RemoveBorderFill, WhitensTheFrameAndKeepsTheText) {
-    Block page = MakePageWith(Spec(200, 150, 8), [](int x, int y, int) {
+    Block page = MakePageWith(Shape(200, 150, 8), [](int x, int y, int) {
         const bool frame = x < 20 || y < 15 || x >= 180 || y >= 130;
         const bool letter = x >= 90 && x < 95 && y >= 60 && y < 80;
         const bool line = y == 100 && x < 120;  // runs from the frame into the page
@@ -221,7 +213,7 @@ TEST(RemoveBorderFill, WhitensTheFrameAndKeepsTheText) {
 TEST(RemoveBorderFill, WindingPathsAreReachedOnlyAsFarAsThePassesGo) {
     // A dark U open at the top: the forward pass climbs from the frame up the
     // left arm; the right arm is reached through the bottom of the U.
-    Block page = MakePageWith(Spec(100, 100, 8), [](int x, int y, int) {
+    Block page = MakePageWith(Shape(100, 100, 8), [](int x, int y, int) {
         const bool frame = x == 0 || y == 0 || x == 99 || y == 99;
         const bool stem = x == 10 && y < 50;
         const bool bottom = y == 49 && x >= 10 && x <= 40;
@@ -238,7 +230,7 @@ TEST(RemoveBorderFill, WindingPathsAreReachedOnlyAsFarAsThePassesGo) {
 TEST(RemoveBorderFill, BitonalPagesKeepTheirColours) {
     for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
         const int ink = p == Palette::kDarkFirst ? 0 : 1;
-        Block page = MakePageWith(Spec(64, 40, 1, p), [&](int x, int y, int) {
+        Block page = MakePageWith(Shape(64, 40, 1, p), [&](int x, int y, int) {
             const bool dark = x < 4 || (x == 30 && y == 20);
             return dark ? ink : 1 - ink;
         });
@@ -254,7 +246,7 @@ TEST(RemoveBorderFill, BitonalPagesKeepTheirColours) {
 
 // A white page with solid black discs of the given radius at the centres.
 Block Punched(int w, int h, int bits, std::vector<std::pair<int, int>> centres, int radius) {
-    return MakePageWith(Spec(w, h, bits), [&](int x, int y, int) {
+    return MakePageWith(Shape(w, h, bits), [&](int x, int y, int) {
         const int row = h - 1 - y;  // centres in display coordinates
         for (auto [cx, cy] : centres)
             if ((x - cx) * (x - cx) + (row - cy) * (row - cy) <= radius * radius) return 0;
@@ -309,7 +301,7 @@ TEST(RemoveHole, BitonalFillFollowsThePalette) {
     Block out(RemoveHole(dark.get(), TRUE, FALSE, FALSE, FALSE, 80, 1, 3, 10, 40, 0.5));
     EXPECT_EQ(PageView(out.get()).get(40, 249), 1);
     // Entry 0 white: the holes are painted with 0 bits.
-    Block light = MakePageWith(Spec(400, 500, 1, Palette::kLightFirst), [](int x, int y, int) {
+    Block light = MakePageWith(Shape(400, 500, 1, Palette::kLightFirst), [](int x, int y, int) {
         return (x - 40) * (x - 40) + (y - 249) * (y - 249) <= 225 ? 1 : 0;
     });
     Block lout(RemoveHole(light.get(), TRUE, FALSE, FALSE, FALSE, 80, 1, 3, 10, 40, 0.5));

@@ -10,24 +10,16 @@
 using qtest::Block;
 using qtest::MakePage;
 using qtest::MakePageWith;
-using qtest::PageSpec;
+using qtest::PageShape;
+using qtest::Shape;
 using qtest::PageView;
 using qtest::Palette;
 
 namespace {
 
-PageSpec Spec(int w, int h, int bits, Palette p = Palette::kDarkFirst) {
-    PageSpec s;
-    s.width = w;
-    s.height = h;
-    s.bitCount = bits;
-    s.palette = bits >= 24 ? Palette::kNone : p;
-    return s;
-}
-
 // A white 8-bit page with black pixels where `ink(x, y)` holds (storage rows).
 Block Inked(int w, int h, std::function<bool(int, int)> ink) {
-    return MakePageWith(Spec(w, h, 8), [&](int x, int y, int) { return ink(x, y) ? 0 : 255; });
+    return MakePageWith(Shape(w, h, 8), [&](int x, int y, int) { return ink(x, y) ? 0 : 255; });
 }
 
 int DarkCount(HGLOBAL h) {
@@ -66,16 +58,16 @@ TEST(Denoise, SpeckSizesAgainstN) {
 
 TEST(Denoise, LowContrastDotsStay) {
     // A dot 100 levels darker than the paper is not a speck; 101 is.
-    Block faint = MakePageWith(Spec(40, 40, 8), [](int x, int y, int) { return x == 20 && y == 20 ? 155 : 255; });
+    Block faint = MakePageWith(Shape(40, 40, 8), [](int x, int y, int) { return x == 20 && y == 20 ? 155 : 255; });
     EXPECT_EQ(PageView(Block(Denoise(faint.get(), 2)).get()).get(20, 20), 155);
-    Block clear = MakePageWith(Spec(40, 40, 8), [](int x, int y, int) { return x == 20 && y == 20 ? 154 : 255; });
+    Block clear = MakePageWith(Shape(40, 40, 8), [](int x, int y, int) { return x == 20 && y == 20 ? 154 : 255; });
     EXPECT_EQ(PageView(Block(Denoise(clear.get(), 2)).get()).get(20, 20), 255);
 }
 
 TEST(Denoise, BitonalPagesKeepTheirPalette) {
     for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
         const int ink = p == Palette::kDarkFirst ? 0 : 1;
-        Block page = MakePageWith(Spec(70, 50, 1, p), [&](int x, int y, int) {
+        Block page = MakePageWith(Shape(70, 50, 1, p), [&](int x, int y, int) {
             const bool dark = (x == 30 && y == 25) || (y == 10 && x >= 10 && x < 60);
             return dark ? ink : 1 - ink;
         });
@@ -90,7 +82,7 @@ TEST(Denoise, BitonalPagesKeepTheirPalette) {
 }
 
 TEST(Denoise, ColourSmoothingInsideTheRectangleOnly) {
-    Block page = MakePageWith(Spec(40, 30, 24), [](int x, int y, int c) { return ((x + y) % 2) * 200 + c; });
+    Block page = MakePageWith(Shape(40, 30, 24), [](int x, int y, int c) { return ((x + y) % 2) * 200 + c; });
     RECT r{5, 5, 25, 20};  // storage rows 10..24
     Block out(DenoiseRect(page.get(), &r, 4));
     ASSERT_TRUE(out);
@@ -134,26 +126,26 @@ TEST(IsBlankPage, InkShares) {
     EXPECT_EQ(IsBlankPage(narrow.get(), 0), 0);
     EXPECT_EQ(IsBlankPage(narrow.get(), 256), 10000);
     // 64 dark pixels in the 230 x 230 region of a 250 x 250 colour page.
-    Block colour = MakePageWith(Spec(250, 250, 24), [](int x, int y, int) { return x >= 100 && x < 108 && y >= 100 && y < 108 ? 0 : 255; });
+    Block colour = MakePageWith(Shape(250, 250, 24), [](int x, int y, int) { return x >= 100 && x < 108 && y >= 100 && y < 108 ? 0 : 255; });
     EXPECT_EQ(IsBlankPage(colour.get(), 128), 12);
     EXPECT_EQ(IsBlankPage(nullptr, 128), -1);
-    EXPECT_EQ(IsBlankPage(MakePage(Spec(8, 8, 4)).get(), 128), -1);
+    EXPECT_EQ(IsBlankPage(MakePage(Shape(8, 8, 4)).get(), 128), -1);
 }
 
 TEST(IsBlankPage, BitonalInkByPalette) {
     for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
         const int ink = p == Palette::kDarkFirst ? 0 : 1;
-        Block page = MakePageWith(Spec(100, 100, 1, p), [&](int x, int, int) { return x < 25 ? ink : 1 - ink; });
+        Block page = MakePageWith(Shape(100, 100, 1, p), [&](int x, int, int) { return x < 25 ? ink : 1 - ink; });
         EXPECT_EQ(IsBlankPage(page.get(), 128), 2500);
     }
 }
 
 // ---- Watermark ------------------------------------------------------------------------
 
-Block Mark(int w, int h, int value) { return MakePageWith(Spec(w, h, 8), [=](int, int, int) { return value; }); }
+Block Mark(int w, int h, int value) { return MakePageWith(Shape(w, h, 8), [=](int, int, int) { return value; }); }
 
 TEST(WaterMark, CentredAndStacked) {
-    Block page = MakePageWith(Spec(1000, 800, 8), [](int, int, int) { return 200; });
+    Block page = MakePageWith(Shape(1000, 800, 8), [](int, int, int) { return 200; });
     Block mark = Mark(100, 100, 50);
     Block one(AddWaterMark(page.get(), mark.get()));
     ASSERT_TRUE(one);
@@ -171,20 +163,20 @@ TEST(WaterMark, CentredAndStacked) {
 }
 
 TEST(WaterMark, DepthsAndLargeMarks) {
-    Block colour = MakePageWith(Spec(10, 10, 24), [](int, int, int c) { return std::array<int, 3>{30, 150, 255}[c]; });
+    Block colour = MakePageWith(Shape(10, 10, 24), [](int, int, int c) { return std::array<int, 3>{30, 150, 255}[c]; });
     Block out(AddWaterMark(colour.get(), Mark(4, 4, 100).get()));
     PageView v(out.get());
     EXPECT_EQ(v.get(4, 4, 0), 0);
     EXPECT_EQ(v.get(4, 4, 1), 50);
     EXPECT_EQ(v.get(4, 4, 2), 155);
     // 1-bit pages: mark levels of 128 and more clear bits.
-    Block bits = MakePageWith(Spec(16, 4, 1), [](int, int, int) { return 1; });
-    Block marked(AddWaterMark(bits.get(), MakePageWith(Spec(16, 4, 8), [](int x, int, int) { return x < 8 ? 128 : 127; }).get()));
+    Block bits = MakePageWith(Shape(16, 4, 1), [](int, int, int) { return 1; });
+    Block marked(AddWaterMark(bits.get(), MakePageWith(Shape(16, 4, 8), [](int x, int, int) { return x < 8 ? 128 : 127; }).get()));
     EXPECT_EQ(PageView(marked.get()).get(3, 1), 0);
     EXPECT_EQ(PageView(marked.get()).get(12, 1), 1);
     // A mark larger than the page draws only what lies inside it; the column
     // form clips its last copy at the top edge.
-    Block page = MakePageWith(Spec(50, 50, 8), [](int, int, int) { return 200; });
+    Block page = MakePageWith(Shape(50, 50, 8), [](int, int, int) { return 200; });
     Block big(AddWaterMark(page.get(), Mark(80, 70, 10).get()));
     EXPECT_EQ(PageView(big.get()).get(49, 49), 190);
     Block tall(AddWaterMarkEx(page.get(), Mark(20, 30, 10).get()));
@@ -192,15 +184,15 @@ TEST(WaterMark, DepthsAndLargeMarks) {
     EXPECT_EQ(t.get(25, 49), 190);  // 50 mod 30 = 20, copies at rows 10 and 40
     EXPECT_EQ(t.get(25, 9), 200);
     // The mark must be an 8-bit page.
-    EXPECT_EQ(AddWaterMark(page.get(), MakePage(Spec(4, 4, 24)).get()), nullptr);
+    EXPECT_EQ(AddWaterMark(page.get(), MakePage(Shape(4, 4, 24)).get()), nullptr);
     EXPECT_EQ(AddWaterMarkEx(page.get(), nullptr), nullptr);
 }
 
 // ---- Combine ------------------------------------------------------------------------------
 
 TEST(Combine, LayoutsAndMargins) {
-    Block a = MakePageWith(Spec(100, 200, 8), [](int, int, int) { return 10; });
-    Block b = MakePageWith(Spec(150, 120, 8), [](int, int, int) { return 20; });
+    Block a = MakePageWith(Shape(100, 200, 8), [](int, int, int) { return 10; });
+    Block b = MakePageWith(Shape(150, 120, 8), [](int, int, int) { return 20; });
     Block side(Combine(a.get(), b.get(), 0));
     ASSERT_TRUE(side);
     EXPECT_EQ(side.header().biWidth, 250);
@@ -220,8 +212,8 @@ TEST(Combine, LayoutsAndMargins) {
 }
 
 TEST(Combine, FormatUnificationAndHeaders) {
-    Block colour = MakePageWith(Spec(4, 4, 24), [](int, int, int) { return 77; });
-    Block bits = MakePageWith(Spec(4, 4, 1), [](int x, int, int) { return x & 1; });
+    Block colour = MakePageWith(Shape(4, 4, 24), [](int, int, int) { return 77; });
+    Block bits = MakePageWith(Shape(4, 4, 1), [](int x, int, int) { return x & 1; });
     Block cb(Combine(colour.get(), bits.get(), 0));
     ASSERT_TRUE(cb);
     EXPECT_EQ(cb.header().biBitCount, 24);
@@ -229,18 +221,18 @@ TEST(Combine, FormatUnificationAndHeaders) {
     EXPECT_EQ(v.get(4, 0, 0), 0);    // bit 0: black in a dark-first table
     EXPECT_EQ(v.get(5, 0, 2), 255);  // bit 1: white
     // 1-bit page 1 with an 8-bit page 2: page 2's header and table.
-    Block gray = MakePageWith(Spec(4, 4, 8, Palette::kLightFirst), [](int, int, int) { return 3; });
+    Block gray = MakePageWith(Shape(4, 4, 8, Palette::kLightFirst), [](int, int, int) { return 3; });
     Block bg(Combine(bits.get(), gray.get(), 1));
     ASSERT_TRUE(bg);
     EXPECT_EQ(bg.header().biBitCount, 8);
     EXPECT_EQ(bg.bytes()[40], 255);  // page 2's entry 0 (white)
     // Two 1-bit pages with different tables: bits unchanged, page 2's table.
-    Block light = MakePageWith(Spec(4, 4, 1, Palette::kLightFirst), [](int, int, int) { return 0; });
+    Block light = MakePageWith(Shape(4, 4, 1, Palette::kLightFirst), [](int, int, int) { return 0; });
     Block bb(Combine(bits.get(), light.get(), 0));
     EXPECT_EQ(PageView(bb.get()).get(1, 0), 1);
     EXPECT_EQ(bb.bytes()[40], 255);
     // 32 and 8 bits: the 8-bit page becomes 32-bit colour.
-    Block deep = MakePage(Spec(3, 3, 32));
+    Block deep = MakePage(Shape(3, 3, 32));
     Block d8(Combine(gray.get(), deep.get(), 0));
     EXPECT_EQ(d8.header().biBitCount, 32);
     EXPECT_EQ(Combine(colour.get(), nullptr, 0), nullptr);

@@ -12,7 +12,7 @@
 using qtest::Block;
 using qtest::MakePage;
 using qtest::MakePageWith;
-using qtest::PageSpec;
+using qtest::PageShape;
 using qtest::PageView;
 using qtest::Palette;
 
@@ -20,8 +20,8 @@ namespace {
 
 using Bgr = std::array<int, 3>;
 
-PageSpec Colour(int w, int h, int bits = 24) {
-    PageSpec s;
+PageShape Colour(int w, int h, int bits = 24) {
+    PageShape s;
     s.width = w;
     s.height = h;
     s.bitCount = bits;
@@ -41,7 +41,7 @@ Bgr At(HGLOBAL h, int x, int y = 0) {
 }
 
 Block GrayLike(int w, int h, int level) {
-    PageSpec s;
+    PageShape s;
     s.width = w;
     s.height = h;
     return MakePageWith(s, [=](int, int, int) { return level; });
@@ -50,7 +50,7 @@ Block GrayLike(int w, int h, int level) {
 // ---- JudgeColorMode -------------------------------------------------------------
 
 TEST(JudgeColorMode, IndexedPagesAnswerByDepth) {
-    PageSpec s = Colour(8, 8, 1);
+    PageShape s = Colour(8, 8, 1);
     s.palette = Palette::kDarkFirst;
     EXPECT_EQ(JudgeColorMode(MakePage(s).get(), -1), 1);
     s.bitCount = 8;
@@ -264,7 +264,7 @@ TEST(EnhanceColorEx1, BaseImageAndDarkMarkers) {
 }
 
 TEST(EnhanceColor, GrayPagesComeBackUnchanged) {
-    PageSpec s;
+    PageShape s;
     s.width = 5;
     s.height = 5;
     Block gray = MakePage(s);

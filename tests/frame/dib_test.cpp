@@ -12,7 +12,7 @@ namespace {
 
 using namespace quarvel;
 using qtest::Block;
-using qtest::PageSpec;
+using qtest::PageShape;
 
 TEST(Dib, ColourCountsPixelOffsetsAndStrides) {
     struct Case {
@@ -39,11 +39,11 @@ TEST(Dib, ViewsMatchThePageAtEveryDepth) {
         const char *model;
     } cases[] = {{1, 1, 0, 1, "GRAY"}, {8, 1, 0, 8, "GRAY"}, {24, 3, 0, 8, "RGB"}, {32, 3, 1, 8, "RGB"}};
     for (const Case &c : cases) {
-        PageSpec spec;
-        spec.width = 33;
-        spec.height = 3;
-        spec.bitCount = c.bits;
-        Block page = qtest::MakePage(spec);
+        PageShape shape;
+        shape.width = 33;
+        shape.height = 3;
+        shape.bitCount = c.bits;
+        Block page = qtest::MakePage(shape);
         LockedDib in(page.get());
         ASSERT_TRUE(in.ok());
         ImagePtr view = DibToIplImage(in.header());
@@ -64,11 +64,11 @@ TEST(Dib, ViewsMatchThePageAtEveryDepth) {
 }
 
 TEST(Dib, RewrittenResultBlocksCarryTheirNewTable) {
-    PageSpec spec;
-    spec.width = 5;
-    spec.height = 2;
-    spec.bitCount = 24;
-    Block page = qtest::MakePage(spec);
+    PageShape shape;
+    shape.width = 5;
+    shape.height = 2;
+    shape.bitCount = 24;
+    Block page = qtest::MakePage(shape);
     LockedDib in(page.get());
     struct Case {
         PixelFormat format;
@@ -128,11 +128,11 @@ class MalformedBlocks : public ::testing::TestWithParam<Malformed> {};
 
 TEST_P(MalformedBlocks, AreRefusedWithoutTouchingTheBlock) {
     const Malformed &m = GetParam();
-    PageSpec spec;
-    spec.width = 9;
-    spec.height = 4;
-    spec.bitCount = 24;
-    Block drawn = qtest::MakePage(spec);
+    PageShape shape;
+    shape.width = 9;
+    shape.height = 4;
+    shape.bitCount = 24;
+    Block drawn = qtest::MakePage(shape);
     std::vector<std::uint8_t> bytes = drawn.bytes();
     m.spoil(reinterpret_cast<BITMAPINFOHEADER *>(bytes.data()));
     const std::size_t size = m.blockSize != 0 ? m.blockSize : bytes.size();
@@ -165,11 +165,11 @@ TEST(MalformedBlocks, DeadHandlesGiveNull) {
 TEST(Conversions, BitsBecomeGrayByThePalette) {
     // Entry 0 blue byte: 255 and 129 make 0 bits light; 128 makes them dark.
     for (int blue : {255, 129, 128}) {
-        PageSpec spec;
-        spec.width = 10;
-        spec.height = 2;
-        spec.bitCount = 1;
-        Block page = qtest::MakePageWith(spec, [](int x, int, int) { return x % 2; });
+        PageShape shape;
+        shape.width = 10;
+        shape.height = 2;
+        shape.bitCount = 1;
+        Block page = qtest::MakePageWith(shape, [](int x, int, int) { return x % 2; });
         {
             qtest::PageView v(page.get());
             auto *table = reinterpret_cast<RGBQUAD *>(reinterpret_cast<std::uint8_t *>(v.header()) + 40);
@@ -188,11 +188,11 @@ TEST(Conversions, BitsBecomeGrayByThePalette) {
 }
 
 TEST(Conversions, RegionsThresholdsAndColour) {
-    PageSpec spec;
-    spec.width = 40;
-    spec.height = 30;
-    spec.bitCount = 8;
-    Block page = qtest::MakePageWith(spec, [](int x, int y, int) { return (x + 3 * y) % 256; });
+    PageShape shape;
+    shape.width = 40;
+    shape.height = 30;
+    shape.bitCount = 8;
+    Block page = qtest::MakePageWith(shape, [](int x, int y, int) { return (x + 3 * y) % 256; });
     LockedDib in(page.get());
     ImagePtr view = DibToIplImage(in.header());
     IplROI margin{0, 10, 10, 20, 10};
@@ -219,12 +219,12 @@ TEST(Conversions, RegionsThresholdsAndColour) {
 }
 
 TEST(Conversions, ColourToGrayAndBitonalExpansion) {
-    PageSpec spec;
-    spec.width = 3;
-    spec.height = 1;
-    spec.bitCount = 24;
+    PageShape shape;
+    shape.width = 3;
+    shape.height = 1;
+    shape.bitCount = 24;
     const int px[3][3] = {{30, 250, 90}, {255, 255, 255}, {0, 0, 200}};
-    Block page = qtest::MakePageWith(spec, [&](int x, int, int c) { return px[x][c]; });
+    Block page = qtest::MakePageWith(shape, [&](int x, int, int c) { return px[x][c]; });
     LockedDib in(page.get());
     ImagePtr view = DibToIplImage(in.header());
     ImagePtr expanded = ExpandBitonalToGray(view.get(), in.header());

@@ -10,24 +10,16 @@
 using qtest::Block;
 using qtest::MakePage;
 using qtest::MakePageWith;
-using qtest::PageSpec;
+using qtest::PageShape;
+using qtest::Shape;
 using qtest::PageView;
 using qtest::Palette;
 
 namespace {
 
-PageSpec Spec(int w, int h, int bits, Palette p = Palette::kDarkFirst) {
-    PageSpec s;
-    s.width = w;
-    s.height = h;
-    s.bitCount = bits;
-    s.palette = bits >= 24 ? Palette::kNone : p;
-    return s;
-}
-
 // A page whose pixels identify their position (bits: a sparse pattern).
 Block Numbered(int w, int h, int bits) {
-    return MakePageWith(Spec(w, h, bits), [bits](int x, int y, int c) {
+    return MakePageWith(Shape(w, h, bits), [bits](int x, int y, int c) {
         if (bits == 1) return (x * 7 + y * 3) % 5 == 0 ? 1 : 0;
         return (x * 31 + y * 17 + c * 5) % 251;
     });
@@ -69,7 +61,7 @@ TEST_P(Depths, RotateMovesPixelsByTheMapping) {
 
 TEST(Rotate, BackgroundFollowsThePalette) {
     for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
-        Block page = MakePageWith(Spec(20, 20, 8, p), [](int, int, int) { return 100; });
+        Block page = MakePageWith(Shape(20, 20, 8, p), [](int, int, int) { return 100; });
         Block out(Rotate(page.get(), 45.0, 10, 10, 1));
         ASSERT_TRUE(out);
         EXPECT_EQ(PageView(out.get()).get(0, 0), p == Palette::kLightFirst ? 0 : 255);
@@ -80,7 +72,7 @@ TEST(Rotate, BackgroundFollowsThePalette) {
 TEST(Rotate, LinearInterpolationMatchesTheMappingInside) {
     // A smooth ramp turned by 3 degrees: every pixel well inside equals the
     // bilinear value at its mapped source position, within one level.
-    Block page = MakePageWith(Spec(64, 48, 8), [](int x, int y, int) { return 2 * x + y; });
+    Block page = MakePageWith(Shape(64, 48, 8), [](int x, int y, int) { return 2 * x + y; });
     Block out(Rotate(page.get(), 3.0, 32, 24, 1));
     ASSERT_TRUE(out);
     PageView res(out.get());
@@ -97,7 +89,7 @@ TEST(Rotate, LinearInterpolationMatchesTheMappingInside) {
 
 TEST(Rotate, RefusesWhatItCannotRead) {
     EXPECT_EQ(Rotate(nullptr, 3, 0, 0, 1), nullptr);
-    Block four = MakePage(Spec(8, 8, 4));
+    Block four = MakePage(Shape(8, 8, 4));
     EXPECT_EQ(Rotate(four.get(), 3, 0, 0, 1), nullptr);
     EXPECT_EQ(RotateEx(four.get(), 3, 0, 0, 1), nullptr);
     EXPECT_EQ(RotateExpand(four.get(), 90, 0, 0, 0), nullptr);
@@ -124,7 +116,7 @@ TEST_P(Depths, RotateExAtZeroFramesThePage) {
 }
 
 TEST(RotateEx, CanvasSizesAndPlacement) {
-    Block page = MakePageWith(Spec(100, 60, 8), [](int x, int y, int) { return x == 50 && y == 30 ? 7 : 200; });
+    Block page = MakePageWith(Shape(100, 60, 8), [](int x, int y, int) { return x == 50 && y == 30 ? 7 : 200; });
     Block quarter(RotateEx(page.get(), 90.0, 50, 30, 0));
     ASSERT_TRUE(quarter);
     EXPECT_EQ(quarter.header().biWidth, 103);
@@ -153,7 +145,7 @@ TEST(RotateEx, FillValuesByPaletteAndDepth) {
     } cases[] = {{8, Palette::kDarkFirst, 255, 0}, {8, Palette::kLightFirst, 0, 255}, {24, Palette::kNone, 255, 0},
                  {32, Palette::kNone, 255, 0},     {1, Palette::kDarkFirst, 1, 0},    {1, Palette::kLightFirst, 0, 1}};
     for (const Case &c : cases) {
-        Block page = MakePage(Spec(10, 10, c.bits, c.palette));
+        Block page = MakePage(Shape(10, 10, c.bits, c.palette));
         Block ex(RotateEx(page.get(), 20.0, 5, 5, 1)), ex1(RotateEx1(page.get(), 20.0, 5, 5, 1));
         ASSERT_TRUE(ex && ex1);
         for (int ch = 0; ch < Channels(c.bits); ++ch) {
@@ -192,7 +184,7 @@ TEST_P(Depths, RotateExpandTurnTable) {
 }
 
 TEST(RotateExpand, FractionalAndUnknownTurns) {
-    Block page = MakePageWith(Spec(100, 60, 8), [](int, int, int) { return 200; });
+    Block page = MakePageWith(Shape(100, 60, 8), [](int, int, int) { return 200; });
     // 90.6 uses the 90-degree row but turns a little further: some pixels
     // leave the frame and the uncovered ones are 0.
     Block out(RotateExpand(page.get(), 90.6, 0, 0, 0));
@@ -218,7 +210,7 @@ TEST(RotateExpand, FractionalAndUnknownTurns) {
 // A 100 x 100 white 8-bit page with a dark block at page rows 30..59 (from
 // the top) and columns 20..69.
 Block PrintedPage() {
-    return MakePageWith(Spec(100, 100, 8), [](int x, int y, int) {
+    return MakePageWith(Shape(100, 100, 8), [](int x, int y, int) {
         const int row = 99 - y;
         return x >= 20 && x < 70 && row >= 30 && row < 60 ? 0 : 255;
     });
@@ -263,14 +255,14 @@ TEST(Crop, ContentSearchFindsThePrint) {
 }
 
 TEST(Crop, BlankAndTinyContentFallBackToTheRegion) {
-    Block white = MakePageWith(Spec(80, 50, 8), [](int, int, int) { return 255; });
+    Block white = MakePageWith(Shape(80, 50, 8), [](int, int, int) { return 255; });
     RECT r{};
     Block out(Crop(white.get(), &r, 2, 0));
     ASSERT_TRUE(out);
     EXPECT_EQ(r.right, 79);
     EXPECT_EQ(r.bottom, 49);
     // One short line of print gives a box lower than 15 rows: the whole page.
-    Block line = MakePageWith(Spec(80, 50, 8), [](int x, int y, int) { return y >= 20 && y < 26 && x > 10 && x < 70 ? 0 : 255; });
+    Block line = MakePageWith(Shape(80, 50, 8), [](int x, int y, int) { return y >= 20 && y < 26 && x > 10 && x < 70 ? 0 : 255; });
     RECT q{};
     Block whole(Crop(line.get(), &q, 2, 0));
     ASSERT_TRUE(whole);

@@ -10,7 +10,7 @@
 namespace {
 
 using qtest::Block;
-using qtest::PageSpec;
+using qtest::PageShape;
 using qtest::PageView;
 
 struct Shape {
@@ -23,11 +23,11 @@ class SamePageOps : public ::testing::TestWithParam<Shape> {
 protected:
     Block Draw() const {
         const Shape s = GetParam();
-        PageSpec spec;
-        spec.width = s.width;
-        spec.height = s.height;
-        spec.bitCount = s.bitCount;
-        return qtest::MakePageWith(spec, [&](int x, int y, int c) {
+        PageShape shape;
+        shape.width = s.width;
+        shape.height = s.height;
+        shape.bitCount = s.bitCount;
+        return qtest::MakePageWith(shape, [&](int x, int y, int c) {
             return s.bitCount == 1 ? ((x * 7 + y * 3) % 5 < 2) : (x * 31 + y * 17 + c * 101) % 256;
         });
     }
@@ -95,13 +95,13 @@ INSTANTIATE_TEST_SUITE_P(Depths, SamePageOps,
                          });
 
 TEST(SamePageOps, ResultBlockCopiesHeaderTableAndAllocatedSize) {
-    PageSpec spec;
-    spec.width = 6;
-    spec.height = 3;
-    spec.bitCount = 8;
-    spec.clrUsed = 2;
-    spec.extraBytes = 37;
-    Block page = qtest::MakePageWith(spec, [](int x, int y, int) { return x + 10 * y; });
+    PageShape shape;
+    shape.width = 6;
+    shape.height = 3;
+    shape.bitCount = 8;
+    shape.clrUsed = 2;
+    shape.extraBytes = 37;
+    Block page = qtest::MakePageWith(shape, [](int x, int y, int) { return x + 10 * y; });
     {
         PageView v(page.get());
         v.header()->biSizeImage = 0;  // kept as it is in the copied header
@@ -116,12 +116,12 @@ TEST(SamePageOps, ResultBlockCopiesHeaderTableAndAllocatedSize) {
 }
 
 TEST(SamePageOps, InvertOfAColourPixel) {
-    PageSpec spec;
-    spec.width = 1;
-    spec.height = 1;
-    spec.bitCount = 24;
+    PageShape shape;
+    shape.width = 1;
+    shape.height = 1;
+    shape.bitCount = 24;
     const int bgr[3] = {10, 200, 255};
-    Block page = qtest::MakePageWith(spec, [&](int, int, int c) { return bgr[c]; });
+    Block page = qtest::MakePageWith(shape, [&](int, int, int c) { return bgr[c]; });
     Block out(Invert(page.get()));
     PageView v(out.get());
     EXPECT_EQ(v.get(0, 0, 0), 245);

@@ -11,23 +11,15 @@
 using qtest::Block;
 using qtest::MakePage;
 using qtest::MakePageWith;
-using qtest::PageSpec;
+using qtest::PageShape;
+using qtest::Shape;
 using qtest::PageView;
 using qtest::Palette;
 
 namespace {
 
-PageSpec Spec(int w, int h, int bits, Palette p = Palette::kDarkFirst) {
-    PageSpec s;
-    s.width = w;
-    s.height = h;
-    s.bitCount = bits;
-    s.palette = bits >= 24 ? Palette::kNone : p;
-    return s;
-}
-
 // A 256 x 1 gray page holding every level once.
-Block Ramp() { return MakePageWith(Spec(256, 1, 8), [](int x, int, int) { return x; }); }
+Block Ramp() { return MakePageWith(Shape(256, 1, 8), [](int x, int, int) { return x; }); }
 
 std::vector<int> Levels(HGLOBAL h) {
     PageView v(h);
@@ -87,7 +79,7 @@ TEST(Contrast, ThroughTheApiOnEveryLevel) {
 TEST(Brightness, SaturatesAndKeepsTheFourthByte) {
     EXPECT_EQ(Levels(Block(AdjustBrightness(Ramp().get(), 300)).get()), std::vector<int>(256, 255));
     EXPECT_EQ(Levels(Block(AdjustBrightness(Ramp().get(), -300)).get()), std::vector<int>(256, 0));
-    Block page = MakePageWith(Spec(3, 2, 32), [](int x, int, int c) { return c == 3 ? 200 + x : 10 * c; });
+    Block page = MakePageWith(Shape(3, 2, 32), [](int x, int, int c) { return c == 3 ? 200 + x : 10 * c; });
     Block out(AdjustContrast(page.get(), 50));
     Block bright(AdjustBrightness(page.get(), 20));
     for (int x = 0; x < 3; ++x) {
@@ -98,7 +90,7 @@ TEST(Brightness, SaturatesAndKeepsTheFourthByte) {
 }
 
 TEST(Tone, RefusesBitonalPagesAndOutOfRangeArguments) {
-    Block bits = MakePage(Spec(8, 8, 1));
+    Block bits = MakePage(Shape(8, 8, 1));
     EXPECT_EQ(AdjustBrightness(bits.get(), 10), nullptr);
     EXPECT_EQ(AdjustContrast(bits.get(), 10), nullptr);
     EXPECT_EQ(AdjustBrightnessAndContrast(bits.get(), 10, 10), nullptr);
@@ -112,7 +104,7 @@ TEST(Tone, RefusesBitonalPagesAndOutOfRangeArguments) {
 }
 
 TEST(Contrast, ConcurrentCallsGetTheirOwnTables) {
-    Block page = MakePageWith(Spec(300, 200, 24), [](int x, int y, int c) { return (x + y * 3 + c * 50) % 256; });
+    Block page = MakePageWith(Shape(300, 200, 24), [](int x, int y, int c) { return (x + y * 3 + c * 50) % 256; });
     const auto want40 = Block(AdjustContrast(page.get(), 40)).bytes();
     const auto wantMinus60 = Block(AdjustBrightnessAndContrast(page.get(), 20, -60)).bytes();
     bool ok1 = true, ok2 = true;
@@ -133,7 +125,7 @@ TEST(Contrast, ConcurrentCallsGetTheirOwnTables) {
 
 TEST(TextEffect, NeighbourhoodReachesRightAndUp) {
     // One dark pixel at column 5, storage row 5 of a white page.
-    Block page = MakePageWith(Spec(12, 12, 8), [](int x, int y, int) { return x == 5 && y == 5 ? 0 : 255; });
+    Block page = MakePageWith(Shape(12, 12, 8), [](int x, int y, int) { return x == 5 && y == 5 ? 0 : 255; });
     Block thick(TextEffect(page.get(), 1));
     ASSERT_TRUE(thick);
     PageView v(thick.get());
@@ -154,7 +146,7 @@ TEST(TextEffect, BitonalPagesByPalette) {
     for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
         // Ink is bit 0 on a dark-first page, bit 1 on a light-first page.
         const int ink = p == Palette::kDarkFirst ? 0 : 1;
-        Block page = MakePageWith(Spec(37, 9, 1, p), [&](int x, int y, int) { return x == 20 && y == 4 ? ink : 1 - ink; });
+        Block page = MakePageWith(Shape(37, 9, 1, p), [&](int x, int y, int) { return x == 20 && y == 4 ? ink : 1 - ink; });
         Block out(TextEffect(page.get(), 2));
         ASSERT_TRUE(out);
         PageView v(out.get());
@@ -168,7 +160,7 @@ TEST(TextEffect, BitonalPagesByPalette) {
 }
 
 TEST(TextEffect, RectangleFiltersOnlyInside) {
-    Block page = MakePageWith(Spec(40, 30, 8), [](int x, int y, int) { return (x * 7 + y * 13) % 256; });
+    Block page = MakePageWith(Shape(40, 30, 8), [](int x, int y, int) { return (x * 7 + y * 13) % 256; });
     RECT full{0, 0, 40, 30};
     EXPECT_EQ(Block(TextEffectRect(page.get(), &full, 2)).bytes(), Block(TextEffect(page.get(), 2)).bytes());
     RECT part{10, 5, 20, 15};  // storage rows 15..24
@@ -181,7 +173,7 @@ TEST(TextEffect, RectangleFiltersOnlyInside) {
             }
     RECT outside{100, 100, 120, 120};
     EXPECT_TRUE(qtest::SamePixels(Block(TextEffectRect(page.get(), &outside, 3)).get(), page.get()));
-    EXPECT_EQ(TextEffect(MakePage(Spec(8, 8, 24)).get(), 1), nullptr);
+    EXPECT_EQ(TextEffect(MakePage(Shape(8, 8, 24)).get(), 1), nullptr);
     EXPECT_EQ(TextEffectRect(page.get(), nullptr, 1), nullptr);
 }
 
@@ -189,7 +181,7 @@ TEST(TextEffect, RectangleFiltersOnlyInside) {
 
 TEST(Fill, ValuesByPaletteAndDepth) {
     for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
-        Block page = MakePage(Spec(20, 10, 1, p));
+        Block page = MakePage(Shape(20, 10, 1, p));
         RECT r{2, 0, 10, 4};  // top rows: storage rows 6..9
         Block white(Fill(page.get(), &r, 255)), black(Fill(page.get(), &r, 0));
         const int whiteBit = p == Palette::kDarkFirst ? 1 : 0;
@@ -197,14 +189,14 @@ TEST(Fill, ValuesByPaletteAndDepth) {
         EXPECT_EQ(PageView(black.get()).get(9, 6), 1 - whiteBit);
         EXPECT_EQ(PageView(black.get()).get(9, 5), 0);  // outside: untouched zero bits
     }
-    Block colour = MakePage(Spec(10, 10, 24));
+    Block colour = MakePage(Shape(10, 10, 24));
     RECT r{0, 0, 10, 10};
     Block gray(Fill(colour.get(), &r, 128));
     EXPECT_EQ(PageView(gray.get()).get(3, 3, 2), 128);
 }
 
 TEST(Fill, OutsideAndClipping) {
-    Block page = MakePageWith(Spec(16, 12, 8), [](int x, int y, int) { return x + y; });
+    Block page = MakePageWith(Shape(16, 12, 8), [](int x, int y, int) { return x + y; });
     RECT whole{0, 0, 16, 12};
     EXPECT_TRUE(qtest::SamePixels(Block(FillOutside(page.get(), &whole, 9)).get(), page.get()));
     RECT corner{0, 0, 10, 10};
@@ -226,7 +218,7 @@ TEST(Fill, OutsideAndClipping) {
 
 // 1-bit pages (bit 0 black) whose four quarters hold the four bit pairs.
 Block Quarter(int which) {
-    return MakePageWith(Spec(16, 2, 1), [which](int x, int, int) { return which == 0 ? (x / 4) & 1 : (x / 8) & 1; });
+    return MakePageWith(Shape(16, 2, 1), [which](int x, int, int) { return which == 0 ? (x / 4) & 1 : (x / 8) & 1; });
 }
 
 TEST(Arithmetic, TruthTables) {
@@ -251,8 +243,8 @@ TEST(Arithmetic, TruthTables) {
 }
 
 TEST(Arithmetic, RectanglesAtDifferentPlacesAndHeaders) {
-    Block p1 = MakePageWith(Spec(120, 80, 8), [](int, int, int) { return 0xF0; });
-    Block p2 = MakePageWith(Spec(200, 100, 8, Palette::kLightFirst), [](int x, int y, int) {
+    Block p1 = MakePageWith(Shape(120, 80, 8), [](int, int, int) { return 0xF0; });
+    Block p2 = MakePageWith(Shape(200, 100, 8, Palette::kLightFirst), [](int x, int y, int) {
         const int row = 99 - y;
         return x >= 100 && x < 110 && row >= 50 && row < 60 ? 0x3C : 0xFF;
     });
@@ -271,13 +263,13 @@ TEST(Arithmetic, RectanglesAtDifferentPlacesAndHeaders) {
     // Rectangles reaching outside are clipped; depths must agree.
     Block clipped(ImageOr(p1.get(), p2.get(), 115, -5, 195, 95, 50, 50));
     EXPECT_TRUE(clipped);
-    EXPECT_EQ(ImageAnd(p1.get(), MakePage(Spec(10, 10, 24)).get(), 0, 0, 0, 0, 5, 5), nullptr);
+    EXPECT_EQ(ImageAnd(p1.get(), MakePage(Shape(10, 10, 24)).get(), 0, 0, 0, 0, 5, 5), nullptr);
     EXPECT_EQ(GetLess(p1.get(), p2.get()), nullptr);  // sizes differ
 }
 
 TEST(Arithmetic, GetLessOnGrayPages) {
-    Block a = MakePageWith(Spec(4, 1, 8), [](int x, int, int) { return x * 10; });
-    Block b = MakePageWith(Spec(4, 1, 8), [](int, int, int) { return 15; });
+    Block a = MakePageWith(Shape(4, 1, 8), [](int x, int, int) { return x * 10; });
+    Block b = MakePageWith(Shape(4, 1, 8), [](int, int, int) { return 15; });
     Block out(GetLess(a.get(), b.get()));
     ASSERT_TRUE(out);
     EXPECT_EQ(Levels(out.get()), (std::vector<int>{0, 0, 255, 255}));
@@ -287,7 +279,7 @@ TEST(Arithmetic, GetLessOnGrayPages) {
 
 TEST(ConvertMode, EveryPairOfDepths) {
     for (int from : {1, 8, 24, 32}) {
-        Block page = MakePageWith(Spec(13, 5, from), [from](int x, int y, int c) {
+        Block page = MakePageWith(Shape(13, 5, from), [from](int x, int y, int c) {
             return from == 1 ? (x + y) & 1 : (x * 20 + y * 7 + c) % 256;
         });
         for (int to : {1, 8, 24, 32}) {
@@ -302,24 +294,24 @@ TEST(ConvertMode, EveryPairOfDepths) {
             EXPECT_EQ(GlobalSize(out.get()), 40 + 4 * table + h.biSizeImage);
         }
     }
-    EXPECT_EQ(ConvertMode(MakePage(Spec(4, 4, 8)).get(), 4, 128), nullptr);
+    EXPECT_EQ(ConvertMode(MakePage(Shape(4, 4, 8)).get(), 4, 128), nullptr);
 }
 
 TEST(ConvertMode, PaletteRules) {
     // A light-first 1-bit page to mode 1 keeps its bits under a
     // black-then-white table: its colours are exchanged.
-    Block light = MakePageWith(Spec(9, 1, 1, Palette::kLightFirst), [](int x, int, int) { return x & 1; });
+    Block light = MakePageWith(Shape(9, 1, 1, Palette::kLightFirst), [](int x, int, int) { return x & 1; });
     Block bw(ConvertMode(light.get(), 1, 128));
     PageView v(bw.get());
     for (int x = 0; x < 9; ++x) EXPECT_EQ(v.get(x, 0), x & 1);
     // An 8-bit page to mode 8 keeps its values under a gray ramp.
-    Block gray = MakePageWith(Spec(4, 1, 8, Palette::kLightFirst), [](int x, int, int) { return x * 50; });
+    Block gray = MakePageWith(Shape(4, 1, 8, Palette::kLightFirst), [](int x, int, int) { return x * 50; });
     Block g(ConvertMode(gray.get(), 8, 0));
     EXPECT_EQ(Levels(g.get()), (std::vector<int>{0, 50, 100, 150}));
     const auto *table = reinterpret_cast<const RGBQUAD *>(reinterpret_cast<const std::uint8_t *>(PageView(g.get()).header()) + 40);
     EXPECT_EQ(table[200].rgbRed, 200);
     // Luminance 127 is black, 128 white at threshold 128.
-    Block colour = MakePageWith(Spec(2, 1, 24), [](int x, int, int) { return 127 + x; });
+    Block colour = MakePageWith(Shape(2, 1, 24), [](int x, int, int) { return 127 + x; });
     Block b(ConvertMode(colour.get(), 1, 128));
     EXPECT_EQ(PageView(b.get()).get(0, 0), 0);
     EXPECT_EQ(PageView(b.get()).get(1, 0), 1);
@@ -328,7 +320,7 @@ TEST(ConvertMode, PaletteRules) {
 TEST(ConvertModeToGrayEx, RedAndBlueBecomeBlack) {
     const int px[4][3] = {{20, 30, 200}, {20, 30, 59}, {150, 30, 210}, {170, 30, 210}};
     for (int bits : {24, 32}) {
-        Block page = MakePageWith(Spec(4, 1, bits), [&](int x, int, int c) { return c < 3 ? px[x][c] : 0; });
+        Block page = MakePageWith(Shape(4, 1, bits), [&](int x, int, int c) { return c < 3 ? px[x][c] : 0; });
         Block out(ConvertModeToGrayEx(page.get(), 50, 0));
         ASSERT_TRUE(out);
         const std::vector<int> g = Levels(out.get());
@@ -353,7 +345,7 @@ TEST(Resize, FittedSizesAndInterpolation) {
     ASSERT_TRUE(quarvel::pixel::FittedSize(100, 100, 300, 200, &w, &h));
     EXPECT_EQ(w, 200);
     EXPECT_EQ(h, 200);
-    Block big = MakePageWith(Spec(2000, 1000, 8), [](int x, int, int) { return x < 1000 ? 0 : 200; });
+    Block big = MakePageWith(Shape(2000, 1000, 8), [](int x, int, int) { return x < 1000 ? 0 : 200; });
     Block thumb(Thumbnail(big.get(), 200, 200));
     ASSERT_TRUE(thumb);
     EXPECT_EQ(thumb.header().biWidth, 200);
@@ -369,7 +361,7 @@ TEST(Resize, FittedSizesAndInterpolation) {
 TEST(Resize, ThumbnailOfABitonalPageIsGray) {
     for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
         const int ink = p == Palette::kDarkFirst ? 0 : 1;
-        Block page = MakePageWith(Spec(64, 64, 1, p), [&](int x, int, int) { return x < 32 ? ink : 1 - ink; });
+        Block page = MakePageWith(Shape(64, 64, 1, p), [&](int x, int, int) { return x < 32 ? ink : 1 - ink; });
         Block out(Thumbnail(page.get(), 16, 16));
         ASSERT_TRUE(out);
         EXPECT_EQ(out.header().biBitCount, 8);
@@ -380,7 +372,7 @@ TEST(Resize, ThumbnailOfABitonalPageIsGray) {
 }
 
 TEST(Resize, CentresOnWhiteMargins) {
-    Block page = MakePageWith(Spec(2000, 1000, 24), [](int, int, int) { return 10; });
+    Block page = MakePageWith(Shape(2000, 1000, 24), [](int, int, int) { return 10; });
     Block out(Resize(page.get(), 500, 500));
     ASSERT_TRUE(out);
     PageView v(out.get());
@@ -388,11 +380,11 @@ TEST(Resize, CentresOnWhiteMargins) {
     EXPECT_EQ(v.get(250, 125), 10);
     EXPECT_EQ(v.get(250, 374), 10);
     EXPECT_EQ(v.get(250, 375), 255);
-    Block exact = MakePageWith(Spec(1000, 500, 8), [](int, int, int) { return 10; });
+    Block exact = MakePageWith(Shape(1000, 500, 8), [](int, int, int) { return 10; });
     Block full(Resize(exact.get(), 500, 250));
     EXPECT_EQ(PageView(full.get()).get(0, 0), 10);
     EXPECT_EQ(PageView(full.get()).get(499, 249), 10);
-    Block bits = MakePageWith(Spec(100, 50, 1), [](int x, int, int) { return x < 50 ? 0 : 1; });
+    Block bits = MakePageWith(Shape(100, 50, 1), [](int x, int, int) { return x < 50 ? 0 : 1; });
     Block halved(Resize(bits.get(), 50, 25));
     ASSERT_TRUE(halved);
     EXPECT_EQ(PageView(halved.get()).get(10, 10), 0);

@@ -14,20 +14,20 @@
 using qtest::Block;
 using qtest::MakePage;
 using qtest::MakePageWith;
-using qtest::PageSpec;
+using qtest::PageShape;
 using qtest::Palette;
 
 namespace {
 
-PageSpec Gray(int w, int h) {
-    PageSpec s;
+PageShape Gray(int w, int h) {
+    PageShape s;
     s.width = w;
     s.height = h;
     return s;
 }
 
-PageSpec Colour(int w, int h, int bits = 24) {
-    PageSpec s;
+PageShape Colour(int w, int h, int bits = 24) {
+    PageShape s;
     s.width = w;
     s.height = h;
     s.bitCount = bits;
@@ -68,7 +68,7 @@ TEST(Thresholds, ThreeLevelsOtsuSplitsAtTheWidestGap) {
 }
 
 TEST(Thresholds, BitonalPages) {
-    PageSpec s;
+    PageShape s;
     s.width = 64;
     s.height = 32;
     s.bitCount = 1;
@@ -125,7 +125,7 @@ TEST(Raster, DecodesEveryDepthTopRowFirst) {
     // 1 bit, 10 wide: the second byte's top two bits are pixels 8 and 9; the
     // colours come from the table, whichever order it has.
     for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
-        PageSpec s;
+        PageShape s;
         s.width = 10;
         s.height = 1;
         s.bitCount = 1;
@@ -144,7 +144,7 @@ TEST(Raster, DecodesEveryDepthTopRowFirst) {
 TEST(Raster, ShortColourTableAndFourBitPages) {
     // An 8-bit page with a two-entry table: rows start after those entries,
     // and indices beyond the table read as paper.
-    PageSpec s = Gray(4, 1);
+    PageShape s = Gray(4, 1);
     s.clrUsed = 2;
     Block b = MakePage(s);
     {
@@ -162,7 +162,7 @@ TEST(Raster, ShortColourTableAndFourBitPages) {
     EXPECT_EQ(r.at(1, 0), 0);
     EXPECT_EQ(r.at(2, 0), 0);
 
-    PageSpec f;
+    PageShape f;
     f.width = 3;
     f.height = 1;
     f.bitCount = 4;
@@ -213,7 +213,7 @@ TEST(Raster, UnreadableBlocksGiveTheEmptyPageAnswers) {
 }
 
 TEST(Raster, UnsupportedDepthReadsAsBlankPaper) {
-    PageSpec s = Gray(16, 4);
+    PageShape s = Gray(16, 4);
     s.bitCount = 2;
     s.clrUsed = 4;
     Block b = MakePage(s);

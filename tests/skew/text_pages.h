@@ -58,12 +58,12 @@ inline Block TurnedTextPage(const TextLayout &t, double degrees, int bitCount = 
         const int v = static_cast<int>(std::floor(cy - dx * s + dy * c));
         return u >= 0 && v >= 0 && u < t.width && v < t.height && ink[static_cast<std::size_t>(v) * t.width + u];
     };
-    PageSpec spec;
-    spec.width = t.width;
-    spec.height = t.height;
-    spec.bitCount = bitCount;
-    spec.palette = bitCount == 1 ? Palette::kLightFirst : bitCount == 8 ? Palette::kDarkFirst : Palette::kNone;
-    return MakePageWith(spec, [&](int x, int y, int) {
+    PageShape shape;
+    shape.width = t.width;
+    shape.height = t.height;
+    shape.bitCount = bitCount;
+    shape.palette = bitCount == 1 ? Palette::kLightFirst : bitCount == 8 ? Palette::kDarkFirst : Palette::kNone;
+    return MakePageWith(shape, [&](int x, int y, int) {
         const bool dark = inkAt(x, t.height - 1 - y);
         if (bitCount == 1) return dark ? 1 : 0;  // light-first table: bit 1 is black
         return dark ? 0 : 255;

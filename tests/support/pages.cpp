@@ -29,27 +29,27 @@ BITMAPINFOHEADER Block::header() const {
     return h;
 }
 
-Block MakePage(const PageSpec &spec) {
-    std::uint32_t colors = spec.clrUsed;
-    if (colors == 0 && spec.bitCount <= 8) colors = 1u << spec.bitCount;
-    const std::size_t stride = quarvel::DibRowStride(spec.width, spec.bitCount);
-    const std::size_t size = 40 + 4 * colors + stride * spec.height + spec.extraBytes;
+Block MakePage(const PageShape &shape) {
+    std::uint32_t colors = shape.clrUsed;
+    if (colors == 0 && shape.bitCount <= 8) colors = 1u << shape.bitCount;
+    const std::size_t stride = quarvel::DibRowStride(shape.width, shape.bitCount);
+    const std::size_t size = 40 + 4 * colors + stride * shape.height + shape.extraBytes;
     Block page(GlobalAlloc(GHND, size));
     auto *p = static_cast<std::uint8_t *>(GlobalLock(page.get()));
     auto *h = reinterpret_cast<BITMAPINFOHEADER *>(p);
     h->biSize = 40;
-    h->biWidth = spec.width;
-    h->biHeight = spec.height;
+    h->biWidth = shape.width;
+    h->biHeight = shape.height;
     h->biPlanes = 1;
-    h->biBitCount = static_cast<WORD>(spec.bitCount);
+    h->biBitCount = static_cast<WORD>(shape.bitCount);
     h->biCompression = BI_RGB;
-    h->biSizeImage = static_cast<DWORD>(stride * spec.height);
+    h->biSizeImage = static_cast<DWORD>(stride * shape.height);
     h->biXPelsPerMeter = h->biYPelsPerMeter = 11811;  // 300 dpi
-    h->biClrUsed = spec.clrUsed;
+    h->biClrUsed = shape.clrUsed;
     auto *table = reinterpret_cast<RGBQUAD *>(p + 40);
     for (std::uint32_t i = 0; i < colors; ++i) {
         int v = colors <= 1 ? 0 : static_cast<int>(i * 255 / (colors - 1));
-        if (spec.palette == Palette::kLightFirst) v = 255 - v;
+        if (shape.palette == Palette::kLightFirst) v = 255 - v;
         table[i] = RGBQUAD{static_cast<BYTE>(v), static_cast<BYTE>(v), static_cast<BYTE>(v), 0};
     }
     GlobalUnlock(page.get());
@@ -90,12 +90,12 @@ std::string DataPath(const std::string &name) { return std::string(QUARVEL_TEST_
 // Rows arrive top-down from the decoders; a DIB stores them bottom-up.
 Block PageFromRows(int width, int height, int bitCount, const std::vector<std::uint8_t> &rows, std::size_t rowBytes,
                    Palette palette) {
-    PageSpec spec;
-    spec.width = width;
-    spec.height = height;
-    spec.bitCount = bitCount;
-    spec.palette = palette;
-    Block page = MakePage(spec);
+    PageShape shape;
+    shape.width = width;
+    shape.height = height;
+    shape.bitCount = bitCount;
+    shape.palette = palette;
+    Block page = MakePage(shape);
     PageView v(page.get());
     for (int y = 0; y < height; ++y) {
         std::memcpy(v.row(height - 1 - y), &rows[static_cast<std::size_t>(y) * rowBytes], rowBytes);

@@ -51,7 +51,7 @@ enum class Palette {
     kNone,        // no table (24 and 32 bits)
 };
 
-struct PageSpec {
+struct PageShape {
     int width = 16;
     int height = 16;
     int bitCount = 8;
@@ -60,13 +60,23 @@ struct PageSpec {
     std::size_t extraBytes = 0;    // block allocated larger than the DIB
 };
 
+// The shape of a w x h page of `bits`; colour pages get no table.
+inline PageShape Shape(int w, int h, int bits, Palette p = Palette::kDarkFirst) {
+    PageShape s;
+    s.width = w;
+    s.height = h;
+    s.bitCount = bits;
+    s.palette = bits >= 24 ? Palette::kNone : p;
+    return s;
+}
+
 // A page with zeroed pixels; the table is gray (8-bit) or black/white (1-bit)
 // in the palette's order.
-Block MakePage(const PageSpec &spec);
+Block MakePage(const PageShape &shape);
 // A page with every pixel byte filled by f(x, y, channel), y in storage rows
 // (for 1-bit pages f gives the bit).
 template <class F>
-Block MakePageWith(const PageSpec &spec, F f);
+Block MakePageWith(const PageShape &shape, F f);
 
 // Pixel access in storage coordinates (row 0 = bottom row). Channels: blue,
 // green, red, fourth byte.
@@ -98,12 +108,12 @@ Block LoadScan(const std::string &name);
 bool SamePixels(HGLOBAL a, HGLOBAL b);
 
 template <class F>
-Block MakePageWith(const PageSpec &spec, F f) {
-    Block page = MakePage(spec);
+Block MakePageWith(const PageShape &shape, F f) {
+    Block page = MakePage(shape);
     PageView v(page.get());
-    const int channels = spec.bitCount >= 24 ? spec.bitCount / 8 : 1;
-    for (int y = 0; y < spec.height; ++y)
-        for (int x = 0; x < spec.width; ++x)
+    const int channels = shape.bitCount >= 24 ? shape.bitCount / 8 : 1;
+    for (int y = 0; y < shape.height; ++y)
+        for (int x = 0; x < shape.width; ++x)
             for (int c = 0; c < channels; ++c) v.set(x, y, f(x, y, c), c);
     return page;
 }
