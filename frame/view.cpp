@@ -1,5 +1,7 @@
 #include "frame/view.h"
 
+#include "platform/global_memory.h"
+
 #include <cstring>
 
 namespace quarvel {
@@ -24,19 +26,30 @@ ResultBlock::~ResultBlock() {
     }
 }
 
-bool ResultBlock::Open(std::size_t size) {
-    handle_ = GlobalAlloc(GHND, size);
+bool ResultBlock::Open(std::size_t size, bool zeroed) {
+    handle_ = AllocateBlock(size, zeroed);
     if (handle_ == nullptr) return false;
     data_ = static_cast<std::uint8_t *>(GlobalLock(handle_));
     return data_ != nullptr;
 }
 
-ResultBlock ResultBlock::CopiedHeader(const LockedDib &in) {
+ResultBlock ResultBlock::CopiedHeader(const LockedDib &in, bool pixelsWritten) {
     ResultBlock out;
     PixelFormat format;
     if (!FormatOfBitCount(in.bitCount(), &format)) return out;
-    if (!out.Open(in.blockSize())) return out;
+    if (!out.Open(in.blockSize(), !pixelsWritten)) return out;
     std::memcpy(out.data_, in.block(), in.prefixSize());
+    if (pixelsWritten) {
+        // Zero what no pixel covers: each row's padding (from the byte
+        // holding the last pixel's bits) and the block past the rows.
+        const std::size_t stride = static_cast<std::size_t>(in.stride());
+        const std::size_t used = static_cast<std::size_t>(in.width()) * static_cast<std::size_t>(in.bitCount()) / 8;
+        std::uint8_t *rows = out.data_ + in.prefixSize();
+        if (used < stride)
+            for (int y = 0; y < in.height(); ++y) std::memset(rows + y * stride + used, 0, stride - used);
+        const std::size_t end = in.prefixSize() + in.imageSize();
+        std::memset(out.data_ + end, 0, in.blockSize() - end);
+    }
     out.image_ = WrapRows(format, in.width(), in.height(), DibPixelBits(out.header()));
     return out;
 }

@@ -26,8 +26,10 @@ enum class NewTable {
 class ResultBlock {
 public:
     // Copied-header form: as large as the input block (GlobalSize), with the
-    // input's header and colour table byte for byte; rows zero-filled.
-    static ResultBlock CopiedHeader(const LockedDib &in);
+    // input's header and colour table byte for byte; rows zero-filled, or,
+    // for an operation that writes every pixel (`pixelsWritten`), only their
+    // padding and the bytes past the rows zeroed.
+    static ResultBlock CopiedHeader(const LockedDib &in, bool pixelsWritten = false);
     // Rewritten-header form: the input's header with the new width, height
     // and biSizeImage; the colour table and depth that `table` says (the
     // input's for kKeep, else those of `format`).
@@ -49,7 +51,7 @@ public:
 
 private:
     ResultBlock() = default;
-    bool Open(std::size_t size);
+    bool Open(std::size_t size, bool zeroed = true);
 
     HGLOBAL handle_ = nullptr;
     std::uint8_t *data_ = nullptr;

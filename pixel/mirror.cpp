@@ -18,7 +18,7 @@ HGLOBAL SamePageOperation(HGLOBAL hDib, Primitive primitive) {
     LockedDib in(hDib, kImageDepths);
     if (!in.ok()) return nullptr;
     ImagePtr view = DibToIplImage(in.header());
-    ResultBlock out = ResultBlock::CopiedHeader(in);
+    ResultBlock out = ResultBlock::CopiedHeader(in, true);  // every pixel is written
     if (!view || !out) return nullptr;
     primitive(view.get(), out.image());
     return out.Release();

@@ -12,6 +12,7 @@
 // few recently freed large blocks is kept and handed to the next allocation
 // of about the same size (zero-filled again, as every block is).
 #include "quarvel/win32.h"
+#include "platform/global_memory.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -178,27 +179,39 @@ __attribute__((destructor)) void ReleaseBlockTable() {
 
 }  // namespace
 
-extern "C" {
+namespace quarvel {
 
-HGLOBAL GlobalAlloc(UINT /*uFlags*/, SIZE_T dwBytes) {
+HGLOBAL AllocateBlock(std::size_t bytes, bool zeroed) {
     BlockTable *t = table();
-    if (t == nullptr || dwBytes > SIZE_MAX - kBlockAlign) return nullptr;
+    if (t == nullptr || bytes > SIZE_MAX - kBlockAlign) return nullptr;
     void *data = nullptr;
     std::size_t capacity = 0;
-    if (dwBytes > 0) {
-        capacity = (dwBytes + kBlockAlign - 1) / kBlockAlign * kBlockAlign;
+    if (bytes > 0) {
+        capacity = (bytes + kBlockAlign - 1) / kBlockAlign * kBlockAlign;
         data = t->takeSpare(capacity, &capacity);
         if (data == nullptr) data = std::aligned_alloc(kBlockAlign, capacity);
         if (data == nullptr) return nullptr;
-        // Every block starts zero-filled (GHND's promise, kept for all flags).
-        std::memset(data, 0, capacity);
+        if (zeroed) {
+            std::memset(data, 0, capacity);
+        } else {
+            std::memset(static_cast<std::uint8_t *>(data) + bytes, 0, capacity - bytes);  // slack past the end
+        }
     }
     try {
-        return t->add(data, dwBytes, capacity);
+        return t->add(data, bytes, capacity);
     } catch (...) {  // the handle table could not grow
         std::free(data);
         return nullptr;
     }
+}
+
+}  // namespace quarvel
+
+extern "C" {
+
+HGLOBAL GlobalAlloc(UINT /*uFlags*/, SIZE_T dwBytes) {
+    // Every block starts zero-filled (GHND's promise, kept for all flags).
+    return quarvel::AllocateBlock(dwBytes, true);
 }
 
 LPVOID GlobalLock(HGLOBAL hMem) {
