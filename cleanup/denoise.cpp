@@ -79,8 +79,10 @@ HGLOBAL Clean(HGLOBAL hDib, const RECT *area, int n) {
         if (IsRectEmpty(&work)) return out.Release();
         RoiPtr roi(iplCreateROI(0, work.left, work.top, work.right - work.left, work.bottom - work.top));
         if (!roi) return nullptr;
-        RoiScope a(view.get(), roi.get()), b(out.image(), roi.get());
-        iplFixedFilter(view.get(), out.image(), filter);
+        {
+            RoiScope a(view.get(), roi.get()), b(out.image(), roi.get());
+            iplFixedFilter(view.get(), out.image(), filter);
+        }  // the regions come off before the block is handed over
         return out.Release();
     }
 

@@ -111,11 +111,11 @@ void WarpInterpolated(const cv::Mat &in, cv::Mat &out, const cv::Matx23d &m, int
         const Span &s = spans[Y];
         std::uint8_t *row = out.ptr<std::uint8_t>(Y);
         const std::size_t left = s.first > s.last ? out.cols * px : s.first * px;
-        std::memcpy(row, from, left);
+        if (left > 0) std::memcpy(row, from, left);
         from += left;
         if (s.first <= s.last) {
             const std::size_t right = (out.cols - s.last - 1) * px;
-            std::memcpy(row + (s.last + 1) * px, from, right);
+            if (right > 0) std::memcpy(row + (s.last + 1) * px, from, right);
             from += right;
         }
     }

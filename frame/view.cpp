@@ -93,7 +93,9 @@ ResultBlock ResultBlock::Rewritten(const LockedDib &in, PixelFormat format, int 
 }
 
 HGLOBAL ResultBlock::Release() {
-    image_.reset();
+    // The image header stays until this object goes, so a region scope
+    // opened on it after this block may still put its region back; its rows
+    // are no longer ours to touch.
     HGLOBAL h = handle_;
     if (h != nullptr) GlobalUnlock(h);
     handle_ = nullptr;

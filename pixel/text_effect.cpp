@@ -45,8 +45,10 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
     if (!IntersectRect(&r, &asked, &page)) return out.Release();  // nothing of the page to filter
     RoiPtr roi(iplCreateROI(0, r.left, r.top, r.right - r.left, r.bottom - r.top));
     if (!roi) return nullptr;
-    RoiScope a(view.get(), roi.get()), b(out.image(), roi.get());
-    Filter(view.get(), out.image(), level);
+    {
+        RoiScope a(view.get(), roi.get()), b(out.image(), roi.get());
+        Filter(view.get(), out.image(), level);
+    }  // the regions come off before the block is handed over
     return out.Release();
 }
 

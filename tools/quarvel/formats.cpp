@@ -115,7 +115,8 @@ std::vector<std::uint8_t> EncodeBmp(const Page &page) {
     std::memcpy(&out[2], &size, 4);
     std::memcpy(&out[10], &off, 4);
     std::memcpy(&out[14], p.header(), dib);
-    reinterpret_cast<BITMAPINFOHEADER *>(&out[14])->biSize = 40;
+    const std::uint32_t headerSize = 40;
+    std::memcpy(&out[14], &headerSize, 4);
     return out;
 }
 
