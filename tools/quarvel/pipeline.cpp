@@ -87,6 +87,19 @@ std::string OutputPath(const std::string &dir, const std::string &input, const s
     return (std::filesystem::path(dir) / (in.stem().string() + ext)).string();
 }
 
+// Runs fn(0 .. n-1) on `threads` threads, each index once.
+template <class F>
+void ParallelFor(std::size_t n, int threads, F fn) {
+    std::atomic<std::size_t> next{0};
+    auto worker = [&] {
+        for (std::size_t i; (i = next.fetch_add(1)) < n;) fn(i);
+    };
+    std::vector<std::thread> pool;
+    for (int t = 1; t < std::min<int>(threads, static_cast<int>(n)); ++t) pool.emplace_back(worker);
+    worker();
+    for (std::thread &t : pool) t.join();
+}
+
 std::string Clock(double seconds) {
     const int s = static_cast<int>(seconds + 0.5);
     char buf[32];
@@ -104,17 +117,23 @@ int RunBatch(const std::vector<Step> &steps, const std::vector<std::string> &fil
         std::fprintf(stderr, "quarvel: %s: cannot create output folder (%s)\n", options.outDir.c_str(), ec.message().c_str());
         return 5;
     }
-    // Read every file first (so a bad file is reported once, before work).
+    // Read every file first (in parallel; a bad file is reported once,
+    // before any work), then process the pages in parallel.
     std::vector<std::vector<Page>> inputs(files.size());
-    std::vector<Job> jobs;
-    int unreadable = 0;
-    for (std::size_t f = 0; f < files.size(); ++f) {
+    std::vector<std::string> readErrors(files.size());
+    ParallelFor(files.size(), options.jobs, [&](std::size_t f) {
         try {
             inputs[f] = ReadImage(files[f]);
         } catch (const FormatError &e) {
-            std::fprintf(stderr, "quarvel: %s (skipped)\n", e.what());
+            readErrors[f] = e.what();
+        }
+    });
+    std::vector<Job> jobs;
+    int unreadable = 0;
+    for (std::size_t f = 0; f < files.size(); ++f) {
+        if (!readErrors[f].empty()) {
+            std::fprintf(stderr, "quarvel: %s (skipped)\n", readErrors[f].c_str());
             ++unreadable;
-            continue;
         }
         for (std::size_t p = 0; p < inputs[f].size(); ++p) jobs.push_back(Job{f, p});
     }
@@ -123,42 +142,36 @@ int RunBatch(const std::vector<Step> &steps, const std::vector<std::string> &fil
     std::vector<std::vector<std::pair<std::string, Measure>>> measures(jobs.size());
     std::vector<std::string> errors(jobs.size());
 
-    std::atomic<std::size_t> next{0}, done{0};
+    std::atomic<std::size_t> done{0};
     const bool bar = options.progress && isatty(fileno(stderr));
     std::mutex printing;
-    auto worker = [&] {
-        for (std::size_t j; (j = next.fetch_add(1)) < jobs.size();) {
-            const Job &job = jobs[j];
-            try {
-                Page copy(GlobalAlloc(GHND, GlobalSize(inputs[job.file][job.page].get())));
-                {
-                    void *dst = GlobalLock(copy.get());
-                    const void *src = GlobalLock(inputs[job.file][job.page].get());
-                    std::memcpy(dst, src, GlobalSize(copy.get()));
-                    GlobalUnlock(inputs[job.file][job.page].get());
-                    GlobalUnlock(copy.get());
-                }
-                outputs[job.file][job.page] = ApplySteps(steps, std::move(copy), &measures[j]);
-            } catch (const std::exception &e) {
-                errors[j] = e.what();
-            }
-            const std::size_t n = ++done;
-            if (bar) {
-                const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-                const double rate = n / std::max(secs, 1e-6);
-                const int width = 30, filled = static_cast<int>(width * n / jobs.size());
-                std::lock_guard<std::mutex> lock(printing);
-                std::fprintf(stderr, "\r[%s%s] %zu/%zu pages  %.1f pages/s  %s left ", std::string(filled, '=').c_str(),
-                             std::string(width - filled, ' ').c_str(), n, jobs.size(), rate,
-                             Clock((jobs.size() - n) / std::max(rate, 1e-6)).c_str());
-            }
+    ParallelFor(jobs.size(), options.jobs, [&](std::size_t j) {
+        const Job &job = jobs[j];
+        try {
+            // Each page is worked on in its own copy (ImageAnd writes its page).
+            const Page &in = inputs[job.file][job.page];
+            Page copy(GlobalAlloc(GHND, GlobalSize(in.get())));
+            void *dst = GlobalLock(copy.get());
+            const void *src = GlobalLock(in.get());
+            if (dst == nullptr || src == nullptr) throw OperationError("out of memory");
+            std::memcpy(dst, src, GlobalSize(copy.get()));
+            GlobalUnlock(in.get());
+            GlobalUnlock(copy.get());
+            outputs[job.file][job.page] = ApplySteps(steps, std::move(copy), &measures[j]);
+        } catch (const std::exception &e) {
+            errors[j] = e.what();
         }
-    };
-    const int threads = std::max(1, std::min<int>(options.jobs, static_cast<int>(jobs.size())));
-    std::vector<std::thread> pool;
-    for (int t = 1; t < threads; ++t) pool.emplace_back(worker);
-    worker();
-    for (std::thread &t : pool) t.join();
+        const std::size_t n = ++done;
+        if (bar) {
+            const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+            const double rate = n / std::max(secs, 1e-6);
+            const int width = 30, filled = static_cast<int>(width * n / jobs.size());
+            std::lock_guard<std::mutex> lock(printing);
+            std::fprintf(stderr, "\r[%s%s] %zu/%zu pages  %.1f pages/s  %s left ", std::string(filled, '=').c_str(),
+                         std::string(width - filled, ' ').c_str(), n, jobs.size(), rate,
+                         Clock((jobs.size() - n) / std::max(rate, 1e-6)).c_str());
+        }
+    });
     if (bar) std::fprintf(stderr, "\n");
 
     // Report in input order, then write each file whose pages all succeeded
@@ -183,26 +196,35 @@ int RunBatch(const std::vector<Step> &steps, const std::vector<std::string> &fil
                 std::printf("%s: %s %s\n", where.c_str(), name.c_str(), m.text.c_str());
         }
     }
-    for (std::size_t f = 0; f < files.size(); ++f) {
+    // Write the outputs in parallel; report write failures in input order.
+    std::vector<std::string> writeErrors(files.size());
+    std::vector<char> wrote(files.size(), 0);
+    ParallelFor(files.size(), options.jobs, [&](std::size_t f) {
         std::vector<const Page *> pages;
         for (const Page &p : outputs[f])
             if (p) pages.push_back(&p);
-        if (pages.empty()) continue;
-        std::string out = OutputPath(options.outDir, files[f], options.format);
+        if (pages.empty()) return;
+        const std::string out = OutputPath(options.outDir, files[f], options.format);
         try {
             if (pages.size() > 1 && !MultiPage(FormatOfPath(out))) {
-                for (std::size_t i = 0; i < pages.size(); ++i) {
-                    std::filesystem::path p(out);
-                    WriteImage((p.parent_path() / (p.stem().string() + "-" + std::to_string(i + 1) + p.extension().string())).string(), {pages[i]});
-                }
+                const std::filesystem::path p(out);
+                for (std::size_t i = 0; i < pages.size(); ++i)
+                    WriteImage((p.parent_path() / (p.stem().string() + "-" + std::to_string(i + 1) + p.extension().string())).string(),
+                               {pages[i]});
             } else {
                 WriteImage(out, pages);
             }
-            ++written;
+            wrote[f] = 1;
         } catch (const FormatError &e) {
-            std::fprintf(stderr, "quarvel: %s\n", e.what());
+            writeErrors[f] = e.what();
+        }
+    });
+    for (std::size_t f = 0; f < files.size(); ++f) {
+        if (!writeErrors[f].empty()) {
+            std::fprintf(stderr, "quarvel: %s\n", writeErrors[f].c_str());
             ++failedPages;
         }
+        written += wrote[f];
     }
     const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     std::fprintf(stderr, "quarvel: %zu pages from %zu files in %.1f s (%.1f pages/s); %d failed, %d files written\n",
