@@ -1,0 +1,270 @@
+// Decoding a page block into the layer's top-down gray and colour images, and
+// building result blocks from them.
+//
+// Stored rows run bottom-up; each is decoded straight into the image row it
+// shows as (row height-1-y), so the page is read once. Palette pages go
+// through their table: gray tables give true gray levels whatever their
+// order, colour tables give colour. 16-bit rows are 5-5-5.
+#include "scan/page.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+
+#include <opencv2/imgproc.hpp>
+
+#include "frame/dib.h"
+
+namespace quarvel::scan {
+namespace {
+
+constexpr double kInchesPerMeter = 39.3700787;
+
+std::uint8_t Luma(int b, int g, int r) {
+    // Rec. 601 weights in 1/1024ths, rounded.
+    return static_cast<std::uint8_t>((306 * r + 601 * g + 117 * b + 512) >> 10);
+}
+
+// Resolution from the page size when the header has none: a page whose long
+// side is 11.7 inches (A4) or so; clamped to the range scanners use.
+int EstimateDpi(int width, int height) {
+    const double longSide = std::max(width, height);
+    const int dpi = static_cast<int>(std::lround(longSide / 11.5));
+    return std::clamp(dpi, 50, 1200);
+}
+
+int HeaderDpi(const BITMAPINFOHEADER *h) {
+    const double x = h->biXPelsPerMeter > 0 ? h->biXPelsPerMeter / kInchesPerMeter : 0.0;
+    const double y = h->biYPelsPerMeter > 0 ? h->biYPelsPerMeter / kInchesPerMeter : 0.0;
+    const double dpi = std::max(x, y);
+    // Resolutions under 20 dpi are placeholders (1 pixel per metre and the like).
+    if (dpi < 20.0 || dpi > 10000.0) return 0;
+    return static_cast<int>(std::lround(dpi));
+}
+
+}  // namespace
+
+bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page) {
+    LockedDib in(h, kAllDepths);
+    if (!in.ok()) return false;
+    const int w = in.width();
+    const int ht = in.height();
+    if (static_cast<std::int64_t>(w) * ht > kMaxScanPixels) return false;
+    const int bits = in.bitCount();
+
+    ScanPage p;
+    p.width = w;
+    p.height = ht;
+    p.bits = bits;
+    p.xPelsPerMeter = in.header()->biXPelsPerMeter;
+    p.yPelsPerMeter = in.header()->biYPelsPerMeter;
+    const int headerDpi = HeaderDpi(in.header());
+    if (dpiOverride > 0) {
+        p.dpi = std::min(dpiOverride, 10000);
+        p.dpiKnown = true;
+    } else if (headerDpi > 0) {
+        p.dpi = headerDpi;
+        p.dpiKnown = true;
+    } else {
+        p.dpi = EstimateDpi(w, ht);
+    }
+
+    // Palette: up to 256 entries; indices past the table read as gray levels.
+    std::array<std::uint8_t, 256> palGray{}, palB{}, palG{}, palR{};
+    const int entries = bits <= 8 ? static_cast<int>(std::min<std::uint32_t>(in.colorCount(), 256u)) : 0;
+    bool colourTable = false;
+    for (int i = 0; i < 256; ++i) {
+        if (i < entries) {
+            const RGBQUAD q = in.colorTable()[i];
+            palB[i] = q.rgbBlue;
+            palG[i] = q.rgbGreen;
+            palR[i] = q.rgbRed;
+            const int spread = std::max({q.rgbBlue, q.rgbGreen, q.rgbRed}) - std::min({q.rgbBlue, q.rgbGreen, q.rgbRed});
+            if (spread > 8) colourTable = true;
+        } else {
+            const std::uint8_t v = static_cast<std::uint8_t>(bits == 1 ? (i ? 255 : 0) : bits == 4 ? i * 17 : i);
+            palB[i] = palG[i] = palR[i] = v;
+        }
+        palGray[i] = Luma(palB[i], palG[i], palR[i]);
+    }
+    p.colorSource = bits >= 16 || colourTable;
+    p.bitonalSource = bits == 1 || (bits <= 8 && entries == 2 && !colourTable);
+
+    p.gray.create(ht, w, CV_8UC1);
+    if (p.colorSource) p.color.create(ht, w, CV_8UC3);
+
+    for (int y = 0; y < ht; ++y) {
+        const std::uint8_t *src = in.row(y);
+        const int out = ht - 1 - y;
+        std::uint8_t *g = p.gray.ptr<std::uint8_t>(out);
+        std::uint8_t *c = p.colorSource ? p.color.ptr<std::uint8_t>(out) : nullptr;
+        switch (bits) {
+        case 1:
+        case 4:
+        case 8:
+            for (int x = 0; x < w; ++x) {
+                int idx;
+                if (bits == 8) {
+                    idx = src[x];
+                } else if (bits == 4) {
+                    idx = (x & 1) ? (src[x >> 1] & 0x0f) : (src[x >> 1] >> 4);
+                } else {
+                    idx = (src[x >> 3] >> (7 - (x & 7))) & 1;
+                }
+                g[x] = palGray[idx];
+                if (c != nullptr) {
+                    c[3 * x] = palB[idx];
+                    c[3 * x + 1] = palG[idx];
+                    c[3 * x + 2] = palR[idx];
+                }
+            }
+            break;
+        case 16:
+            for (int x = 0; x < w; ++x) {
+                const int v = src[2 * x] | (src[2 * x + 1] << 8);
+                const int b = (v & 31) * 255 / 31, gr = ((v >> 5) & 31) * 255 / 31, r = ((v >> 10) & 31) * 255 / 31;
+                c[3 * x] = static_cast<std::uint8_t>(b);
+                c[3 * x + 1] = static_cast<std::uint8_t>(gr);
+                c[3 * x + 2] = static_cast<std::uint8_t>(r);
+                g[x] = Luma(b, gr, r);
+            }
+            break;
+        default: {  // 24 and 32
+            const int step = bits / 8;
+            for (int x = 0; x < w; ++x) {
+                const std::uint8_t *s = src + step * x;
+                c[3 * x] = s[0];
+                c[3 * x + 1] = s[1];
+                c[3 * x + 2] = s[2];
+                g[x] = Luma(s[0], s[1], s[2]);
+            }
+            break;
+        }
+        }
+    }
+    *page = std::move(p);
+    return true;
+}
+
+QuarvelScanOptions ResolveOptions(const QuarvelScanOptions *options) {
+    QuarvelScanOptions o{};
+    o.size = sizeof(QuarvelScanOptions);
+    o.steps = QUARVEL_CLEAN_DEFAULT;
+    o.dpi = 0;
+    o.max_skew = 45.0;
+    o.min_skew_confidence = 0.5;
+    o.min_orientation_confidence = 0.6;
+    o.margin = -1;
+    o.binarize_method = QUARVEL_BINARIZE_DEFAULT;
+    o.binarize_window = 0;
+    o.binarize_k = 0.0;
+    o.speck_size = 0;
+    if (options == nullptr || options->size < sizeof(std::uint32_t)) return o;
+    // Take the fields the caller's record holds; the rest keep their defaults.
+    const std::size_t n = std::min<std::size_t>(options->size, sizeof(QuarvelScanOptions));
+    QuarvelScanOptions given = o;
+    std::memcpy(&given, options, n);
+    given.size = sizeof(QuarvelScanOptions);
+    // Reject what would make no sense; keep the defaults for those fields.
+    if (given.dpi < 0 || given.dpi > 10000) given.dpi = 0;
+    if (!(given.max_skew > 0.0 && given.max_skew <= 45.0)) given.max_skew = 45.0;
+    if (!(given.min_skew_confidence >= 0.0 && given.min_skew_confidence <= 1.0)) given.min_skew_confidence = 0.5;
+    if (!(given.min_orientation_confidence >= 0.0 && given.min_orientation_confidence <= 1.0))
+        given.min_orientation_confidence = 0.6;
+    if (given.margin < -1 || given.margin > 100000) given.margin = -1;
+    if (given.binarize_method < 0 || given.binarize_method > QUARVEL_BINARIZE_OTSU)
+        given.binarize_method = QUARVEL_BINARIZE_DEFAULT;
+    if (given.binarize_window < 0 || given.binarize_window > 10000) given.binarize_window = 0;
+    if (!(given.binarize_k >= 0.0 && given.binarize_k <= 10.0)) given.binarize_k = 0.0;
+    if (given.speck_size < -1 || given.speck_size > 1000) given.speck_size = 0;
+    return given;
+}
+
+namespace {
+
+HGLOBAL NewBlock(const ScanPage &like, int w, int h, int bits, int entries, std::uint8_t **rows0, int *stride) {
+    const std::uint64_t s = DibRowStride64(w, bits);
+    const std::uint64_t size = kHeaderSize + 4ull * entries + s * static_cast<std::uint64_t>(h);
+    if (w <= 0 || h <= 0 || s * static_cast<std::uint64_t>(h) > 0x7fffffffull) return nullptr;
+    HGLOBAL out = GlobalAlloc(GHND, static_cast<SIZE_T>(size));
+    if (out == nullptr) return nullptr;
+    auto *block = static_cast<std::uint8_t *>(GlobalLock(out));
+    if (block == nullptr) {
+        GlobalFree(out);
+        return nullptr;
+    }
+    auto *hd = reinterpret_cast<BITMAPINFOHEADER *>(block);
+    hd->biSize = kHeaderSize;
+    hd->biWidth = w;
+    hd->biHeight = h;
+    hd->biPlanes = 1;
+    hd->biBitCount = static_cast<WORD>(bits);
+    hd->biCompression = BI_RGB;
+    hd->biSizeImage = static_cast<DWORD>(s * static_cast<std::uint64_t>(h));
+    hd->biXPelsPerMeter = static_cast<LONG>(like.xPelsPerMeter);
+    hd->biYPelsPerMeter = static_cast<LONG>(like.yPelsPerMeter);
+    hd->biClrUsed = static_cast<DWORD>(entries);
+    auto *table = reinterpret_cast<RGBQUAD *>(block + kHeaderSize);
+    for (int i = 0; i < entries; ++i) {
+        const std::uint8_t v = static_cast<std::uint8_t>(entries == 2 ? (i ? 255 : 0) : i);
+        table[i] = RGBQUAD{v, v, v, 0};
+    }
+    *rows0 = block + kHeaderSize + 4 * entries;
+    *stride = static_cast<int>(s);
+    return out;
+}
+
+}  // namespace
+
+HGLOBAL MakeGrayPage(const cv::Mat &gray, const ScanPage &like) {
+    if (gray.empty() || gray.type() != CV_8UC1) return nullptr;
+    std::uint8_t *rows = nullptr;
+    int stride = 0;
+    HGLOBAL out = NewBlock(like, gray.cols, gray.rows, 8, 256, &rows, &stride);
+    if (out == nullptr) return nullptr;
+    for (int y = 0; y < gray.rows; ++y)
+        std::memcpy(rows + static_cast<std::size_t>(gray.rows - 1 - y) * stride, gray.ptr(y), gray.cols);
+    GlobalUnlock(out);
+    return out;
+}
+
+HGLOBAL MakeColorPage(const cv::Mat &bgr, const ScanPage &like) {
+    if (bgr.empty() || bgr.type() != CV_8UC3) return nullptr;
+    std::uint8_t *rows = nullptr;
+    int stride = 0;
+    HGLOBAL out = NewBlock(like, bgr.cols, bgr.rows, 24, 0, &rows, &stride);
+    if (out == nullptr) return nullptr;
+    for (int y = 0; y < bgr.rows; ++y)
+        std::memcpy(rows + static_cast<std::size_t>(bgr.rows - 1 - y) * stride, bgr.ptr(y), 3 * static_cast<std::size_t>(bgr.cols));
+    GlobalUnlock(out);
+    return out;
+}
+
+HGLOBAL MakeBitonalPage(const cv::Mat &gray, const ScanPage &like) {
+    if (gray.empty() || gray.type() != CV_8UC1) return nullptr;
+    std::uint8_t *rows = nullptr;
+    int stride = 0;
+    HGLOBAL out = NewBlock(like, gray.cols, gray.rows, 1, 2, &rows, &stride);
+    if (out == nullptr) return nullptr;
+    for (int y = 0; y < gray.rows; ++y) {
+        const std::uint8_t *g = gray.ptr(y);
+        std::uint8_t *dst = rows + static_cast<std::size_t>(gray.rows - 1 - y) * stride;
+        for (int x = 0; x < gray.cols; ++x)
+            if (g[x] >= 128) dst[x >> 3] |= static_cast<std::uint8_t>(0x80 >> (x & 7));
+    }
+    GlobalUnlock(out);
+    return out;
+}
+
+HGLOBAL MakePageLike(const cv::Mat &image, const ScanPage &like) {
+    if (image.type() == CV_8UC3) return MakeColorPage(image, like);
+    if (like.bitonalSource) return MakeBitonalPage(image, like);
+    return MakeGrayPage(image, like);
+}
+
+int MmToPixels(const ScanPage &page, double mm) {
+    return std::max(1, static_cast<int>(std::lround(mm * page.dpi / 25.4)));
+}
+
+}  // namespace quarvel::scan

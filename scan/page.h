@@ -1,0 +1,54 @@
+// The page as the real-scan layer sees it: decoded once, top row first, in
+// gray (palette applied, 255 = white) and, for colour pages, in BGR; plus the
+// resolution the analyses size their windows by. And the way back: a result
+// block from a top-down image.
+#pragma once
+
+#include <cstdint>
+
+#include <opencv2/core.hpp>
+
+#include "quarvel/scan.h"
+
+namespace quarvel::scan {
+
+// Pages above this many pixels are refused as unusable (a 600-dpi A2 sheet is
+// about 70 million); the decoded copies cost 4 bytes per pixel at most.
+constexpr std::int64_t kMaxScanPixels = std::int64_t{1} << 28;
+
+struct ScanPage {
+    int width = 0;
+    int height = 0;
+    int bits = 0;            // stored depth: 1, 4, 8, 16, 24 or 32
+    bool colorSource = false; // stored as colour (24/32 bits, or a palette with any non-gray entry)
+    bool bitonalSource = false; // 1-bit page, or a palette of two entries
+    int dpi = 0;             // the option's, the page's own, or estimated from the size
+    bool dpiKnown = false;   // the option or the page gave it
+    cv::Mat gray;            // CV_8UC1, row 0 = top as displayed, 255 = white paper
+    cv::Mat color;           // CV_8UC3 BGR, row 0 = top; empty unless colorSource
+    double xPelsPerMeter = 0, yPelsPerMeter = 0; // as stored, carried to results
+};
+
+// Reads a page block; false (and nothing set) when it cannot be read: bad
+// handle, short block, compressed rows, a depth outside 1/4/8/16/24/32, no
+// pixels, or more than kMaxScanPixels. `dpiOverride` > 0 replaces the page's.
+bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page);
+
+// The options with every default filled in, whatever the caller's record size
+// (`options` may be null).
+QuarvelScanOptions ResolveOptions(const QuarvelScanOptions *options);
+
+// New page blocks from top-down images, with the source page's resolution:
+// an 8-bit gray page (gray table), a 24-bit page from BGR, or a 1-bit page
+// (black then white) from a gray image where values below 128 are black.
+HGLOBAL MakeGrayPage(const cv::Mat &gray, const ScanPage &like);
+HGLOBAL MakeColorPage(const cv::Mat &bgr, const ScanPage &like);
+HGLOBAL MakeBitonalPage(const cv::Mat &gray, const ScanPage &like);
+// The page in the depth family it came in: 1-bit for bitonal sources, 24-bit
+// for colour sources, else 8-bit gray. `image` is CV_8UC1 or CV_8UC3.
+HGLOBAL MakePageLike(const cv::Mat &image, const ScanPage &like);
+
+// Millimetres to pixels at the page's resolution, at least 1.
+int MmToPixels(const ScanPage &page, double mm);
+
+}  // namespace quarvel::scan
