@@ -11,7 +11,7 @@ DEMO_OUT   ?= demo-out
 LAUNCHER   := $(if $(shell command -v ccache 2>/dev/null),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 export CCACHE_BASEDIR ?= $(CURDIR)
 
-.PHONY: all deps build test demo bench check-asan clean
+.PHONY: all deps build test demo bench quality check-asan clean
 
 all: build
 
@@ -36,6 +36,10 @@ demo: build
 
 bench: build
 	$(BUILD)/bench/quarvel_bench --benchmark_min_time=0.2
+
+# Real-scan quality on the shared real pages, beside unpaper and Leptonica.
+quality: build
+	bench/quality/run $(BUILD)
 
 check-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug $(LAUNCHER) -DQUARVEL_SANITIZE=ON -DQUARVEL_BUILD_BENCH=OFF
