@@ -4,9 +4,13 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <map>
 #include <sstream>
 
+#include <nlohmann/json.hpp>
+
 #include "formats.h"
+#include "quarvel/scan.h"
 
 namespace qtool {
 
@@ -18,7 +22,12 @@ std::string Lower(std::string s) {
 }
 
 std::string Number(double v) {
+    if (!std::isfinite(v)) return "null";
     char buf[64];
+    if (v == std::trunc(v) && std::fabs(v) < 1e15) {
+        std::snprintf(buf, sizeof buf, "%.0f", v);
+        return buf;
+    }
     std::snprintf(buf, sizeof buf, "%.6g", v);
     return buf;
 }
@@ -43,13 +52,13 @@ std::vector<Op> Build() {
     image("Flip", "flip the page top to bottom", {}, [](HGLOBAL p, V) { return Flip(p); });
     image("Invert", "invert every pixel", {}, [](HGLOBAL p, V) { return Invert(p); });
     image("AdjustBrightness", "add a level to every channel (8, 24, 32 bits)",
-          {{"brightness", ArgType::kInt, "20", "level added, saturated"}},
+          {{"brightness", ArgType::kInt, "20", "level added, saturated", -255, 255}},
           [](HGLOBAL p, V v) { return AdjustBrightness(p, v.Int("brightness")); });
     image("AdjustContrast", "stretch (>0) or compress (<0) levels about mid gray",
-          {{"contrast", ArgType::kInt, "20", "per cent, -100 to 100"}},
+          {{"contrast", ArgType::kInt, "20", "per cent, -100 to 100", -100, 100}},
           [](HGLOBAL p, V v) { return AdjustContrast(p, v.Int("contrast")); });
     image("AdjustBrightnessAndContrast", "brightness, then contrast about a pivot moved by it",
-          {{"brightness", ArgType::kInt, "0", "level added"}, {"contrast", ArgType::kInt, "20", "per cent, -100 to 100"}},
+          {{"brightness", ArgType::kInt, "0", "level added", -255, 255}, {"contrast", ArgType::kInt, "20", "per cent, -100 to 100", -100, 100}},
           [](HGLOBAL p, V v) { return AdjustBrightnessAndContrast(p, v.Int("brightness"), v.Int("contrast")); });
     image("TextEffect", "thicken (level > 0) or thin (< 0) dark strokes (1, 8 bits)",
           {{"level", ArgType::kInt, "1", "neighbourhood size - 1"}},
@@ -59,12 +68,12 @@ std::vector<Op> Build() {
               RECT r = v.Rect("rect");
               return TextEffectRect(p, &r, v.Int("level"));
           });
-    image("Fill", "paint a rectangle with a gray level", {kRect, {"value", ArgType::kInt, "255", "0 ink to 255 paper"}},
+    image("Fill", "paint a rectangle with a gray level", {kRect, {"value", ArgType::kInt, "255", "0 ink to 255 paper", 0, 255}},
           [](HGLOBAL p, V v) {
               RECT r = v.Rect("rect");
               return Fill(p, &r, v.Int("value"));
           });
-    image("FillOutside", "paint everything but a rectangle", {kRect, {"value", ArgType::kInt, "255", "0 ink to 255 paper"}},
+    image("FillOutside", "paint everything but a rectangle", {kRect, {"value", ArgType::kInt, "255", "0 ink to 255 paper", 0, 255}},
           [](HGLOBAL p, V v) {
               RECT r = v.Rect("rect");
               return FillOutside(p, &r, v.Int("value"));
@@ -85,20 +94,20 @@ std::vector<Op> Build() {
     image("GetLess", "mark where this page exceeds another", {{"with", ArgType::kFile, nullptr, "second page (file)"}},
           [](HGLOBAL p, V v) { return GetLess(p, v.File("with")); });
     image("ConvertMode", "convert to 1, 8, 24 or 32 bits",
-          {{"mode", ArgType::kInt, "8", "target bits: 1, 8, 24 or 32"}, {"threshold", ArgType::kInt, "128", "gray level for mode 1"}},
+          {{"mode", ArgType::kInt, "8", "target bits: 1, 8, 24 or 32", 1, 32, "1|8|24|32"}, {"threshold", ArgType::kInt, "128", "gray level for mode 1", 0, 255}},
           [](HGLOBAL p, V v) { return ConvertMode(p, v.Int("mode"), v.Int("threshold")); });
     image("ConvertModeToGrayEx", "gray, with strongly red and blue marks made black",
           {{"red", ArgType::kInt, "50", "least red excess (0: off)"}, {"blue", ArgType::kInt, "50", "least blue excess (0: off)"}},
           [](HGLOBAL p, V v) { return ConvertModeToGrayEx(p, v.Int("red"), v.Int("blue")); });
-    image("Thumbnail", "scale to fit a box", {{"width", ArgType::kInt, "200", "box width"}, {"height", ArgType::kInt, "200", "box height"}},
+    image("Thumbnail", "scale to fit a box", {{"width", ArgType::kInt, "200", "box width", 1, kMaxSide}, {"height", ArgType::kInt, "200", "box height", 1, kMaxSide}},
           [](HGLOBAL p, V v) { return Thumbnail(p, v.Int("width"), v.Int("height")); });
     image("Resize", "scale into an exact size, centred on white",
-          {{"width", ArgType::kInt, nullptr, "target width"}, {"height", ArgType::kInt, nullptr, "target height"}},
+          {{"width", ArgType::kInt, nullptr, "target width", 1, kMaxSide}, {"height", ArgType::kInt, nullptr, "target height", 1, kMaxSide}},
           [](HGLOBAL p, V v) { return Resize(p, v.Int("width"), v.Int("height")); });
-    const std::vector<Arg> rotation = {{"angle", ArgType::kDouble, nullptr, "degrees"},
-                                       {"x", ArgType::kInt, "-1", "centre column (-1: page centre)"},
-                                       {"y", ArgType::kInt, "-1", "centre stored row (-1: page centre)"},
-                                       {"interpolate", ArgType::kInt, "1", "0 nearest, 1 linear, 2 cubic"}};
+    const std::vector<Arg> rotation = {{"angle", ArgType::kDouble, nullptr, "degrees, positive turns the page clockwise", -36000, 36000},
+                                       {"x", ArgType::kInt, "-1", "centre column (-1: width / 2)", -1, kMaxSide},
+                                       {"y", ArgType::kInt, "-1", "centre stored row, counted from the bottom (-1: height / 2)", -1, kMaxSide},
+                                       {"interpolate", ArgType::kInt, "1", "0 nearest, 1 linear, 2 cubic", 0, 2}};
     auto centred = [](HGLOBAL p, V v, auto op) {
         Locked l(p);
         const int cx = v.Int("x") < 0 && l.ok() ? l.width() / 2 : v.Int("x");
@@ -111,20 +120,20 @@ std::vector<Op> Build() {
           [=](HGLOBAL p, V v) { return centred(p, v, [](auto... a) { return RotateEx(a...); }); });
     image("RotateEx1", "turn onto a canvas that holds the whole page (black)", rotation,
           [=](HGLOBAL p, V v) { return centred(p, v, [](auto... a) { return RotateEx1(a...); }); });
-    image("RotateExpand", "quarter or half turn", {{"angle", ArgType::kDouble, "90", "90, 180, 270 or -90"}},
+    image("RotateExpand", "quarter or half turn", {{"angle", ArgType::kDouble, "90", "90, 180, 270 or -90", -90, 270, "90|180|270|-90"}},
           [](HGLOBAL p, V v) { return RotateExpand(p, v.Double("angle"), 0, 0, 0); });
     image("Crop", "cut a region or the content onto a white canvas",
           {{"rect", ArgType::kRect, "0,0,0,0", "region, border widths or target size (by mode)"},
-           {"mode", ArgType::kInt, "2", "0 region, 1 content in region, 2 content, 3 per-side borders, 4 content fitted, 5 page fitted"},
-           {"border", ArgType::kInt, "10", "white border (modes 0 to 2)"}},
+           {"mode", ArgType::kInt, "2", "0 region, 1 content in region, 2 content, 3 per-side borders, 4 content fitted, 5 page fitted", 0, 5},
+           {"border", ArgType::kInt, "10", "white border (modes 0 to 2)", 0, kMaxSide}},
           [](HGLOBAL p, V v) {
               RECT r = v.Rect("rect");
               return Crop(p, &r, v.Int("mode"), v.Int("border"));
           });
-    image("RemoveBorder", "cut the page out of a dark scanner frame", {{"threshold", ArgType::kInt, "100", "gray level of the sheet"}},
+    image("RemoveBorder", "cut the page out of a dark scanner frame", {{"threshold", ArgType::kInt, "100", "gray level of the sheet", 0, 255}},
           [](HGLOBAL p, V v) { return RemoveBorder(p, v.Int("threshold"), 0, 0); });
     image("RemoveBorder1", "deskew by the sheet's edges, cut out and turn",
-          {{"threshold", ArgType::kInt, "100", "gray level of the sheet"}, {"angle", ArgType::kInt, "0", "extra turn: 0, 90, 180, 270, -90"}},
+          {{"threshold", ArgType::kInt, "100", "gray level of the sheet", 0, 255}, {"angle", ArgType::kInt, "0", "extra turn: 0, 90, 180, 270, -90", -90, 270, "0|90|180|270|-90"}},
           [](HGLOBAL p, V v) { return RemoveBorder1(p, v.Int("threshold"), v.Int("angle"), 0, 0); });
     image("RemoveBorder_GPY", "cut out and straighten along the sheet's outline",
           {{"threshold", ArgType::kInt, "100", "gray level of the sheet"}},
@@ -141,7 +150,7 @@ std::vector<Op> Build() {
            {"max-holes", ArgType::kInt, "6", "most holes"},
            {"min-size", ArgType::kInt, "20", "smallest hole side, pixels"},
            {"max-size", ArgType::kInt, "150", "largest hole side, pixels"},
-           {"density", ArgType::kDouble, "0.5", "share of dark pixels of a hole"}},
+           {"density", ArgType::kDouble, "0.5", "share of dark pixels of a hole", 0, 1}},
           [](HGLOBAL p, V v) {
               return RemoveHole(p, v.Bool("left"), v.Bool("top"), v.Bool("right"), v.Bool("bottom"), v.Int("margin"),
                                 v.Int("min-holes"), v.Int("max-holes"), v.Int("min-size"), v.Int("max-size"), v.Double("density"));
@@ -154,14 +163,14 @@ std::vector<Op> Build() {
               return DenoiseRect(p, &r, v.Int("size"));
           });
     measure("IsBlankPage", "ink share in hundredths of a per cent (-1: nothing counted)",
-            {{"threshold", ArgType::kInt, "128", "levels below are ink"}},
+            {{"threshold", ArgType::kInt, "128", "levels below are ink", 0, 256}},
             [](HGLOBAL p, V v) { return Value(IsBlankPage(p, v.Int("threshold"))); });
     image("AddWaterMark", "subtract a gray mark in the middle", {{"mark", ArgType::kFile, nullptr, "8-bit gray mark (file)"}},
           [](HGLOBAL p, V v) { return AddWaterMark(p, v.File("mark")); });
     image("AddWaterMarkEx", "subtract a column of gray marks", {{"mark", ArgType::kFile, nullptr, "8-bit gray mark (file)"}},
           [](HGLOBAL p, V v) { return AddWaterMarkEx(p, v.File("mark")); });
     image("Combine", "join with another page", {{"with", ArgType::kFile, nullptr, "second page (file)"},
-                                                 {"mode", ArgType::kInt, "0", "0 side by side, 1 one above the other"}},
+                                                 {"mode", ArgType::kInt, "0", "0 side by side, 1 one above the other", 0, 1}},
           [](HGLOBAL p, V v) { return Combine(p, v.File("with"), v.Int("mode")); });
     measure("JudgeColorMode", "1 black and white, 8 gray, 24 colour",
             {{"threshold", ArgType::kInt, "-1", "negative: whole-page scan; else colour-patch density per 10,000"}},
@@ -179,7 +188,7 @@ std::vector<Op> Build() {
     image("ConvertHongTouEx", "keep red and blue marks pure, the rest gray",
           {{"gray", ArgType::kFile, "", "gray version of the page (default: converted)"},
            {"diff", ArgType::kInt, "60", "least red or blue excess"},
-           {"min-level", ArgType::kInt, "90", "least red or blue level"}},
+           {"min-level", ArgType::kInt, "90", "least red or blue level", 0, 255}},
           [=](HGLOBAL p, V v) {
               Page made = grayOf(p, v);
               return ConvertHongTouEx(p, made ? made.get() : v.File("gray"), 0, 0, 0, v.Int("diff"),
@@ -225,7 +234,7 @@ std::vector<Op> Build() {
     measure("GetObliquity", "skew of the text lines, degrees (positive: falling to the right)", {},
             [](HGLOBAL p, V) { return Value(GetObliquity(p)); });
     measure("TestPrecision", "scale errors of a scanned 100 mm test frame",
-            {{"dpi", ArgType::kInt, "0", "resolution (0: from the file)"}}, [](HGLOBAL p, V v) {
+            {{"dpi", ArgType::kInt, "0", "resolution (0: from the file)", 0, 100000}}, [](HGLOBAL p, V v) {
                 int dpi = v.Int("dpi");
                 if (dpi == 0) {
                     Locked l(p);
@@ -236,10 +245,105 @@ std::vector<Op> Build() {
                 return Measure{"horizontal " + Number(h) + " vertical " + Number(vert),
                                "{\"horizontal\": " + Number(h) + ", \"vertical\": " + Number(vert) + "}"};
             });
+
+    // The real-scan layer: analysis and cleaning built for real scans.
+    auto scanOp = [&](const char *exp, const char *name, const char *summary, bool isImage, std::vector<Arg> args,
+                      std::function<HGLOBAL(HGLOBAL, V)> f, std::function<Measure(HGLOBAL, V)> m) {
+        ops.push_back(Op{exp, name, summary, isImage, std::move(args), std::move(f), std::move(m)});
+    };
+    const Arg dpi{"dpi", ArgType::kInt, "0", "resolution to assume (0: the page's own, else estimated)", 0, 100000};
+    const Arg confidence{"min-confidence", ArgType::kDouble, "0.5", "straighten only at or above this skew confidence", 0, 1};
+    const Arg method{"method", ArgType::kWord, "default", "binarisation: default, sauvola, wolf or otsu", 0, 0,
+                     "default|sauvola|wolf|otsu"};
+    scanOp("QuarvelAnalyzePage", "detect", "measure skew, orientation, sheet, content, holes, blank and colour mode", false, {dpi},
+           nullptr, [](HGLOBAL p, V v) {
+               const QuarvelScanOptions o = ScanOptionsOf(*FindOp("detect"), v);
+               QuarvelPageReport r{};
+               r.size = sizeof r;
+               if (!QuarvelAnalyzePage(p, &o, &r) || !r.usable) return Measure{"the page could not be analysed", "null", false, false};
+               return DescribeReport(r);
+           });
+    scanOp("QuarvelCleanPage", "clean", "straighten, cut out the sheet, fill holes and remove specks of a scan", true,
+           {{"no-deskew", ArgType::kBool, "0", "do not straighten"},
+            {"orient", ArgType::kBool, "0", "turn upright by quarter turns when confident"},
+            {"whiten", ArgType::kBool, "0", "keep the page size and paint the frame as paper instead of cropping"},
+            {"no-crop", ArgType::kBool, "0", "keep the scanner frame"},
+            {"no-holes", ArgType::kBool, "0", "keep punch holes"},
+            {"no-despeckle", ArgType::kBool, "0", "keep specks"},
+            {"binarize", ArgType::kBool, "0", "finish with a 1-bit page (see --method)"},
+            method,
+            {"margin", ArgType::kInt, "-1", "pixels of paper kept round the content (-1: about 2 mm)", -1, kMaxSide},
+            dpi, confidence},
+           [](HGLOBAL p, V v) {
+               const QuarvelScanOptions o = ScanOptionsOf(*FindOp("clean"), v);
+               return QuarvelCleanPage(p, &o, nullptr);
+           },
+           nullptr);
+    scanOp("QuarvelCleanPage", "deskew", "straighten the page when its skew is measured with confidence", true, {dpi, confidence},
+           [](HGLOBAL p, V v) {
+               const QuarvelScanOptions o = ScanOptionsOf(*FindOp("deskew"), v);
+               return QuarvelCleanPage(p, &o, nullptr);
+           },
+           nullptr);
+    scanOp("QuarvelBinarizePage", "binarize", "a 1-bit page by an adaptive or global threshold", true,
+           {method, {"window", ArgType::kInt, "0", "window side in pixels (0: from the resolution)", 0, 65535},
+            {"k", ArgType::kDouble, "0", "the method's sensitivity (0: its default)", 0, 10}, dpi},
+           [](HGLOBAL p, V v) {
+               const QuarvelScanOptions o = ScanOptionsOf(*FindOp("binarize"), v);
+               return QuarvelBinarizePage(p, &o);
+           },
+           nullptr);
+
+    // Plain-English names beside the export-style ones, and conventions.
+    const std::map<std::string, std::vector<std::string>> aliases = {
+        {"mirror", {"flip-left-right"}},
+        {"flip", {"flip-top-bottom"}},
+        {"rotate-ex", {"rotate-whole"}},
+        {"rotate-ex1", {"rotate-whole-black"}},
+        {"rotate-expand", {"quarter-turn"}},
+        {"remove-border", {"crop-frame"}},
+        {"remove-border1", {"deskew-crop-frame"}},
+        {"remove-border-gpy", {"straighten-frame"}},
+        {"remove-border-fill", {"whiten-frame"}},
+        {"remove-hole", {"fill-punch-holes"}},
+        {"denoise", {"despeckle"}},
+        {"text-effect", {"thicken-text"}},
+        {"is-blank-page", {"ink-share"}},
+        {"judge-color-mode", {"color-mode"}},
+        {"convert-hong-tou", {"keep-red"}},
+        {"convert-hong-tou-ex", {"keep-red-blue"}},
+        {"convert-mode-to-gray-ex", {"gray-keep-marks"}},
+        {"de-colorize", {"decolorize"}},
+        {"get-binary-threshold-by-otsu", {"otsu-threshold"}},
+        {"get-binary-threshold-by-rid-cal", {"ridler-calvard-threshold"}},
+        {"get-obliquity", {"measure-skew"}},
+        {"test-precision", {"scale-check"}},
+        {"get-less", {"mark-exceeding"}},
+    };
+    for (Op &op : ops) {
+        auto it = aliases.find(op.name);
+        if (it != aliases.end()) op.aliases = it->second;
+        if (op.name.rfind("rotate", 0) == 0 && op.name != "rotate-expand")
+            op.notes = "A positive angle turns the page clockwise as displayed; a page measured by get-obliquity\n"
+                       "at A degrees is straightened by rotating it by -A. The centre (x, y) counts x from the left and\n"
+                       "y in stored rows from the bottom; by default it is (width / 2, height / 2).";
+        if (op.name == "rotate-expand") op.notes = "90 turns the page clockwise as displayed (a quarter turn right), 270 and -90 counter-clockwise.";
+        if (op.name == "get-obliquity" || op.name == "detect")
+            op.notes = "Skew in degrees: positive when text lines fall toward the right as displayed (the page was turned\n"
+                       "clockwise). Straighten with: quarvel rotate --angle -A.";
+    }
     return ops;
 }
 
 }  // namespace
+
+std::string JsonLine(const std::string &file, std::size_t page, const std::string &operation, const Measure &m) {
+    nlohmann::ordered_json line{{"file", file}, {"page", page}};
+    const nlohmann::ordered_json value = nlohmann::ordered_json::parse(m.json);
+    if (m.flat) line.update(value);
+    else line["operation"] = operation, line["value"] = value;
+    return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
 
 std::string KebabCase(const std::string &exportName) {
     std::string out;
@@ -266,8 +370,79 @@ const std::vector<Op> &Operations() {
 const Op *FindOp(const std::string &name) {
     const std::string key = Lower(name);
     for (const Op &op : Operations())
-        if (op.name == key || Lower(op.exportName) == key) return &op;
+        if (op.name == key) return &op;
+    for (const Op &op : Operations())
+        if (Lower(op.exportName) == key || std::find(op.aliases.begin(), op.aliases.end(), key) != op.aliases.end()) return &op;
     return nullptr;
+}
+
+QuarvelScanOptions ScanOptionsOf(const Op &op, const Values &v) {
+    QuarvelScanOptions o;
+    QuarvelDefaultOptions(&o);
+    auto has = [&](const char *name) { return v.text.count(name) > 0; };
+    if (has("dpi")) o.dpi = v.Int("dpi");
+    if (has("min-confidence")) o.min_skew_confidence = v.Double("min-confidence");
+    if (has("method")) {
+        const std::string &m = v.Word("method");
+        o.binarize_method = m == "sauvola" ? QUARVEL_BINARIZE_SAUVOLA
+                            : m == "wolf"  ? QUARVEL_BINARIZE_WOLF
+                            : m == "otsu"  ? QUARVEL_BINARIZE_OTSU
+                                           : QUARVEL_BINARIZE_DEFAULT;
+    }
+    if (has("window")) o.binarize_window = v.Int("window");
+    if (has("k")) o.binarize_k = v.Double("k");
+    if (has("margin")) o.margin = v.Int("margin");
+    if (op.name == "deskew") o.steps = QUARVEL_CLEAN_DESKEW;
+    if (op.name == "clean") {
+        std::uint32_t steps = QUARVEL_CLEAN_DEFAULT;
+        auto flag = [&](const char *name, std::uint32_t step, bool on) {
+            if (v.Bool(name)) steps = on ? steps | step : steps & ~step;
+        };
+        flag("no-deskew", QUARVEL_CLEAN_DESKEW, false);
+        flag("orient", QUARVEL_CLEAN_ORIENT, true);
+        flag("no-crop", QUARVEL_CLEAN_CROP, false);
+        flag("no-holes", QUARVEL_CLEAN_HOLES, false);
+        flag("no-despeckle", QUARVEL_CLEAN_DESPECKLE, false);
+        flag("binarize", QUARVEL_CLEAN_BINARIZE, true);
+        if (v.Bool("whiten")) steps = (steps & ~QUARVEL_CLEAN_CROP) | QUARVEL_CLEAN_WHITEN;
+        o.steps = steps;
+    }
+    return o;
+}
+
+Measure DescribeReport(const QuarvelPageReport &r) {
+    using nlohmann::ordered_json;
+    auto box = [](const RECT &b) { return ordered_json::array({b.left, b.top, b.right, b.bottom}); };
+    ordered_json sides = ordered_json::array();
+    const std::pair<std::uint32_t, const char *> named[] = {
+        {QUARVEL_SIDE_LEFT, "left"}, {QUARVEL_SIDE_TOP, "top"}, {QUARVEL_SIDE_RIGHT, "right"}, {QUARVEL_SIDE_BOTTOM, "bottom"}};
+    std::string sideText;
+    for (const auto &[bit, name] : named)
+        if (r.frame_sides & bit) sides.push_back(name), sideText += (sideText.empty() ? "" : ",") + std::string(name);
+    ordered_json holes = ordered_json::array();
+    for (int i = 0; i < std::clamp(r.hole_count, 0, QUARVEL_MAX_HOLES); ++i)
+        holes.push_back({{"cx", r.holes[i].cx}, {"cy", r.holes[i].cy}, {"r", r.holes[i].r}});
+    const ordered_json j = {
+        {"width", r.width},
+        {"height", r.height},
+        {"dpi", r.dpi},
+        {"skew", {{"angle", r.skew_angle}, {"confidence", r.skew_confidence}}},
+        {"orientation", {{"angle", r.orientation}, {"confidence", r.orientation_confidence}}},
+        {"sheet", {{"box", box(r.sheet)}, {"frame", r.frame_sides != 0}, {"sides", sides}}},
+        {"content", r.has_content ? box(r.content) : ordered_json(nullptr)},
+        {"holes", holes},
+        {"blank", {{"blank", r.blank != 0}, {"ink", r.ink}}},
+        {"mode", r.mode}};
+    auto rect = [](const RECT &b) {
+        return std::to_string(b.left) + "," + std::to_string(b.top) + "," + std::to_string(b.right) + "," + std::to_string(b.bottom);
+    };
+    const std::string text = std::to_string(r.width) + "x" + std::to_string(r.height) + " skew " + Number(r.skew_angle) +
+                             " (confidence " + Number(r.skew_confidence) + ") orientation " + std::to_string(r.orientation) +
+                             " (confidence " + Number(r.orientation_confidence) + ") sheet " + rect(r.sheet) +
+                             (r.frame_sides ? " frame " + sideText : " no frame") + " content " +
+                             (r.has_content ? rect(r.content) : std::string("none")) + " holes " + std::to_string(r.hole_count) +
+                             (r.blank ? " blank" : " not blank") + " ink " + Number(r.ink) + " mode " + std::to_string(r.mode);
+    return Measure{text, j.dump(), true, true};
 }
 
 int Values::Int(const std::string &name) const {
@@ -287,10 +462,10 @@ double Values::Double(const std::string &name) const {
     try {
         std::size_t used = 0;
         const double v = std::stod(t, &used);
-        if (used != t.size()) throw std::invalid_argument(t);
+        if (used != t.size() || !std::isfinite(v)) throw std::invalid_argument(t);
         return v;
     } catch (const std::exception &) {
-        throw UsageError("--" + name + ": expected a number, got '" + t + "'");
+        throw UsageError("--" + name + ": expected a finite number, got '" + t + "'");
     }
 }
 
@@ -352,14 +527,30 @@ std::vector<std::string> ParseArgs(const Op &op, const std::vector<std::string> 
         if (a.type != ArgType::kFile || values->text[a.name].empty()) continue;
         values->files[a.name] = ReadImage(values->text[a.name]);
     }
-    // Validate numbers now so a bad value is a usage error before any work.
+    // Validate values now so a bad one is a usage error before any work.
     for (const Arg &a : op.args) {
+        double v = 0;
+        const std::string range = a.lo > -1e300 ? " from " + Number(a.lo) + " to " + Number(a.hi) : "";
+        try {
+            if (a.type == ArgType::kInt) v = values->Int(a.name);
+            if (a.type == ArgType::kDouble) v = values->Double(a.name);
+        } catch (const UsageError &) {
+            throw UsageError(op.name + ": --" + a.name + ": expected a " + (a.type == ArgType::kInt ? "whole" : "finite") + " number" +
+                             range + ", got '" + values->text[a.name] + "'");
+        }
         switch (a.type) {
-            case ArgType::kInt: values->Int(a.name); break;
-            case ArgType::kDouble: values->Double(a.name); break;
             case ArgType::kBool: values->Bool(a.name); break;
             case ArgType::kRect: values->Rect(a.name); break;
             default: break;
+        }
+        const std::string &t = values->text[a.name];
+        if (a.choices != nullptr) {
+            const std::string all = std::string("|") + a.choices + "|";
+            if (all.find("|" + Lower(t) + "|") == std::string::npos)
+                throw UsageError(op.name + ": --" + a.name + ": expected one of " + a.choices + ", got '" + t + "'");
+            if (a.type == ArgType::kWord) values->text[a.name] = Lower(t);
+        } else if (v < a.lo || v > a.hi) {
+            throw UsageError(op.name + ": --" + a.name + ": expected a number" + range + ", got '" + t + "'");
         }
     }
     return rest;

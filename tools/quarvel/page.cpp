@@ -13,12 +13,18 @@ std::vector<RGBQUAD> GrayTable() {
 
 std::vector<RGBQUAD> BitonalTable() { return {RGBQUAD{0, 0, 0, 0}, RGBQUAD{255, 255, 255, 0}}; }
 
-double DpiOf(std::int32_t pelsPerMeter) { return pelsPerMeter > 0 ? pelsPerMeter * 0.0254 : 0.0; }
+double DpiOf(std::int32_t pelsPerMeter) {
+    if (pelsPerMeter <= 0) return 0.0;
+    // One pel per metre is 0.0254 dpi: the whole number within half of that
+    // is the resolution that was stored.
+    const double dpi = pelsPerMeter * 0.0254, whole = std::round(dpi);
+    return std::fabs(dpi - whole) <= 0.0127 ? whole : dpi;
+}
 
 std::int32_t PelsPerMeter(double dpi) { return dpi > 0 ? static_cast<std::int32_t>(std::lround(dpi / 0.0254)) : 0; }
 
 Page NewPage(int w, int h, int bits, const std::vector<RGBQUAD> &table, double dpiX, double dpiY) {
-    if (w <= 0 || h <= 0) return Page();
+    if (w <= 0 || h <= 0 || (bits != 1 && bits != 4 && bits != 8 && bits != 16 && bits != 24 && bits != 32)) return Page();
     const std::size_t stride = ((static_cast<std::size_t>(w) * bits + 31) / 32) * 4;
     const std::size_t size = 40 + 4 * table.size() + stride * static_cast<std::size_t>(h);
     Page page(GlobalAlloc(GHND, size));
@@ -49,8 +55,10 @@ Locked::Locked(HGLOBAL h) : h_(h) {
         return;
     }
     header_ = static_cast<BITMAPINFOHEADER *>(p);
-    const std::size_t need = 40 + 4ull * colors() + static_cast<std::size_t>(stride()) * (header_->biHeight > 0 ? header_->biHeight : 0);
-    if (header_->biWidth <= 0 || header_->biHeight <= 0 || need > size_) {
+    const int b = header_->biBitCount;
+    const bool shape = header_->biSize == 40 && header_->biWidth > 0 && header_->biHeight > 0 && colors() <= 256 &&
+                       (b == 1 || b == 4 || b == 8 || b == 16 || b == 24 || b == 32);
+    if (!shape || 40 + 4ull * colors() + stride() * static_cast<std::size_t>(header_->biHeight) > size_) {
         GlobalUnlock(h);
         header_ = nullptr;
         h_ = nullptr;

@@ -3,6 +3,7 @@
 // the demo need.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -58,7 +59,7 @@ public:
     int width() const { return header_->biWidth; }
     int height() const { return header_->biHeight; }
     int bits() const { return header_->biBitCount; }
-    int stride() const { return ((width() * bits() + 31) / 32) * 4; }
+    std::size_t stride() const { return ((static_cast<std::size_t>(width()) * bits() + 31) / 32) * 4; }
     std::uint32_t colors() const;
     RGBQUAD *table() const;
     std::uint8_t *row(int storedRow) const;
@@ -71,6 +72,8 @@ private:
     std::size_t size_ = 0;
 };
 
+// Dots per inch of a DIB's pels per metre; a whole number of dots per inch
+// comes back exactly (11811 pels per metre is 300 dpi, not 299.9994).
 double DpiOf(std::int32_t pelsPerMeter);
 std::int32_t PelsPerMeter(double dpi);
 

@@ -1,3 +1,13 @@
+// Pipelines and batches. A batch first opens every input (counting pages
+// without decoding them) and computes every output name; an output folder
+// that holds an input, two outputs with one name, or an output that would
+// replace another input stops the batch before anything is written. Then
+// worker threads take whole files in input order and stream their pages:
+// read one, apply the steps, hand it to the file's writer, release it.
+// Memory is bounded by the number of threads, not the batch. A page refused
+// by a step fails its whole file (nothing of it is written, so a book's
+// pages never shift). Each file's messages are buffered and printed in
+// input order, so -j 2 prints what -j 1 prints.
 #include "pipeline.h"
 
 #include <unistd.h>
@@ -8,9 +18,11 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <thread>
 
+#include "files.h"
 #include "formats.h"
 
 namespace qtool {
@@ -70,12 +82,6 @@ Page ApplySteps(const std::vector<Step> &steps, Page page, std::vector<std::pair
     return page;
 }
 
-namespace {
-
-struct Job {
-    std::size_t file;
-    std::size_t page;
-};
 
 std::string OutputPath(const std::string &dir, const std::string &input, const std::string &format) {
     std::filesystem::path in(input);
@@ -87,17 +93,12 @@ std::string OutputPath(const std::string &dir, const std::string &input, const s
     return (std::filesystem::path(dir) / (in.stem().string() + ext)).string();
 }
 
-// Runs fn(0 .. n-1) on `threads` threads, each index once.
-template <class F>
-void ParallelFor(std::size_t n, int threads, F fn) {
-    std::atomic<std::size_t> next{0};
-    auto worker = [&] {
-        for (std::size_t i; (i = next.fetch_add(1)) < n;) fn(i);
-    };
-    std::vector<std::thread> pool;
-    for (int t = 1; t < std::min<int>(threads, static_cast<int>(n)); ++t) pool.emplace_back(worker);
-    worker();
-    for (std::thread &t : pool) t.join();
+namespace {
+
+std::string Canonical(const std::string &path) {
+    std::error_code ec;
+    std::filesystem::path p = std::filesystem::weakly_canonical(std::filesystem::absolute(path), ec);
+    return ec ? std::filesystem::absolute(path).lexically_normal().string() : p.string();
 }
 
 std::string Clock(double seconds) {
@@ -107,130 +108,169 @@ std::string Clock(double seconds) {
     return buf;
 }
 
+struct Input {
+    std::string path;
+    std::size_t pages = 0;
+    std::string error;  // why it cannot be read
+    std::string target;  // the output, before its pages are numbered
+    std::vector<std::string> outputs;
+};
+
+enum class Outcome { kPending, kWritten, kSkipped, kFailed };
+
+struct FileResult {
+    Outcome outcome = Outcome::kPending;
+    std::size_t pages = 0;
+    std::string out, err;  // buffered stdout and stderr text
+};
+
+std::string Where(const Input &in, std::size_t page) {
+    return in.pages > 1 ? in.path + "[" + std::to_string(page + 1) + "]" : in.path;
+}
+
+void ProcessFile(const std::vector<Step> &steps, const Input &in, const RunOptions &options, FileResult *r) {
+    if (!in.error.empty()) {
+        r->err += "quarvel: " + in.error + " (skipped)\n";
+        r->outcome = Outcome::kSkipped;
+        return;
+    }
+    std::size_t page = 0;
+    try {
+        ImageReader reader(in.path);
+        if (reader.pages() != in.pages) throw FormatError(in.path + ": the file changed during the batch");
+        ImageWriter writer(in.target, in.pages);
+        for (; page < in.pages; ++page) {
+            std::vector<std::pair<std::string, Measure>> measures;
+            Page result = ApplySteps(steps, reader.next(), &measures);
+            for (const auto &[name, m] : measures)
+                r->out += (options.json ? JsonLine(in.path, page + 1, name, m) : Where(in, page) + ": " + name + " " + m.text) + "\n";
+            writer.add(result);
+            ++r->pages;
+        }
+        writer.commit();
+        r->outcome = Outcome::kWritten;
+    } catch (const OperationError &e) {
+        r->err += "quarvel: " + Where(in, page) + ": " + e.what() + "; " + in.path + " not written\n";
+        r->outcome = Outcome::kFailed;
+    } catch (const std::exception &e) {
+        r->err += std::string("quarvel: ") + e.what() + "; " + in.path + " not written\n";
+        r->outcome = Outcome::kFailed;
+    }
+}
+
 }  // namespace
 
 int RunBatch(const std::vector<Step> &steps, const std::vector<std::string> &files, const RunOptions &options) {
     const auto started = std::chrono::steady_clock::now();
+    std::vector<Input> inputs(files.size());
+    std::map<std::string, std::size_t> inputAt;
+    std::size_t totalPages = 0, readable = 0;
+    for (std::size_t f = 0; f < files.size(); ++f) {
+        Input &in = inputs[f];
+        in.path = files[f];
+        try {
+            in.pages = ImageReader(in.path).pages();
+            in.target = OutputPath(options.outDir, in.path, options.format);
+            in.outputs = OutputNames(in.target, in.pages);
+            totalPages += in.pages;
+            ++readable;
+        } catch (const FormatError &e) {
+            in.error = e.what();
+        }
+        inputAt.emplace(Canonical(in.path), f);
+    }
+    // Refuse, before writing anything, outputs that would replace inputs or each other.
+    const std::string outDir = Canonical(options.outDir);
+    std::map<std::string, std::size_t> owner;
+    std::vector<std::string> clashes;
+    for (std::size_t f = 0; f < inputs.size(); ++f) {
+        const Input &in = inputs[f];
+        if (!in.error.empty()) continue;
+        const std::string folder = std::filesystem::path(in.path).parent_path().string();
+        if (!options.inPlace && Canonical(folder.empty() ? "." : folder) == outDir) {
+            std::fprintf(stderr,
+                         "quarvel: run: the output folder %s holds the input %s; its outputs would replace inputs "
+                         "(choose another folder, or add --in-place to allow it)\n",
+                         options.outDir.c_str(), in.path.c_str());
+            return kUsage;
+        }
+        for (const std::string &out : in.outputs) {
+            const std::string key = Canonical(out);
+            auto other = owner.emplace(key, f);
+            if (!other.second) clashes.push_back(inputs[other.first->second].path + " and " + in.path + " would both be written to " + out);
+            auto hit = inputAt.find(key);
+            if (hit != inputAt.end() && hit->second != f) clashes.push_back(in.path + " would be written over the input " + inputs[hit->second].path);
+        }
+    }
+    if (!clashes.empty()) {
+        for (const std::string &c : clashes) std::fprintf(stderr, "quarvel: run: %s\n", c.c_str());
+        std::fprintf(stderr, "quarvel: run: nothing written; rename the inputs or write them in separate runs\n");
+        return kUsage;
+    }
     std::error_code ec;
     std::filesystem::create_directories(options.outDir, ec);
     if (ec) {
         std::fprintf(stderr, "quarvel: %s: cannot create output folder (%s)\n", options.outDir.c_str(), ec.message().c_str());
-        return 5;
+        return kOutput;
     }
-    // Read every file first (in parallel; a bad file is reported once,
-    // before any work), then process the pages in parallel.
-    std::vector<std::vector<Page>> inputs(files.size());
-    std::vector<std::string> readErrors(files.size());
-    ParallelFor(files.size(), options.jobs, [&](std::size_t f) {
-        try {
-            inputs[f] = ReadImage(files[f]);
-        } catch (const FormatError &e) {
-            readErrors[f] = e.what();
-        }
-    });
-    std::vector<Job> jobs;
-    int unreadable = 0;
-    for (std::size_t f = 0; f < files.size(); ++f) {
-        if (!readErrors[f].empty()) {
-            std::fprintf(stderr, "quarvel: %s (skipped)\n", readErrors[f].c_str());
-            ++unreadable;
-        }
-        for (std::size_t p = 0; p < inputs[f].size(); ++p) jobs.push_back(Job{f, p});
-    }
-    std::vector<std::vector<Page>> outputs(files.size());
-    for (std::size_t f = 0; f < files.size(); ++f) outputs[f].resize(inputs[f].size());
-    std::vector<std::vector<std::pair<std::string, Measure>>> measures(jobs.size());
-    std::vector<std::string> errors(jobs.size());
 
-    std::atomic<std::size_t> done{0};
-    const bool bar = options.progress && isatty(fileno(stderr));
+    BatchProgress &progress = Progress();
+    progress.files = static_cast<long>(inputs.size());
+    std::vector<FileResult> results(inputs.size());
     std::mutex printing;
-    ParallelFor(jobs.size(), options.jobs, [&](std::size_t j) {
-        const Job &job = jobs[j];
-        try {
-            // Each page is worked on in its own copy (ImageAnd writes its page).
-            const Page &in = inputs[job.file][job.page];
-            Page copy(GlobalAlloc(GHND, GlobalSize(in.get())));
-            void *dst = GlobalLock(copy.get());
-            const void *src = GlobalLock(in.get());
-            if (dst == nullptr || src == nullptr) throw OperationError("out of memory");
-            std::memcpy(dst, src, GlobalSize(copy.get()));
-            GlobalUnlock(in.get());
-            GlobalUnlock(copy.get());
-            outputs[job.file][job.page] = ApplySteps(steps, std::move(copy), &measures[j]);
-        } catch (const std::exception &e) {
-            errors[j] = e.what();
+    std::size_t printed = 0, pagesDone = 0;
+    const bool bar = options.progress && isatty(fileno(stderr));
+    // Prints every finished file whose predecessors are printed, then the bar.
+    auto finished = [&](std::size_t f) {
+        std::lock_guard<std::mutex> lock(printing);
+        pagesDone += results[f].pages;
+        ++progress.filesDone;
+        if (results[f].outcome == Outcome::kWritten) ++progress.written;
+        for (; printed < results.size() && results[printed].outcome != Outcome::kPending; ++printed) {
+            if (bar) std::fprintf(stderr, "\r\033[K");
+            std::fputs(results[printed].out.c_str(), stdout);
+            std::fflush(stdout);
+            std::fputs(results[printed].err.c_str(), stderr);
+            results[printed].out.clear(), results[printed].err.clear();
         }
-        const std::size_t n = ++done;
         if (bar) {
             const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-            const double rate = n / std::max(secs, 1e-6);
-            const int width = 30, filled = static_cast<int>(width * n / jobs.size());
-            std::lock_guard<std::mutex> lock(printing);
+            const double rate = pagesDone / std::max(secs, 1e-6);
+            const int width = 30, filled = totalPages ? static_cast<int>(width * pagesDone / totalPages) : width;
             std::fprintf(stderr, "\r[%s%s] %zu/%zu pages  %.1f pages/s  %s left ", std::string(filled, '=').c_str(),
-                         std::string(width - filled, ' ').c_str(), n, jobs.size(), rate,
-                         Clock((jobs.size() - n) / std::max(rate, 1e-6)).c_str());
+                         std::string(width - filled, ' ').c_str(), pagesDone, totalPages, rate,
+                         Clock((totalPages - pagesDone) / std::max(rate, 1e-6)).c_str());
         }
-    });
-    if (bar) std::fprintf(stderr, "\n");
-
-    // Report in input order, then write each file whose pages all succeeded
-    // (a failed page is reported and left out).
-    int failedPages = 0, written = 0;
-    for (std::size_t j = 0; j < jobs.size(); ++j) {
-        std::string where = files[jobs[j].file];
-        if (inputs[jobs[j].file].size() > 1) {
-            where += '[';
-            where += std::to_string(jobs[j].page + 1);
-            where += ']';
-        }
-        if (!errors[j].empty()) {
-            std::fprintf(stderr, "quarvel: %s: %s (skipped)\n", where.c_str(), errors[j].c_str());
-            ++failedPages;
-        }
-        for (const auto &[name, m] : measures[j]) {
-            if (options.json)
-                std::printf("{\"file\": \"%s\", \"page\": %zu, \"operation\": \"%s\", \"value\": %s}\n", files[jobs[j].file].c_str(),
-                            jobs[j].page + 1, name.c_str(), m.json.c_str());
-            else
-                std::printf("%s: %s %s\n", where.c_str(), name.c_str(), m.text.c_str());
-        }
-    }
-    // Write the outputs in parallel; report write failures in input order.
-    std::vector<std::string> writeErrors(files.size());
-    std::vector<char> wrote(files.size(), 0);
-    ParallelFor(files.size(), options.jobs, [&](std::size_t f) {
-        std::vector<const Page *> pages;
-        for (const Page &p : outputs[f])
-            if (p) pages.push_back(&p);
-        if (pages.empty()) return;
-        const std::string out = OutputPath(options.outDir, files[f], options.format);
-        try {
-            if (pages.size() > 1 && !MultiPage(FormatOfPath(out))) {
-                const std::filesystem::path p(out);
-                for (std::size_t i = 0; i < pages.size(); ++i)
-                    WriteImage((p.parent_path() / (p.stem().string() + "-" + std::to_string(i + 1) + p.extension().string())).string(),
-                               {pages[i]});
-            } else {
-                WriteImage(out, pages);
+    };
+    std::atomic<std::size_t> next{0};
+    auto worker = [&] {
+        for (std::size_t f; (f = next.fetch_add(1)) < inputs.size();) {
+            FileResult r;
+            ProcessFile(steps, inputs[f], options, &r);
+            {
+                std::lock_guard<std::mutex> lock(printing);
+                results[f] = std::move(r);
             }
-            wrote[f] = 1;
-        } catch (const FormatError &e) {
-            writeErrors[f] = e.what();
+            finished(f);
         }
-    });
-    for (std::size_t f = 0; f < files.size(); ++f) {
-        if (!writeErrors[f].empty()) {
-            std::fprintf(stderr, "quarvel: %s\n", writeErrors[f].c_str());
-            ++failedPages;
-        }
-        written += wrote[f];
+    };
+    std::vector<std::thread> pool;
+    for (int t = 1; t < std::min<int>(options.jobs, static_cast<int>(inputs.size())); ++t) pool.emplace_back(worker);
+    worker();
+    for (std::thread &t : pool) t.join();
+    if (bar) std::fprintf(stderr, "\r\033[K");
+
+    int written = 0, skipped = 0, failed = 0;
+    for (const FileResult &r : results) {
+        written += r.outcome == Outcome::kWritten;
+        skipped += r.outcome == Outcome::kSkipped;
+        failed += r.outcome == Outcome::kFailed;
     }
     const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    std::fprintf(stderr, "quarvel: %zu pages from %zu files in %.1f s (%.1f pages/s); %d failed, %d files written\n",
-                 jobs.size(), files.size() - unreadable, secs, jobs.size() / std::max(secs, 1e-6), failedPages, written);
-    if (jobs.empty() && unreadable > 0) return 3;
-    return failedPages > 0 || unreadable > 0 ? 1 : 0;
+    std::fprintf(stderr, "quarvel: %zu pages from %zu files in %.1f s (%.1f pages/s); %d files written, %d skipped, %d failed\n",
+                 pagesDone, files.size(), secs, pagesDone / std::max(secs, 1e-6), written, skipped, failed);
+    if (readable == 0) return kInput;
+    return skipped > 0 || failed > 0 ? kPartly : kDone;
 }
 
 }  // namespace qtool

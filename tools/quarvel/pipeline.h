@@ -1,5 +1,7 @@
 // Pipelines over batches: steps separated by '|', applied to every page of
-// every input file, pages processed in parallel, outputs written atomically.
+// every input file. Files are streamed (read a page, process it, write it,
+// release it) on -j N threads; every output name is checked before anything
+// is written, and each output file is written whole or not at all.
 #pragma once
 
 #include <string>
@@ -32,10 +34,18 @@ struct RunOptions {
     int jobs = 1;
     bool json = false;
     bool progress = true;  // only drawn when stderr is a terminal
+    bool inPlace = false;  // outputs may replace inputs
 };
 
-// Runs the pipeline; returns the exit code (0 all pages done, 1 some pages
-// failed, 3 no input could be read).
+// Exit codes of the tool.
+constexpr int kDone = 0, kPartly = 1, kUsage = 2, kInput = 3, kOperation = 4, kOutput = 5;
+
+// The output a batch writes for `input` (before numbering pages).
+std::string OutputPath(const std::string &dir, const std::string &input, const std::string &format);
+
+// Runs the pipeline; returns the exit code (kDone every file written,
+// kPartly some files skipped or failed, kUsage output folder or names refused
+// before anything was written, kInput no input could be read).
 int RunBatch(const std::vector<Step> &steps, const std::vector<std::string> &files, const RunOptions &options);
 
 // Splits a command line the way a shell would for plain words and quotes.
