@@ -1,17 +1,19 @@
 # Quarvel's two commands for a fresh Debian machine:
 #   make demo   installs what is missing, builds, and runs the demo
 #   make test   installs what is missing, builds, and runs every test suite
-# Also: make build, make bench, make check-asan, make clean.
+# Also: make build, make bench, make check-asan, make clean,
+#       make install PREFIX=/usr/local (tool, library, headers, pkg-config, CMake package).
 
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
+PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 DEMO_OUT   ?= demo-out
 # ccache, where installed, shares compiled objects between build trees.
 LAUNCHER   := $(if $(shell command -v ccache 2>/dev/null),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 export CCACHE_BASEDIR ?= $(CURDIR)
 
-.PHONY: all deps build test demo bench quality check-asan clean
+.PHONY: all deps build test demo bench quality check-asan clean install
 
 all: build
 
@@ -26,6 +28,9 @@ build: deps $(BUILD)/CMakeCache.txt
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
 
 demo: build
 	@if [ -x $(BUILD)/tools/quarvel/quarvel ]; then \
