@@ -758,7 +758,7 @@ std::vector<Page> ReadPnm(const std::string &path, const std::vector<std::uint8_
     const char kind = static_cast<char>(f[1]);
     const bool bitmap = kind == '1' || kind == '4', ascii = kind <= '3';
     const int channels = (kind == '3' || kind == '6') ? 3 : 1;
-    const long long w = number(kMaxSide * 16, "width"), h = number(kMaxSide * 16, "height");
+    const long long w = number(INT32_MAX, "width"), h = number(INT32_MAX, "height");
     const long long maxval = bitmap ? 1 : number(65535, "maximum value");
     CheckSize(w, h, path);
     if (maxval == 0) throw FormatError(path + ": corrupt PNM header (maximum value 0)");
