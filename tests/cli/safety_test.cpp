@@ -377,3 +377,16 @@ TEST(Scan, DetectReportsEveryKeyInItsShape) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(Docs, ManPageListsEveryOperation) {
+    const std::string man = Slurp(std::string(QUARVEL_SOURCE_DIR) + "/docs/quarvel.1");
+    for (const Op &op : Operations()) {
+        std::string name;
+        for (char c : op.name) name += c == '-' ? std::string("\\-") : std::string(1, c);
+        EXPECT_NE(man.find(".B " + name + " ("), std::string::npos) << op.name << ": run tools/quarvel/make-man";
+    }
+}
+
+}  // namespace

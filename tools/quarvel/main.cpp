@@ -112,7 +112,13 @@ int List(bool namesOnly) {
         }
         std::string names = op.name;
         for (const std::string &a : op.aliases) names += ", " + a;
-        std::printf("%-44s %s %s\n", names.c_str(), op.image ? "page   " : "measure", op.summary);
+        std::printf("%-40s %s %s\n", names.c_str(), op.image ? "page   " : "measure", op.summary);
+        for (const Arg &a : op.args) {
+            std::string def;
+            if (a.fallback == nullptr) def = " (required)";
+            else if (*a.fallback != '\0') def = std::string(" = ") + a.fallback;
+            std::printf("%42s--%s %s%s\n", "", a.name, TypeName(a), def.c_str());
+        }
     }
     return 0;
 }
