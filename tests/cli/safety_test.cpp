@@ -128,6 +128,8 @@ TEST(Batch, NamesJpegInputsPngAndNumbersPagesOfOnePageFormats) {
     Write(d / "in/photo.jpg", {&a});
     EXPECT_EQ(Tool(d, "run flip -o o1 in/book.tif in/photo.jpg").code, 0);
     EXPECT_TRUE(fs::exists(d / "o1/book.tif") && fs::exists(d / "o1/photo.png"));
+    EXPECT_EQ(Tool(d, "run flip -o o3 -j 2 in/book.tif").code, 0);  // pages of one file in parallel
+    EXPECT_EQ(Slurp(d / "o3/book.tif"), Slurp(d / "o1/book.tif"));
     EXPECT_EQ(Tool(d, "run flip -o o2 --format .PNG in/book.tif").code, 0);
     EXPECT_EQ(Locked(ReadImage(d / "o2/book-2.png")[0].get()).width(), 40);
     EXPECT_EQ(Count(d / "o2"), 2u);

@@ -4,9 +4,10 @@
 // replace another input stops the batch before anything is written. Then
 // worker threads take whole files in input order and stream their pages:
 // read one, apply the steps, hand it to the file's writer, release it.
-// Memory is bounded by the number of threads, not the batch. A page refused
-// by a step fails its whole file (nothing of it is written, so a book's
-// pages never shift). Each file's messages are buffered and printed in
+// Memory is bounded by the number of threads, not the batch; when there
+// are fewer files than threads, the spare threads share each file's pages.
+// A page refused by a step fails its whole file (nothing of it is written,
+// so a book's pages never shift). Each file's messages are buffered and printed in
 // input order, so -j 2 prints what -j 1 prints.
 #include "pipeline.h"
 
@@ -128,7 +129,9 @@ std::string Where(const Input &in, std::size_t page) {
     return in.pages > 1 ? in.path + "[" + std::to_string(page + 1) + "]" : in.path;
 }
 
-void ProcessFile(const std::vector<Step> &steps, const Input &in, const RunOptions &options, FileResult *r) {
+// Streams one file: pages are read in order, `window` at a time, processed
+// in parallel on `window` threads, then written in order.
+void ProcessFile(const std::vector<Step> &steps, const Input &in, const RunOptions &options, std::size_t window, FileResult *r) {
     if (!in.error.empty()) {
         r->err += "quarvel: " + in.error + " (skipped)\n";
         r->outcome = Outcome::kSkipped;
@@ -139,13 +142,31 @@ void ProcessFile(const std::vector<Step> &steps, const Input &in, const RunOptio
         ImageReader reader(in.path);
         if (reader.pages() != in.pages) throw FormatError(in.path + ": the file changed during the batch");
         ImageWriter writer(in.target, in.pages);
-        for (; page < in.pages; ++page) {
-            std::vector<std::pair<std::string, Measure>> measures;
-            Page result = ApplySteps(steps, reader.next(), &measures);
-            for (const auto &[name, m] : measures)
-                r->out += (options.json ? JsonLine(in.path, page + 1, name, m) : Where(in, page) + ": " + name + " " + m.text) + "\n";
-            writer.add(result);
-            ++r->pages;
+        while (page < in.pages) {
+            const std::size_t n = std::min(window, in.pages - page);
+            std::vector<Page> pages(n);
+            std::vector<std::vector<std::pair<std::string, Measure>>> measures(n);
+            std::vector<std::string> refused(n);
+            for (std::size_t k = 0; k < n; ++k) pages[k] = reader.next();
+            auto work = [&](std::size_t k) {
+                try {
+                    pages[k] = ApplySteps(steps, std::move(pages[k]), &measures[k]);
+                } catch (const OperationError &e) {
+                    refused[k] = e.what();
+                }
+            };
+            std::vector<std::thread> helpers;
+            for (std::size_t k = 1; k < n; ++k) helpers.emplace_back(work, k);
+            work(0);
+            for (std::thread &t : helpers) t.join();
+            for (std::size_t k = 0; k < n; ++k, ++page) {
+                for (const auto &[name, m] : measures[k])
+                    r->out += (options.json ? JsonLine(in.path, page + 1, name, m) : Where(in, page) + ": " + name + " " + m.text) + "\n";
+                if (!refused[k].empty()) throw OperationError(refused[k]);
+                writer.add(pages[k]);
+                pages[k].reset();
+                ++r->pages;
+            }
         }
         writer.commit();
         r->outcome = Outcome::kWritten;
@@ -242,11 +263,15 @@ int RunBatch(const std::vector<Step> &steps, const std::vector<std::string> &fil
                          Clock((totalPages - pagesDone) / std::max(rate, 1e-6)).c_str());
         }
     };
+    // Threads go to files; when there are fewer files than threads, the
+    // rest work on the pages of each file (a single multi-page TIFF).
+    const int outer = std::max(1, std::min<int>(options.jobs, static_cast<int>(inputs.size())));
+    const std::size_t window = static_cast<std::size_t>(std::max(1, options.jobs / outer));
     std::atomic<std::size_t> next{0};
     auto worker = [&] {
         for (std::size_t f; (f = next.fetch_add(1)) < inputs.size();) {
             FileResult r;
-            ProcessFile(steps, inputs[f], options, &r);
+            ProcessFile(steps, inputs[f], options, window, &r);
             {
                 std::lock_guard<std::mutex> lock(printing);
                 results[f] = std::move(r);
@@ -255,7 +280,7 @@ int RunBatch(const std::vector<Step> &steps, const std::vector<std::string> &fil
         }
     };
     std::vector<std::thread> pool;
-    for (int t = 1; t < std::min<int>(options.jobs, static_cast<int>(inputs.size())); ++t) pool.emplace_back(worker);
+    for (int t = 1; t < outer; ++t) pool.emplace_back(worker);
     worker();
     for (std::thread &t : pool) t.join();
     if (bar) std::fprintf(stderr, "\r\033[K");
