@@ -8,6 +8,8 @@ trap 'rm -rf "$work"' EXIT
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
 test -x "$work/prefix/bin/quarvel"
 "$work/prefix/bin/quarvel" --version | grep -q '^quarvel '
+test -f "$work/prefix/share/man/man1/quarvel.1"
+bash -n "$work/prefix/share/bash-completion/completions/quarvel"
 cat >"$work/probe.c" <<'C'
 #include <quarvel/quarvel.h>
 #include <quarvel/scan.h>
