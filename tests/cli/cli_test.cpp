@@ -35,9 +35,12 @@ Page Pattern(int bits, int w = 37, int h = 23, double dpi = 300) {
                 case 1:
                     if ((x + y) % 3 == 0) r[x >> 3] |= static_cast<std::uint8_t>(0x80 >> (x & 7));
                     break;
-                case 8: r[x] = static_cast<std::uint8_t>(v); break;
+                case 8:
+                    r[x] = static_cast<std::uint8_t>(v);
+                    break;
                 default:
-                    for (int c = 0; c < bits / 8; ++c) r[x * (bits / 8) + c] = static_cast<std::uint8_t>((v + 60 * c) % 256);
+                    for (int c = 0; c < bits / 8; ++c)
+                        r[x * (bits / 8) + c] = static_cast<std::uint8_t>((v + 60 * c) % 256);
             }
         }
     }
@@ -125,17 +128,20 @@ TEST_P(Formats, RoundTripKeepsPixelsAndResolution) {
     EXPECT_EQ(b.height(), a.height());
     EXPECT_EQ(Colours(back[0]), Colours(page)) << t.ext << " " << t.bits;
     const std::string ext = t.ext;
-    if (ext != "pgm" && ext != "pbm" && ext != "ppm") {  // PNM carries no resolution
+    if (ext != "pgm" && ext != "pbm" && ext != "ppm") {                 // PNM carries no resolution
         EXPECT_EQ(DpiOf(b.header()->biXPelsPerMeter), 300.0) << t.ext;  // exactly, not 299.9994
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Cli, Formats,
-                         ::testing::Values(RoundTrip{"bmp", 1}, RoundTrip{"bmp", 8}, RoundTrip{"bmp", 24}, RoundTrip{"bmp", 32},
-                                           RoundTrip{"png", 1}, RoundTrip{"png", 8}, RoundTrip{"png", 24}, RoundTrip{"png", 32},
-                                           RoundTrip{"tif", 1}, RoundTrip{"tif", 8}, RoundTrip{"tif", 24}, RoundTrip{"tif", 32},
+                         ::testing::Values(RoundTrip{"bmp", 1}, RoundTrip{"bmp", 8}, RoundTrip{"bmp", 24},
+                                           RoundTrip{"bmp", 32}, RoundTrip{"png", 1}, RoundTrip{"png", 8},
+                                           RoundTrip{"png", 24}, RoundTrip{"png", 32}, RoundTrip{"tif", 1},
+                                           RoundTrip{"tif", 8}, RoundTrip{"tif", 24}, RoundTrip{"tif", 32},
                                            RoundTrip{"pbm", 1}, RoundTrip{"pgm", 8}, RoundTrip{"ppm", 24}),
-                         [](const auto &info) { return std::string(info.param.ext) + std::to_string(info.param.bits); });
+                         [](const auto &info) {
+                             return std::string(info.param.ext) + std::to_string(info.param.bits);
+                         });
 
 TEST(Formats, JpegKeepsSizeResolutionAndApproximatePixels) {
     TempDir dir;
@@ -258,7 +264,8 @@ TEST(Tool, ErrorsHaveMessagesAndExitCodes) {
     }
     EXPECT_EQ(Bytes(dir / "bits.png"), before);
     // No partial or temporary output is left behind.
-    for (const auto &e : fs::directory_iterator(dir.path())) EXPECT_EQ(e.path().string().find(".tmp-"), std::string::npos);
+    for (const auto &e : fs::directory_iterator(dir.path()))
+        EXPECT_EQ(e.path().string().find(".tmp-"), std::string::npos);
     EXPECT_FALSE(fs::exists(dir / "o.jpg"));
 }
 
@@ -278,11 +285,11 @@ TEST(Tool, BatchesInParallelGiveTheSameBytes) {
     WriteImage(dir / "single.png", {&b});
     std::ofstream(dir / "bad.png") << "broken";
     const std::string pipeline = "\"invert | denoise --size 2 | get-obliquity\"";
-    Result one = Tool("run " + pipeline + " -o " + (dir / "one") + " -j 1 " + (dir / "book.tif") + " " + (dir / "single.png") + " " +
-                          (dir / "bad.png"),
+    Result one = Tool("run " + pipeline + " -o " + (dir / "one") + " -j 1 " + (dir / "book.tif") + " " +
+                          (dir / "single.png") + " " + (dir / "bad.png"),
                       dir);
-    Result two = Tool("run " + pipeline + " -o " + (dir / "two") + " -j 2 " + (dir / "book.tif") + " " + (dir / "single.png") + " " +
-                          (dir / "bad.png"),
+    Result two = Tool("run " + pipeline + " -o " + (dir / "two") + " -j 2 " + (dir / "book.tif") + " " +
+                          (dir / "single.png") + " " + (dir / "bad.png"),
                       dir);
     // The bad file is reported and skipped; the rest is processed.
     EXPECT_EQ(one.code, 1);

@@ -2,9 +2,9 @@
 // inputs or each other, files failed whole, honest readers for truncated,
 // absurd and palette files, strict option values, escaped JSON, the scan
 // commands' wiring, and an interrupt that leaves no temporary file.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -78,7 +78,8 @@ std::size_t Count(const std::string &dir) {
 }
 
 // A BMP of `bits` with the given table and packed rows (bottom-up).
-std::string Bmp(int w, int h, int bits, const std::vector<std::uint32_t> &table, const std::string &rows, std::uint32_t compression = 0) {
+std::string Bmp(int w, int h, int bits, const std::vector<std::uint32_t> &table, const std::string &rows,
+                std::uint32_t compression = 0) {
     std::string b(54, '\0');
     auto put = [&](std::size_t o, std::uint32_t v, int n) { std::memcpy(&b[o], &v, n); };
     b[0] = 'B', b[1] = 'M';
@@ -106,7 +107,8 @@ TEST(Batch, RefusesOutputsThatWouldReplaceInputsOrEachOther) {
     } cases[] = {
         {"run mirror -o same same/p.png", "holds the input same/p.png"},
         {"run mirror -o ./same/../same same/p.png", "holds the input"},
-        {"run mirror -o oc a/page.png b/page.png page.jpg", "a/page.png and b/page.png would both be written to oc/page.png"},
+        {"run mirror -o oc a/page.png b/page.png page.jpg",
+         "a/page.png and b/page.png would both be written to oc/page.png"},
         {"run mirror -o oc --format png x.tif x-2.png", "x.tif and x-2.png would both be written to oc/x-2.png"},
     };
     for (const auto &c : cases) {
@@ -142,11 +144,12 @@ TEST(Batch, DirectoriesAndRefusedPagesFailTheirFileOnly) {
     Write(d / "ok.png", {&gray});
     fs::create_directories(d / "folder");
     for (const char *jobs : {"1", "2"}) {
-        const Out o = Tool(d, std::string("run \"adjust-contrast --contrast 20\" --no-progress -j ") + jobs + " -o out" + jobs +
-                                  " book.tif folder ok.png");
+        const Out o = Tool(d, std::string("run \"adjust-contrast --contrast 20\" --no-progress -j ") + jobs +
+                                  " -o out" + jobs + " book.tif folder ok.png");
         EXPECT_EQ(o.code, 1) << o.err;
         EXPECT_NE(o.err.find("folder: is a directory"), std::string::npos) << o.err;
-        EXPECT_NE(o.err.find("book.tif[2]: adjust-contrast refused the page; book.tif not written"), std::string::npos) << o.err;
+        EXPECT_NE(o.err.find("book.tif[2]: adjust-contrast refused the page; book.tif not written"), std::string::npos)
+            << o.err;
         EXPECT_NE(o.err.find("1 files written, 1 skipped, 1 failed"), std::string::npos) << o.err;
         EXPECT_EQ(Count(d / (std::string("out") + jobs)), 1u);  // ok.png only, no temporary file
     }
@@ -160,15 +163,19 @@ TEST(Batch, InterruptRemovesTemporaryFilesAndReportsProgress) {
     Page big = Gray(1500, 1500);
     std::string files;
     for (int i = 0; i < 40; ++i) {
-        Write(d / ("p" + std::to_string(i) + ".tif"), {&big});
-        files += " p" + std::to_string(i) + ".tif";
+        std::string name = std::to_string(i);
+        name += ".tif";
+        Write(d / name, {&big});
+        files += ' ';
+        files += name;
     }
     const pid_t pid = fork();
     if (pid == 0) {
         if (chdir(d.path.c_str()) != 0) _exit(99);
         const int null = open("/dev/null", O_WRONLY);
         dup2(null, 1), dup2(open((d / "err.txt").c_str(), O_WRONLY | O_CREAT, 0644), 2);
-        execl("/bin/sh", "sh", "-c", (std::string("exec ") + QUARVEL_TOOL + " run \"denoise --size 3 | mirror\" -o out" + files).c_str(),
+        execl("/bin/sh", "sh", "-c",
+              (std::string("exec ") + QUARVEL_TOOL + " run \"denoise --size 3 | mirror\" -o out" + files).c_str(),
               nullptr);
         _exit(98);
     }
@@ -177,9 +184,12 @@ TEST(Batch, InterruptRemovesTemporaryFilesAndReportsProgress) {
     int st = 0;
     waitpid(pid, &st, 0);
     ASSERT_TRUE(WIFEXITED(st));
-    if (WEXITSTATUS(st) == 130) EXPECT_NE(Slurp(d / "err.txt").find("interrupted after"), std::string::npos);
-    else EXPECT_EQ(WEXITSTATUS(st), 0);
-    for (const auto &e : fs::directory_iterator(d / "out")) EXPECT_EQ(e.path().string().find(".tmp-"), std::string::npos);
+    if (WEXITSTATUS(st) == 130)
+        EXPECT_NE(Slurp(d / "err.txt").find("interrupted after"), std::string::npos);
+    else
+        EXPECT_EQ(WEXITSTATUS(st), 0);
+    for (const auto &e : fs::directory_iterator(d / "out"))
+        EXPECT_EQ(e.path().string().find(".tmp-"), std::string::npos);
 }
 
 // ---- Readers ----------------------------------------------------------------------
@@ -196,7 +206,8 @@ TEST(Readers, BadFilesFailWithTheFileNameBeforeAllocating) {
         {"cut.jpg", jpg.substr(0, jpg.size() / 2), "Premature end of JPEG file"},
         {"wide.ppm", "P6 100000000 1 255\n", "unsupported image size"},
         {"overflow.pgm", "P5 99999999999999999999 1 255\n", "PNM width out of range"},
-        {"empty.pgm", "P5 16000 16000 255\n" + std::string(100, '\0'), "claims 16000 x 16000 pixels but holds only 100 bytes"},
+        {"empty.pgm", "P5 16000 16000 255\n" + std::string(100, '\0'),
+         "claims 16000 x 16000 pixels but holds only 100 bytes"},
         {"plain.pbm", "P1 3 2 0 1 0 1 x", "truncated or corrupt PNM data"},
         {"bitfields.bmp", Bmp(2, 1, 24, {}, std::string(8, '\0'), 1), "compressed BMP"},
         {"short.bmp", Bmp(64, 64, 24, {}, std::string(100, '\0')), "claims 64 x 64 pixels"},
@@ -229,7 +240,10 @@ TEST(Readers, PalettesAndOddDepthsAreReadThroughTheirColours) {
     } cases[] = {
         {"p4.bmp", Bmp(4, 1, 4, grays, std::string("\x01\x23\0\0", 4)), 8, {0xFF, 0, 0x80, 0x40}},
         {"p2.bmp", Bmp(4, 1, 2, grays, std::string("\x1B\0\0\0", 4)), 8, {0xFF, 0, 0x80, 0x40}},
-        {"p8.bmp", Bmp(4, 1, 8, {0xFF0000, 0x00FF00}, std::string("\x00\x01\x00\x01", 4)), 24, {0, 0, 255, 0, 255, 0, 0, 0, 255, 0, 255, 0}},
+        {"p8.bmp",
+         Bmp(4, 1, 8, {0xFF0000, 0x00FF00}, std::string("\x00\x01\x00\x01", 4)),
+         24,
+         {0, 0, 255, 0, 255, 0, 0, 0, 255, 0, 255, 0}},
         {"p16.bmp", Bmp(2, 1, 16, {}, std::string("\x00\x7C\x1F\x00", 4)), 24, {0, 0, 255, 255, 0, 0}},
     };
     for (const auto &c : cases) {
@@ -239,7 +253,9 @@ TEST(Readers, PalettesAndOddDepthsAreReadThroughTheirColours) {
         ASSERT_EQ(p.bits(), c.bits) << c.name;
         std::vector<int> got(p.row(0), p.row(0) + c.expect.size());
         EXPECT_EQ(got, c.expect) << c.name;
-        if (c.bits == 8) EXPECT_EQ(p.table()[200].rgbRed, 200) << c.name;  // a true gray ramp
+        if (c.bits == 8) {
+            EXPECT_EQ(p.table()[200].rgbRed, 200) << c.name;  // a true gray ramp
+        }
     }
 }
 
@@ -315,11 +331,24 @@ TEST(Scan, OptionsReachTheRecord) {
         int method, margin, dpi;
     } cases[] = {
         {"clean", {}, QUARVEL_CLEAN_DEFAULT, QUARVEL_BINARIZE_DEFAULT, -1, 0},
-        {"clean", {"--no-deskew", "--no-holes", "--margin", "7"}, QUARVEL_CLEAN_CROP | QUARVEL_CLEAN_DESPECKLE, 0, 7, 0},
-        {"clean", {"--whiten", "--orient", "--no-despeckle", "--dpi", "150"},
-         QUARVEL_CLEAN_DESKEW | QUARVEL_CLEAN_ORIENT | QUARVEL_CLEAN_WHITEN | QUARVEL_CLEAN_HOLES, 0, -1, 150},
-        {"clean", {"--no-crop", "--binarize", "--method", "Wolf"},
-         QUARVEL_CLEAN_DESKEW | QUARVEL_CLEAN_HOLES | QUARVEL_CLEAN_DESPECKLE | QUARVEL_CLEAN_BINARIZE, QUARVEL_BINARIZE_WOLF, -1, 0},
+        {"clean",
+         {"--no-deskew", "--no-holes", "--margin", "7"},
+         QUARVEL_CLEAN_CROP | QUARVEL_CLEAN_DESPECKLE,
+         0,
+         7,
+         0},
+        {"clean",
+         {"--whiten", "--orient", "--no-despeckle", "--dpi", "150"},
+         QUARVEL_CLEAN_DESKEW | QUARVEL_CLEAN_ORIENT | QUARVEL_CLEAN_WHITEN | QUARVEL_CLEAN_HOLES,
+         0,
+         -1,
+         150},
+        {"clean",
+         {"--no-crop", "--binarize", "--method", "Wolf"},
+         QUARVEL_CLEAN_DESKEW | QUARVEL_CLEAN_HOLES | QUARVEL_CLEAN_DESPECKLE | QUARVEL_CLEAN_BINARIZE,
+         QUARVEL_BINARIZE_WOLF,
+         -1,
+         0},
         {"deskew", {"--dpi", "600"}, QUARVEL_CLEAN_DESKEW, 0, -1, 600},
         {"binarize", {"--method", "otsu"}, 0, QUARVEL_BINARIZE_OTSU, -1, 0},
     };
@@ -327,7 +356,9 @@ TEST(Scan, OptionsReachTheRecord) {
         Values v;
         ParseArgs(*FindOp(c.op), c.words, &v);
         const QuarvelScanOptions o = ScanOptionsOf(*FindOp(c.op), v);
-        if (c.steps) EXPECT_EQ(o.steps, c.steps) << c.op << " " << c.words.size();
+        if (c.steps) {
+            EXPECT_EQ(o.steps, c.steps) << c.op << " " << c.words.size();
+        }
         EXPECT_EQ(o.binarize_method, c.method) << c.op;
         EXPECT_EQ(o.margin, c.margin) << c.op;
         EXPECT_EQ(o.dpi, c.dpi) << c.op;

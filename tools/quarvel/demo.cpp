@@ -122,10 +122,19 @@ Page DrawScan() {
                 continue;
             }
             switch (sheet[static_cast<std::size_t>(iv) * sw + iu]) {
-                case 1: q[0] = q[1] = q[2] = static_cast<std::uint8_t>(35 + noise); break;
-                case 2: q[0] = static_cast<std::uint8_t>(40 + noise), q[1] = static_cast<std::uint8_t>(45 + noise), q[2] = 205; break;
-                case 3: q[0] = q[1] = q[2] = static_cast<std::uint8_t>(24 + noise); break;
-                default: q[0] = static_cast<std::uint8_t>(238 + noise), q[1] = static_cast<std::uint8_t>(240 + noise), q[2] = static_cast<std::uint8_t>(242 + noise);
+                case 1:
+                    q[0] = q[1] = q[2] = static_cast<std::uint8_t>(35 + noise);
+                    break;
+                case 2:
+                    q[0] = static_cast<std::uint8_t>(40 + noise), q[1] = static_cast<std::uint8_t>(45 + noise),
+                    q[2] = 205;
+                    break;
+                case 3:
+                    q[0] = q[1] = q[2] = static_cast<std::uint8_t>(24 + noise);
+                    break;
+                default:
+                    q[0] = static_cast<std::uint8_t>(238 + noise), q[1] = static_cast<std::uint8_t>(240 + noise),
+                    q[2] = static_cast<std::uint8_t>(242 + noise);
             }
         }
     }
@@ -138,7 +147,8 @@ int RunDemo(const std::string &outDir, DemoReport *report, bool quiet) {
     std::error_code ec;
     std::filesystem::create_directories(outDir, ec);
     if (ec) {
-        std::fprintf(stderr, "quarvel: %s: cannot create the output folder (%s)\n", outDir.c_str(), ec.message().c_str());
+        std::fprintf(stderr, "quarvel: %s: cannot create the output folder (%s)\n", outDir.c_str(),
+                     ec.message().c_str());
         return 5;
     }
     struct Shot {
@@ -163,7 +173,8 @@ int RunDemo(const std::string &outDir, DemoReport *report, bool quiet) {
         // Stretching the levels makes the paper pure white, so the punch
         // holes stand alone in their band.
         HGLOBAL contrast = keep("4-contrast.png", "4 CONTRAST", AdjustContrast(gray, 40));
-        HGLOBAL holes = keep("5-holes.png", "5 HOLES", RemoveHole(contrast, TRUE, FALSE, FALSE, FALSE, 200, 1, 6, 40, 100, 0.5));
+        HGLOBAL holes =
+            keep("5-holes.png", "5 HOLES", RemoveHole(contrast, TRUE, FALSE, FALSE, FALSE, 200, 1, 6, 40, 100, 0.5));
         HGLOBAL clean = keep("6-despeckle.png", "6 DESPECKLE", Denoise(holes, 3));
         report->otsu = GetBinaryThresholdByOtsu(clean);
         report->ridcal = GetBinaryThresholdByRidCal(clean);
@@ -195,7 +206,9 @@ int RunDemo(const std::string &outDir, DemoReport *report, bool quiet) {
         std::printf("  overview.png\n");
         std::printf("skew: drawn %.2f deg, measured %.2f deg\n", report->trueSkew, report->foundSkew);
         std::printf("colour mode of the straightened page: %d (%s)\n", report->colourMode,
-                    report->colourMode == 24 ? "colour: the red stamp" : report->colourMode == 8 ? "gray" : "black and white");
+                    report->colourMode == 24  ? "colour: the red stamp"
+                    : report->colourMode == 8 ? "gray"
+                                              : "black and white");
         std::printf("thresholds: Otsu %u, Ridler-Calvard %u\n", report->otsu, report->ridcal);
         std::printf("ink share at Otsu's threshold: %.2f %%\n", report->blankShare / 100.0);
     }

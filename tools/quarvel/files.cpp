@@ -78,7 +78,8 @@ void HandleInterrupts() {
         for (const std::string &t : Temps()) std::remove(t.c_str());
         const BatchProgress &p = Progress();
         if (p.files > 0)
-            std::fprintf(stderr, "\nquarvel: interrupted after %ld of %ld files (%ld written); no partial output left\n",
+            std::fprintf(stderr,
+                         "\nquarvel: interrupted after %ld of %ld files (%ld written); no partial output left\n",
                          p.filesDone.load(), p.files.load(), p.written.load());
         else
             std::fprintf(stderr, "\nquarvel: interrupted; no partial output left\n");

@@ -14,8 +14,8 @@
 // decoders keep every C++ object outside the frame that calls setjmp.
 #include "formats.h"
 
-#include <jpeglib.h>
 #include <jerror.h>
+#include <jpeglib.h>
 #include <png.h>
 #include <sys/stat.h>
 #include <tiffio.h>
@@ -49,11 +49,12 @@ std::string Lower(std::string s) {
 
 void CheckSize(long long w, long long h, const std::string &path) {
     if (w <= 0 || h <= 0 || w > kMaxSide || h > kMaxSide)
-        throw FormatError(path + ": unsupported image size " + std::to_string(w) + " x " + std::to_string(h) + " (each side 1 to " +
-                          std::to_string(kMaxSide) + ")");
+        throw FormatError(path + ": unsupported image size " + std::to_string(w) + " x " + std::to_string(h) +
+                          " (each side 1 to " + std::to_string(kMaxSide) + ")");
     if (w * h > PixelLimit())
-        throw FormatError(path + ": " + std::to_string(w) + " x " + std::to_string(h) + " pixels is over the limit of " +
-                          std::to_string(PixelLimit() / 1000000) + " megapixels (see --max-megapixels)");
+        throw FormatError(path + ": " + std::to_string(w) + " x " + std::to_string(h) +
+                          " pixels is over the limit of " + std::to_string(PixelLimit() / 1000000) +
+                          " megapixels (see --max-megapixels)");
 }
 
 [[noreturn]] void Implausible(const std::string &path, long long w, long long h, std::uint64_t bytes) {
@@ -87,7 +88,9 @@ bool IsGrayRamp(const Locked &p) {
     return true;
 }
 
-int Luma(const RGBQUAD &c) { return (c.rgbRed * 299 + c.rgbGreen * 587 + c.rgbBlue * 114 + 500) / 1000; }
+int Luma(const RGBQUAD &c) {
+    return (c.rgbRed * 299 + c.rgbGreen * 587 + c.rgbBlue * 114 + 500) / 1000;
+}
 
 // Row `y` (top first) as 8-bit gray levels through the colour table, or as
 // luma for colour pages.
@@ -96,9 +99,15 @@ void GrayRow(const Locked &p, int y, std::uint8_t *out) {
     const RGBQUAD *t = p.table();
     for (int x = 0; x < p.width(); ++x) {
         switch (p.bits()) {
-            case 1: out[x] = static_cast<std::uint8_t>(Luma(t[(r[x >> 3] >> (7 - (x & 7))) & 1])); break;
-            case 4: out[x] = static_cast<std::uint8_t>(Luma(t[(x & 1) ? r[x >> 1] & 15 : r[x >> 1] >> 4])); break;
-            case 8: out[x] = static_cast<std::uint8_t>(Luma(t[r[x]])); break;
+            case 1:
+                out[x] = static_cast<std::uint8_t>(Luma(t[(r[x >> 3] >> (7 - (x & 7))) & 1]));
+                break;
+            case 4:
+                out[x] = static_cast<std::uint8_t>(Luma(t[(x & 1) ? r[x >> 1] & 15 : r[x >> 1] >> 4]));
+                break;
+            case 8:
+                out[x] = static_cast<std::uint8_t>(Luma(t[r[x]]));
+                break;
             default: {
                 const std::uint8_t *q = r + x * (p.bits() / 8);
                 out[x] = static_cast<std::uint8_t>((q[2] * 299 + q[1] * 587 + q[0] * 114 + 500) / 1000);
@@ -118,7 +127,8 @@ Page ThroughPalette(Page page, const std::string &path) {
         std::memcpy(table, p.table(), sizeof table);
         w = p.width(), h = p.height();
     }
-    const bool gray = std::all_of(table, table + 256, [](const RGBQUAD &c) { return c.rgbRed == c.rgbGreen && c.rgbGreen == c.rgbBlue; });
+    const bool gray = std::all_of(table, table + 256,
+                                  [](const RGBQUAD &c) { return c.rgbRed == c.rgbGreen && c.rgbGreen == c.rgbBlue; });
     Locked p(page.get());
     if (gray) {
         for (int y = 0; y < h; ++y)
@@ -149,7 +159,8 @@ Page GrayIfGray(Page page, const std::string &path) {
         for (int x = 0; x < p.width(); ++x, r += 3)
             if (r[0] != r[1] || r[1] != r[2]) return page;
     }
-    Page gray = NewPage(p.width(), p.height(), 8, GrayTable(), DpiOf(p.header()->biXPelsPerMeter), DpiOf(p.header()->biYPelsPerMeter));
+    Page gray = NewPage(p.width(), p.height(), 8, GrayTable(), DpiOf(p.header()->biXPelsPerMeter),
+                        DpiOf(p.header()->biYPelsPerMeter));
     if (!gray) throw FormatError(path + ": out of memory");
     Locked g(gray.get());
     for (int y = 0; y < p.height(); ++y) {
@@ -168,7 +179,9 @@ std::vector<Page> One(Page page) {
 
 // ---- BMP ------------------------------------------------------------------------
 
-int LowBit(std::uint32_t m) { return m == 0 ? 0 : __builtin_ctz(m); }
+int LowBit(std::uint32_t m) {
+    return m == 0 ? 0 : __builtin_ctz(m);
+}
 
 std::uint8_t MaskedLevel(std::uint32_t v, std::uint32_t mask) {
     if (mask == 0) return 0;
@@ -178,7 +191,11 @@ std::uint8_t MaskedLevel(std::uint32_t v, std::uint32_t mask) {
 
 std::vector<Page> ReadBmp(const std::string &path, const std::vector<std::uint8_t> &f) {
     if (f.size() < 54) throw FormatError(path + ": truncated BMP file");
-    auto u32 = [&](std::size_t o) { std::uint32_t v; std::memcpy(&v, &f[o], 4); return v; };
+    auto u32 = [&](std::size_t o) {
+        std::uint32_t v;
+        std::memcpy(&v, &f[o], 4);
+        return v;
+    };
     const std::uint32_t offBits = u32(10), hdrSize = u32(14);
     if (hdrSize < 40 || hdrSize > f.size() - 14) throw FormatError(path + ": unsupported BMP header");
     BITMAPINFOHEADER h;
@@ -210,7 +227,8 @@ std::vector<Page> ReadBmp(const std::string &path, const std::vector<std::uint8_
     const int pageBits = bits == 2 || bits == 4 ? 8 : bits == 16 ? 24 : bits;
     if (pageBits == 8) table.resize(256, RGBQUAD{0, 0, 0, 0});
     if (pageBits == 1) table.resize(2, RGBQUAD{0, 0, 0, 0});
-    Page page = NewPage(static_cast<int>(w), static_cast<int>(hh), pageBits, table, DpiOf(h.biXPelsPerMeter), DpiOf(h.biYPelsPerMeter));
+    Page page = NewPage(static_cast<int>(w), static_cast<int>(hh), pageBits, table, DpiOf(h.biXPelsPerMeter),
+                        DpiOf(h.biYPelsPerMeter));
     if (!page) throw FormatError(path + ": out of memory");
     {
         Locked p(page.get());
@@ -238,7 +256,8 @@ std::vector<std::uint8_t> EncodeBmp(const Page &page) {
     Locked p(page.get());
     const std::size_t dib = 40 + 4 * p.colors() + static_cast<std::size_t>(p.stride()) * p.height();
     std::vector<std::uint8_t> out(14 + dib);
-    const std::uint32_t size = static_cast<std::uint32_t>(out.size()), off = static_cast<std::uint32_t>(14 + 40 + 4 * p.colors());
+    const std::uint32_t size = static_cast<std::uint32_t>(out.size()),
+                        off = static_cast<std::uint32_t>(14 + 40 + 4 * p.colors());
     out[0] = 'B', out[1] = 'M';
     std::memcpy(&out[2], &size, 4);
     std::memcpy(&out[10], &off, 4);
@@ -300,12 +319,14 @@ bool DecodePng(const std::vector<std::uint8_t> &f, PngState *s) {
     png_get_IHDR(g.png, g.info, &w, &h, &depth, &type, &interlace, nullptr, nullptr);
     CheckSize(w, h, *s->path);
     const int channels = png_get_channels(g.png, g.info);
-    const std::uint64_t raw = static_cast<std::uint64_t>(h) * (1 + (static_cast<std::uint64_t>(w) * channels * depth + 7) / 8);
+    const std::uint64_t raw =
+        static_cast<std::uint64_t>(h) * (1 + (static_cast<std::uint64_t>(w) * channels * depth + 7) / 8);
     if (raw / 1032 > f.size()) Implausible(*s->path, w, h, f.size());
     double dpiX = 0, dpiY = 0;
     png_uint_32 rx, ry;
     int unit;
-    if (png_get_pHYs(g.png, g.info, &rx, &ry, &unit) && unit == PNG_RESOLUTION_METER) dpiX = DpiOf(rx), dpiY = DpiOf(ry);
+    if (png_get_pHYs(g.png, g.info, &rx, &ry, &unit) && unit == PNG_RESOLUTION_METER)
+        dpiX = DpiOf(rx), dpiY = DpiOf(ry);
     if (depth == 16) png_set_strip_16(g.png);
     if (type & PNG_COLOR_MASK_ALPHA && type != PNG_COLOR_TYPE_RGB_ALPHA) png_set_strip_alpha(g.png);
     int bits;
@@ -361,10 +382,13 @@ std::vector<std::uint8_t> EncodePng(const Page &page) {
         png_destroy_write_struct(&png, &info);
         throw FormatError("PNG encoding failed");
     }
-    png_set_write_fn(png, &out, [](png_structp s, png_bytep d, png_size_t n) {
-        auto *v = static_cast<std::vector<std::uint8_t> *>(png_get_io_ptr(s));
-        v->insert(v->end(), d, d + n);
-    }, nullptr);
+    png_set_write_fn(
+        png, &out,
+        [](png_structp s, png_bytep d, png_size_t n) {
+            auto *v = static_cast<std::vector<std::uint8_t> *>(png_get_io_ptr(s));
+            v->insert(v->end(), d, d + n);
+        },
+        nullptr);
     const int bits = p.bits();
     const bool gray = IsGrayRamp(p);
     std::vector<png_color> pal;
@@ -550,24 +574,31 @@ struct TiffCloser {
 // Densest coding of each compression: decoded bytes per stored byte.
 double MostBytesPerByte(std::uint16_t compression) {
     switch (compression) {
-        case COMPRESSION_NONE: return 1.0;
-        case COMPRESSION_PACKBITS: return 64.0;
-        case COMPRESSION_LZW: return 1400.0;
+        case COMPRESSION_NONE:
+            return 1.0;
+        case COMPRESSION_PACKBITS:
+            return 64.0;
+        case COMPRESSION_LZW:
+            return 1400.0;
         case COMPRESSION_JPEG:
-        case COMPRESSION_OJPEG: return 512.0 * 4;
-        default: return 1100.0;
+        case COMPRESSION_OJPEG:
+            return 512.0 * 4;
+        default:
+            return 1100.0;
     }
 }
 
 // The page's stored data must lie inside the file and be able to hold what
 // the header claims, before anything of the page's size is allocated.
-void CheckTiffData(TIFF *t, const std::string &path, std::uint64_t fileSize, std::uint32_t w, std::uint32_t h, int pageBits) {
+void CheckTiffData(TIFF *t, const std::string &path, std::uint64_t fileSize, std::uint32_t w, std::uint32_t h,
+                   int pageBits) {
     const std::uint32_t n = TIFFNumberOfStrips(t);
     if (n == 0) throw FormatError(path + ": corrupt TIFF file (no image data)");
     std::uint64_t stored = 0;
     for (std::uint32_t i = 0; i < n; ++i) {
         int err = 0;
-        const std::uint64_t off = TIFFGetStrileOffsetWithErr(t, i, &err), count = TIFFGetStrileByteCountWithErr(t, i, &err);
+        const std::uint64_t off = TIFFGetStrileOffsetWithErr(t, i, &err),
+                            count = TIFFGetStrileByteCountWithErr(t, i, &err);
         if (err || off > fileSize || count > fileSize - off) Implausible(path, w, h, fileSize);
         stored += count;
     }
@@ -575,7 +606,8 @@ void CheckTiffData(TIFF *t, const std::string &path, std::uint64_t fileSize, std
     const std::uint64_t pageBytes = (static_cast<std::uint64_t>(w) * pageBits + 7) / 8 * h;
     std::uint16_t compression = COMPRESSION_NONE;
     TIFFGetFieldDefaulted(t, TIFFTAG_COMPRESSION, &compression);
-    if (pageBytes > kTrustedBytes && static_cast<double>(raw) > MostBytesPerByte(compression) * static_cast<double>(stored) + 4096)
+    if (pageBytes > kTrustedBytes &&
+        static_cast<double>(raw) > MostBytesPerByte(compression) * static_cast<double>(stored) + 4096)
         Implausible(path, w, h, stored);
 }
 
@@ -595,10 +627,11 @@ Page ReadTiffPage(TIFF *t, const std::string &path, std::uint64_t fileSize) {
         if (unit == RESUNIT_CENTIMETER) rx *= 2.54f, ry *= 2.54f;
         if (unit == RESUNIT_NONE || !std::isfinite(rx) || !std::isfinite(ry)) rx = ry = 0;
     }
-    const bool simple = planar == PLANARCONFIG_CONTIG && !TIFFIsTiled(t) &&
-                        ((bps == 1 && spp == 1 && (photo == PHOTOMETRIC_MINISWHITE || photo == PHOTOMETRIC_MINISBLACK)) ||
-                         (bps == 8 && spp == 1 && (photo <= PHOTOMETRIC_MINISBLACK || photo == PHOTOMETRIC_PALETTE)) ||
-                         (bps == 8 && (spp == 3 || spp == 4) && photo == PHOTOMETRIC_RGB));
+    const bool simple =
+        planar == PLANARCONFIG_CONTIG && !TIFFIsTiled(t) &&
+        ((bps == 1 && spp == 1 && (photo == PHOTOMETRIC_MINISWHITE || photo == PHOTOMETRIC_MINISBLACK)) ||
+         (bps == 8 && spp == 1 && (photo <= PHOTOMETRIC_MINISBLACK || photo == PHOTOMETRIC_PALETTE)) ||
+         (bps == 8 && (spp == 3 || spp == 4) && photo == PHOTOMETRIC_RGB));
     const int pageBits = !simple ? 24 : bps == 1 ? 1 : spp == 1 ? 8 : spp == 4 ? 32 : 24;
     CheckTiffData(t, path, fileSize, w, h, pageBits);
     if (!simple) {
@@ -626,29 +659,34 @@ Page ReadTiffPage(TIFF *t, const std::string &path, std::uint64_t fileSize) {
             for (std::uint32_t y = 0; y < rows; ++y) {
                 std::uint8_t *r = p.displayRow(static_cast<int>(y0 + y));
                 const std::uint32_t *s = &rgba[static_cast<std::size_t>(y) * w];
-                for (std::uint32_t x = 0; x < w; ++x) r[3 * x] = TIFFGetB(s[x]), r[3 * x + 1] = TIFFGetG(s[x]), r[3 * x + 2] = TIFFGetR(s[x]);
+                for (std::uint32_t x = 0; x < w; ++x)
+                    r[3 * x] = TIFFGetB(s[x]), r[3 * x + 1] = TIFFGetG(s[x]), r[3 * x + 2] = TIFFGetR(s[x]);
             }
         }
-        const bool grayPhoto = photo == PHOTOMETRIC_MINISBLACK || photo == PHOTOMETRIC_MINISWHITE || photo == PHOTOMETRIC_PALETTE;
+        const bool grayPhoto =
+            photo == PHOTOMETRIC_MINISBLACK || photo == PHOTOMETRIC_MINISWHITE || photo == PHOTOMETRIC_PALETTE;
         return grayPhoto ? GrayIfGray(std::move(page), path) : std::move(page);
     }
     std::vector<RGBQUAD> table;
     if (pageBits == 1) {
-        table = photo == PHOTOMETRIC_MINISWHITE ? std::vector<RGBQUAD>{{255, 255, 255, 0}, {0, 0, 0, 0}} : BitonalTable();
+        table =
+            photo == PHOTOMETRIC_MINISWHITE ? std::vector<RGBQUAD>{{255, 255, 255, 0}, {0, 0, 0, 0}} : BitonalTable();
     } else if (pageBits == 8) {
         table = GrayTable();
         if (photo == PHOTOMETRIC_MINISWHITE) std::reverse(table.begin(), table.end());
         std::uint16_t *r, *g, *b;
         if (photo == PHOTOMETRIC_PALETTE && TIFFGetField(t, TIFFTAG_COLORMAP, &r, &g, &b))
             for (int i = 0; i < 256; ++i)
-                table[i] = RGBQUAD{static_cast<BYTE>(b[i] >> 8), static_cast<BYTE>(g[i] >> 8), static_cast<BYTE>(r[i] >> 8), 0};
+                table[i] = RGBQUAD{static_cast<BYTE>(b[i] >> 8), static_cast<BYTE>(g[i] >> 8),
+                                   static_cast<BYTE>(r[i] >> 8), 0};
     }
     Page page = NewPage(static_cast<int>(w), static_cast<int>(h), pageBits, table, rx, ry);
     if (!page) throw FormatError(path + ": out of memory");
     {
         Locked p(page.get());
         const tmsize_t line = TIFFScanlineSize(t);
-        if (line <= 0 || static_cast<std::size_t>(line) > p.stride() + 8) throw FormatError(path + ": unexpected TIFF layout");
+        if (line <= 0 || static_cast<std::size_t>(line) > p.stride() + 8)
+            throw FormatError(path + ": unexpected TIFF layout");
         std::vector<std::uint8_t> buf(static_cast<std::size_t>(line));
         for (std::uint32_t y = 0; y < h; ++y) {
             if (TIFFReadScanline(t, buf.data(), y, 0) < 0) throw FormatError(path + ": corrupt TIFF data");
@@ -720,8 +758,10 @@ void WriteTiffPage(TIFF *tf, const Page &page, std::size_t index, std::size_t pa
         if (bits == 1) {
             for (std::size_t k = 0; k < line.size(); ++k) line[k] = invert ? static_cast<std::uint8_t>(~r[k]) : r[k];
         } else if (gray) {
-            if (IsGrayRamp(p)) std::memcpy(line.data(), r, line.size());
-            else GrayRow(p, y, line.data());
+            if (IsGrayRamp(p))
+                std::memcpy(line.data(), r, line.size());
+            else
+                GrayRow(p, y, line.data());
         } else if (rgb) {
             const int bpp = bits / 8;
             for (int x = 0; x < p.width(); ++x) {
@@ -765,12 +805,17 @@ std::vector<Page> ReadPnm(const std::string &path, const std::vector<std::uint8_
     if (!ascii) ++pos;  // the single whitespace after the header
     const std::size_t left = pos < f.size() ? f.size() - pos : 0;
     const int sampleBytes = maxval > 255 ? 2 : 1;
-    const std::uint64_t need = ascii ? static_cast<std::uint64_t>(w) * h * channels
+    const std::uint64_t need = ascii    ? static_cast<std::uint64_t>(w) * h * channels
                                : bitmap ? static_cast<std::uint64_t>((w + 7) / 8) * h
                                         : static_cast<std::uint64_t>(w) * h * channels * sampleBytes;
     if (need > left) Implausible(path, w, h, left);
-    Page page = NewPage(static_cast<int>(w), static_cast<int>(h), bitmap ? 1 : channels == 3 ? 24 : 8,
-                        bitmap ? std::vector<RGBQUAD>{{255, 255, 255, 0}, {0, 0, 0, 0}} : channels == 1 ? GrayTable() : std::vector<RGBQUAD>{});
+    Page page = NewPage(static_cast<int>(w), static_cast<int>(h),
+                        bitmap          ? 1
+                        : channels == 3 ? 24
+                                        : 8,
+                        bitmap          ? std::vector<RGBQUAD>{{255, 255, 255, 0}, {0, 0, 0, 0}}
+                        : channels == 1 ? GrayTable()
+                                        : std::vector<RGBQUAD>{});
     if (!page) throw FormatError(path + ": out of memory");
     Locked p(page.get());
     for (long long y = 0; y < h; ++y) {
@@ -785,7 +830,8 @@ std::vector<Page> ReadPnm(const std::string &path, const std::vector<std::uint8_
                 long long v;
                 if (kind == '1') {  // plain PBM digits need no separator
                     skip();
-                    if (pos >= f.size() || (f[pos] != '0' && f[pos] != '1')) throw FormatError(path + ": truncated or corrupt PNM data");
+                    if (pos >= f.size() || (f[pos] != '0' && f[pos] != '1'))
+                        throw FormatError(path + ": truncated or corrupt PNM data");
                     v = f[pos++] - '0';
                 } else if (ascii) {
                     if (skip(), pos >= f.size()) throw FormatError(path + ": truncated PNM data");
@@ -856,10 +902,14 @@ void WriteTemp(const std::string &temp, const std::string &target, const std::ve
 
 std::vector<std::uint8_t> Encode(Format fmt, const Page &page, int quality) {
     switch (fmt) {
-        case Format::kBmp: return EncodeBmp(page);
-        case Format::kPng: return EncodePng(page);
-        case Format::kJpeg: return EncodeJpeg(page, quality);
-        default: return EncodePnm(page);
+        case Format::kBmp:
+            return EncodeBmp(page);
+        case Format::kPng:
+            return EncodePng(page);
+        case Format::kJpeg:
+            return EncodeJpeg(page, quality);
+        default:
+            return EncodePnm(page);
     }
 }
 
@@ -867,7 +917,8 @@ Format Sniff(const std::uint8_t *b, std::size_t n) {
     if (n < 4) return Format::kUnknown;
     if (b[0] == 'B' && b[1] == 'M') return Format::kBmp;
     if (b[0] == 0x89 && b[1] == 'P' && b[2] == 'N' && b[3] == 'G') return Format::kPng;
-    if ((b[0] == 'I' && b[1] == 'I' && b[2] == 42 && b[3] == 0) || (b[0] == 'M' && b[1] == 'M' && b[2] == 0 && b[3] == 42))
+    if ((b[0] == 'I' && b[1] == 'I' && b[2] == 42 && b[3] == 0) ||
+        (b[0] == 'M' && b[1] == 'M' && b[2] == 0 && b[3] == 42))
         return Format::kTiff;
     if (b[0] == 0xFF && b[1] == 0xD8) return Format::kJpeg;
     if (b[0] == 'P' && b[1] >= '1' && b[1] <= '6') return Format::kPnm;
@@ -876,8 +927,12 @@ Format Sniff(const std::uint8_t *b, std::size_t n) {
 
 }  // namespace
 
-void SetPixelLimit(long long pixels) { pixelLimit = pixels; }
-long long PixelLimit() { return pixelLimit; }
+void SetPixelLimit(long long pixels) {
+    pixelLimit = pixels;
+}
+long long PixelLimit() {
+    return pixelLimit;
+}
 
 Format FormatOfPath(const std::string &path) {
     const std::size_t dot = path.find_last_of('.');
@@ -893,16 +948,24 @@ Format FormatOfPath(const std::string &path) {
 
 const char *FormatName(Format f) {
     switch (f) {
-        case Format::kBmp: return "BMP";
-        case Format::kPng: return "PNG";
-        case Format::kTiff: return "TIFF";
-        case Format::kJpeg: return "JPEG";
-        case Format::kPnm: return "PNM";
-        default: return "unknown";
+        case Format::kBmp:
+            return "BMP";
+        case Format::kPng:
+            return "PNG";
+        case Format::kTiff:
+            return "TIFF";
+        case Format::kJpeg:
+            return "JPEG";
+        case Format::kPnm:
+            return "PNM";
+        default:
+            return "unknown";
     }
 }
 
-bool MultiPage(Format f) { return f == Format::kTiff; }
+bool MultiPage(Format f) {
+    return f == Format::kTiff;
+}
 
 // ---- Reading page by page ---------------------------------------------------------
 
@@ -938,24 +1001,35 @@ ImageReader::ImageReader(const std::string &path) : impl_(std::make_unique<Impl>
 
 ImageReader::~ImageReader() = default;
 
-std::size_t ImageReader::pages() const { return impl_->pages; }
+std::size_t ImageReader::pages() const {
+    return impl_->pages;
+}
 
 Page ImageReader::next() {
     Impl &m = *impl_;
     if (m.read >= m.pages) throw FormatError(m.path + ": no page " + std::to_string(m.read + 1));
     const std::size_t index = m.read++;
     if (m.format == Format::kTiff) {
-        if (index > 0 && !TIFFReadDirectory(m.tiff.get())) throw FormatError(m.path + ": corrupt TIFF file (page " + std::to_string(index + 1) + ")");
+        if (index > 0 && !TIFFReadDirectory(m.tiff.get()))
+            throw FormatError(m.path + ": corrupt TIFF file (page " + std::to_string(index + 1) + ")");
         return ReadTiffPage(m.tiff.get(), m.path, m.size);
     }
     const std::vector<std::uint8_t> f = Slurp(m.path);
     if (Sniff(f.data(), f.size()) != m.format) throw FormatError(m.path + ": the file changed while it was read");
     std::vector<Page> one;
     switch (m.format) {
-        case Format::kBmp: one = ReadBmp(m.path, f); break;
-        case Format::kPng: one = ReadPng(m.path, f); break;
-        case Format::kJpeg: one = ReadJpeg(m.path, f); break;
-        default: one = ReadPnm(m.path, f); break;
+        case Format::kBmp:
+            one = ReadBmp(m.path, f);
+            break;
+        case Format::kPng:
+            one = ReadPng(m.path, f);
+            break;
+        case Format::kJpeg:
+            one = ReadJpeg(m.path, f);
+            break;
+        default:
+            one = ReadPnm(m.path, f);
+            break;
     }
     return std::move(one.front());
 }
@@ -974,7 +1048,8 @@ std::vector<std::string> OutputNames(const std::string &path, std::size_t pages)
     const std::size_t slash = path.find_last_of('/'), dot = path.find_last_of('.');
     const std::size_t cut = dot != std::string::npos && (slash == std::string::npos || dot > slash) ? dot : path.size();
     std::vector<std::string> names;
-    for (std::size_t i = 1; i <= pages; ++i) names.push_back(path.substr(0, cut) + "-" + std::to_string(i) + path.substr(cut));
+    for (std::size_t i = 1; i <= pages; ++i)
+        names.push_back(path.substr(0, cut) + "-" + std::to_string(i) + path.substr(cut));
     return names;
 }
 
@@ -987,12 +1062,14 @@ struct ImageWriter::Impl {
     bool committed = false;
 };
 
-ImageWriter::ImageWriter(const std::string &path, std::size_t pages, int jpegQuality) : impl_(std::make_unique<Impl>()) {
+ImageWriter::ImageWriter(const std::string &path, std::size_t pages, int jpegQuality)
+    : impl_(std::make_unique<Impl>()) {
     Impl &m = *impl_;
     m.format = FormatOfPath(path);
     m.quality = jpegQuality;
     m.pages = pages;
-    if (m.format == Format::kUnknown) throw FormatError(path + ": unknown output format (use .bmp .png .tif .jpg .pbm .pgm .ppm)");
+    if (m.format == Format::kUnknown)
+        throw FormatError(path + ": unknown output format (use .bmp .png .tif .jpg .pbm .pgm .ppm)");
     if (pages == 0) throw FormatError(path + ": nothing to write");
     m.targets = OutputNames(path, pages);
     if (m.format == Format::kTiff) {
@@ -1019,7 +1096,8 @@ void ImageWriter::add(const Page &page) {
     {
         Locked l(page.get());
         if (!l.ok()) throw FormatError(target + ": not a page");
-        if (m.format == Format::kJpeg && l.bits() == 1) throw FormatError(target + ": 1-bit pages are not written as JPEG");
+        if (m.format == Format::kJpeg && l.bits() == 1)
+            throw FormatError(target + ": 1-bit pages are not written as JPEG");
     }
     if (m.format == Format::kTiff) {
         WriteTiffPage(m.tiff, page, m.added, m.pages, target);
@@ -1033,7 +1111,9 @@ void ImageWriter::add(const Page &page) {
 
 void ImageWriter::commit() {
     Impl &m = *impl_;
-    if (m.added != m.pages) throw FormatError(m.targets[0] + ": " + std::to_string(m.added) + " of " + std::to_string(m.pages) + " pages written");
+    if (m.added != m.pages)
+        throw FormatError(m.targets[0] + ": " + std::to_string(m.added) + " of " + std::to_string(m.pages) +
+                          " pages written");
     if (m.tiff != nullptr) {
         const bool flushed = TIFFFlush(m.tiff) != 0;
         TIFFClose(m.tiff);
@@ -1041,13 +1121,15 @@ void ImageWriter::commit() {
         if (!flushed) throw FormatError(m.targets[0] + ": write failed (disk full?)");
     }
     for (std::size_t i = 0; i < m.temps.size(); ++i)
-        if (!CommitTemp(m.temps[i], m.targets[i])) throw FormatError(m.targets[i] + ": cannot move the output into place");
+        if (!CommitTemp(m.temps[i], m.targets[i]))
+            throw FormatError(m.targets[i] + ": cannot move the output into place");
     m.committed = true;
 }
 
 void WriteImage(const std::string &path, const std::vector<const Page *> &pages, int jpegQuality) {
     const Format fmt = FormatOfPath(path);
-    if (pages.size() > 1 && fmt != Format::kUnknown && !MultiPage(fmt)) throw FormatError(path + ": " + FormatName(fmt) + " holds one page");
+    if (pages.size() > 1 && fmt != Format::kUnknown && !MultiPage(fmt))
+        throw FormatError(path + ": " + FormatName(fmt) + " holds one page");
     ImageWriter writer(path, pages.size(), jpegQuality);
     for (const Page *p : pages) writer.add(*p);
     writer.commit();

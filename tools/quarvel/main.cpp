@@ -33,12 +33,18 @@ namespace {
 const char *TypeName(const Arg &a) {
     if (a.choices != nullptr) return a.choices;
     switch (a.type) {
-        case ArgType::kInt: return "int";
-        case ArgType::kDouble: return "number";
-        case ArgType::kBool: return "0|1";
-        case ArgType::kRect: return "l,t,r,b";
-        case ArgType::kWord: return "word";
-        default: return "file";
+        case ArgType::kInt:
+            return "int";
+        case ArgType::kDouble:
+            return "number";
+        case ArgType::kBool:
+            return "0|1";
+        case ArgType::kRect:
+            return "l,t,r,b";
+        case ArgType::kWord:
+            return "word";
+        default:
+            return "file";
     }
 }
 
@@ -53,26 +59,27 @@ const char kExitCodes[] =
     "  130, 143  interrupted (Ctrl-C, SIGTERM); finished outputs stay, no temporary file is left\n";
 
 void PrintUsage(FILE *to) {
-    std::fprintf(to,
-                 "usage: quarvel OP [--option value ...] [--in-place] INPUT [OUTPUT]   one operation on every page\n"
-                 "       quarvel OP [--option value ...] [--json] INPUT...             a measurement, one line per page\n"
-                 "       quarvel run \"OP [--option value] | OP ...\" -o DIR [options] FILES...\n"
-                 "       quarvel list | help [OP|run] | demo [DIR] | --version\n"
-                 "\n"
-                 "Operations take export names (RemoveBorder1), kebab-case (remove-border1) or plain\n"
-                 "names (deskew-crop-frame); see quarvel list. Real-scan commands: detect, clean, deskew,\n"
-                 "binarize. Formats by content on reading, by extension on writing: .bmp .png .tif .jpg\n"
-                 ".pbm .pgm .ppm.\n"
-                 "\n"
-                 "options:\n"
-                 "  --in-place           an image operation may overwrite its INPUT (give INPUT only);\n"
-                 "                       run may write into its inputs' folder\n"
-                 "  --json               measurements as JSON lines\n"
-                 "  --max-megapixels N   refuse pages over N million pixels before reading them (default %lld)\n"
-                 "  -h, --help           this text; quarvel OP --help for one operation\n"
-                 "  --version            the version\n"
-                 "\n%s",
-                 kDefaultPixelLimit / 1000000, kExitCodes);
+    std::fprintf(
+        to,
+        "usage: quarvel OP [--option value ...] [--in-place] INPUT [OUTPUT]   one operation on every page\n"
+        "       quarvel OP [--option value ...] [--json] INPUT...             a measurement, one line per page\n"
+        "       quarvel run \"OP [--option value] | OP ...\" -o DIR [options] FILES...\n"
+        "       quarvel list | help [OP|run] | demo [DIR] | --version\n"
+        "\n"
+        "Operations take export names (RemoveBorder1), kebab-case (remove-border1) or plain\n"
+        "names (deskew-crop-frame); see quarvel list. Real-scan commands: detect, clean, deskew,\n"
+        "binarize. Formats by content on reading, by extension on writing: .bmp .png .tif .jpg\n"
+        ".pbm .pgm .ppm.\n"
+        "\n"
+        "options:\n"
+        "  --in-place           an image operation may overwrite its INPUT (give INPUT only);\n"
+        "                       run may write into its inputs' folder\n"
+        "  --json               measurements as JSON lines\n"
+        "  --max-megapixels N   refuse pages over N million pixels before reading them (default %lld)\n"
+        "  -h, --help           this text; quarvel OP --help for one operation\n"
+        "  --version            the version\n"
+        "\n%s",
+        kDefaultPixelLimit / 1000000, kExitCodes);
 }
 
 void PrintRunHelp() {
@@ -115,8 +122,10 @@ int List(bool namesOnly) {
         std::printf("%-40s %s %s\n", names.c_str(), op.image ? "page   " : "measure", op.summary);
         for (const Arg &a : op.args) {
             std::string def;
-            if (a.fallback == nullptr) def = " (required)";
-            else if (*a.fallback != '\0') def = std::string(" = ") + a.fallback;
+            if (a.fallback == nullptr)
+                def = " (required)";
+            else if (*a.fallback != '\0')
+                def = std::string(" = ") + a.fallback;
             std::printf("%42s--%s %s%s\n", "", a.name, TypeName(a), def.c_str());
         }
     }
@@ -136,10 +145,13 @@ int Help(const std::string &name) {
     std::printf("%s (%s", op->name.c_str(), op->exportName);
     for (const std::string &a : op->aliases) std::printf(", %s", a.c_str());
     std::printf("): %s\n", op->summary);
-    std::printf(op->image ? "usage: quarvel %s [options] [--in-place] INPUT OUTPUT\n" : "usage: quarvel %s [options] [--json] INPUT...\n",
+    std::printf(op->image ? "usage: quarvel %s [options] [--in-place] INPUT OUTPUT\n"
+                          : "usage: quarvel %s [options] [--json] INPUT...\n",
                 op->name.c_str());
     for (const Arg &a : op->args) {
-        std::string def = a.fallback == nullptr ? "required" : std::strlen(a.fallback) ? std::string("default ") + a.fallback : "optional";
+        std::string def = a.fallback == nullptr     ? "required"
+                          : std::strlen(a.fallback) ? std::string("default ") + a.fallback
+                                                    : "optional";
         std::printf("  --%-16s %-10s %s (%s)\n", a.name, TypeName(a), a.help, def.c_str());
     }
     if (op->notes != nullptr) std::printf("\n%s\n", op->notes);
@@ -179,13 +191,15 @@ int Measurements(const Op &op, const Values &values, const std::vector<std::stri
 
 int ImageOperation(const Op &op, const Values &values, const std::vector<std::string> &rest, bool inPlace) {
     if (rest.size() != (inPlace ? 1u : 2u)) {
-        std::fprintf(stderr, "quarvel: %s takes INPUT OUTPUT%s\n", op.name.c_str(), inPlace ? " (or INPUT with --in-place)" : "");
+        std::fprintf(stderr, "quarvel: %s takes INPUT OUTPUT%s\n", op.name.c_str(),
+                     inPlace ? " (or INPUT with --in-place)" : "");
         return kUsage;
     }
     const std::string &input = rest[0];
     const std::string output = inPlace ? input : rest[1];
     if (FormatOfPath(output) == Format::kUnknown) {
-        std::fprintf(stderr, "quarvel: %s: unknown output format (use .bmp .png .tif .jpg .pbm .pgm .ppm)\n", output.c_str());
+        std::fprintf(stderr, "quarvel: %s: unknown output format (use .bmp .png .tif .jpg .pbm .pgm .ppm)\n",
+                     output.c_str());
         return kUsage;
     }
     try {
@@ -195,7 +209,8 @@ int ImageOperation(const Op &op, const Values &values, const std::vector<std::st
             for (const std::string &name : OutputNames(output, pages)) {
                 std::error_code ec;
                 if (std::filesystem::equivalent(input, name, ec)) {
-                    std::fprintf(stderr, "quarvel: %s: output would overwrite the input (use --in-place)\n", name.c_str());
+                    std::fprintf(stderr, "quarvel: %s: output would overwrite the input (use --in-place)\n",
+                                 name.c_str());
                     return kUsage;
                 }
             }
@@ -211,7 +226,8 @@ int ImageOperation(const Op &op, const Values &values, const std::vector<std::st
             Page in = reader.next();
             Page out(op.apply(in.get(), values));
             if (!out) {
-                std::fprintf(stderr, "quarvel: %s: %s refused the page (unsupported depth or arguments); nothing written\n",
+                std::fprintf(stderr,
+                             "quarvel: %s: %s refused the page (unsupported depth or arguments); nothing written\n",
                              Where(input, i, pages).c_str(), op.name.c_str());
                 return kOperation;
             }
@@ -246,8 +262,8 @@ long long WholeNumber(const std::string &option, const std::string &text, long l
         used = 0;
     }
     if (used == 0 || used != text.size() || v < lo || v > hi)
-        throw UsageError(option + ": expected a whole number from " + std::to_string(lo) + " to " + std::to_string(hi) + ", got '" +
-                         text + "'");
+        throw UsageError(option + ": expected a whole number from " + std::to_string(lo) + " to " + std::to_string(hi) +
+                         ", got '" + text + "'");
     return v;
 }
 
@@ -279,7 +295,8 @@ int Run(const std::vector<std::string> &args, bool inPlace) {
             if (!f.empty() && f[0] == '.') f.erase(0, 1);
             for (char &c : f) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
             if (FormatOfPath("x." + f) == Format::kUnknown)
-                throw UsageError("run: --format: expected bmp, png, tif, tiff, jpg, jpeg, pbm, pgm, ppm or pnm, got '" + args[i] + "'");
+                throw UsageError("run: --format: expected bmp, png, tif, tiff, jpg, jpeg, pbm, pgm, ppm or pnm, got '" +
+                                 args[i] + "'");
             options.format = f;
         } else if (a == "--json") {
             options.json = true;
@@ -347,8 +364,10 @@ int Main(std::vector<std::string> args) {
     std::vector<std::string> words;
     for (std::size_t i = 1; i < args.size(); ++i) {
         if (args[i] == "--help" || args[i] == "-h") return Help(op->name);
-        if (args[i] == "--json") json = true;
-        else words.push_back(args[i]);
+        if (args[i] == "--json")
+            json = true;
+        else
+            words.push_back(args[i]);
     }
     Values values;
     std::vector<std::string> rest;

@@ -43,10 +43,10 @@ public:
 
 // A measurement's outcome: a number or a set of named numbers.
 struct Measure {
-    std::string text;    // as printed
-    std::string json;    // a JSON value
-    bool flat = false;   // json is an object whose keys are printed beside "file" and "page"
-    bool ok = true;      // false: the page could not be measured (text says why)
+    std::string text;   // as printed
+    std::string json;   // a JSON value
+    bool flat = false;  // json is an object whose keys are printed beside "file" and "page"
+    bool ok = true;     // false: the page could not be measured (text says why)
 };
 
 // One JSON line: {"file", "page", "operation", "value"}, or for a flat
@@ -57,9 +57,9 @@ struct Op {
     const char *exportName;
     std::string name;  // kebab-case
     const char *summary;
-    bool image;        // returns a page (else a measurement)
+    bool image;  // returns a page (else a measurement)
     std::vector<Arg> args;
-    std::function<HGLOBAL(HGLOBAL, const Values &)> apply;     // image operations
+    std::function<HGLOBAL(HGLOBAL, const Values &)> apply;    // image operations
     std::function<Measure(HGLOBAL, const Values &)> measure;  // measurements
     std::vector<std::string> aliases = {};                    // plain-English names
     const char *notes = nullptr;                              // conventions shown by help

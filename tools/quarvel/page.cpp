@@ -11,7 +11,9 @@ std::vector<RGBQUAD> GrayTable() {
     return t;
 }
 
-std::vector<RGBQUAD> BitonalTable() { return {RGBQUAD{0, 0, 0, 0}, RGBQUAD{255, 255, 255, 0}}; }
+std::vector<RGBQUAD> BitonalTable() {
+    return {RGBQUAD{0, 0, 0, 0}, RGBQUAD{255, 255, 255, 0}};
+}
 
 double DpiOf(std::int32_t pelsPerMeter) {
     if (pelsPerMeter <= 0) return 0.0;
@@ -21,10 +23,13 @@ double DpiOf(std::int32_t pelsPerMeter) {
     return std::fabs(dpi - whole) <= 0.0127 ? whole : dpi;
 }
 
-std::int32_t PelsPerMeter(double dpi) { return dpi > 0 ? static_cast<std::int32_t>(std::lround(dpi / 0.0254)) : 0; }
+std::int32_t PelsPerMeter(double dpi) {
+    return dpi > 0 ? static_cast<std::int32_t>(std::lround(dpi / 0.0254)) : 0;
+}
 
 Page NewPage(int w, int h, int bits, const std::vector<RGBQUAD> &table, double dpiX, double dpiY) {
-    if (w <= 0 || h <= 0 || (bits != 1 && bits != 4 && bits != 8 && bits != 16 && bits != 24 && bits != 32)) return Page();
+    if (w <= 0 || h <= 0 || (bits != 1 && bits != 4 && bits != 8 && bits != 16 && bits != 24 && bits != 32))
+        return Page();
     const std::size_t stride = ((static_cast<std::size_t>(w) * bits + 31) / 32) * 4;
     const std::size_t size = 40 + 4 * table.size() + stride * static_cast<std::size_t>(h);
     Page page(GlobalAlloc(GHND, size));
@@ -74,7 +79,9 @@ std::uint32_t Locked::colors() const {
     return header_->biBitCount <= 8 ? 1u << header_->biBitCount : 0;
 }
 
-RGBQUAD *Locked::table() const { return reinterpret_cast<RGBQUAD *>(reinterpret_cast<std::uint8_t *>(header_) + 40); }
+RGBQUAD *Locked::table() const {
+    return reinterpret_cast<RGBQUAD *>(reinterpret_cast<std::uint8_t *>(header_) + 40);
+}
 
 std::uint8_t *Locked::row(int storedRow) const {
     return reinterpret_cast<std::uint8_t *>(header_) + 40 + 4 * colors() +

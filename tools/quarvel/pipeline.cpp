@@ -15,9 +15,9 @@
 
 #include <atomic>
 #include <cctype>
-#include <cstring>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -35,8 +35,10 @@ std::vector<std::string> SplitWords(const std::string &text) {
     char quote = 0;
     for (char c : text) {
         if (quote) {
-            if (c == quote) quote = 0;
-            else cur += c;
+            if (c == quote)
+                quote = 0;
+            else
+                cur += c;
         } else if (c == '"' || c == '\'') {
             quote = c, any = true;
         } else if (std::isspace(static_cast<unsigned char>(c))) {
@@ -83,7 +85,6 @@ Page ApplySteps(const std::vector<Step> &steps, Page page, std::vector<std::pair
     return page;
 }
 
-
 std::string OutputPath(const std::string &dir, const std::string &input, const std::string &format) {
     std::filesystem::path in(input);
     std::string ext = format.empty() ? in.extension().string() : "." + format;
@@ -112,7 +113,7 @@ std::string Clock(double seconds) {
 struct Input {
     std::string path;
     std::size_t pages = 0;
-    std::string error;  // why it cannot be read
+    std::string error;   // why it cannot be read
     std::string target;  // the output, before its pages are numbered
     std::vector<std::string> outputs;
 };
@@ -131,7 +132,8 @@ std::string Where(const Input &in, std::size_t page) {
 
 // Streams one file: pages are read in order, `window` at a time, processed
 // in parallel on `window` threads, then written in order.
-void ProcessFile(const std::vector<Step> &steps, const Input &in, const RunOptions &options, std::size_t window, FileResult *r) {
+void ProcessFile(const std::vector<Step> &steps, const Input &in, const RunOptions &options, std::size_t window,
+                 FileResult *r) {
     if (!in.error.empty()) {
         r->err += "quarvel: " + in.error + " (skipped)\n";
         r->outcome = Outcome::kSkipped;
@@ -161,7 +163,9 @@ void ProcessFile(const std::vector<Step> &steps, const Input &in, const RunOptio
             for (std::thread &t : helpers) t.join();
             for (std::size_t k = 0; k < n; ++k, ++page) {
                 for (const auto &[name, m] : measures[k])
-                    r->out += (options.json ? JsonLine(in.path, page + 1, name, m) : Where(in, page) + ": " + name + " " + m.text) + "\n";
+                    r->out += (options.json ? JsonLine(in.path, page + 1, name, m)
+                                            : Where(in, page) + ": " + name + " " + m.text) +
+                              "\n";
                 if (!refused[k].empty()) throw OperationError(refused[k]);
                 writer.add(pages[k]);
                 pages[k].reset();
@@ -218,9 +222,12 @@ int RunBatch(const std::vector<Step> &steps, const std::vector<std::string> &fil
         for (const std::string &out : in.outputs) {
             const std::string key = Canonical(out);
             auto other = owner.emplace(key, f);
-            if (!other.second) clashes.push_back(inputs[other.first->second].path + " and " + in.path + " would both be written to " + out);
+            if (!other.second)
+                clashes.push_back(inputs[other.first->second].path + " and " + in.path + " would both be written to " +
+                                  out);
             auto hit = inputAt.find(key);
-            if (hit != inputAt.end() && hit->second != f) clashes.push_back(in.path + " would be written over the input " + inputs[hit->second].path);
+            if (hit != inputAt.end() && hit->second != f)
+                clashes.push_back(in.path + " would be written over the input " + inputs[hit->second].path);
         }
     }
     if (!clashes.empty()) {
@@ -231,7 +238,8 @@ int RunBatch(const std::vector<Step> &steps, const std::vector<std::string> &fil
     std::error_code ec;
     std::filesystem::create_directories(options.outDir, ec);
     if (ec) {
-        std::fprintf(stderr, "quarvel: %s: cannot create output folder (%s)\n", options.outDir.c_str(), ec.message().c_str());
+        std::fprintf(stderr, "quarvel: %s: cannot create output folder (%s)\n", options.outDir.c_str(),
+                     ec.message().c_str());
         return kOutput;
     }
 
@@ -292,8 +300,9 @@ int RunBatch(const std::vector<Step> &steps, const std::vector<std::string> &fil
         failed += r.outcome == Outcome::kFailed;
     }
     const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    std::fprintf(stderr, "quarvel: %zu pages from %zu files in %.1f s (%.1f pages/s); %d files written, %d skipped, %d failed\n",
-                 pagesDone, files.size(), secs, pagesDone / std::max(secs, 1e-6), written, skipped, failed);
+    std::fprintf(
+        stderr, "quarvel: %zu pages from %zu files in %.1f s (%.1f pages/s); %d files written, %d skipped, %d failed\n",
+        pagesDone, files.size(), secs, pagesDone / std::max(secs, 1e-6), written, skipped, failed);
     if (readable == 0) return kInput;
     return skipped > 0 || failed > 0 ? kPartly : kDone;
 }
