@@ -153,7 +153,7 @@ void ProcessFile(const std::vector<Step> &steps, const Input &in, const RunOptio
             auto work = [&](std::size_t k) {
                 try {
                     pages[k] = ApplySteps(steps, std::move(pages[k]), &measures[k]);
-                } catch (const OperationError &e) {
+                } catch (const std::exception &e) {  // nothing may escape a thread
                     refused[k] = e.what();
                 }
             };
