@@ -135,6 +135,10 @@ TEST(Batch, NamesJpegInputsPngAndNumbersPagesOfOnePageFormats) {
     EXPECT_EQ(Tool(d, "run flip -o o2 --format .PNG in/book.tif").code, 0);
     EXPECT_EQ(Locked(ReadImage(d / "o2/book-2.png")[0].get()).width(), 40);
     EXPECT_EQ(Count(d / "o2"), 2u);
+    EXPECT_EQ(Tool(d, "flip in/book.tif one.bmp").code, 0);  // the single command numbers pages too
+    EXPECT_TRUE(fs::exists(d / "one-1.bmp") && fs::exists(d / "one-2.bmp") && !fs::exists(d / "one.bmp"));
+    const Out json = Tool(d, "run get-obliquity --json -o o4 in/book.tif");
+    EXPECT_EQ(nlohmann::json::parse(json.out.substr(json.out.find('\n') + 1))["page"], 2) << json.out;
 }
 
 TEST(Batch, DirectoriesAndRefusedPagesFailTheirFileOnly) {
