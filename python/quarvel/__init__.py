@@ -22,6 +22,12 @@ from ._files import read, read_dibs, write
 
 __version__ = "0.1.0"
 
+from typing import TYPE_CHECKING
+
+if TYPE_CHECKING:  # what __getattr__ below provides on first use
+    from . import batch, pipeline
+    from ._page import Page, as_page, from_dib, from_pil, to_dib, to_pil
+
 _LAZY = {"Page", "as_page", "to_dib", "from_dib", "from_pil", "to_pil"}
 
 
