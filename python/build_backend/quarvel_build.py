@@ -2,8 +2,8 @@
 nothing from the network and nothing beyond the standard library, so pip's
 build isolation has nothing to download. It configures the CMake project
 for the interpreter that runs it (the library and tests off, the module
-on), builds the quarvel_python target in build-pip-<tag>/ at the root
-(kept, so a second install is incremental), and zips the package and the
+on), builds the quarvel_python target in build-pip-<tag>-<interpreter>/ at
+the root (kept, so a second install is incremental), and zips the package and the
 module into a wheel by hand.
 """
 import base64
@@ -32,7 +32,9 @@ def _tag():
 
 
 def _build():
-    build = os.path.join(ROOT, f"build-pip-{_tag()}")
+    # One tree per interpreter: CMake caches what it found for the first one.
+    interpreter = hashlib.sha256(sys.executable.encode()).hexdigest()[:8]
+    build = os.path.join(ROOT, f"build-pip-{_tag()}-{interpreter}")
     configure = ["cmake", "-S", ROOT, "-B", build, "-DCMAKE_BUILD_TYPE=Release", "-DQUARVEL_BUILD_TESTS=OFF",
                  "-DQUARVEL_BUILD_BENCH=OFF", "-DQUARVEL_PYTHON=ON", f"-DPython3_EXECUTABLE={sys.executable}"]
     if shutil.which("ccache"):
