@@ -273,7 +273,10 @@ def get_obliquity(page: PageLike) -> float:
 def test_precision(page: PageLike, dpi: int = 0) -> Tuple[float, float]:
     """Scale errors (horizontal, vertical) of a scanned 100 mm test frame; dpi 0 takes the page's own.
     Raises ValueError when no frame is found."""
-    result = _q.TestPrecision(_dib(page), dpi)
+    dib = _dib(page)
+    if dpi == 0 and dib.dpi is None:
+        raise ValueError("test_precision needs the page's resolution: the page has none, pass dpi=")
+    result = _q.TestPrecision(dib, dpi)
     if result is None:
         raise ValueError("test_precision found no test frame on the page")
     return result

@@ -75,6 +75,7 @@ def test_defaults_are_the_tools(tool):
     (lambda p: quarvel.add_water_mark(p, mark=np.zeros((3, 3, 3), np.uint8)), "add_water_mark refused"),
     (lambda p: quarvel.convert_mode(p, mode=5), "convert_mode refused"),
     (lambda p: quarvel.test_precision(p, dpi=300), "no test frame"),
+    (lambda p: quarvel.test_precision(p), "needs the page.s resolution"),
     (lambda p: quarvel.binarize(p, method="magic"), "sauvola"),
 ])
 def test_refusals_raise_value_error(call, message):
