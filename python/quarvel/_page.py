@@ -24,6 +24,15 @@ class Page(np.ndarray):
     def __array_finalize__(self, obj):
         self.dpi = getattr(obj, "dpi", None)
 
+    # Pickles (as Dask sends pages) keep the resolution.
+    def __reduce__(self):
+        rebuild, args, state = super().__reduce__()
+        return rebuild, args, (state, self.dpi)
+
+    def __setstate__(self, state):
+        array_state, self.dpi = state
+        super().__setstate__(array_state)
+
 
 def _dpi_pair(dpi):
     if dpi is None:

@@ -401,6 +401,25 @@ PYBIND11_MODULE(_quarvel, m) {
         .def_property_readonly("bits", [](const Dib &d) { return Checked(d).bits; })
         .def_property_readonly("nbytes", [](const Dib &d) { return GlobalSize(d.get()); })
         .def_property_readonly("dpi", &Dpi)
+        // Pickled as the block's bytes; whatever comes back is checked by
+        // every operation as any page is.
+        .def(py::pickle(
+            [](const Dib &d) {
+                const std::size_t size = GlobalSize(d.get());
+                const void *p = GlobalLock(d.get());
+                py::bytes bytes(p != nullptr ? static_cast<const char *>(p) : "", p != nullptr ? size : 0);
+                if (p != nullptr) GlobalUnlock(d.get());
+                return bytes;
+            },
+            [](const py::bytes &b) {
+                const std::string s = b;
+                Dib d(GlobalAlloc(GHND, s.size()));
+                void *p = GlobalLock(d.get());
+                if (p == nullptr) throw py::value_error("not a pickled page");
+                std::memcpy(p, s.data(), s.size());
+                GlobalUnlock(d.get());
+                return d;
+            }))
         .def("__repr__", [](const Dib &d) {
             const qpy::DibLayout l = qpy::LayoutOf(d.get());
             return "<quarvel.Dib " + std::to_string(l.width) + " x " + std::to_string(l.height) + ", " + std::to_string(l.bits) +

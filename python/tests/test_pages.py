@@ -42,6 +42,18 @@ def test_files_agree_with_pillow(kind, tmp_path):
     assert page.dpi == pytest.approx((200, 200), abs=0.01)
 
 
+def test_pickles_keep_pixels_and_resolution():
+    import pickle
+
+    page = quarvel.as_page(ARRAYS["rgb"], dpi=(300, 200))
+    again = pickle.loads(pickle.dumps(page))
+    assert again.dpi == (300.0, 200.0)
+    np.testing.assert_array_equal(again, page)
+    dib = pickle.loads(pickle.dumps(quarvel.to_dib(page)))
+    assert dib.dpi == (300.0, 200.0)
+    np.testing.assert_array_equal(quarvel.from_dib(dib), page)
+
+
 def test_pillow_images_in_and_out():
     rgb = ARRAYS["rgb"]
     im = Image.fromarray(rgb).convert("P", palette=Image.ADAPTIVE, colors=256)
