@@ -11,6 +11,7 @@ each local worker).
 from __future__ import annotations
 
 import sys
+from json import dumps
 
 from .pipeline import UsageError, format_measure
 
@@ -109,7 +110,8 @@ def _run(args) -> int:
                     continue
                 text, js = format_measure(value)
                 if json:
-                    print(f'{{"file": "{given}", "page": {page}, "operation": "{name}", "value": {js}}}')
+                    print(f'{{"file": {dumps(given, ensure_ascii=False)}, "page": {page}, "operation": "{name}", '
+                          f'"value": {js}}}')
                 else:
                     print(f"{where}: {name} {text}")
     written = 0
