@@ -23,7 +23,9 @@ namespace {
 
 constexpr std::size_t kHeader = 40;
 
-int Luma(const RGBQUAD &c) { return (c.rgbRed * 299 + c.rgbGreen * 587 + c.rgbBlue * 114 + 500) / 1000; }
+int Luma(const RGBQUAD &c) {
+    return (c.rgbRed * 299 + c.rgbGreen * 587 + c.rgbBlue * 114 + 500) / 1000;
+}
 
 class Lock {
 public:
@@ -40,7 +42,9 @@ private:
     std::uint8_t *p_;
 };
 
-const RGBQUAD *Table(const std::uint8_t *block) { return reinterpret_cast<const RGBQUAD *>(block + kHeader); }
+const RGBQUAD *Table(const std::uint8_t *block) {
+    return reinterpret_cast<const RGBQUAD *>(block + kHeader);
+}
 
 const std::uint8_t *StoredRow(const std::uint8_t *block, const DibLayout &l, int storedRow) {
     return block + kHeader + 4 * std::size_t{l.colors} + static_cast<std::size_t>(storedRow) * l.stride;
@@ -161,7 +165,8 @@ void DibToArray(HGLOBAL h, const DibLayout &l, Kind kind, std::uint8_t *out) {
     if (l.bits == 24 || l.bits == 32) {
         const int channels = l.bits / 8;
         ForRows(l.height, [&](int y) {
-            const cv::Mat src(1, l.width, CV_8UC(channels), const_cast<std::uint8_t *>(StoredRow(block, l, l.height - 1 - y)));
+            const cv::Mat src(1, l.width, CV_8UC(channels),
+                              const_cast<std::uint8_t *>(StoredRow(block, l, l.height - 1 - y)));
             cv::Mat dst(1, l.width, CV_8UC(channels), out + y * w * channels);
             cv::cvtColor(src, dst, channels == 3 ? cv::COLOR_BGR2RGB : cv::COLOR_BGRA2RGBA);
         });
@@ -184,8 +189,10 @@ void DibToArray(HGLOBAL h, const DibLayout &l, Kind kind, std::uint8_t *out) {
         }
         for (std::size_t x = 0; x < w; ++x) {
             const int index = l.bits == 8 ? r[x] : (r[x >> 1] >> ((x & 1) ? 0 : 4)) & 15;
-            if (kind == Kind::kGray) out[y * w + x] = lut[index][0];
-            else std::memcpy(out + (y * w + x) * 3, lut[index], 3);
+            if (kind == Kind::kGray)
+                out[y * w + x] = lut[index][0];
+            else
+                std::memcpy(out + (y * w + x) * 3, lut[index], 3);
         }
     });
 }
@@ -226,7 +233,8 @@ Dib ArrayToDib(const ArrayView &a, double dpiX, double dpiY) {
             for (; x < w; ++x)
                 if (src[x * a.colStride] != 0) dst[x >> 3] |= static_cast<std::uint8_t>(0x80 >> (x & 7));
         } else if (bits == 8) {
-            if (a.colStride == 1) std::memcpy(dst, src, w);
+            if (a.colStride == 1)
+                std::memcpy(dst, src, w);
             else
                 for (std::size_t x = 0; x < w; ++x) dst[x] = src[x * a.colStride];
         } else {
@@ -238,7 +246,8 @@ Dib ArrayToDib(const ArrayView &a, double dpiX, double dpiY) {
             } else {
                 static constexpr int kOrder[4] = {2, 1, 0, 3};
                 for (std::size_t x = 0; x < w; ++x)
-                    for (int c = 0; c < channels; ++c) dst[x * channels + kOrder[c]] = src[x * a.colStride + c * a.channelStride];
+                    for (int c = 0; c < channels; ++c)
+                        dst[x * channels + kOrder[c]] = src[x * a.colStride + c * a.channelStride];
             }
         }
     });

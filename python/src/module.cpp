@@ -30,9 +30,13 @@ namespace {
 
 using Rect4 = std::array<int, 4>;
 
-RECT ToRect(const Rect4 &r) { return RECT{r[0], r[1], r[2], r[3]}; }
+RECT ToRect(const Rect4 &r) {
+    return RECT{r[0], r[1], r[2], r[3]};
+}
 
-HGLOBAL Handle(const Dib *d) { return d != nullptr ? d->get() : nullptr; }
+HGLOBAL Handle(const Dib *d) {
+    return d != nullptr ? d->get() : nullptr;
+}
 
 // Runs the call without the interpreter lock and wraps its new page.
 template <class F>
@@ -67,7 +71,8 @@ Dib Copy(const Dib &d) {
 
 qpy::DibLayout Checked(const Dib &d) {
     const qpy::DibLayout l = qpy::LayoutOf(d.get());
-    if (!l.ok) throw py::value_error("the page cannot be read (freed, truncated, compressed or of an unsupported depth)");
+    if (!l.ok)
+        throw py::value_error("the page cannot be read (freed, truncated, compressed or of an unsupported depth)");
     return l;
 }
 
@@ -85,7 +90,8 @@ py::array ToArray(const Dib &d) {
     std::vector<py::ssize_t> shape{l.height, l.width};
     if (kind == qpy::Kind::kRgb) shape.push_back(3);
     if (kind == qpy::Kind::kRgba) shape.push_back(4);
-    py::array out = kind == qpy::Kind::kBool ? py::array(py::dtype::of<bool>(), shape) : py::array(py::dtype::of<std::uint8_t>(), shape);
+    py::array out = kind == qpy::Kind::kBool ? py::array(py::dtype::of<bool>(), shape)
+                                             : py::array(py::dtype::of<std::uint8_t>(), shape);
     auto *data = static_cast<std::uint8_t *>(out.mutable_data());
     {
         py::gil_scoped_release unlocked;
@@ -98,7 +104,8 @@ Dib FromArray(const py::array &a, double dpiX, double dpiY) {
     const py::dtype dt = a.dtype();
     const bool isBool = dt.kind() == 'b', isByte = dt.kind() == 'u' && dt.itemsize() == 1;
     if (!isBool && !isByte)
-        throw py::value_error("a page is a bool or uint8 array, got dtype " + py::str(static_cast<const py::handle &>(dt)).cast<std::string>());
+        throw py::value_error("a page is a bool or uint8 array, got dtype " +
+                              py::str(static_cast<const py::handle &>(dt)).cast<std::string>());
     qpy::ArrayView v{};
     v.data = static_cast<const std::uint8_t *>(a.data());
     if (a.ndim() == 2) {
@@ -112,7 +119,10 @@ Dib FromArray(const py::array &a, double dpiX, double dpiY) {
     }
     v.height = a.shape(0), v.width = a.shape(1);
     v.rowStride = a.strides(0), v.colStride = a.strides(1);
-    const int bits = v.kind == qpy::Kind::kBool ? 1 : v.kind == qpy::Kind::kGray ? 8 : v.kind == qpy::Kind::kRgb ? 24 : 32;
+    const int bits = v.kind == qpy::Kind::kBool   ? 1
+                     : v.kind == qpy::Kind::kGray ? 8
+                     : v.kind == qpy::Kind::kRgb  ? 24
+                                                  : 32;
     // The library reads rows of at most 2^31 - 1 bytes in all.
     if (v.height < 1 || v.width < 1 || v.width > (1 << 30) ||
         (v.width * bits + 31) / 32 * 4 * v.height > std::int64_t{0x7fffffff})
@@ -127,10 +137,12 @@ Dib FromArray(const py::array &a, double dpiX, double dpiY) {
     return d;
 }
 
-py::list BoxList(const RECT &r) { return py::cast(std::vector<long>{r.left, r.top, r.right, r.bottom}); }
+py::list BoxList(const RECT &r) {
+    return py::cast(std::vector<long>{r.left, r.top, r.right, r.bottom});
+}
 
-QuarvelScanOptions Options(std::uint32_t steps, int dpi, double maxSkew, double minSkewConfidence, double minOrientationConfidence,
-                           int margin, int method, int window, double k, int speck) {
+QuarvelScanOptions Options(std::uint32_t steps, int dpi, double maxSkew, double minSkewConfidence,
+                           double minOrientationConfidence, int margin, int method, int window, double k, int speck) {
     QuarvelScanOptions o{};
     QuarvelDefaultOptions(&o);
     o.steps = steps, o.dpi = dpi, o.max_skew = maxSkew, o.min_skew_confidence = minSkewConfidence;
@@ -150,8 +162,10 @@ py::dict Report(const QuarvelPageReport &r) {
     sheet["box"] = BoxList(r.sheet);
     sheet["frame"] = r.frame_sides != 0;
     py::list sides;
-    static const std::pair<unsigned, const char *> kSides[] = {
-        {QUARVEL_SIDE_LEFT, "left"}, {QUARVEL_SIDE_TOP, "top"}, {QUARVEL_SIDE_RIGHT, "right"}, {QUARVEL_SIDE_BOTTOM, "bottom"}};
+    static const std::pair<unsigned, const char *> kSides[] = {{QUARVEL_SIDE_LEFT, "left"},
+                                                               {QUARVEL_SIDE_TOP, "top"},
+                                                               {QUARVEL_SIDE_RIGHT, "right"},
+                                                               {QUARVEL_SIDE_BOTTOM, "bottom"}};
     for (const auto &[bit, name] : kSides)
         if (r.frame_sides & bit) sides.append(name);
     sheet["sides"] = sides;
@@ -178,12 +192,15 @@ void BindOperations(py::module_ &m) {
     m.def("Mirror", [](D p) { return Image("mirror", [&] { return Mirror(p.get()); }); });
     m.def("Flip", [](D p) { return Image("flip", [&] { return Flip(p.get()); }); });
     m.def("Invert", [](D p) { return Image("invert", [&] { return Invert(p.get()); }); });
-    m.def("AdjustBrightness", [](D p, int b) { return Image("adjust_brightness", [&] { return AdjustBrightness(p.get(), b); }); });
-    m.def("AdjustContrast", [](D p, int c) { return Image("adjust_contrast", [&] { return AdjustContrast(p.get(), c); }); });
+    m.def("AdjustBrightness",
+          [](D p, int b) { return Image("adjust_brightness", [&] { return AdjustBrightness(p.get(), b); }); });
+    m.def("AdjustContrast",
+          [](D p, int c) { return Image("adjust_contrast", [&] { return AdjustContrast(p.get(), c); }); });
     m.def("AdjustBrightnessAndContrast", [](D p, int b, int c) {
         return Image("adjust_brightness_and_contrast", [&] { return AdjustBrightnessAndContrast(p.get(), b, c); });
     });
-    m.def("TextEffect", [](D p, int level) { return Image("text_effect", [&] { return TextEffect(p.get(), level); }); });
+    m.def("TextEffect",
+          [](D p, int level) { return Image("text_effect", [&] { return TextEffect(p.get(), level); }); });
     m.def("TextEffectRect", [](D p, Rect4 r, int level) {
         return Image("text_effect_rect", [&] {
             RECT rc = ToRect(r);
@@ -210,7 +227,8 @@ void BindOperations(py::module_ &m) {
         return Image("image_or", [&] { return ImageOr(p.get(), q.get(), x1, y1, x2, y2, w, h); });
     });
     m.def("GetLess", [](D p, D q) { return Image("get_less", [&] { return GetLess(p.get(), q.get()); }); });
-    m.def("ConvertMode", [](D p, int mode, int t) { return Image("convert_mode", [&] { return ConvertMode(p.get(), mode, t); }); });
+    m.def("ConvertMode",
+          [](D p, int mode, int t) { return Image("convert_mode", [&] { return ConvertMode(p.get(), mode, t); }); });
     m.def("ConvertModeToGrayEx", [](D p, int red, int blue) {
         return Image("convert_mode_to_gray_ex", [&] { return ConvertModeToGrayEx(p.get(), red, blue); });
     });
@@ -231,21 +249,26 @@ void BindOperations(py::module_ &m) {
     m.def("Rotate", centred("rotate", [](auto... a) { return Rotate(a...); }));
     m.def("RotateEx", centred("rotate_ex", [](auto... a) { return RotateEx(a...); }));
     m.def("RotateEx1", centred("rotate_ex1", [](auto... a) { return RotateEx1(a...); }));
-    m.def("RotateExpand", [](D p, double angle) { return Image("rotate_expand", [&] { return RotateExpand(p.get(), angle, 0, 0, 0); }); });
+    m.def("RotateExpand", [](D p, double angle) {
+        return Image("rotate_expand", [&] { return RotateExpand(p.get(), angle, 0, 0, 0); });
+    });
     m.def("Crop", [](D p, Rect4 r, int mode, int border) {
         return Image("crop", [&] {
             RECT rc = ToRect(r);
             return Crop(p.get(), &rc, mode, border);
         });
     });
-    m.def("RemoveBorder", [](D p, int t) { return Image("remove_border", [&] { return RemoveBorder(p.get(), t, 0, 0); }); });
+    m.def("RemoveBorder",
+          [](D p, int t) { return Image("remove_border", [&] { return RemoveBorder(p.get(), t, 0, 0); }); });
     m.def("RemoveBorder1", [](D p, int t, int angle) {
         return Image("remove_border1", [&] { return RemoveBorder1(p.get(), t, angle, 0, 0); });
     });
-    m.def("RemoveBorder_GPY", [](D p, int t) { return Image("remove_border_gpy", [&] { return RemoveBorder_GPY(p.get(), t); }); });
-    m.def("RemoveBorder_Fill", [](D p, int t) { return Image("remove_border_fill", [&] { return RemoveBorder_Fill(p.get(), t); }); });
-    m.def("RemoveHole", [](D p, bool left, bool top, bool right, bool bottom, int margin, int minHoles, int maxHoles, int minSize,
-                           int maxSize, double density) {
+    m.def("RemoveBorder_GPY",
+          [](D p, int t) { return Image("remove_border_gpy", [&] { return RemoveBorder_GPY(p.get(), t); }); });
+    m.def("RemoveBorder_Fill",
+          [](D p, int t) { return Image("remove_border_fill", [&] { return RemoveBorder_Fill(p.get(), t); }); });
+    m.def("RemoveHole", [](D p, bool left, bool top, bool right, bool bottom, int margin, int minHoles, int maxHoles,
+                           int minSize, int maxSize, double density) {
         return Image("remove_hole", [&] {
             return RemoveHole(p.get(), left, top, right, bottom, margin, minHoles, maxHoles, minSize, maxSize, density);
         });
@@ -258,9 +281,12 @@ void BindOperations(py::module_ &m) {
         });
     });
     m.def("IsBlankPage", [](D p, int t) { return Measure([&] { return IsBlankPage(p.get(), t); }); });
-    m.def("AddWaterMark", [](D p, D mark) { return Image("add_water_mark", [&] { return AddWaterMark(p.get(), mark.get()); }); });
-    m.def("AddWaterMarkEx", [](D p, D mark) { return Image("add_water_mark_ex", [&] { return AddWaterMarkEx(p.get(), mark.get()); }); });
-    m.def("Combine", [](D p, D q, int mode) { return Image("combine", [&] { return Combine(p.get(), q.get(), mode); }); });
+    m.def("AddWaterMark",
+          [](D p, D mark) { return Image("add_water_mark", [&] { return AddWaterMark(p.get(), mark.get()); }); });
+    m.def("AddWaterMarkEx",
+          [](D p, D mark) { return Image("add_water_mark_ex", [&] { return AddWaterMarkEx(p.get(), mark.get()); }); });
+    m.def("Combine",
+          [](D p, D q, int mode) { return Image("combine", [&] { return Combine(p.get(), q.get(), mode); }); });
     m.def("JudgeColorMode", [](D p, int t) { return Measure([&] { return JudgeColorMode(p.get(), t); }); });
     // Without a gray page, the gray version is made by ConvertMode(page, 8, 128), as in the tool.
     m.def(
@@ -277,7 +303,8 @@ void BindOperations(py::module_ &m) {
         [](D p, O gray, int diff, int minLevel) {
             return Image("convert_hong_tou_ex", [&] {
                 Dib made(gray == nullptr ? ConvertMode(p.get(), 8, 128) : nullptr);
-                return ConvertHongTouEx(p.get(), gray ? gray->get() : made.get(), 0, 0, 0, diff, static_cast<BYTE>(minLevel));
+                return ConvertHongTouEx(p.get(), gray ? gray->get() : made.get(), 0, 0, 0, diff,
+                                        static_cast<BYTE>(minLevel));
             });
         },
         py::arg("page"), py::arg("gray").none(true), py::arg("diff"), py::arg("min_level"));
@@ -295,19 +322,21 @@ void BindOperations(py::module_ &m) {
                 return EnhanceColorEx(p.get(), Handle(map), &rc, split, brighten, darken, rt, rb, bt, bb);
             });
         },
-        py::arg("page"), py::arg("map").none(true), py::arg("rect"), py::arg("split"), py::arg("brighten"), py::arg("darken"),
-        py::arg("red_threshold"), py::arg("red_boost"), py::arg("blue_threshold"), py::arg("blue_boost"));
+        py::arg("page"), py::arg("map").none(true), py::arg("rect"), py::arg("split"), py::arg("brighten"),
+        py::arg("darken"), py::arg("red_threshold"), py::arg("red_boost"), py::arg("blue_threshold"),
+        py::arg("blue_boost"));
     m.def(
         "EnhanceColorEx1",
         [](D p, O base, O map, Rect4 r, int split, int brighten, int darken, int rt, int rb, int bt, int bb) {
             return Image("enhance_color_ex1", [&] {
                 RECT rc = ToRect(r);
-                return EnhanceColorEx1(p.get(), Handle(base), Handle(map), &rc, split, brighten, darken, rt, rb, bt, bb);
+                return EnhanceColorEx1(p.get(), Handle(base), Handle(map), &rc, split, brighten, darken, rt, rb, bt,
+                                       bb);
             });
         },
         py::arg("page"), py::arg("base").none(true), py::arg("map").none(true), py::arg("rect"), py::arg("split"),
-        py::arg("brighten"), py::arg("darken"), py::arg("red_threshold"), py::arg("red_boost"), py::arg("blue_threshold"),
-        py::arg("blue_boost"));
+        py::arg("brighten"), py::arg("darken"), py::arg("red_threshold"), py::arg("red_boost"),
+        py::arg("blue_threshold"), py::arg("blue_boost"));
     m.def("DeColorize", [](D p, Rect4 r, int red, int blue, int green) {
         return Image("de_colorize", [&] {
             RECT rc = ToRect(r);
@@ -315,14 +344,16 @@ void BindOperations(py::module_ &m) {
         });
     });
     m.def("GetBinaryThresholdByOtsu", [](D p) { return Measure([&] { return GetBinaryThresholdByOtsu(p.get()); }); });
-    m.def("GetBinaryThresholdByRidCal", [](D p) { return Measure([&] { return GetBinaryThresholdByRidCal(p.get()); }); });
+    m.def("GetBinaryThresholdByRidCal",
+          [](D p) { return Measure([&] { return GetBinaryThresholdByRidCal(p.get()); }); });
     m.def("GetObliquity", [](D p) { return Measure([&] { return GetObliquity(p.get()); }); });
     // Resolution 0 takes the page's own, as in the tool; None when no test frame is found.
     m.def("TestPrecision", [](D p, int dpi) -> py::object {
         double h = 0, v = 0;
         const int status = Measure([&] {
             int resolution = dpi;
-            if (resolution == 0) resolution = static_cast<int>(std::lround(qpy::DpiOf(qpy::LayoutOf(p.get()).xPelsPerMeter)));
+            if (resolution == 0)
+                resolution = static_cast<int>(std::lround(qpy::DpiOf(qpy::LayoutOf(p.get()).xPelsPerMeter)));
             return TestPrecision(p.get(), resolution, &h, &v);
         });
         if (status != 0) return py::none();
@@ -335,22 +366,25 @@ void BindScan(py::module_ &m) {
         QuarvelScanOptions o{};
         QuarvelDefaultOptions(&o);
         py::dict d;
-        d["steps"] = o.steps, d["dpi"] = o.dpi, d["max_skew"] = o.max_skew, d["min_skew_confidence"] = o.min_skew_confidence;
+        d["steps"] = o.steps, d["dpi"] = o.dpi, d["max_skew"] = o.max_skew,
+        d["min_skew_confidence"] = o.min_skew_confidence;
         d["min_orientation_confidence"] = o.min_orientation_confidence, d["margin"] = o.margin;
-        d["binarize_method"] = o.binarize_method, d["binarize_window"] = o.binarize_window, d["binarize_k"] = o.binarize_k;
+        d["binarize_method"] = o.binarize_method, d["binarize_window"] = o.binarize_window,
+        d["binarize_k"] = o.binarize_k;
         d["speck_size"] = o.speck_size;
         return d;
     });
-    m.def("AnalyzePage", [](const Dib &p, std::uint32_t steps, int dpi, double maxSkew, double minSkew, double minOrient, int margin,
-                            int method, int window, double k, int speck) {
+    m.def("AnalyzePage", [](const Dib &p, std::uint32_t steps, int dpi, double maxSkew, double minSkew,
+                            double minOrient, int margin, int method, int window, double k, int speck) {
         const QuarvelScanOptions o = Options(steps, dpi, maxSkew, minSkew, minOrient, margin, method, window, k, speck);
         QuarvelPageReport r{};
         r.size = sizeof r;
-        if (!Measure([&] { return QuarvelAnalyzePage(p.get(), &o, &r); })) throw py::value_error("detect could not read the page");
+        if (!Measure([&] { return QuarvelAnalyzePage(p.get(), &o, &r); }))
+            throw py::value_error("detect could not read the page");
         return Report(r);
     });
-    m.def("CleanPage", [](const Dib &p, std::uint32_t steps, int dpi, double maxSkew, double minSkew, double minOrient, int margin,
-                          int method, int window, double k, int speck) {
+    m.def("CleanPage", [](const Dib &p, std::uint32_t steps, int dpi, double maxSkew, double minSkew, double minOrient,
+                          int margin, int method, int window, double k, int speck) {
         const QuarvelScanOptions o = Options(steps, dpi, maxSkew, minSkew, minOrient, margin, method, window, k, speck);
         QuarvelPageReport r{};
         r.size = sizeof r;
@@ -389,13 +423,14 @@ PYBIND11_MODULE(_quarvel, m) {
     m.doc() = "Native half of the quarvel package: pages as packed DIBs and the library's operations.";
     py::class_<Dib>(m, "Dib", "One page in the library's own packed form (a DIB in a global-memory block).")
         .def_static(
-            "from_array", [](const py::array &a, double dpiX, double dpiY) { return FromArray(a, dpiX, dpiY); }, py::arg("array"),
-            py::arg("dpi_x") = 0.0, py::arg("dpi_y") = 0.0)
+            "from_array", [](const py::array &a, double dpiX, double dpiY) { return FromArray(a, dpiX, dpiY); },
+            py::arg("array"), py::arg("dpi_x") = 0.0, py::arg("dpi_y") = 0.0)
         .def("to_array", &ToArray)
-        .def("copy", [](const Dib &d) {
-            Checked(d);
-            return Copy(d);
-        })
+        .def("copy",
+             [](const Dib &d) {
+                 Checked(d);
+                 return Copy(d);
+             })
         .def_property_readonly("width", [](const Dib &d) { return Checked(d).width; })
         .def_property_readonly("height", [](const Dib &d) { return Checked(d).height; })
         .def_property_readonly("bits", [](const Dib &d) { return Checked(d).bits; })
@@ -422,8 +457,8 @@ PYBIND11_MODULE(_quarvel, m) {
             }))
         .def("__repr__", [](const Dib &d) {
             const qpy::DibLayout l = qpy::LayoutOf(d.get());
-            return "<quarvel.Dib " + std::to_string(l.width) + " x " + std::to_string(l.height) + ", " + std::to_string(l.bits) +
-                   " bits>";
+            return "<quarvel.Dib " + std::to_string(l.width) + " x " + std::to_string(l.height) + ", " +
+                   std::to_string(l.bits) + " bits>";
         });
     BindOperations(m);
     BindScan(m);
