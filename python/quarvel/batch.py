@@ -141,12 +141,21 @@ def run(pipeline: Union[str, Sequence[Step]], inputs: Iterable[str], out_dir: st
     os.makedirs(out_dir, exist_ok=True)
     if client is not None:
         futures = client.map(process_file, [steps] * len(files), files, out_dir=out_dir, format=format, pure=False)
-        results = client.gather(futures)
+        results = [_outcome(future, f) for future, f in zip(futures, files)]
     else:
         with ThreadPoolExecutor(max(1, int(jobs))) as pool:
             results = list(pool.map(lambda f: process_file(steps, f, out_dir, format), files))
     _remove_leftovers(out_dir, files, format)
     return Summary(results, time.monotonic() - started)
+
+
+def _outcome(future, path: str) -> FileResult:
+    # A task the scheduler gave up on (its workers kept dying) is a failed
+    # file in the summary, not the end of the batch.
+    try:
+        return future.result()
+    except Exception as e:  # noqa: BLE001 - any task error is reported with the file
+        return FileResult(path, failed=[(0, f"{path}: task failed ({type(e).__name__}: {e})")])
 
 
 def _remove_leftovers(out_dir: str, files: List[str], format: Optional[str]) -> None:
