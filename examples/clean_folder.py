@@ -7,8 +7,8 @@
 
 Two ways are shown. On this machine, the pages go through the Python API
 page by page on a few threads (the library releases the interpreter lock,
-so they run in parallel): each page is measured, cleaned, and written with
-its report. On a cluster, quarvel.batch runs a pipeline in `quarvel run`
+so they run in parallel): each page is measured (its report printed as a
+JSON line), cleaned, and written as a TIFF per input file. On a cluster, quarvel.batch runs a pipeline in `quarvel run`
 syntax as one task per file; the workers write the outputs, and a worker
 that dies has its files redone elsewhere.
 """
@@ -25,13 +25,13 @@ EXTENSIONS = (".png", ".tif", ".tiff", ".jpg", ".jpeg", ".bmp", ".pbm", ".pgm", 
 PIPELINE = "remove-border1 --threshold 100 | remove-hole --left --top | denoise --size 2"
 
 
-def clean_file(path, out_dir):
-    """Every page of one file: skip blank pages, clean the rest, keep the reports."""
+def clean_file(path, out_dir, drop_blank):
+    """Every page of one file: measured, cleaned (blank pages dropped if asked), reports kept."""
     kept, reports = [], []
     for index, page in enumerate(quarvel.read(path), 1):
         report = quarvel.detect(page, file=path, index=index)
         reports.append(report)
-        if not report["blank"]["blank"]:
+        if not (drop_blank and report["blank"]["blank"]):
             kept.append(quarvel.clean(page, orient=True))
     name = os.path.splitext(os.path.basename(path))[0]
     if kept:
@@ -46,13 +46,14 @@ def main():
     parser.add_argument("--workers", type=int, default=0, help="run on a local Dask cluster of N processes")
     parser.add_argument("--scheduler", help="run on the Dask scheduler at this address")
     parser.add_argument("--pipeline", default=PIPELINE, help="steps for the cluster run (quarvel run syntax)")
+    parser.add_argument("--drop-blank", action="store_true", help="leave out pages detected as blank")
     args = parser.parse_args()
     files = sorted(os.path.join(args.scans, f) for f in os.listdir(args.scans) if f.lower().endswith(EXTENSIONS))
     os.makedirs(args.out, exist_ok=True)
 
     if not (args.workers or args.scheduler):
         with ThreadPoolExecutor(os.cpu_count()) as pool:
-            for reports in pool.map(lambda f: clean_file(f, args.out), files):
+            for reports in pool.map(lambda f: clean_file(f, args.out, args.drop_blank), files):
                 for report in reports:
                     print(json.dumps(report))
         return 0
