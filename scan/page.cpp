@@ -167,8 +167,10 @@ bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page) {
 }
 
 void PrepareReduced(ScanPage *p) {
+    // About kReducedDpi, but never below 1000 pixels on the long side, so a
+    // small fragment tagged with a high resolution keeps its text lines.
     int f = std::max(1, static_cast<int>(std::lround(p->dpi / static_cast<double>(kReducedDpi))));
-    if (p->width / f < 8 || p->height / f < 8) f = 1;
+    f = std::min(f, std::max(1, std::max(p->width, p->height) / kReducedMinSide));
     p->reduction = f;
     const int rw = p->width / f, rh = p->height / f;
     if (f == 1)
