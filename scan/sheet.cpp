@@ -6,7 +6,9 @@
 // than it (below 70 %) are frame candidates. A side has a frame when at least
 // half of its outermost lines are candidates; the frame is then every
 // candidate region that touches such a side, so a dark photo or a line of
-// text reaching one edge is never taken for background. The sheet is the
+// text reaching one edge is never taken for background, and it must meet the
+// paper at a clear step (shading darkens gradually) and be dark on the
+// whole, at most half the paper level. The sheet is the
 // bounding box of the largest paper region left, on framed sides only: a side
 // without a frame keeps the page edge, so a page without a frame is not
 // trimmed at all. A skewed sheet gives its axis-aligned bounding box.
@@ -23,6 +25,8 @@ constexpr int kShrink = 4;            // reduced pixels per sheet-grid pixel
 constexpr double kDarkFraction = 0.70;  // candidate: darker than 70 % of the paper level
 constexpr double kSideCover = 0.5;    // a framed side's edge lines are at least half candidates
 constexpr double kMinFrameMm = 1.0;   // thinner dark edges are not a frame
+constexpr double kMinStep = 0.33;     // contrast across the frame's edge, share of the paper level
+constexpr double kMaxFrameLevel = 0.5; // a frame's mean level, share of the paper level
 constexpr double kMinPaperShare = 0.2;  // a "sheet" smaller than this share of the page is not one
 
 int PaperLevel(const cv::Mat &g) {
@@ -81,6 +85,16 @@ Sheet FindSheet(const ScanPage &page) {
     cv::Mat paperGrid(gh, gw, CV_8UC1);
     for (int y = 0; y < gh; ++y)
         for (int x = 0; x < gw; ++x) paperGrid.at<std::uint8_t>(y, x) = frame[static_cast<std::size_t>(labels.at<int>(y, x))] ? 0 : 255;
+
+    // A frame meets the paper at a step; shading darkens it gradually. The
+    // mean contrast across the boundary (3-pixel gradient, about 2 mm) must
+    // be a good part of the paper level.
+    cv::Mat gradient, rim;
+    cv::morphologyEx(g, gradient, cv::MORPH_GRADIENT, cv::Mat());
+    cv::dilate(paperGrid, rim, cv::Mat());
+    rim &= ~paperGrid;
+    if (cv::countNonZero(rim) > 0 && cv::mean(gradient, rim)[0] < kMinStep * s.paperLevel) return s;
+    if (cv::mean(g, ~paperGrid)[0] > kMaxFrameLevel * s.paperLevel) return s;
 
     // The largest paper region (4-connected, so a thin paper bridge along
     // the frame does not join stray bright spots to the sheet).

@@ -138,7 +138,7 @@ Skew FindSkew(const ScanPage &page, const Sheet &sheet, double maxSkew) {
     const int f = page.reduction;
     const int margin = std::max(1, MmToPixels(page, kMarginMm) / f);
     cv::Rect area(sheet.box.x / f, sheet.box.y / f, sheet.box.width / f, sheet.box.height / f);
-    if (sheet.sides != 0) area = cv::Rect(area.x + margin, area.y + margin, area.width - 2 * margin, area.height - 2 * margin);
+    area = cv::Rect(area.x + margin, area.y + margin, area.width - 2 * margin, area.height - 2 * margin);
     area &= cv::Rect(0, 0, page.ink.cols, page.ink.rows);
     if (area.width < 16 || area.height < 16) return result;
     cv::Mat ink = page.ink(area).clone();

@@ -100,6 +100,7 @@ std::vector<Truth> ReadTruth(const std::string &path) {
         t.hasSkew = skew != "-";
         if (t.hasSkew) t.skew = std::atof(skew.c_str());
         for (char c : sides) {
+            if (c == '-') break;
             if (c == 'L') t.sides |= QUARVEL_SIDE_LEFT;
             if (c == 'T') t.sides |= QUARVEL_SIDE_TOP;
             if (c == 'R') t.sides |= QUARVEL_SIDE_RIGHT;
