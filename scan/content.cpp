@@ -68,15 +68,23 @@ bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hol
             marks(cv::Rect(x, y, w, h)).setTo(255, labels(cv::Rect(x, y, w, h)) == i);
         }
     }
-    // Specks count only near a larger mark.
+    // Specks count only near a larger mark: marks grown by `neighbour`, on
+    // cells of 4 x 4 pixels.
+    constexpr int kCell = 4;
     cv::Mat near;
-    cv::dilate(marks, near, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * neighbour + 1, 2 * neighbour + 1)));
+    const cv::Size cells(std::max(1, marks.cols / kCell), std::max(1, marks.rows / kCell));
+    cv::resize(marks(cv::Rect(0, 0, std::min(marks.cols, cells.width * kCell), std::min(marks.rows, cells.height * kCell))),
+               near, cells, 0, 0, cv::INTER_AREA);
+    const int reach = neighbour / kCell + 1;
+    cv::dilate(near, near, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * reach + 1, 2 * reach + 1)));
     int left = ink.cols, top = ink.rows, right = 0, bottom = 0;
     for (int i = 1; i < n; ++i) {
         if (!keep[static_cast<std::size_t>(i)]) continue;
         const int x = stats.at<int>(i, cv::CC_STAT_LEFT), y = stats.at<int>(i, cv::CC_STAT_TOP);
         const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);
-        if (small[static_cast<std::size_t>(i)] && near.at<std::uint8_t>(y + h / 2, x + w / 2) == 0) continue;
+        if (small[static_cast<std::size_t>(i)] &&
+            near.at<std::uint8_t>(std::min(near.rows - 1, (y + h / 2) / kCell), std::min(near.cols - 1, (x + w / 2) / kCell)) == 0)
+            continue;
         left = std::min(left, x);
         top = std::min(top, y);
         right = std::max(right, x + w);

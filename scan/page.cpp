@@ -184,7 +184,8 @@ void PrepareReduced(ScanPage *p) {
     constexpr int kCell = 8;
     cv::Mat cells, paper;
     const int cw = std::max(1, rw / kCell), ch = std::max(1, rh / kCell);
-    cv::resize(p->reduced, cells, cv::Size(cw, ch), 0, 0, cv::INTER_AREA);
+    cv::resize(p->reduced(cv::Rect(0, 0, std::min(rw, cw * kCell), std::min(rh, ch * kCell))), cells, cv::Size(cw, ch), 0,
+               0, cv::INTER_AREA);
     cv::dilate(cells, cells, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(5, 5)));
     cv::blur(cells, cells, cv::Size(3, 3));
     cv::resize(cells, paper, cv::Size(rw, rh), 0, 0, cv::INTER_LINEAR);

@@ -54,7 +54,8 @@ Sheet FindSheet(const ScanPage &page) {
 
     cv::Mat g;
     const int gw = std::max(1, page.reduced.cols / kShrink), gh = std::max(1, page.reduced.rows / kShrink);
-    cv::resize(page.reduced, g, cv::Size(gw, gh), 0, 0, cv::INTER_AREA);
+    cv::resize(page.reduced(cv::Rect(0, 0, std::min(page.reduced.cols, gw * kShrink), std::min(page.reduced.rows, gh * kShrink))),
+               g, cv::Size(gw, gh), 0, 0, cv::INTER_AREA);
     s.paperLevel = PaperLevel(g);
     if (gw < 8 || gh < 8) return s;
     cv::Mat dark = g < kDarkFraction * s.paperLevel;
@@ -126,8 +127,10 @@ Sheet FindSheet(const ScanPage &page) {
     if (s.sides == 0) return s;
 
     // The paper mask at the reduced scale: the sheet region, frame elsewhere.
-    cv::Mat sheetGrid = (plabels == best);
-    cv::resize(sheetGrid, s.paper, page.reduced.size(), 0, 0, cv::INTER_NEAREST);
+    cv::Mat sheetGrid = (plabels == best), exact;
+    cv::resize(sheetGrid, exact, cv::Size(gw * kShrink, gh * kShrink), 0, 0, cv::INTER_NEAREST);
+    cv::copyMakeBorder(exact, s.paper, 0, page.reduced.rows - exact.rows, 0, page.reduced.cols - exact.cols,
+                       cv::BORDER_REPLICATE);
     return s;
 }
 
