@@ -1,7 +1,7 @@
 // Sheet and frame: where the paper lies inside dark scanner background, book
 // edges or black strips.
 //
-// Works on the reduced page shrunk four times more (about 37 dpi). The paper
+// Works on the reduced page shrunk to about 37 dpi (at most four times). The paper
 // level is the bright end of the page's middle half. Pixels clearly darker
 // than it (below 70 %) are frame candidates. A side has a frame when at least
 // half of its outermost lines are candidates; the frame is then every
@@ -21,12 +21,13 @@
 namespace quarvel::scan {
 namespace {
 
-constexpr int kShrink = 4;            // reduced pixels per sheet-grid pixel
+constexpr double kGridDpi = 37.5;     // resolution of the sheet grid
 constexpr double kDarkFraction = 0.70;  // candidate: darker than 70 % of the paper level
 constexpr double kSideCover = 0.5;    // a framed side's edge lines are at least half candidates
 constexpr double kMinFrameMm = 1.0;   // thinner dark edges are not a frame
 constexpr double kMinStep = 0.33;     // contrast across the frame's edge, share of the paper level
 constexpr double kMaxFrameLevel = 0.5; // a frame's mean level, share of the paper level
+constexpr double kStray = 0.02;       // sheet rows/columns with less paper than this share are trimmed
 constexpr double kMinPaperShare = 0.2;  // a "sheet" smaller than this share of the page is not one
 
 int PaperLevel(const cv::Mat &g) {
@@ -53,12 +54,18 @@ Sheet FindSheet(const ScanPage &page) {
     if (page.reduced.empty()) return s;
 
     cv::Mat g;
+    // About kGridDpi; a low-resolution page keeps its own pixels, so its
+    // text does not blur into frame-dark cells.
+    const int kShrink = std::clamp(static_cast<int>(std::lround(page.dpi / static_cast<double>(page.reduction) / kGridDpi)), 1, 4);
     const int gw = std::max(1, page.reduced.cols / kShrink), gh = std::max(1, page.reduced.rows / kShrink);
     cv::resize(page.reduced(cv::Rect(0, 0, std::min(page.reduced.cols, gw * kShrink), std::min(page.reduced.rows, gh * kShrink))),
                g, cv::Size(gw, gh), 0, 0, cv::INTER_AREA);
     s.paperLevel = PaperLevel(g);
     if (gw < 8 || gh < 8) return s;
     cv::Mat dark = g < kDarkFraction * s.paperLevel;
+    // Strokes of text near the edge are thinner than any frame: opened away,
+    // they cannot join the frame and be cut with it.
+    cv::morphologyEx(dark, dark, cv::MORPH_OPEN, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3)));
 
     // Sides whose two outermost lines are mostly candidates.
     const cv::Rect edges[4] = {cv::Rect(0, 0, 2, gh), cv::Rect(0, 0, gw, 2), cv::Rect(gw - 2, 0, 2, gh),
@@ -105,11 +112,24 @@ Sheet FindSheet(const ScanPage &page) {
     for (int i = 1; i < pn; ++i)
         if (best == 0 || stats.at<int>(i, cv::CC_STAT_AREA) > stats.at<int>(best, cv::CC_STAT_AREA)) best = i;
     if (best == 0 || stats.at<int>(best, cv::CC_STAT_AREA) < kMinPaperShare * gw * gh) return s;
-    const cv::Rect grid(stats.at<int>(best, cv::CC_STAT_LEFT), stats.at<int>(best, cv::CC_STAT_TOP),
-                        stats.at<int>(best, cv::CC_STAT_WIDTH), stats.at<int>(best, cv::CC_STAT_HEIGHT));
+    // Its box, less rows and columns holding under 2 % of the fullest: a
+    // strip of light scanner lid beyond a black bed, or a stray corner, does
+    // not stretch the sheet to the page edge.
+    cv::Mat sheetGrid = (plabels == best), cols, rows;
+    cv::reduce(sheetGrid, cols, 0, cv::REDUCE_SUM, CV_32S);
+    cv::reduce(sheetGrid, rows, 1, cv::REDUCE_SUM, CV_32S);
+    double colMax = 0, rowMax = 0;
+    cv::minMaxLoc(cols, nullptr, &colMax);
+    cv::minMaxLoc(rows, nullptr, &rowMax);
+    int gl = 0, gr = gw, gt = 0, gb = gh;
+    while (gl < gr - 1 && cols.at<int>(gl) < kStray * colMax) ++gl;
+    while (gr > gl + 1 && cols.at<int>(gr - 1) < kStray * colMax) --gr;
+    while (gt < gb - 1 && rows.at<int>(gt) < kStray * rowMax) ++gt;
+    while (gb > gt + 1 && rows.at<int>(gb - 1) < kStray * rowMax) --gb;
+    const cv::Rect grid(gl, gt, gr - gl, gb - gt);
 
-    // Grid to page pixels; a side counts as framed when the sheet stands
-    // clear of its edge by at least kMinFrameMm.
+    // Grid to page pixels; the box leaves a framed side's edge only when the
+    // sheet stands clear of it by at least kMinFrameMm.
     const int scale = kShrink * page.reduction;
     const int minFrame = MmToPixels(page, kMinFrameMm);
     int left = grid.x * scale, top = grid.y * scale;
@@ -121,13 +141,15 @@ Sheet FindSheet(const ScanPage &page) {
     if (!framed[1] || top < minFrame) top = 0;
     if (!framed[2] || page.width - right < minFrame) right = page.width;
     if (!framed[3] || page.height - bottom < minFrame) bottom = page.height;
-    s.sides = (left > 0 ? sideBits[0] : 0u) | (top > 0 ? sideBits[1] : 0u) | (right < page.width ? sideBits[2] : 0u) |
-              (bottom < page.height ? sideBits[3] : 0u);
+    // A framed side counts even where a skewed sheet's corner reaches the
+    // page edge: its wedges are frame all the same.
+    for (int i = 0; i < 4; ++i)
+        if (framed[i]) s.sides |= sideBits[i];
     s.box = cv::Rect(left, top, right - left, bottom - top);
     if (s.sides == 0) return s;
 
     // The paper mask at the reduced scale: the sheet region, frame elsewhere.
-    cv::Mat sheetGrid = (plabels == best), exact;
+    cv::Mat exact;
     cv::resize(sheetGrid, exact, cv::Size(gw * kShrink, gh * kShrink), 0, 0, cv::INTER_NEAREST);
     cv::copyMakeBorder(exact, s.paper, 0, page.reduced.rows - exact.rows, 0, page.reduced.cols - exact.cols,
                        cv::BORDER_REPLICATE);
