@@ -4,8 +4,9 @@
 // sheet's paper, away from the frame. Left out: regions inside a punch hole;
 // specks (under 0.5 mm across) with no other mark within 5 mm, so a page
 // number or a full stop at a line's end stays but scanner dust does not; and
-// thin lines hugging the sheet's edge for a third of its length or more (the
-// shadow of a page edge or a book's fore-edge). Stains rarely pass the ink
+// strips hugging the sheet's edge (under 3 mm thick, five times as long and
+// a twentieth of the side at least: the shadow of a page edge, a book's
+// fore-edge, pieces of a black strip). Stains rarely pass the ink
 // threshold, which asks for marks clearly darker than the paper round them.
 #include <algorithm>
 #include <cmath>
@@ -20,7 +21,9 @@ namespace {
 constexpr double kSpeckMm = 0.5;     // largest speck dropped when alone
 constexpr double kNeighbourMm = 5.0; // a speck this close to a mark is kept
 constexpr double kFrameGapMm = 1.5;  // ink this close to the frame is the frame's edge
-constexpr double kEdgeLineMm = 2.0;  // edge shadows are at most this thick
+constexpr double kEdgeLineMm = 3.0;  // edge shadows and strips are at most this thick,
+constexpr double kEdgeLength = 5.0;  // at least this many times longer,
+constexpr double kEdgeShare = 20.0;  // at least 1/20 of the sheet's side long,
 constexpr double kEdgeTouchMm = 1.0; // and lie this close to the sheet's edge
 
 }  // namespace
@@ -58,8 +61,10 @@ bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hol
         bool inHole = false;
         for (const Hole &hole : holes) inHole = inHole || std::hypot(cx - hole.cx, cy - hole.cy) <= hole.r * 1.2;
         if (inHole) continue;
-        const bool vertical = w <= edgeThick && h * 3 >= ink.rows && (x <= edgeTouch || x + w >= ink.cols - edgeTouch);
-        const bool horizontal = h <= edgeThick && w * 3 >= ink.cols && (y <= edgeTouch || y + h >= ink.rows - edgeTouch);
+        const bool vertical = w <= edgeThick && h >= kEdgeLength * w && h * kEdgeShare >= ink.rows &&
+                              (x <= edgeTouch || x + w >= ink.cols - edgeTouch);
+        const bool horizontal = h <= edgeThick && w >= kEdgeLength * h && w * kEdgeShare >= ink.cols &&
+                                (y <= edgeTouch || y + h >= ink.rows - edgeTouch);
         if (vertical || horizontal) continue;
         keep[static_cast<std::size_t>(i)] = 1;
         if (std::max(w, h) < speck) {

@@ -200,7 +200,8 @@ bool LeptonicaSkew(const Gray &g, double *angle, double *ms) {
 #endif
 
 // unpaper with its defaults (deskew within +-5 degrees, border and mask
-// detection, filters) on a PNM copy; its log gives the rotation it applied.
+// detection, filters) on a PNM copy; its verbose log gives the rotation it
+// applied (none when its edge estimates disagree).
 struct Unpaper {
     bool ran = false;
     bool hasAngle = false;
@@ -222,12 +223,15 @@ Unpaper RunUnpaper(const qtool::Page &page) {
     std::ifstream l(log);
     std::string line;
     while (std::getline(l, line)) {
-        // "rotate (x,y): angle" in unpaper's log; its sign is ours reversed.
-        const auto p = line.find("rotat");
-        const auto colon = line.find(':', p == std::string::npos ? 0 : p);
-        if (p != std::string::npos && colon != std::string::npos) {
-            u.angle = -std::atof(line.c_str() + colon + 1);
-            u.hasAngle = true;
+        // "rotate (x,y): angle": the turn unpaper applied, in radians, with
+        // our sign (its "detected rotation" lines read -0.0384 on
+        // deskew-2, which falls 2.2 degrees to the left).
+        if (line.rfind("rotate (", 0) == 0) {
+            const auto colon = line.find(':');
+            if (colon != std::string::npos) {
+                u.angle = std::atof(line.c_str() + colon + 1) * 180.0 / 3.14159265358979323846;
+                u.hasAngle = true;
+            }
         }
     }
     try {
