@@ -168,9 +168,13 @@ bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page) {
 
 void PrepareReduced(ScanPage *p) {
     // About kReducedDpi, but never below 1000 pixels on the long side, so a
-    // small fragment tagged with a high resolution keeps its text lines.
+    // small fragment tagged with a high resolution keeps its text lines,
+    // and never above kReducedMaxSide, so a large page tagged with a low
+    // resolution (or none) does not run the analyses at full size.
+    const int longSide = std::max(p->width, p->height);
     int f = std::max(1, static_cast<int>(std::lround(p->dpi / static_cast<double>(kReducedDpi))));
-    f = std::min(f, std::max(1, std::max(p->width, p->height) / kReducedMinSide));
+    f = std::min(f, std::max(1, longSide / kReducedMinSide));
+    f = std::max(f, (longSide + kReducedMaxSide - 1) / kReducedMaxSide);
     p->reduction = f;
     const int rw = p->width / f, rh = p->height / f;
     if (f == 1)

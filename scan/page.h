@@ -42,6 +42,7 @@ struct ScanPage {
 // The resolution the analyses work at.
 constexpr int kReducedDpi = 150;
 constexpr int kReducedMinSide = 1000;
+constexpr int kReducedMaxSide = 2400;
 
 // Fills page->reduction, reduced and ink from page->gray.
 void PrepareReduced(ScanPage *page);
