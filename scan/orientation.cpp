@@ -10,8 +10,7 @@
 // the balance (above - below) / (above + below) is positive on an upright
 // page and negative on one upside down. The same is done on the ink turned
 // a quarter: the direction whose lines hold more of the ink is the line
-// direction, but lines run down the page only when the skew search saw no
-// lines across it (confidence under 0.3). Confidence grows with the balance (0.15 reads as certain) and
+// direction. Confidence grows with the balance (0.15 reads as certain) and
 // the number of lines (12 and more); below 0.2 the page is called upright,
 // the likeliest answer for a scanner's output.
 #include <algorithm>
@@ -30,7 +29,6 @@ constexpr double kCoreShare = 0.4;
 constexpr double kFullBalance = 0.15;
 constexpr double kFullLines = 12.0;
 constexpr double kCallUpright = 0.2;
-constexpr double kLinesAcross = 0.3;  // skew confidence that rules out lines down the page
 
 struct Lines {
     double inLines = 0;   // share of the ink in text lines
@@ -106,8 +104,7 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     cv::rotate(ink, turned, cv::ROTATE_90_CLOCKWISE);
     const Lines down = MeasureLines(turned, strip, minLine, maxLine);
 
-    // Lines run down the page only when the skew search found none across.
-    const bool vertical = skew.confidence < kLinesAcross && down.inLines > across.inLines;
+    const bool vertical = down.inLines > across.inLines;
     const Lines &l = vertical ? down : across;
     const double direction = std::max(across.inLines, down.inLines) > 0
                                  ? std::abs(across.inLines - down.inLines) / std::max(across.inLines, down.inLines)
