@@ -22,8 +22,9 @@ namespace {
 constexpr double kInchesPerMeter = 39.3700787;
 
 std::uint8_t Luma(int b, int g, int r) {
-    // Rec. 601 weights in 1/1024ths, rounded.
-    return static_cast<std::uint8_t>((306 * r + 601 * g + 117 * b + 512) >> 10);
+    // Rec. 601 weights in 1/16384ths, rounded: the same as OpenCV's
+    // BGR-to-gray conversion, so palette and direct colour pages agree.
+    return static_cast<std::uint8_t>((4899 * r + 9617 * g + 1868 * b + 8192) >> 14);
 }
 
 // Resolution from the page size when the header has none: a page whose long
@@ -94,57 +95,112 @@ bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page) {
     p.gray.create(ht, w, CV_8UC1);
     if (p.colorSource) p.color.create(ht, w, CV_8UC3);
 
-    for (int y = 0; y < ht; ++y) {
-        const std::uint8_t *src = in.row(y);
-        const int out = ht - 1 - y;
-        std::uint8_t *g = p.gray.ptr<std::uint8_t>(out);
-        std::uint8_t *c = p.colorSource ? p.color.ptr<std::uint8_t>(out) : nullptr;
-        switch (bits) {
-        case 1:
-        case 4:
-        case 8:
-            for (int x = 0; x < w; ++x) {
-                int idx;
-                if (bits == 8) {
-                    idx = src[x];
-                } else if (bits == 4) {
-                    idx = (x & 1) ? (src[x >> 1] & 0x0f) : (src[x >> 1] >> 4);
-                } else {
-                    idx = (src[x >> 3] >> (7 - (x & 7))) & 1;
-                }
-                g[x] = palGray[idx];
-                if (c != nullptr) {
-                    c[3 * x] = palB[idx];
-                    c[3 * x + 1] = palG[idx];
-                    c[3 * x + 2] = palR[idx];
-                }
+    // Each depth in its own loop so the common ones run as plain copies:
+    // 8-bit gray ramps and 24-bit rows are copied as they are, colour rows
+    // go to gray in one OpenCV conversion of the whole page.
+    bool identity = bits == 8 && !colourTable;
+    for (int i = 0; identity && i < 256; ++i) identity = palGray[i] == i;
+    if (bits == 1) {
+        std::uint8_t spread[256][8];
+        for (int v = 0; v < 256; ++v)
+            for (int k = 0; k < 8; ++k) spread[v][k] = palGray[(v >> (7 - k)) & 1];
+        const int whole = w / 8;
+        for (int y = 0; y < ht; ++y) {
+            const std::uint8_t *src = in.row(y);
+            std::uint8_t *g = p.gray.ptr<std::uint8_t>(ht - 1 - y);
+            for (int i = 0; i < whole; ++i) std::memcpy(g + 8 * i, spread[src[i]], 8);
+            for (int x = 8 * whole; x < w; ++x) g[x] = palGray[(src[x >> 3] >> (7 - (x & 7))) & 1];
+        }
+    } else if (bits == 4 || bits == 8) {
+        for (int y = 0; y < ht; ++y) {
+            const std::uint8_t *src = in.row(y);
+            std::uint8_t *g = p.gray.ptr<std::uint8_t>(ht - 1 - y);
+            if (identity) {
+                std::memcpy(g, src, static_cast<std::size_t>(w));
+            } else if (bits == 8) {
+                for (int x = 0; x < w; ++x) g[x] = palGray[src[x]];
+            } else {
+                for (int x = 0; x < w; ++x) g[x] = palGray[(x & 1) ? (src[x >> 1] & 0x0f) : (src[x >> 1] >> 4)];
             }
-            break;
-        case 16:
+        }
+    } else if (bits == 24) {
+        for (int y = 0; y < ht; ++y) std::memcpy(p.color.ptr(ht - 1 - y), in.row(y), 3 * static_cast<std::size_t>(w));
+    } else if (bits == 32) {
+        for (int y = 0; y < ht; ++y) {
+            const std::uint8_t *src = in.row(y);
+            std::uint8_t *c = p.color.ptr<std::uint8_t>(ht - 1 - y);
+            for (int x = 0; x < w; ++x) std::memcpy(c + 3 * x, src + 4 * x, 3);
+        }
+    } else {  // 16: 5-5-5
+        for (int y = 0; y < ht; ++y) {
+            const std::uint8_t *src = in.row(y);
+            std::uint8_t *c = p.color.ptr<std::uint8_t>(ht - 1 - y);
             for (int x = 0; x < w; ++x) {
                 const int v = src[2 * x] | (src[2 * x + 1] << 8);
-                const int b = (v & 31) * 255 / 31, gr = ((v >> 5) & 31) * 255 / 31, r = ((v >> 10) & 31) * 255 / 31;
-                c[3 * x] = static_cast<std::uint8_t>(b);
-                c[3 * x + 1] = static_cast<std::uint8_t>(gr);
-                c[3 * x + 2] = static_cast<std::uint8_t>(r);
-                g[x] = Luma(b, gr, r);
+                c[3 * x] = static_cast<std::uint8_t>((v & 31) * 255 / 31);
+                c[3 * x + 1] = static_cast<std::uint8_t>(((v >> 5) & 31) * 255 / 31);
+                c[3 * x + 2] = static_cast<std::uint8_t>(((v >> 10) & 31) * 255 / 31);
             }
-            break;
-        default: {  // 24 and 32
-            const int step = bits / 8;
-            for (int x = 0; x < w; ++x) {
-                const std::uint8_t *s = src + step * x;
-                c[3 * x] = s[0];
-                c[3 * x + 1] = s[1];
-                c[3 * x + 2] = s[2];
-                g[x] = Luma(s[0], s[1], s[2]);
-            }
-            break;
-        }
         }
     }
+    if (bits >= 16) {
+        cv::cvtColor(p.color, p.gray, cv::COLOR_BGR2GRAY);
+    } else if (p.colorSource) {
+        // Colour palettes: the colour image from the indices kept in gray's
+        // place would need a second table; decode the indices again.
+        for (int y = 0; y < ht; ++y) {
+            const std::uint8_t *src = in.row(y);
+            std::uint8_t *c = p.color.ptr<std::uint8_t>(ht - 1 - y);
+            for (int x = 0; x < w; ++x) {
+                const int idx = bits == 8 ? src[x]
+                                : bits == 4 ? ((x & 1) ? (src[x >> 1] & 0x0f) : (src[x >> 1] >> 4))
+                                            : (src[x >> 3] >> (7 - (x & 7))) & 1;
+                c[3 * x] = palB[idx];
+                c[3 * x + 1] = palG[idx];
+                c[3 * x + 2] = palR[idx];
+            }
+        }
+    }
+    PrepareReduced(&p);
     *page = std::move(p);
     return true;
+}
+
+void PrepareReduced(ScanPage *p) {
+    // About kReducedDpi, but never below 1000 pixels on the long side, so a
+    // small fragment tagged with a high resolution keeps its text lines,
+    // and never above kReducedMaxSide, so a large page tagged with a low
+    // resolution (or none) does not run the analyses at full size.
+    const int longSide = std::max(p->width, p->height);
+    int f = std::max(1, static_cast<int>(std::lround(p->dpi / static_cast<double>(kReducedDpi))));
+    f = std::min(f, std::max(1, longSide / kReducedMinSide));
+    f = std::max(f, (longSide + kReducedMaxSide - 1) / kReducedMaxSide);
+    p->reduction = f;
+    const int rw = p->width / f, rh = p->height / f;
+    if (f == 1)
+        p->reduced = p->gray;
+    else
+        cv::resize(p->gray(cv::Rect(0, 0, rw * f, rh * f)), p->reduced, cv::Size(rw, rh), 0, 0, cv::INTER_AREA);
+
+    // Paper level round each pixel: the brightest of ~7 mm cells, smoothed,
+    // so shading, tinted paper and the inside of dark areas read as their
+    // own background and only marks darker than their surroundings are ink.
+    constexpr int kCell = 8;
+    cv::Mat cells, paper;
+    const int cw = std::max(1, rw / kCell), ch = std::max(1, rh / kCell);
+    cv::resize(p->reduced(cv::Rect(0, 0, std::min(rw, cw * kCell), std::min(rh, ch * kCell))), cells, cv::Size(cw, ch), 0,
+               0, cv::INTER_AREA);
+    cv::dilate(cells, cells, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(5, 5)));
+    cv::blur(cells, cells, cv::Size(3, 3));
+    cv::resize(cells, paper, cv::Size(rw, rh), 0, 0, cv::INTER_LINEAR);
+    cv::Mat flat;
+    cv::divide(p->reduced, cv::max(paper, 1), flat, 255.0);
+    // One threshold on the flattened page, between the paper and the ink
+    // peaks, kept where marks are clearly darker than the paper (at least
+    // 18 % darker, at most 57 %: a page of near-black paper has no ink).
+    const double otsu = cv::threshold(flat, p->ink, 0, 255, cv::THRESH_BINARY_INV | cv::THRESH_OTSU);
+    const double t = std::clamp(otsu, 110.0, 210.0);
+    cv::threshold(flat, p->ink, t, 255, cv::THRESH_BINARY_INV);
 }
 
 QuarvelScanOptions ResolveOptions(const QuarvelScanOptions *options) {

@@ -27,7 +27,25 @@ struct ScanPage {
     cv::Mat gray;            // CV_8UC1, row 0 = top as displayed, 255 = white paper
     cv::Mat color;           // CV_8UC3 BGR, row 0 = top; empty unless colorSource
     double xPelsPerMeter = 0, yPelsPerMeter = 0; // as stored, carried to results
+
+    // Computed once for every analysis: the page reduced by `reduction`
+    // (page pixels per reduced pixel, chosen so the reduced page is about
+    // kReducedDpi) by area averaging, and its ink: 255 where the reduced page
+    // is clearly darker than the paper round it (background flattened, then
+    // one threshold), else 0. A reduced pixel (x, y) covers page pixels
+    // [x * reduction, (x + 1) * reduction).
+    int reduction = 1;
+    cv::Mat reduced;         // CV_8UC1
+    cv::Mat ink;             // CV_8UC1, 0 or 255
 };
+
+// The resolution the analyses work at.
+constexpr int kReducedDpi = 150;
+constexpr int kReducedMinSide = 1000;
+constexpr int kReducedMaxSide = 2400;
+
+// Fills page->reduction, reduced and ink from page->gray.
+void PrepareReduced(ScanPage *page);
 
 // Reads a page block; false (and nothing set) when it cannot be read: bad
 // handle, short block, compressed rows, a depth outside 1/4/8/16/24/32, no

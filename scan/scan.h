@@ -17,6 +17,8 @@ namespace quarvel::scan {
 struct Sheet {
     cv::Rect box;        // the paper; the whole page when no frame was found
     unsigned sides = 0;  // QUARVEL_SIDE_* where a frame was found
+    cv::Mat paper;       // CV_8UC1 at the page's reduced scale: 255 on the sheet, 0 on the frame
+    int paperLevel = 255; // gray level of the paper
 };
 
 struct Hole {

@@ -1,12 +1,158 @@
-// Sheet and frame. Placeholder until the sheet finder lands: the whole page,
-// no frame.
+// Sheet and frame: where the paper lies inside dark scanner background, book
+// edges or black strips.
+//
+// Works on the reduced page shrunk to about 37 dpi (at most four times). The paper
+// level is the bright end of the page's middle half. Pixels clearly darker
+// than it (below 70 %) are frame candidates. A side has a frame when at least
+// half of its outermost lines are candidates; the frame is then every
+// candidate region that touches such a side, so a dark photo or a line of
+// text reaching one edge is never taken for background, and it must meet the
+// paper at a clear step (shading darkens gradually) and be dark on the
+// whole, at most half the paper level. The sheet is the
+// bounding box of the largest paper region left, on framed sides only: a side
+// without a frame keeps the page edge, so a page without a frame is not
+// trimmed at all. A skewed sheet gives its axis-aligned bounding box.
+#include <algorithm>
+
+#include <opencv2/imgproc.hpp>
+
 #include "scan/scan.h"
 
 namespace quarvel::scan {
+namespace {
+
+constexpr double kGridDpi = 37.5;     // resolution of the sheet grid
+constexpr double kDarkFraction = 0.70;  // candidate: darker than 70 % of the paper level
+constexpr double kSideCover = 0.5;    // a framed side's edge lines are at least half candidates
+constexpr double kMinFrameMm = 1.0;   // thinner dark edges are not a frame
+constexpr double kMinStep = 0.33;     // contrast across the frame's edge, share of the paper level
+constexpr double kMaxFrameLevel = 0.5; // a frame's mean level, share of the paper level
+constexpr double kStray = 0.02;       // sheet rows/columns with less paper than this share are trimmed
+constexpr double kMinPaperShare = 0.2;  // a "sheet" smaller than this share of the page is not one
+
+int PaperLevel(const cv::Mat &g) {
+    const cv::Mat mid = g(cv::Rect(g.cols / 4, g.rows / 4, std::max(1, g.cols / 2), std::max(1, g.rows / 2)));
+    int hist[256] = {};
+    for (int y = 0; y < mid.rows; ++y)
+        for (int x = 0; x < mid.cols; ++x) ++hist[mid.at<std::uint8_t>(y, x)];
+    // The 90th percentile: above most ink, below stray white specks.
+    const long total = static_cast<long>(mid.total());
+    long seen = 0;
+    for (int v = 0; v < 256; ++v) {
+        seen += hist[v];
+        if (seen * 10 >= total * 9) return std::max(v, 1);
+    }
+    return 255;
+}
+
+}  // namespace
 
 Sheet FindSheet(const ScanPage &page) {
     Sheet s;
     s.box = cv::Rect(0, 0, page.width, page.height);
+    s.paper = cv::Mat(page.reduced.size(), CV_8UC1, cv::Scalar(255));
+    if (page.reduced.empty()) return s;
+
+    cv::Mat g;
+    // About kGridDpi; a low-resolution page keeps its own pixels, so its
+    // text does not blur into frame-dark cells.
+    const int kShrink = std::clamp(static_cast<int>(std::lround(page.dpi / static_cast<double>(page.reduction) / kGridDpi)), 1, 4);
+    const int gw = std::max(1, page.reduced.cols / kShrink), gh = std::max(1, page.reduced.rows / kShrink);
+    cv::resize(page.reduced(cv::Rect(0, 0, std::min(page.reduced.cols, gw * kShrink), std::min(page.reduced.rows, gh * kShrink))),
+               g, cv::Size(gw, gh), 0, 0, cv::INTER_AREA);
+    s.paperLevel = PaperLevel(g);
+    if (gw < 8 || gh < 8) return s;
+    cv::Mat dark = g < kDarkFraction * s.paperLevel;
+    // Strokes of text near the edge are thinner than any frame: opened away,
+    // they cannot join the frame and be cut with it.
+    cv::morphologyEx(dark, dark, cv::MORPH_OPEN, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3)));
+
+    // Sides whose two outermost lines are mostly candidates.
+    const cv::Rect edges[4] = {cv::Rect(0, 0, 2, gh), cv::Rect(0, 0, gw, 2), cv::Rect(gw - 2, 0, 2, gh),
+                               cv::Rect(0, gh - 2, gw, 2)};
+    const unsigned sideBits[4] = {QUARVEL_SIDE_LEFT, QUARVEL_SIDE_TOP, QUARVEL_SIDE_RIGHT, QUARVEL_SIDE_BOTTOM};
+    bool framed[4];
+    bool any = false;
+    for (int i = 0; i < 4; ++i) {
+        framed[i] = cv::countNonZero(dark(edges[i])) >= kSideCover * edges[i].area();
+        any = any || framed[i];
+    }
+    if (!any) return s;
+
+    // The frame: candidate regions touching a framed side.
+    cv::Mat labels;
+    const int n = cv::connectedComponents(dark, labels, 8, CV_32S);
+    std::vector<char> frame(static_cast<std::size_t>(n), 0);
+    for (int i = 0; i < 4; ++i) {
+        if (!framed[i]) continue;
+        const cv::Mat l = labels(edges[i]);
+        for (int y = 0; y < l.rows; ++y)
+            for (int x = 0; x < l.cols; ++x) frame[static_cast<std::size_t>(l.at<int>(y, x))] = 1;
+    }
+    frame[0] = 0;
+    cv::Mat paperGrid(gh, gw, CV_8UC1);
+    for (int y = 0; y < gh; ++y)
+        for (int x = 0; x < gw; ++x) paperGrid.at<std::uint8_t>(y, x) = frame[static_cast<std::size_t>(labels.at<int>(y, x))] ? 0 : 255;
+
+    // A frame meets the paper at a step; shading darkens it gradually. The
+    // mean contrast across the boundary (3-pixel gradient, about 2 mm) must
+    // be a good part of the paper level.
+    cv::Mat gradient, rim;
+    cv::morphologyEx(g, gradient, cv::MORPH_GRADIENT, cv::Mat());
+    cv::dilate(paperGrid, rim, cv::Mat());
+    rim &= ~paperGrid;
+    if (cv::countNonZero(rim) > 0 && cv::mean(gradient, rim)[0] < kMinStep * s.paperLevel) return s;
+    if (cv::mean(g, ~paperGrid)[0] > kMaxFrameLevel * s.paperLevel) return s;
+
+    // The largest paper region (4-connected, so a thin paper bridge along
+    // the frame does not join stray bright spots to the sheet).
+    cv::Mat plabels, stats, centroids;
+    const int pn = cv::connectedComponentsWithStats(paperGrid, plabels, stats, centroids, 4, CV_32S);
+    int best = 0;
+    for (int i = 1; i < pn; ++i)
+        if (best == 0 || stats.at<int>(i, cv::CC_STAT_AREA) > stats.at<int>(best, cv::CC_STAT_AREA)) best = i;
+    if (best == 0 || stats.at<int>(best, cv::CC_STAT_AREA) < kMinPaperShare * gw * gh) return s;
+    // Its box, less rows and columns holding under 2 % of the fullest: a
+    // strip of light scanner lid beyond a black bed, or a stray corner, does
+    // not stretch the sheet to the page edge.
+    cv::Mat sheetGrid = (plabels == best), cols, rows;
+    cv::reduce(sheetGrid, cols, 0, cv::REDUCE_SUM, CV_32S);
+    cv::reduce(sheetGrid, rows, 1, cv::REDUCE_SUM, CV_32S);
+    double colMax = 0, rowMax = 0;
+    cv::minMaxLoc(cols, nullptr, &colMax);
+    cv::minMaxLoc(rows, nullptr, &rowMax);
+    int gl = 0, gr = gw, gt = 0, gb = gh;
+    while (gl < gr - 1 && cols.at<int>(gl) < kStray * colMax) ++gl;
+    while (gr > gl + 1 && cols.at<int>(gr - 1) < kStray * colMax) --gr;
+    while (gt < gb - 1 && rows.at<int>(gt) < kStray * rowMax) ++gt;
+    while (gb > gt + 1 && rows.at<int>(gb - 1) < kStray * rowMax) --gb;
+    const cv::Rect grid(gl, gt, gr - gl, gb - gt);
+
+    // Grid to page pixels; the box leaves a framed side's edge only when the
+    // sheet stands clear of it by at least kMinFrameMm.
+    const int scale = kShrink * page.reduction;
+    const int minFrame = MmToPixels(page, kMinFrameMm);
+    int left = grid.x * scale, top = grid.y * scale;
+    int right = std::min(page.width, (grid.x + grid.width) * scale);
+    int bottom = std::min(page.height, (grid.y + grid.height) * scale);
+    if (grid.x + grid.width >= gw) right = page.width;
+    if (grid.y + grid.height >= gh) bottom = page.height;
+    if (!framed[0] || left < minFrame) left = 0;
+    if (!framed[1] || top < minFrame) top = 0;
+    if (!framed[2] || page.width - right < minFrame) right = page.width;
+    if (!framed[3] || page.height - bottom < minFrame) bottom = page.height;
+    // A framed side counts even where a skewed sheet's corner reaches the
+    // page edge: its wedges are frame all the same.
+    for (int i = 0; i < 4; ++i)
+        if (framed[i]) s.sides |= sideBits[i];
+    s.box = cv::Rect(left, top, right - left, bottom - top);
+    if (s.sides == 0) return s;
+
+    // The paper mask at the reduced scale: the sheet region, frame elsewhere.
+    cv::Mat exact;
+    cv::resize(sheetGrid, exact, cv::Size(gw * kShrink, gh * kShrink), 0, 0, cv::INTER_NEAREST);
+    cv::copyMakeBorder(exact, s.paper, 0, page.reduced.rows - exact.rows, 0, page.reduced.cols - exact.cols,
+                       cv::BORDER_REPLICATE);
     return s;
 }
 

@@ -1,8 +1,200 @@
-// Skew with confidence. Placeholder until the skew search lands.
+// Skew of the text lines, with a confidence.
+//
+// Projection profiles of the page's ink (scan/page.h, about 150 dpi) inside
+// the sheet. The ink is cut into vertical strips; each strip's row counts
+// are shifted by -x * tan(angle) (x: the strip's centre) and summed into one
+// profile per angle. A profile is scored by its edges: every row's count
+// enters as a box one row tall, drawn on a grid of 1/kSub row, and the score
+// is the sum of squares of the box edges (the differences of the profile).
+// Lines aligned with the angle stack their tops and bottoms into a few bins
+// and the score peaks. Drawing boxes on a fine grid, rather than rounding or
+// interpolating shifts, keeps upright (all shifts whole) from scoring higher
+// than a tenth of a degree beside it.
+//
+// Search: every degree over +-maxSkew on counts pooled 8 x 8 (about 19 dpi,
+// one-column strips), then, on the ink turned back by that angle when it is
+// more than 2 degrees, every 0.1 degree over +-0.7 at full reduced
+// resolution, every 0.02 degree over +-0.1 round the best, and the vertex of
+// a parabola through the best three. Confidence: how far the coarse peak
+// stands above the sweep's median, relative to that median, on a log scale
+// where body text reads 1 and pages without lines across read 0.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include <opencv2/imgproc.hpp>
+
 #include "scan/scan.h"
 
 namespace quarvel::scan {
+namespace {
 
-Skew FindSkew(const ScanPage &, const Sheet &, double) { return Skew{}; }
+constexpr double kPi = 3.14159265358979323846;
+constexpr int kSub = 8;               // profile grid steps per row
+constexpr int kCoarsePool = 8;        // reduced pixels per coarse cell
+constexpr double kStripMm = 2.7;      // fine strip width
+constexpr double kTurnAbove = 2.0;    // degrees: turn the ink before the fine search
+constexpr double kMarginMm = 3.0;     // sheet edge left out (frame edges, shadows)
+constexpr double kRiseNone = 5.0;     // peak rise over the median read as no lines
+constexpr double kRiseFull = 40.0;    // and as certain lines
+constexpr double kMinInkShare = 0.0005; // less ink than this share of the sheet: no lines
+
+// Row counts per vertical strip: counts[s * rows + y].
+struct Strips {
+    int strips = 0, rows = 0;
+    std::vector<int> counts;
+    std::vector<double> centre;  // strip centre minus the image centre, in rows
+};
+
+Strips MakeStrips(const cv::Mat &ink, int stripWidth) {
+    Strips s;
+    s.rows = ink.rows;
+    s.strips = (ink.cols + stripWidth - 1) / stripWidth;
+    s.counts.assign(static_cast<std::size_t>(s.strips) * s.rows, 0);
+    for (int y = 0; y < ink.rows; ++y) {
+        const std::uint8_t *p = ink.ptr<std::uint8_t>(y);
+        for (int i = 0; i < s.strips; ++i) {
+            const int x1 = std::min(ink.cols, (i + 1) * stripWidth);
+            int n = 0;
+            for (int x = i * stripWidth; x < x1; ++x) n += p[x] >> 7;
+            s.counts[static_cast<std::size_t>(i) * s.rows + y] = n;
+        }
+    }
+    for (int i = 0; i < s.strips; ++i)
+        s.centre.push_back((i * stripWidth + std::min(stripWidth, ink.cols - i * stripWidth) / 2.0) - ink.cols / 2.0);
+    return s;
+}
+
+// Counts pooled over cells of `cell` x `cell`, one strip per cell column.
+Strips PooledStrips(const cv::Mat &ink, int cell) {
+    Strips s;
+    s.rows = (ink.rows + cell - 1) / cell;
+    s.strips = (ink.cols + cell - 1) / cell;
+    s.counts.assign(static_cast<std::size_t>(s.strips) * s.rows, 0);
+    for (int y = 0; y < ink.rows; ++y) {
+        const std::uint8_t *p = ink.ptr<std::uint8_t>(y);
+        for (int i = 0; i < s.strips; ++i) {
+            const int x1 = std::min(ink.cols, (i + 1) * cell);
+            int n = 0;
+            for (int x = i * cell; x < x1; ++x) n += p[x] >> 7;
+            s.counts[static_cast<std::size_t>(i) * s.rows + y / cell] += n;
+        }
+    }
+    for (int i = 0; i < s.strips; ++i) s.centre.push_back((i + 0.5) * cell / cell - ink.cols / (2.0 * cell));
+    return s;
+}
+
+// Score of the profile at `degrees`: the sum of squares of its differences
+// one row apart, taken at every 1/kSub row; `scratch` is reused.
+double Score(const Strips &s, double degrees, std::vector<std::int32_t> &scratch) {
+    const double t = std::tan(degrees * kPi / 180.0);
+    double reach = 0;
+    for (double c : s.centre) reach = std::max(reach, std::abs(c * t));
+    const int pad = static_cast<int>(std::ceil(reach)) + 2;
+    const std::size_t bins = static_cast<std::size_t>(s.rows + 2 * pad + 2) * kSub;
+    scratch.assign(bins, 0);
+    for (int i = 0; i < s.strips; ++i) {
+        const long shift = std::lround((pad - s.centre[static_cast<std::size_t>(i)] * t) * kSub);
+        const int *c = &s.counts[static_cast<std::size_t>(i) * s.rows];
+        std::int32_t *e = scratch.data() + shift;
+        // Each row's count as a box kSub steps long: where one row's box
+        // ends the next one's starts, so each boundary takes the step.
+        int previous = 0;
+        for (int y = 0; y < s.rows; ++y) {
+            e[y * kSub] += c[y] - previous;
+            previous = c[y];
+        }
+        e[s.rows * kSub] -= previous;
+    }
+    std::int32_t run = 0;
+    for (std::int32_t &v : scratch) v = (run += v);
+    double sum = 0;
+    for (std::size_t i = kSub; i < bins; ++i) {
+        const double d = scratch[i] - scratch[i - kSub];
+        sum += d * d;
+    }
+    return sum / kSub;
+}
+
+struct Best {
+    double angle = 0, score = 0;
+};
+
+// Every `step` from lo to hi; the best, refined by a parabola through it
+// and its neighbours.
+Best Sweep(const Strips &s, double lo, double hi, double step, std::vector<double> *all = nullptr) {
+    std::vector<std::int32_t> scratch;
+    std::vector<double> scores;
+    const int n = static_cast<int>(std::lround((hi - lo) / step)) + 1;
+    for (int i = 0; i < n; ++i) scores.push_back(Score(s, lo + i * step, scratch));
+    const int k = static_cast<int>(std::max_element(scores.begin(), scores.end()) - scores.begin());
+    Best b{lo + k * step, scores[static_cast<std::size_t>(k)]};
+    if (k > 0 && k + 1 < n) {
+        const double l = scores[static_cast<std::size_t>(k - 1)], r = scores[static_cast<std::size_t>(k + 1)];
+        const double den = l - 2 * b.score + r;
+        if (den < 0) b.angle += std::clamp(0.5 * (l - r) / den, -0.5, 0.5) * step;
+    }
+    if (all != nullptr) *all = std::move(scores);
+    return b;
+}
+
+}  // namespace
+
+Skew FindSkew(const ScanPage &page, const Sheet &sheet, double maxSkew) {
+    Skew result;
+    if (page.ink.empty()) return result;
+    maxSkew = std::clamp(maxSkew, 1.0, 45.0);
+
+    // The ink on the sheet, away from its edges.
+    const int f = page.reduction;
+    const int margin = std::max(1, MmToPixels(page, kMarginMm) / f);
+    cv::Rect area(sheet.box.x / f, sheet.box.y / f, sheet.box.width / f, sheet.box.height / f);
+    area = cv::Rect(area.x + margin, area.y + margin, area.width - 2 * margin, area.height - 2 * margin);
+    area &= cv::Rect(0, 0, page.ink.cols, page.ink.rows);
+    if (area.width < 16 || area.height < 16) return result;
+    cv::Mat ink = page.ink(area).clone();
+    if (sheet.sides != 0) {
+        cv::Mat paper;
+        cv::erode(sheet.paper(area), paper, cv::Mat(), cv::Point(-1, -1), margin);
+        ink &= paper;
+    }
+    const int inkCount = cv::countNonZero(ink);
+    if (inkCount < kMinInkShare * area.area() || inkCount < 200) return result;
+
+    // Coarse: every degree.
+    std::vector<double> coarse;
+    const Strips pooled = PooledStrips(ink, std::clamp(ink.cols / 100, 2, kCoarsePool));
+    const double span = std::floor(maxSkew);
+    Best best = Sweep(pooled, -span, span, 1.0, &coarse);
+    std::vector<double> sorted = coarse;
+    std::nth_element(sorted.begin(), sorted.begin() + sorted.size() / 2, sorted.end());
+    const double median = sorted[sorted.size() / 2];
+    const double rise = median > 0 ? (best.score - median) / median : 0.0;
+
+    // Fine: on the ink turned back by the coarse angle when it is large.
+    double base = std::round(best.angle);
+    cv::Mat fineInk = ink;
+    if (std::abs(base) > kTurnAbove) {
+        const cv::Mat turn = cv::getRotationMatrix2D(cv::Point2f(ink.cols / 2.0f, ink.rows / 2.0f), base, 1.0);
+        cv::warpAffine(ink, fineInk, turn, ink.size(), cv::INTER_NEAREST, cv::BORDER_CONSTANT, cv::Scalar(0));
+    } else {
+        base = 0;
+    }
+    const double centre = std::abs(base) > 0 ? 0.0 : best.angle;
+    const int strip = std::max(4, MmToPixels(page, kStripMm) / f);
+    const Strips fine = MakeStrips(fineInk, strip);
+    Best mid = Sweep(fine, centre - 0.7, centre + 0.7, 0.1);
+    Best last = Sweep(fine, mid.angle - 0.1, mid.angle + 0.1, 0.02);
+    double angle = base + last.angle;
+    if (std::abs(angle) > maxSkew) angle = std::clamp(angle, -maxSkew, maxSkew);
+
+    result.angle = angle;
+    // Body text lifts the peak 20 to 200 times its height above the median;
+    // the same pages turned a quarter (no lines across) 1 to 5 times. On a
+    // log scale, 5 reads as nothing and 40 and more as certain.
+    result.confidence = rise > kRiseNone ? std::clamp(std::log(rise / kRiseNone) / std::log(kRiseFull / kRiseNone), 0.0, 1.0) : 0.0;
+    return result;
+}
 
 }  // namespace quarvel::scan

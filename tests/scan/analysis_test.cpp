@@ -1,0 +1,171 @@
+// Page analysis on drawn pages with known answers and on real scans: skew
+// and its confidence, orientation, sheet and frame, content box; bad input.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstddef>
+#include <vector>
+
+#include "scan/scan_pages.h"
+
+using namespace qtest;
+
+namespace {
+
+cv::Mat TextPage(int margin = 140) {
+    cv::Mat img(1754, 1240, CV_8UC1, cv::Scalar(235));
+    DrawText(&img, cv::Rect(margin, 150, 1240 - 2 * margin, 1754 - 300));
+    return img;
+}
+
+// Angles across the range, asymmetric so a sign slip shows; -7.3 with
+// full-width lines is where a coarse 5-degree bracket lands on a side peak;
+// 0.1 must not read as upright.
+TEST(ScanSkew, FindsDrawnAnglesWithConfidence) {
+    for (const double angle : {0.0, 0.1, -0.35, 2.2, -7.3, 13.0, -44.0}) {
+        SCOPED_TRACE(angle);
+        const Block page = PageFromMat(Turned(TextPage(angle == -7.3 ? 20 : 140), angle), 150);
+        const QuarvelPageReport r = Analyze(page.get());
+        ASSERT_EQ(r.usable, 1);
+        EXPECT_NEAR(r.skew_angle, angle, std::abs(angle) > 10 ? 0.1 : 0.05);
+        EXPECT_GE(r.skew_confidence, 0.6);
+    }
+}
+
+TEST(ScanSkew, RealScansMatchTheirLines) {
+    struct Case {
+        const char *name;
+        double angle, tolerance;
+    };
+    for (const Case c : {Case{"deskew-2.png", -2.2, 0.1}, Case{"linn.png", 0.0, 0.1}}) {
+        SCOPED_TRACE(c.name);
+        const Block page = LoadScan(c.name);
+        const QuarvelPageReport r = Analyze(page.get());
+        EXPECT_NEAR(r.skew_angle, c.angle, c.tolerance);
+        EXPECT_GE(r.skew_confidence, 0.6);
+        EXPECT_EQ(r.orientation, 0);
+    }
+}
+
+// Pages without lines across: blank, a soft photo-like gradient, and text
+// turned a quarter (its lines run down the page).
+TEST(ScanSkew, LowConfidenceWithoutLinesAcross) {
+    cv::Mat blank(1200, 900, CV_8UC1, cv::Scalar(240));
+    cv::Mat photo(1200, 900, CV_8UC1);
+    for (int y = 0; y < photo.rows; ++y)
+        for (int x = 0; x < photo.cols; ++x)
+            photo.at<std::uint8_t>(y, x) = static_cast<std::uint8_t>(128 + 100 * std::sin(x * 0.013) * std::cos(y * 0.011));
+    cv::Mat quarter;
+    cv::rotate(TextPage(), quarter, cv::ROTATE_90_CLOCKWISE);
+    for (const cv::Mat &img : {blank, photo}) {
+        const QuarvelPageReport r = Analyze(PageFromMat(img, 150).get());
+        ASSERT_EQ(r.usable, 1);
+        EXPECT_LT(r.skew_confidence, 0.3);
+        EXPECT_LT(r.orientation_confidence, 0.5);
+    }
+    EXPECT_LT(Analyze(PageFromMat(quarter, 150).get()).skew_confidence, 0.3);
+}
+
+// Four quarter turns of an upright page: the turn back is reported.
+TEST(ScanOrientation, QuarterTurnsAreUndone) {
+    const cv::Mat upright = TextPage();
+    const int codes[] = {-1, cv::ROTATE_90_COUNTERCLOCKWISE, cv::ROTATE_180, cv::ROTATE_90_CLOCKWISE};
+    for (int q = 0; q < 4; ++q) {
+        SCOPED_TRACE(q);
+        cv::Mat img;
+        if (codes[q] >= 0)
+            cv::rotate(upright, img, codes[q]);
+        else
+            img = upright;
+        const QuarvelPageReport r = Analyze(PageFromMat(img, 150).get());
+        EXPECT_EQ(r.orientation, 90 * q);
+        EXPECT_GE(r.orientation_confidence, 0.6);
+    }
+}
+
+// A dark frame of known widths on given sides; the sheet is the paper, the
+// content box the text's, and a page without a frame is not trimmed.
+TEST(ScanSheet, FramesOnGivenSides) {
+    struct Case {
+        int left, top, right, bottom;
+        unsigned sides;
+    };
+    const Case cases[] = {{0, 0, 0, 0, 0},
+                          {90, 0, 0, 0, QUARVEL_SIDE_LEFT},
+                          {0, 0, 120, 70, QUARVEL_SIDE_RIGHT | QUARVEL_SIDE_BOTTOM},
+                          {60, 80, 100, 40, 0xf}};
+    const cv::Rect text(300, 300, 640, 900);
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.sides);
+        cv::Mat img(1754, 1240, CV_8UC1, cv::Scalar(25));
+        const cv::Rect paper(c.left, c.top, 1240 - c.left - c.right, 1754 - c.top - c.bottom);
+        img(paper).setTo(235);
+        DrawText(&img, text);
+        const QuarvelPageReport r = Analyze(PageFromMat(img, 150).get());
+        EXPECT_EQ(r.frame_sides, c.sides);
+        EXPECT_NEAR(r.sheet.left, paper.x, 6);
+        EXPECT_NEAR(r.sheet.top, paper.y, 6);
+        EXPECT_NEAR(r.sheet.right, paper.x + paper.width, 6);
+        EXPECT_NEAR(r.sheet.bottom, paper.y + paper.height, 6);
+        ASSERT_EQ(r.has_content, 1);
+        // Drawn letters sit inside the box given to DrawText, less a line's top.
+        EXPECT_GE(r.content.left, text.x - 2);
+        EXPECT_LE(r.content.right, text.x + text.width + 2);
+        EXPECT_GE(r.content.top, text.y - 2);
+        EXPECT_LE(r.content.bottom, text.y + text.height + 2);
+        EXPECT_GE(r.content.right - r.content.left, text.width * 0.85);
+    }
+}
+
+// A speck far from the text is not content; a page number is.
+TEST(ScanContent, KeepsPageNumberNotDust) {
+    cv::Mat img(1754, 1240, CV_8UC1, cv::Scalar(235));
+    DrawText(&img, cv::Rect(200, 200, 800, 600));
+    img(cv::Rect(1100, 1500, 2, 2)).setTo(0);
+    QuarvelPageReport r = Analyze(PageFromMat(img, 150).get());
+    EXPECT_LT(r.content.bottom, 820);
+    cv::putText(img, "17", cv::Point(600, 1650), cv::FONT_HERSHEY_SIMPLEX, 0.7, cv::Scalar(20), 2);
+    r = Analyze(PageFromMat(img, 150).get());
+    EXPECT_GT(r.content.bottom, 1640);
+}
+
+// Bad pages and options: no crash, usable 0 / NULL; a short report record
+// is written only as far as its size says.
+TEST(ScanAnalyze, RefusesBadInputAndHonoursRecordSize) {
+    QuarvelPageReport r{};
+    r.size = sizeof r;
+    EXPECT_EQ(QuarvelAnalyzePage(nullptr, nullptr, &r), 0);
+    EXPECT_EQ(r.usable, 0);
+    EXPECT_EQ(QuarvelAnalyzePage(nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(QuarvelCleanPage(nullptr, nullptr, nullptr), nullptr);
+
+    Block compressed = MakePage(Shape(64, 64, 8));
+    PageView(compressed.get()).header()->biCompression = 1;  // run-length rows
+    EXPECT_EQ(QuarvelAnalyzePage(compressed.get(), nullptr, &r), 0);
+    PageShape shortShape = Shape(64, 64, 8);
+    Block tiny = MakePage(shortShape);
+    PageView(tiny.get()).header()->biHeight = 1 << 20;  // rows past the block's end
+    EXPECT_EQ(QuarvelAnalyzePage(tiny.get(), nullptr, &r), 0);
+    EXPECT_EQ(QuarvelCleanPage(tiny.get(), nullptr, nullptr), nullptr);
+
+    QuarvelScanOptions absurd;
+    QuarvelDefaultOptions(&absurd);
+    absurd.max_skew = NAN;
+    absurd.min_skew_confidence = 7;
+    absurd.margin = -50;
+    absurd.dpi = 1 << 30;
+    absurd.steps = 0xffffffffu;
+    const Block page = PageFromMat(TextPage(), 150);
+    EXPECT_EQ(QuarvelAnalyzePage(page.get(), &absurd, &r), 1);
+    const Block out(QuarvelCleanPage(page.get(), &absurd, nullptr));
+    EXPECT_TRUE(out);
+
+    std::vector<unsigned char> bytes(sizeof(QuarvelPageReport), 0xab);
+    auto *shortReport = reinterpret_cast<QuarvelPageReport *>(bytes.data());
+    shortReport->size = offsetof(QuarvelPageReport, skew_angle);
+    EXPECT_EQ(QuarvelAnalyzePage(page.get(), nullptr, shortReport), 1);
+    EXPECT_EQ(shortReport->usable, 1);
+    for (std::size_t i = offsetof(QuarvelPageReport, skew_angle); i < bytes.size(); ++i) ASSERT_EQ(bytes[i], 0xab);
+}
+
+}  // namespace
