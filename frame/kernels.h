@@ -1,0 +1,34 @@
+// Row kernels for the copy-shaped passes: pixel reversal (Mirror), packed
+// 1-bit reversal, and a 256-entry table applied per byte (tone operations).
+// Each fast kernel has a plain twin in `plain`, the oracle its tests compare
+// against bit for bit.
+//
+// Contracts: a kernel reads exactly the source bytes of its pixels and writes
+// exactly the destination bytes of its pixels, except MirrorBits, which
+// writes the bytes holding bits [0, w) of the destination and leaves the bits
+// past w as they were. Source and destination never overlap.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace quarvel::kernels {
+
+// dst pixel i = src pixel n - 1 - i, pixels of `bpp` bytes (1, 3 or 4).
+void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp);
+// dst bit i = src bit w - 1 - i for i < w; rows start at bit 0, the leftmost
+// pixel in the most significant bit.
+void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w);
+// dst[i] = table[src[i]] for n bytes.
+void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
+// The same over n 4-byte pixels, the fourth byte copied unchanged.
+void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
+
+namespace plain {
+void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp);
+void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w);
+void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
+void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
+}  // namespace plain
+
+}  // namespace quarvel::kernels
