@@ -1,34 +1,55 @@
-// The four measuring operations: copy the caller's block, decode it into a
-// raster, measure, and give back a number. A block that cannot be read as a
+// The four measuring operations: read the caller's block in place, decode it
+// into a raster (the thresholds count a histogram straight from the rows
+// instead), measure, and give back a number. A block that cannot be read as a
 // page answers as a page without pixels would: Otsu 255, Ridler-Calvard 127,
 // skew 0.0, precision test -1.
+#include "frame/dib.h"
 #include "skew/skew.h"
 
 namespace quarvel::skew {
 
 namespace {
 
-// Copy and decode; false when the block is not a readable page.
+// Decode the caller's rows in place; false when the block is not a readable
+// page.
 bool Load(HGLOBAL h, PageRaster &raster) {
+    BlockLock lock(h);
+    if (!lock || lock.size() == 0 || lock.size() > UINT32_MAX) return false;
     DibBlock block;
-    block.CopyFrom(h);
+    block.View(lock.data(), static_cast<std::uint32_t>(lock.size()));
     if (!block.Readable()) return false;
     LoadPageRaster(raster, block);
     return raster.width > 0 && raster.height > 0;
 }
 
+// The ink histogram of the caller's rows and their pixel count; false when
+// the block is not a readable page.
+bool Histogram(HGLOBAL h, std::uint32_t count[256], double *pixels) {
+    BlockLock lock(h);
+    if (!lock || lock.size() == 0 || lock.size() > UINT32_MAX) return false;
+    DibBlock block;
+    block.View(lock.data(), static_cast<std::uint32_t>(lock.size()));
+    if (!PageInkHistogram(block, count)) return false;
+    std::int32_t w = 0, hh = 0;
+    block.GetSize(&w, &hh);
+    *pixels = static_cast<double>(w) * static_cast<double>(hh);
+    return true;
+}
+
 }  // namespace
 
 unsigned GetBinaryThresholdByOtsu(HGLOBAL h) {
-    PageRaster raster;
-    if (!Load(h, raster)) return 255;
-    return 255u - OtsuThreshold(raster, RECT{0, 0, 0, 0});
+    std::uint32_t count[256];
+    double pixels = 0;
+    if (!Histogram(h, count, &pixels)) return 255;
+    return 255u - OtsuThreshold(count, pixels);
 }
 
 unsigned GetBinaryThresholdByRidCal(HGLOBAL h) {
-    PageRaster raster;
-    if (!Load(h, raster)) return 255u - 128u;
-    return 255u - RidlerCalvardThreshold(raster, RECT{0, 0, 0, 0});
+    std::uint32_t count[256];
+    double pixels = 0;
+    if (!Histogram(h, count, &pixels)) return 255u - 128u;
+    return 255u - RidlerCalvardThreshold(count);
 }
 
 double GetObliquity(HGLOBAL h) {

@@ -1,4 +1,4 @@
-// The analysis raster: a private copy of the caller's block (DibBlock) and
+// The analysis raster: the caller's block read in place or copied (DibBlock) and
 // its decoding into ink values (PageRaster), one byte per pixel, top row
 // first. Stored rows are bottom-up, so stored row j lands in raster row
 // h - 1 - j. Indexed pages look their colour up in the table (so a 1-bit page
@@ -28,30 +28,38 @@ void ByteBuffer::Free() {
 
 void DibBlock::CopyFrom(HGLOBAL h) {
     copy_.Free();
+    view_ = nullptr;
     BlockLock lock(h);
     if (!lock || lock.size() == 0 || lock.size() > UINT32_MAX) return;
     if (copy_.Allocate(static_cast<std::uint32_t>(lock.size()))) std::memcpy(copy_.data(), lock.data(), lock.size());
 }
 
+void DibBlock::View(const void *bytes, std::uint32_t size) {
+    copy_.Free();
+    view_ = size != 0 ? static_cast<const std::uint8_t *>(bytes) : nullptr;
+    viewSize_ = view_ != nullptr ? size : 0;
+}
+
 void DibBlock::CopyFrom(const void *bytes, std::uint32_t size) {
     copy_.Free();
+    view_ = nullptr;
     if (bytes == nullptr || size == 0) return;
     if (copy_.Allocate(size)) std::memcpy(copy_.data(), bytes, size);
 }
 
 const BITMAPINFOHEADER *DibBlock::header() const {
-    return copy_.size() >= kHeaderSize ? reinterpret_cast<const BITMAPINFOHEADER *>(copy_.data()) : nullptr;
+    return Size() >= kHeaderSize ? reinterpret_cast<const BITMAPINFOHEADER *>(Data()) : nullptr;
 }
 
 bool DibBlock::Readable() const {
     const BITMAPINFOHEADER *hd = header();
-    if (hd == nullptr || hd->biSize < kHeaderSize || hd->biSize > copy_.size()) return false;
+    if (hd == nullptr || hd->biSize < kHeaderSize || hd->biSize > Size()) return false;
     if (hd->biWidth <= 0 || hd->biHeight <= 0 || hd->biCompression != 0) return false;
     const std::uint64_t pixels = static_cast<std::uint64_t>(hd->biWidth) * static_cast<std::uint64_t>(hd->biHeight);
     if (pixels > INT32_MAX) return false;
     const std::uint64_t rows = DibRowStride64(hd->biWidth, hd->biBitCount) * static_cast<std::uint64_t>(hd->biHeight);
     const std::uint64_t need = hd->biSize + 4ull * GetColorCount() + rows;
-    return need <= copy_.size();
+    return need <= Size();
 }
 
 void DibBlock::GetSize(std::int32_t *width, std::int32_t *height) const {
@@ -81,12 +89,12 @@ std::uint32_t DibBlock::GetColorCount() const {
 
 const RGBQUAD *DibBlock::GetColorTable() const {
     const BITMAPINFOHEADER *hd = header();
-    return hd != nullptr ? reinterpret_cast<const RGBQUAD *>(copy_.data() + hd->biSize) : nullptr;
+    return hd != nullptr ? reinterpret_cast<const RGBQUAD *>(Data() + hd->biSize) : nullptr;
 }
 
 const std::uint8_t *DibBlock::GetBits() const {
     const BITMAPINFOHEADER *hd = header();
-    return hd != nullptr ? copy_.data() + hd->biSize + 4u * GetColorCount() : nullptr;
+    return hd != nullptr ? Data() + hd->biSize + 4u * GetColorCount() : nullptr;
 }
 
 bool PageRaster::Resize(std::int32_t w, std::int32_t h) {
@@ -166,6 +174,72 @@ void LoadPageRaster(PageRaster &raster, const DibBlock &block) {
             break;
         }
     }
+}
+
+// Counts per depth: 1-bit rows by population count, indexed rows by index
+// (then folded through the table's inks), colour pixels by their ink.
+bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
+    std::memset(count, 0, 256 * sizeof count[0]);
+    if (!block.Readable()) return false;
+    std::int32_t w = 0, h = 0;
+    block.GetSize(&w, &h);
+    const int bits = block.GetBitCount();
+    const std::size_t stride = DibRowStride(w, bits);
+    const std::uint8_t *rows = block.GetBits();
+    std::uint8_t bySum[766];
+    for (unsigned s = 0; s < 766; ++s) bySum[s] = static_cast<std::uint8_t>(255 - s / 3);
+    std::uint8_t inks[256];
+    if (bits == 1 || bits == 4 || bits == 8) TableInks(block, bits, inks);
+    std::uint32_t raw[4][256] = {};
+    for (int j = 0; j < h; ++j) {
+        const std::uint8_t *src = rows + static_cast<std::size_t>(j) * stride;
+        switch (bits) {
+        case 1: {
+            std::uint32_t ones = 0;
+            const int whole = w >> 3;
+            for (int i = 0; i < whole; ++i) ones += static_cast<std::uint32_t>(__builtin_popcount(src[i]));
+            if (w & 7) ones += static_cast<std::uint32_t>(__builtin_popcount(src[whole] & (0xFF00u >> (w & 7)) & 0xFFu));
+            raw[0][1] += ones;
+            raw[0][0] += static_cast<std::uint32_t>(w) - ones;
+            break;
+        }
+        case 4:
+            for (int i = 0; i < w; ++i) ++raw[i & 3][(i & 1) ? (src[i >> 1] & 0x0F) : (src[i >> 1] >> 4)];
+            break;
+        case 8: {
+            int i = 0;
+            for (; i + 4 <= w; i += 4) ++raw[0][src[i]], ++raw[1][src[i + 1]], ++raw[2][src[i + 2]], ++raw[3][src[i + 3]];
+            for (; i < w; ++i) ++raw[0][src[i]];
+            break;
+        }
+        case 16:
+            for (int i = 0; i < w; ++i) {
+                const unsigned word = src[2 * i] | (src[2 * i + 1] << 8);
+                ++count[bySum[(word & 0x1F) * 8 + ((word >> 5) & 0x1F) * 8 + ((word >> 10) & 0x1F) * 8]];
+            }
+            break;
+        case 24:
+        case 32: {
+            const int step = bits / 8;
+            int i = 0;
+            for (; i + 2 <= w; i += 2, src += 2 * step) {
+                ++raw[0][bySum[src[0] + src[1] + src[2]]];
+                ++raw[1][bySum[src[step] + src[step + 1] + src[step + 2]]];
+            }
+            if (i < w) ++raw[0][bySum[src[0] + src[1] + src[2]]];
+            break;
+        }
+        default:
+            count[0] += static_cast<std::uint32_t>(w);
+            break;
+        }
+    }
+    const bool indexed = bits == 1 || bits == 4 || bits == 8;
+    for (int v = 0; v < 256; ++v) {
+        const std::uint32_t n = raw[0][v] + raw[1][v] + raw[2][v] + raw[3][v];
+        count[indexed ? inks[v] : v] += n;
+    }
+    return true;
 }
 
 }  // namespace quarvel::skew
