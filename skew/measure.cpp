@@ -3,6 +3,8 @@
 // instead), measure, and give back a number. A block that cannot be read as a
 // page answers as a page without pixels would: Otsu 255, Ridler-Calvard 127,
 // skew 0.0, precision test -1.
+#include <algorithm>
+
 #include "frame/dib.h"
 #include "skew/skew.h"
 
@@ -52,11 +54,20 @@ unsigned GetBinaryThresholdByRidCal(HGLOBAL h) {
     return 255u - RidlerCalvardThreshold(count);
 }
 
+// The skew search runs on the page reduced by k = (height + 200) / 500 in
+// each direction (at least 1), loaded and reduced in one pass.
 double GetObliquity(HGLOBAL h) {
-    PageRaster raster;
-    if (!Load(h, raster)) return 0.0;
+    BlockLock lock(h);
+    if (!lock || lock.size() == 0 || lock.size() > UINT32_MAX) return 0.0;
+    DibBlock block;
+    block.View(lock.data(), static_cast<std::uint32_t>(lock.size()));
+    if (!block.Readable()) return 0.0;
+    std::int32_t w = 0, height = 0;
+    block.GetSize(&w, &height);
+    PageRaster reduced;
+    if (!LoadReducedRaster(reduced, block, static_cast<int>(std::max<long long>(1, (height + 200LL) / 500)))) return 0.0;
     double angle = 0.0;
-    FindSkewAngle(raster, &angle, true);
+    FindSkewAngle(reduced, &angle, false);
     return angle;
 }
 

@@ -4,8 +4,10 @@
 // h - 1 - j. Indexed pages look their colour up in the table (so a 1-bit page
 // loads the same whichever order its two colours are in); 16-bit pixels are
 // 5-5-5; the fourth byte of a 32-bit pixel is ignored.
+#include <algorithm>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include "frame/dib.h"
 #include "skew/skew.h"
@@ -126,6 +128,51 @@ void TableInks(const DibBlock &block, int bits, std::uint8_t *inks) {
 
 }  // namespace
 
+namespace {
+
+// Ink tables of a page: by (B + G + R) without a division per pixel, and by
+// colour-table index.
+struct InkTables {
+    std::uint8_t bySum[766];
+    std::uint8_t inks[256];
+    InkTables(const DibBlock &block, int bits) {
+        for (unsigned s = 0; s < 766; ++s) bySum[s] = static_cast<std::uint8_t>(255 - s / 3);
+        if (bits == 1 || bits == 4 || bits == 8) TableInks(block, bits, inks);
+    }
+};
+
+// Decodes the first w pixels of one stored row into ink values.
+void DecodeRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bits, const InkTables &t) {
+    switch (bits) {
+    case 1:
+        for (int i = 0; i < w; ++i) dst[i] = t.inks[(src[i >> 3] >> (7 - (i & 7))) & 1];
+        break;
+    case 4:
+        for (int i = 0; i < w; ++i) dst[i] = t.inks[(i & 1) ? (src[i >> 1] & 0x0F) : (src[i >> 1] >> 4)];
+        break;
+    case 8:
+        for (int i = 0; i < w; ++i) dst[i] = t.inks[src[i]];
+        break;
+    case 16:
+        for (int i = 0; i < w; ++i) {
+            const unsigned word = src[2 * i] | (src[2 * i + 1] << 8);
+            dst[i] = t.bySum[(word & 0x1F) * 8 + ((word >> 5) & 0x1F) * 8 + ((word >> 10) & 0x1F) * 8];
+        }
+        break;
+    case 24:
+        for (int i = 0; i < w; ++i, src += 3) dst[i] = t.bySum[src[0] + src[1] + src[2]];
+        break;
+    case 32:
+        for (int i = 0; i < w; ++i, src += 4) dst[i] = t.bySum[src[0] + src[1] + src[2]];
+        break;
+    default:  // a depth without a decoding reads as blank paper
+        std::memset(dst, 0, static_cast<std::size_t>(w));
+        break;
+    }
+}
+
+}  // namespace
+
 void LoadPageRaster(PageRaster &raster, const DibBlock &block) {
     if (!block.Readable()) {
         raster.Resize(0, 0);
@@ -137,43 +184,46 @@ void LoadPageRaster(PageRaster &raster, const DibBlock &block) {
     const int bits = block.GetBitCount();
     const std::size_t stride = DibRowStride(w, bits);
     const std::uint8_t *rows = block.GetBits();
-
-    // Ink by (B + G + R) without a division per pixel.
-    std::uint8_t bySum[766];
-    for (unsigned s = 0; s < 766; ++s) bySum[s] = static_cast<std::uint8_t>(255 - s / 3);
-    std::uint8_t inks[256];
-    if (bits == 1 || bits == 4 || bits == 8) TableInks(block, bits, inks);
-
+    const InkTables tables(block, bits);
     for (int j = 0; j < h; ++j) {
-        const std::uint8_t *src = rows + static_cast<std::size_t>(j) * stride;
-        std::uint8_t *dst = raster.data() + static_cast<std::size_t>(h - 1 - j) * static_cast<std::size_t>(w);
-        switch (bits) {
-        case 1:
-            for (int i = 0; i < w; ++i) dst[i] = inks[(src[i >> 3] >> (7 - (i & 7))) & 1];
-            break;
-        case 4:
-            for (int i = 0; i < w; ++i) dst[i] = inks[(i & 1) ? (src[i >> 1] & 0x0F) : (src[i >> 1] >> 4)];
-            break;
-        case 8:
-            for (int i = 0; i < w; ++i) dst[i] = inks[src[i]];
-            break;
-        case 16:
-            for (int i = 0; i < w; ++i) {
-                const unsigned word = src[2 * i] | (src[2 * i + 1] << 8);
-                dst[i] = bySum[(word & 0x1F) * 8 + ((word >> 5) & 0x1F) * 8 + ((word >> 10) & 0x1F) * 8];
-            }
-            break;
-        case 24:
-            for (int i = 0; i < w; ++i, src += 3) dst[i] = bySum[src[0] + src[1] + src[2]];
-            break;
-        case 32:
-            for (int i = 0; i < w; ++i, src += 4) dst[i] = bySum[src[0] + src[1] + src[2]];
-            break;
-        default:  // a depth without a decoding reads as blank paper
-            std::memset(dst, 0, static_cast<std::size_t>(w));
-            break;
+        DecodeRow(rows + static_cast<std::size_t>(j) * stride,
+                  raster.data() + static_cast<std::size_t>(h - 1 - j) * static_cast<std::size_t>(w), w, bits, tables);
+    }
+}
+
+// Raster row r is stored row h - 1 - r. Each group of k raster rows is
+// decoded one row at a time into a scratch row and summed down the columns;
+// the column sums are then summed across each block of k columns.
+bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k) {
+    if (!block.Readable() || k <= 0) return false;
+    std::int32_t w = 0, h = 0;
+    block.GetSize(&w, &h);
+    const int rw = w / k, rh = h / k;
+    if (!target.Resize(rw, rh)) return false;
+    if (rw <= 0 || rh <= 0) return true;
+    const int bits = block.GetBitCount();
+    const std::size_t stride = DibRowStride(w, bits);
+    const std::uint8_t *rows = block.GetBits();
+    const InkTables tables(block, bits);
+    const int used = rw * k;
+    std::vector<std::uint8_t> line(static_cast<std::size_t>(w));
+    std::vector<std::uint32_t> columns(static_cast<std::size_t>(used));
+    const unsigned area = static_cast<unsigned>(k) * static_cast<unsigned>(k);
+    for (int j = 0; j < rh; ++j) {
+        std::fill(columns.begin(), columns.end(), 0u);
+        for (int dy = 0; dy < k; ++dy) {
+            const int stored = h - 1 - (j * k + dy);
+            DecodeRow(rows + static_cast<std::size_t>(stored) * stride, line.data(), used, bits, tables);
+            for (int x = 0; x < used; ++x) columns[x] += line[x];
+        }
+        std::uint8_t *out = target.data() + static_cast<std::size_t>(j) * static_cast<std::size_t>(rw);
+        for (int i = 0; i < rw; ++i) {
+            std::uint32_t s = 0;
+            for (int dx = 0; dx < k; ++dx) s += columns[static_cast<std::size_t>(i) * k + dx];
+            out[i] = static_cast<std::uint8_t>(s / area);
         }
     }
+    return true;
 }
 
 // Counts per depth: 1-bit rows by population count, indexed rows by index

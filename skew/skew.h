@@ -100,6 +100,11 @@ public:
 // that is not Readable() gives an empty raster; a depth other than 1, 4, 8,
 // 16, 24 or 32 gives a raster of the page's size that reads as white.
 void LoadPageRaster(PageRaster &raster, const DibBlock &block);
+// The raster ReduceRaster(target, raster, whole, k, k) would make of the
+// loaded raster, made in one pass over the block's rows without the
+// full-size raster; false when the block is not Readable() or the target
+// cannot be allocated.
+bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k);
 // The histogram of the ink values LoadPageRaster would give, counted straight
 // from the block's rows; false when the block is not Readable().
 bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]);

@@ -1,5 +1,6 @@
-// The thresholds' histogram, counted straight from a page's rows, against the
-// histogram of the decoded raster: every depth, padded widths, short tables.
+// The thresholds' histogram and the skew search's reduced raster, made
+// straight from a page's rows, against the decoded full raster: every depth,
+// padded widths, short tables.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -11,12 +12,12 @@ namespace {
 
 using namespace quarvel::skew;
 
-TEST(PageInkHistogram, EqualsTheDecodedRastersHistogram) {
+TEST(PageInkHistogram, HistogramAndReductionEqualTheDecodedRasters) {
     for (int bits : {1, 4, 8, 16, 24, 32}) {
         for (std::uint32_t clrUsed : {0u, 3u}) {
             if (clrUsed != 0 && (bits == 1 || bits > 8)) continue;
             SCOPED_TRACE(bits * 100 + static_cast<int>(clrUsed));
-            qtest::PageShape shape = qtest::Shape(37, 9, bits);
+            qtest::PageShape shape = qtest::Shape(37, 11, bits);
             shape.clrUsed = clrUsed;
             qtest::Block page = qtest::MakePage(shape);
             auto *p = static_cast<std::uint8_t *>(GlobalLock(page.get()));
@@ -32,8 +33,15 @@ TEST(PageInkHistogram, EqualsTheDecodedRastersHistogram) {
             for (std::uint32_t i = 0; i < raster.size(); ++i) ++want[raster.data()[i]];
             ASSERT_TRUE(PageInkHistogram(block, got));
             EXPECT_TRUE(std::equal(want, want + 256, got));
-            EXPECT_EQ(OtsuThreshold(got, 37 * 9), OtsuThreshold(raster, RECT{0, 0, 0, 0}));
+            EXPECT_EQ(OtsuThreshold(got, 37 * 11), OtsuThreshold(raster, RECT{0, 0, 0, 0}));
             EXPECT_EQ(RidlerCalvardThreshold(got), RidlerCalvardThreshold(raster, RECT{0, 0, 0, 0}));
+            for (int k : {1, 3, 40}) {
+                PageRaster once, twice;
+                ASSERT_TRUE(LoadReducedRaster(once, block, k));
+                ReduceRaster(twice, raster, RECT{0, 0, raster.width, raster.height}, k, k);
+                ASSERT_EQ(once.width * 1000 + once.height, twice.width * 1000 + twice.height) << k;
+                EXPECT_TRUE(std::equal(once.data(), once.data() + once.size(), twice.data())) << k;
+            }
             GlobalUnlock(page.get());
         }
     }
