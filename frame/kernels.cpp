@@ -11,6 +11,7 @@
 #include <emmintrin.h>
 #include <tmmintrin.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -35,6 +36,15 @@ void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const 
 
 void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]) {
     for (std::size_t i = 0; i < 4 * n; ++i) dst[i] = (i & 3) == 3 ? src[i] : table[src[i]];
+}
+
+void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta) {
+    for (int x = 0; x < n; ++x, src += bpp) {
+        const int b = src[0], g = src[1], r = src[2];
+        const bool red = redDelta > 0 && r >= 60 && r - std::max(g, b) >= redDelta;
+        const bool blue = !red && blueDelta > 0 && b >= 60 && b - std::max(g, r) >= blueDelta;
+        dst[x] = red || blue ? 0 : static_cast<std::uint8_t>(0.072169 * b + 0.715160 * g + 0.212671 * r + 0.5);
+    }
 }
 
 }  // namespace plain
@@ -129,6 +139,34 @@ void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w) {
         const std::uint8_t v = static_cast<std::uint8_t>((t[j] << pad) | (t[j + 1] >> (8 - pad)));
         const std::uint8_t mask = static_cast<std::uint8_t>(0xFF00u >> (w & 7));
         dst[j] = static_cast<std::uint8_t>((v & mask) | (dst[j] & ~mask));
+    }
+}
+
+// The products come from tables of doubles, added blue, green, red, then
+// the half: the same double for every pixel of a colour, as the plain form.
+struct GrayWeights {
+    double r[256], g[256], b[256];
+    GrayWeights() {
+        for (int i = 0; i < 256; ++i) {
+            r[i] = 0.212671 * i;
+            g[i] = 0.715160 * i;
+            b[i] = 0.072169 * i;
+        }
+    }
+};
+
+void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta) {
+    static const GrayWeights w;
+    const bool marks = redDelta > 0 || blueDelta > 0;
+    for (int x = 0; x < n; ++x, src += bpp) {
+        const int b = src[0], g = src[1], r = src[2];
+        std::uint8_t v = static_cast<std::uint8_t>(w.b[b] + w.g[g] + w.r[r] + 0.5);
+        if (marks) {
+            const bool red = redDelta > 0 && r >= 60 && r - std::max(g, b) >= redDelta;
+            const bool blue = !red && blueDelta > 0 && b >= 60 && b - std::max(g, r) >= blueDelta;
+            if (red || blue) v = 0;
+        }
+        dst[x] = v;
     }
 }
 

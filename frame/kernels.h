@@ -24,7 +24,14 @@ void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const 
 // The same over n 4-byte pixels, the fourth byte copied unchanged.
 void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
 
+// Gray levels of n colour pixels of `bpp` bytes (3 or 4): 0.212671 R +
+// 0.715160 G + 0.072169 B rounded half up, as iplColorToGray gives them;
+// with redDelta or blueDelta above 0, a pixel whose red (blue) is at least 60
+// and exceeds both other channels by at least the delta is written as 0.
+void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta);
+
 namespace plain {
+void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta);
 void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp);
 void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w);
 void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);

@@ -3,10 +3,12 @@
 // 32 bits, no table) with the frame's conversions, under a fresh header.
 // ConvertModeToGrayEx makes strongly red and strongly blue pixels of a colour
 // page black in its gray result, so coloured marks come out as dark as ink;
-// a 32-bit page is tested with its own 4-byte pixels.
+// a 32-bit page is tested with its own 4-byte pixels. Colour pages go to
+// gray in one pass straight into the result block.
 #include <algorithm>
 
 #include "frame/convert.h"
+#include "frame/kernels.h"
 #include "frame/view.h"
 #include "pixel/pixel.h"
 
@@ -24,12 +26,23 @@ HGLOBAL Emit(const LockedDib &in, const IplImage &image, NewTable table) {
     return out.Release();
 }
 
+// A colour page's gray result in one pass from its rows into the result block.
+HGLOBAL GrayOfColour(const LockedDib &in, int redDelta, int blueDelta) {
+    ResultBlock out = ResultBlock::Rewritten(in, PixelFormat::kGray, in.width(), in.height(), NewTable::kGray);
+    if (!out) return nullptr;
+    for (int y = 0; y < in.height(); ++y)
+        kernels::ColourToGrayRow(in.row(y), RowOf(*out.image(), y), in.width(), in.bitCount() / 8, redDelta, blueDelta);
+    out.header()->biClrUsed = 0;
+    return out.Release();
+}
+
 }  // namespace
 
 HGLOBAL ConvertMode(HGLOBAL hDib, int mode, int threshold) {
     if (mode != 1 && mode != 8 && mode != 24 && mode != 32) return nullptr;
     LockedDib in(hDib, kImageDepths);
     if (!in.ok()) return nullptr;
+    if (mode == 8 && in.bitCount() >= 24) return GrayOfColour(in, 0, 0);
     ImagePtr view = DibToIplImage(in.header());
     if (!view) return nullptr;
     ImagePtr converted;
@@ -52,6 +65,7 @@ HGLOBAL ConvertMode(HGLOBAL hDib, int mode, int threshold) {
 HGLOBAL ConvertModeToGrayEx(HGLOBAL hDib, int redDelta, int blueDelta) {
     LockedDib in(hDib, kImageDepths);
     if (!in.ok()) return nullptr;
+    if (in.bitCount() >= 24) return GrayOfColour(in, redDelta, blueDelta);
     ImagePtr view = DibToIplImage(in.header());
     if (!view) return nullptr;
     ImagePtr gray = MakeGrayImage(view.get(), nullptr, in.header());

@@ -40,6 +40,13 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
         k::LookupRow32(src.data(), fast.data() + 16, static_cast<std::size_t>(n), table);
         k::plain::LookupRow32(src.data(), slow.data() + 16, static_cast<std::size_t>(n), table);
         EXPECT_EQ(fast, slow) << "lookup32";
+        for (int bpp : {3, 4}) {
+            for (int delta : {0, 30}) {
+                k::ColourToGrayRow(src.data(), fast.data() + 16, n, bpp, delta, delta / 2);
+                k::plain::ColourToGrayRow(src.data(), slow.data() + 16, n, bpp, delta, delta / 2);
+                EXPECT_EQ(fast, slow) << "gray " << bpp << " " << delta;
+            }
+        }
     }
 }
 
