@@ -60,3 +60,16 @@ TEST(Kernels, MirrorTwiceIsTheIdentity) {
 }
 
 }  // namespace
+
+TEST(Kernels, IntegerGrayEqualsTheDoubleFormulaForEveryColour) {
+    std::vector<std::uint8_t> row(3 * 256), fast(256), slow(256);
+    for (int r = 0; r < 256; ++r) {
+        for (int g = 0; g < 256; ++g) {
+            for (int b = 0; b < 256; ++b) row[3 * b] = static_cast<std::uint8_t>(b), row[3 * b + 1] = static_cast<std::uint8_t>(g),
+                                          row[3 * b + 2] = static_cast<std::uint8_t>(r);
+            k::ColourToGrayRow(row.data(), fast.data(), 256, 3, 0, 0);
+            k::plain::ColourToGrayRow(row.data(), slow.data(), 256, 3, 0, 0);
+            ASSERT_EQ(fast, slow) << r << " " << g;
+        }
+    }
+}
