@@ -35,12 +35,92 @@ int CvInterpolation(int interpolate) {
     }
 }
 
+// Source of destination (X, Y): x = c (X - xs) - s (Y - ys), y = s (X - xs) +
+// c (Y - ys), stepped along a row in 32.32 fixed point; +0.5 makes the shift
+// round to the nearest pixel. Integer steps make the positions exactly
+// linear in X, so the columns whose source lies inside the source form one
+// interval, found by a double estimate corrected with the exact test. Inside
+// it, where the source column advances by exactly one pixel per column and
+// the source row stays put, whole runs of bits are copied at once.
+struct BitonalRow {
+    std::int64_t fx, fy, stepX, stepY;
+    int w, h;
+    bool Inside(std::int64_t X) const {
+        const std::int64_t ix = (fx + X * stepX) >> 32, iy = (fy + X * stepY) >> 32;
+        return ix >= 0 && iy >= 0 && ix < w && iy < h;
+    }
+};
+
+// The interval [first, last] of columns in [0, n) whose source is inside.
+void InsideColumns(const BitonalRow &r, int n, int *first, int *last) {
+    constexpr double kOne = 4294967296.0;
+    double lo = 0, hi = n - 1;
+    auto clip = [&](double start, double step, double limit) {
+        // start + X step within [0, limit), in pixels
+        if (step == 0) {
+            if (start < 0 || start >= limit) hi = -1;
+            return;
+        }
+        double x0 = (0 - start) / step, x1 = (limit - start) / step;
+        if (x0 > x1) std::swap(x0, x1);
+        lo = std::max(lo, x0);
+        hi = std::min(hi, x1);
+    };
+    clip(r.fx / kOne, r.stepX / kOne, r.w);
+    clip(r.fy / kOne, r.stepY / kOne, r.h);
+    *first = 1, *last = 0;
+    if (!(hi >= lo - 2)) return;
+    const std::int64_t guess = std::clamp<std::int64_t>(static_cast<std::int64_t>(std::floor((lo + hi) / 2)), 0, n - 1);
+    std::int64_t f = std::clamp<std::int64_t>(static_cast<std::int64_t>(std::floor(lo)), 0, n - 1);
+    std::int64_t l = std::clamp<std::int64_t>(static_cast<std::int64_t>(std::ceil(hi)), 0, n - 1);
+    // Find one inside column near the estimate, then widen and narrow.
+    std::int64_t in = -1;
+    for (std::int64_t X : {guess, f, l, f + 1, l - 1})
+        if (X >= 0 && X < n && r.Inside(X)) {
+            in = X;
+            break;
+        }
+    if (in < 0) {
+        for (std::int64_t X = std::max<std::int64_t>(0, f - 2); X <= std::min<std::int64_t>(n - 1, l + 2); ++X)
+            if (r.Inside(X)) {
+                in = X;
+                break;
+            }
+        if (in < 0) return;
+    }
+    f = std::min(f, in);
+    l = std::max(l, in);
+    while (f > 0 && r.Inside(f - 1)) --f;
+    while (!r.Inside(f)) ++f;
+    while (l + 1 < n && r.Inside(l + 1)) ++l;
+    while (!r.Inside(l)) --l;
+    *first = static_cast<int>(f);
+    *last = static_cast<int>(l);
+}
+
+// The plain form: every destination pixel sampled and set on its own.
+void RotateBitonalPlain(const IplImage &src, const Region &rs, IplImage &dst, const Region &rd, double c, double s,
+                        double xShift, double yShift) {
+    constexpr double kOne = 4294967296.0;
+    const std::int64_t stepX = std::llround(c * kOne), stepY = std::llround(s * kOne);
+    for (int Y = 0; Y < rd.height; ++Y) {
+        const double dy = Y - yShift;
+        const double x0 = c * (0 - xShift) - s * dy + 0.5, y0 = s * (0 - xShift) + c * dy + 0.5;
+        if (std::fabs(x0) > 1e9 || std::fabs(y0) > 1e9) continue;
+        std::int64_t fx = std::llround(x0 * kOne), fy = std::llround(y0 * kOne);
+        std::uint8_t *out = RowOf(dst, rd.y + Y);
+        for (int X = 0; X < rd.width; ++X, fx += stepX, fy += stepY) {
+            const std::int64_t ix = fx >> 32, iy = fy >> 32;
+            if (ix < 0 || iy < 0 || ix >= rs.width || iy >= rs.height) continue;
+            bits::Set(out, rd.x + X, bits::Get(RowOf(src, rs.y + static_cast<int>(iy)), rs.x + static_cast<int>(ix)));
+        }
+    }
+}
+
 void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const Region &rd, double c, double s,
                    double xShift, double yShift) {
-    // Source of destination (X, Y): x = c (X - xs) - s (Y - ys), y = s (X - xs) + c (Y - ys),
-    // stepped along a row in 32.32 fixed point; +0.5 makes the shift round
-    // to the nearest pixel. The rows that can be hit are taken once.
     constexpr double kOne = 4294967296.0;
+    constexpr std::int64_t kUnit = std::int64_t{1} << 32;
     const std::int64_t stepX = std::llround(c * kOne), stepY = std::llround(s * kOne);
     std::vector<const std::uint8_t *> rows(static_cast<std::size_t>(rs.height));
     for (int y = 0; y < rs.height; ++y) rows[y] = RowOf(src, rs.y + y);
@@ -49,12 +129,30 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
         const double x0 = c * (0 - xShift) - s * dy + 0.5, y0 = s * (0 - xShift) + c * dy + 0.5;
         // Positions so far off that fixed point would overflow are outside.
         if (std::fabs(x0) > 1e9 || std::fabs(y0) > 1e9) continue;
-        std::int64_t fx = std::llround(x0 * kOne), fy = std::llround(y0 * kOne);
+        const BitonalRow r{std::llround(x0 * kOne), std::llround(y0 * kOne), stepX, stepY, rs.width, rs.height};
+        int first, last;
+        InsideColumns(r, rd.width, &first, &last);
         std::uint8_t *out = RowOf(dst, rd.y + Y);
-        for (int X = 0; X < rd.width; ++X, fx += stepX, fy += stepY) {
+        std::int64_t fx = r.fx + first * stepX, fy = r.fy + first * stepY;
+        for (int X = first; X <= last;) {
             const std::int64_t ix = fx >> 32, iy = fy >> 32;
-            if (ix < 0 || iy < 0 || ix >= rs.width || iy >= rs.height) continue;
-            bits::Set(out, rd.x + X, bits::Get(rows[iy], rs.x + static_cast<int>(ix)));
+            // Columns ahead with the same source row and the next source column.
+            std::int64_t run = 1;
+            if (stepX > 0 && stepX <= kUnit) {
+                const std::int64_t frac = fx - (ix << 32);
+                run = stepX == kUnit ? last - X + 1 : frac / (kUnit - stepX) + 1;
+                if (stepY > 0) run = std::min(run, (((iy + 1) << 32) - fy + stepY - 1) / stepY);
+                if (stepY < 0) run = std::min(run, (fy - (iy << 32)) / -stepY + 1);
+                run = std::clamp<std::int64_t>(run, 1, last - X + 1);
+            }
+            if (run == 1) {
+                bits::Set(out, rd.x + X, bits::Get(rows[iy], rs.x + static_cast<int>(ix)));
+            } else {
+                bits::Copy(rows[iy], rs.x + static_cast<int>(ix), out, rd.x + X, static_cast<int>(run));
+            }
+            X += static_cast<int>(run);
+            fx += run * stepX;
+            fy += run * stepY;
         }
     }
 }
@@ -131,6 +229,11 @@ void iplGetRotateShift(double xCenter, double yCenter, double angle, double *xSh
 }
 
 void iplRotate(IplImage *src, IplImage *dst, double angle, double xShift, double yShift, int interpolate) {
+    RotateImage(src, dst, angle, xShift, yShift, interpolate, false);
+}
+
+void RotateImage(IplImage *src, IplImage *dst, double angle, double xShift, double yShift, int interpolate,
+                 bool plainBitonal) {
     if (src == nullptr || dst == nullptr || !SameFormat(*src, *dst)) return;
     if (!std::isfinite(angle) || !std::isfinite(xShift) || !std::isfinite(yShift)) return;
     Region rs, rd;
@@ -139,7 +242,7 @@ void iplRotate(IplImage *src, IplImage *dst, double angle, double xShift, double
     const double c = std::cos(a), s = std::sin(a);
 
     if (src->depth == IPL_DEPTH_1U) {
-        RotateBitonal(*src, rs, *dst, rd, c, s, xShift, yShift);
+        (plainBitonal ? RotateBitonalPlain : RotateBitonal)(*src, rs, *dst, rd, c, s, xShift, yShift);
         return;
     }
     cv::Mat in = MatOf(*src, rs);
