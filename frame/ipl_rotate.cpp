@@ -117,11 +117,40 @@ void RotateBitonalPlain(const IplImage &src, const Region &rs, IplImage &dst, co
     }
 }
 
+inline std::uint64_t LoadBE(const std::uint8_t *p) {
+    std::uint64_t v;
+    std::memcpy(&v, p, 8);
+    return __builtin_bswap64(v);
+}
+
+// Copies n bits from bit sp of `src` to bit dp of `dst`, 56 bits at a time
+// through 64-bit big-endian words where both rows have 8 bytes from the
+// word's first byte within their strides; bits::Copy otherwise.
+inline void CopyRun(const std::uint8_t *src, int sp, int srcBytes, std::uint8_t *dst, int dp, int dstBytes, int n) {
+    while (n > 0) {
+        const int m = std::min(n, 56);
+        if ((sp >> 3) + 8 > srcBytes || (dp >> 3) + 8 > dstBytes) {
+            bits::Copy(src, sp, dst, dp, n);
+            return;
+        }
+        const std::uint64_t v = LoadBE(src + (sp >> 3)) << (sp & 7);
+        const int o = dp & 7;
+        const std::uint64_t mask = (~0ull >> o) & ~(~0ull >> (o + m));
+        std::uint8_t *d = dst + (dp >> 3);
+        const std::uint64_t w = (LoadBE(d) & ~mask) | ((v >> o) & mask);
+        const std::uint64_t out = __builtin_bswap64(w);
+        std::memcpy(d, &out, 8);
+        sp += m, dp += m, n -= m;
+    }
+}
+
 void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const Region &rd, double c, double s,
                    double xShift, double yShift) {
     constexpr double kOne = 4294967296.0;
     constexpr std::int64_t kUnit = std::int64_t{1} << 32;
     const std::int64_t stepX = std::llround(c * kOne), stepY = std::llround(s * kOne);
+    // Runs apply when the source column advances by one pixel per column.
+    const bool runs = stepX > 0 && stepX <= kUnit;
     std::vector<const std::uint8_t *> rows(static_cast<std::size_t>(rs.height));
     for (int y = 0; y < rs.height; ++y) rows[y] = RowOf(src, rs.y + y);
     for (int Y = 0; Y < rd.height; ++Y) {
@@ -134,25 +163,29 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
         InsideColumns(r, rd.width, &first, &last);
         std::uint8_t *out = RowOf(dst, rd.y + Y);
         std::int64_t fx = r.fx + first * stepX, fy = r.fy + first * stepY;
+        if (!runs) {
+            for (int X = first; X <= last; ++X, fx += stepX, fy += stepY)
+                bits::Set(out, rd.x + X, bits::Get(rows[fy >> 32], rs.x + static_cast<int>(fx >> 32)));
+            continue;
+        }
+        // Columns left in the current run of the source column (xLeft) and
+        // of the source row (yLeft), each recomputed only when it ends.
+        std::int64_t xLeft = 0, yLeft = 0;
         for (int X = first; X <= last;) {
             const std::int64_t ix = fx >> 32, iy = fy >> 32;
-            // Columns ahead with the same source row and the next source column.
-            std::int64_t run = 1;
-            if (stepX > 0 && stepX <= kUnit) {
-                const std::int64_t frac = fx - (ix << 32);
-                run = stepX == kUnit ? last - X + 1 : frac / (kUnit - stepX) + 1;
-                if (stepY > 0) run = std::min(run, (((iy + 1) << 32) - fy + stepY - 1) / stepY);
-                if (stepY < 0) run = std::min(run, (fy - (iy << 32)) / -stepY + 1);
-                run = std::clamp<std::int64_t>(run, 1, last - X + 1);
+            if (xLeft <= 0) xLeft = stepX == kUnit ? last - X + 1 : (fx - (ix << 32)) / (kUnit - stepX) + 1;
+            if (yLeft <= 0) {
+                if (stepY > 0) yLeft = (((iy + 1) << 32) - fy + stepY - 1) / stepY;
+                else if (stepY < 0) yLeft = (fy - (iy << 32)) / -stepY + 1;
+                else yLeft = last - X + 1;
             }
-            if (run == 1) {
-                bits::Set(out, rd.x + X, bits::Get(rows[iy], rs.x + static_cast<int>(ix)));
-            } else {
-                bits::Copy(rows[iy], rs.x + static_cast<int>(ix), out, rd.x + X, static_cast<int>(run));
-            }
-            X += static_cast<int>(run);
+            const int run = static_cast<int>(std::min<std::int64_t>({xLeft, yLeft, last - X + 1}));
+            CopyRun(rows[iy], rs.x + static_cast<int>(ix), src.widthStep, out, rd.x + X, dst.widthStep, run);
+            X += run;
             fx += run * stepX;
             fy += run * stepY;
+            xLeft -= run;
+            yLeft -= run;
         }
     }
 }
