@@ -99,9 +99,13 @@ HGLOBAL EnhanceColor(HGLOBAL hDib, const RECT *rect, const EnhanceParams &p) {
     if (!out) return nullptr;
     Span span;
     if (in.bitCount() < 24 || !ResolveRect(rect, in.width(), in.height(), &span)) return out.Release();
+    // The lambdas take the parameters by value: writes through the pixel
+    // pointers could otherwise alias them and force a reload per pixel.
     const Outcomes outcomes(p, false);
-    ForSpan(span, RowsOf(out.header()), [&](int, int, std::uint8_t *px) {
-        outcomes.Write(Decide(px, OwnValues(px, p.splitLevel), p), px, px);
+    const Outcomes *o = &outcomes;
+    const EnhanceParams q = p;
+    ForSpan(span, RowsOf(out.header()), [=](int, int, std::uint8_t *px) {
+        o->Write(Decide(px, OwnValues(px, q.splitLevel), q), px, px);
     });
     return out.Release();
 }
@@ -121,9 +125,13 @@ HGLOBAL EnhanceColorEx(HGLOBAL hDib, HGLOBAL hMap, const RECT *rect, const Enhan
     if (!map.ok() || !SameLayout(in, map)) return out.Release();
     const int bpp = rows.bytesPerPixel;
     const Outcomes outcomes(p, false);
-    ForSpan(span, rows, [&](int x, int y, std::uint8_t *px) {
-        const std::uint8_t *m = map.row(y) + static_cast<std::size_t>(x) * bpp;
-        outcomes.Write(Decide(px, FromMap(m, p.splitLevel), p), px, px);
+    const Outcomes *o = &outcomes;
+    const EnhanceParams q = p;
+    const std::uint8_t *mapBits = map.row(0);
+    const std::size_t mapStride = static_cast<std::size_t>(map.stride());
+    ForSpan(span, rows, [=](int x, int y, std::uint8_t *px) {
+        const std::uint8_t *m = mapBits + y * mapStride + static_cast<std::size_t>(x) * bpp;
+        o->Write(Decide(px, FromMap(m, q.splitLevel), q), px, px);
     });
     return out.Release();
 }
@@ -148,10 +156,14 @@ HGLOBAL EnhanceColorEx1(HGLOBAL hDib, HGLOBAL hBaseDib, HGLOBAL hMap, const RECT
     if (!map.ok() || !SameLayout(page, map) || (withBase && !SameLayout(page, base))) return out.Release();
     const int bpp = rows.bytesPerPixel;
     const Outcomes outcomes(p, true);
-    ForSpan(span, rows, [&](int x, int y, std::uint8_t *px) {
+    const Outcomes *o = &outcomes;
+    const EnhanceParams q = p;
+    const std::uint8_t *mapBits = map.row(0), *pageBits = page.row(0);
+    const std::size_t mapStride = static_cast<std::size_t>(map.stride()), pageStride = static_cast<std::size_t>(page.stride());
+    ForSpan(span, rows, [=](int x, int y, std::uint8_t *px) {
         const std::size_t at = static_cast<std::size_t>(x) * bpp;
-        const std::uint8_t *in = page.row(y) + at;
-        outcomes.Write(Decide(in, FromMap(map.row(y) + at, p.splitLevel), p), in, px);
+        const std::uint8_t *in = pageBits + y * pageStride + at;
+        o->Write(Decide(in, FromMap(mapBits + y * mapStride + at, q.splitLevel), q), in, px);
     });
     return out.Release();
 }
