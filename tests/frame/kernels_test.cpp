@@ -6,6 +6,7 @@
 #include <random>
 #include <vector>
 
+#include "frame/bits.h"
 #include "frame/ipl.h"
 #include "frame/kernels.h"
 
@@ -95,6 +96,28 @@ TEST(Kernels, BitonalRotationRunsMatchThePlainPath) {
             RotateImage(src.get(), slow.get(), angle, xs + 1.25, ys - 0.5, 1, true);
             src->roi = nullptr;
             EXPECT_EQ(0, std::memcmp(fast->imageData, slow->imageData, static_cast<std::size_t>(fast->imageSize)));
+        }
+    }
+}
+
+// Bit spans filled and copied a byte at a time in the middle, against
+// bit-by-bit loops, at every offset pair; bits outside the span keep theirs.
+TEST(Kernels, BitSpansMatchBitByBitLoops) {
+    namespace b = quarvel::bits;
+    const std::vector<std::uint8_t> src = Noise(40, 11);
+    for (int x = 0; x < 16; ++x) {
+        for (int dx : {0, 3, 8}) {
+            for (int count : {0, 5, 17, 90, 200}) {
+                std::vector<std::uint8_t> fast = Noise(40, 12), slow = fast, filled = fast, filledSlow = fast;
+                b::Copy(src.data(), x, fast.data(), x + dx, count);
+                b::Fill(filled.data(), x + dx, count, x & 1);
+                for (int i = 0; i < count; ++i) {
+                    b::Set(slow.data(), x + dx + i, b::Get(src.data(), x + i));
+                    b::Set(filledSlow.data(), x + dx + i, x & 1);
+                }
+                EXPECT_EQ(fast, slow) << x << " " << dx << " " << count;
+                EXPECT_EQ(filled, filledSlow) << x << " " << dx << " " << count;
+            }
         }
     }
 }
