@@ -36,6 +36,21 @@ HGLOBAL GrayOfColour(const LockedDib &in, int redDelta, int blueDelta) {
     return out.Release();
 }
 
+// A gray page to black and white or colour, converted straight into the
+// result block.
+HGLOBAL GrayConvertedInPlace(const LockedDib &in, IplImage *view, int mode, int threshold) {
+    const PixelFormat format = mode == 1 ? PixelFormat::kBitonal : mode == 24 ? PixelFormat::kBgr : PixelFormat::kBgra;
+    ResultBlock out = ResultBlock::Rewritten(in, format, in.width(), in.height(), mode == 1 ? NewTable::kBitonal : NewTable::kNone);
+    if (!out) return nullptr;
+    if (mode == 1) {
+        iplThreshold(view, out.image(), threshold);
+    } else {
+        iplGrayToColor(view, out.image(), 1.0f, 1.0f, 1.0f);
+    }
+    out.header()->biClrUsed = 0;
+    return out.Release();
+}
+
 }  // namespace
 
 HGLOBAL ConvertMode(HGLOBAL hDib, int mode, int threshold) {
@@ -45,6 +60,7 @@ HGLOBAL ConvertMode(HGLOBAL hDib, int mode, int threshold) {
     if (mode == 8 && in.bitCount() >= 24) return GrayOfColour(in, 0, 0);
     ImagePtr view = DibToIplImage(in.header());
     if (!view) return nullptr;
+    if (in.bitCount() == 8 && mode != 8) return GrayConvertedInPlace(in, view.get(), mode, threshold);
     ImagePtr converted;
     NewTable table = NewTable::kNone;
     switch (mode) {
