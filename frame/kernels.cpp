@@ -5,7 +5,9 @@
 // 1-bit rows are reversed 64 bits at a time (byte swap, then the bits of each
 // byte by three mask-and-shift steps) into a scratch row, which is then
 // shifted left by the row's unused tail bits into place. Table lookups run
-// eight bytes per step through one 64-bit load and store.
+// eight bytes per step through one 64-bit load and store; brightness alone is
+// an SSE2 saturating add or subtract, 16 bytes a step. Colour to gray is
+// exact integer arithmetic.
 #include "frame/kernels.h"
 
 #include <emmintrin.h>
@@ -44,6 +46,13 @@ void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp,
         const bool red = redDelta > 0 && r >= 60 && r - std::max(g, b) >= redDelta;
         const bool blue = !red && blueDelta > 0 && b >= 60 && b - std::max(g, r) >= blueDelta;
         dst[x] = red || blue ? 0 : static_cast<std::uint8_t>(0.072169 * b + 0.715160 * g + 0.212671 * r + 0.5);
+    }
+}
+
+void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth) {
+    for (std::size_t i = 0; i < n; ++i) {
+        const long long v = static_cast<long long>(src[i]) + value;
+        dst[i] = keepFourth && (i & 3) == 3 ? src[i] : static_cast<std::uint8_t>(std::clamp(v, 0LL, 255LL));
     }
 }
 
@@ -161,6 +170,22 @@ void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp,
         const bool blue = (blueDelta > 0) & (b >= 60) & (b - std::max(g, r) >= blueDelta);
         dst[x] = red | blue ? 0 : Gray(b, g, r);
     }
+}
+
+// Saturating byte adds (or subtracts) of |value| clamped to 255, which
+// saturate exactly as the clamped sum does.
+void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth) {
+    const int amount = std::clamp(value, -255, 255);
+    const __m128i add = _mm_set1_epi8(static_cast<char>(amount > 0 ? amount : 0));
+    const __m128i sub = _mm_set1_epi8(static_cast<char>(amount < 0 ? -amount : 0));
+    const __m128i fourth = keepFourth ? _mm_set1_epi32(static_cast<int>(0xFF000000u)) : _mm_setzero_si128();
+    std::size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i));
+        const __m128i r = _mm_subs_epu8(_mm_adds_epu8(v, add), sub);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + i), _mm_or_si128(_mm_andnot_si128(fourth, r), _mm_and_si128(fourth, v)));
+    }
+    plain::AddSaturateRow(src + i, dst + i, n - i, value, keepFourth);
 }
 
 void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]) {

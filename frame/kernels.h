@@ -30,7 +30,12 @@ void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, cons
 // and exceeds both other channels by at least the delta is written as 0.
 void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta);
 
+// dst = src + value, saturated to 0..255, for n bytes; with `keepFourth`,
+// over 4-byte pixels whose fourth byte is copied unchanged (n counts bytes).
+void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth);
+
 namespace plain {
+void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth);
 void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta);
 void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp);
 void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w);

@@ -4,7 +4,7 @@
 // or compresses (< 0) the levels about a pivot: 127, moved by a quarter of
 // the brightness when both are given. The table is built per call, folded
 // with the brightness step and applied as one lookup per byte, so concurrent
-// calls never share it. Divisions
+// calls never share it. Brightness without a table is a saturating add. Divisions
 // truncate toward zero. The fourth byte of a 32-bit pixel is kept.
 #include <algorithm>
 #include <opencv2/core.hpp>
@@ -72,7 +72,9 @@ HGLOBAL Tone(HGLOBAL hDib, bool brighten, int brightness, bool contrastTable, in
     for (int y = 0; y < view->height; ++y) {
         const std::uint8_t *s = RowOf(*view, y);
         std::uint8_t *d = RowOf(*out.image(), y);
-        if (bpp == 4) {
+        if (!lookup) {
+            kernels::AddSaturateRow(s, d, static_cast<std::size_t>(view->width) * bpp, brighten ? brightness : 0, bpp == 4);
+        } else if (bpp == 4) {
             kernels::LookupRow32(s, d, static_cast<std::size_t>(view->width), fused);
         } else {
             kernels::LookupRow(s, d, static_cast<std::size_t>(view->width) * bpp, fused);

@@ -43,6 +43,13 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
         k::LookupRow32(src.data(), fast.data() + 16, static_cast<std::size_t>(n), table);
         k::plain::LookupRow32(src.data(), slow.data() + 16, static_cast<std::size_t>(n), table);
         EXPECT_EQ(fast, slow) << "lookup32";
+        for (int value : {-300, -255, -17, 0, 40, 254, 255, 1000}) {
+            for (bool fourth : {false, true}) {
+                k::AddSaturateRow(src.data(), fast.data() + 16, 4 * static_cast<std::size_t>(n), value, fourth);
+                k::plain::AddSaturateRow(src.data(), slow.data() + 16, 4 * static_cast<std::size_t>(n), value, fourth);
+                EXPECT_EQ(fast, slow) << "add " << value << " " << fourth;
+            }
+        }
         for (int bpp : {3, 4}) {
             for (int delta : {0, 30}) {
                 k::ColourToGrayRow(src.data(), fast.data() + 16, n, bpp, delta, delta / 2);
