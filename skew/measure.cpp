@@ -1,6 +1,7 @@
-// The four measuring operations: read the caller's block in place, decode it
-// into a raster (the thresholds count a histogram straight from the rows
-// instead), measure, and give back a number. A block that cannot be read as a
+// The four measuring operations read the caller's block in place: the
+// thresholds count a histogram straight from its rows, the skew search loads
+// and reduces its raster in one pass, and the precision test decodes only
+// the pixels its traces visit. A block that cannot be read as a
 // page answers as a page without pixels would: Otsu 255, Ridler-Calvard 127,
 // skew 0.0, precision test -1.
 #include <algorithm>
@@ -11,18 +12,6 @@
 namespace quarvel::skew {
 
 namespace {
-
-// Decode the caller's rows in place; false when the block is not a readable
-// page.
-bool Load(HGLOBAL h, PageRaster &raster) {
-    BlockLock lock(h);
-    if (!lock || lock.size() == 0 || lock.size() > UINT32_MAX) return false;
-    DibBlock block;
-    block.View(lock.data(), static_cast<std::uint32_t>(lock.size()));
-    if (!block.Readable()) return false;
-    LoadPageRaster(raster, block);
-    return raster.width > 0 && raster.height > 0;
-}
 
 // The ink histogram of the caller's rows and their pixel count; false when
 // the block is not a readable page.
@@ -73,9 +62,12 @@ double GetObliquity(HGLOBAL h) {
 
 int TestPrecision(HGLOBAL h, int resolution, double *horizontal, double *vertical) {
     if (horizontal == nullptr || vertical == nullptr || resolution <= 0) return -1;
-    PageRaster raster;
-    if (!Load(h, raster)) return -1;
-    return MeasureTestFrame(raster, resolution, horizontal, vertical);
+    BlockLock lock(h);
+    if (!lock || lock.size() == 0 || lock.size() > UINT32_MAX) return -1;
+    DibBlock block;
+    block.View(lock.data(), static_cast<std::uint32_t>(lock.size()));
+    if (!block.Readable()) return -1;
+    return MeasureTestFrame(block, resolution, horizontal, vertical);
 }
 
 }  // namespace quarvel::skew

@@ -133,6 +133,10 @@ namespace {
 // Ink tables of a page: by (B + G + R) without a division per pixel, and by
 // colour-table index.
 struct InkTables {
+    // The ink of one (B + G + R) sum, as bySum holds it.
+    struct Sum {
+        std::uint8_t operator()(unsigned s) const { return static_cast<std::uint8_t>(255 - s / 3); }
+    };
     std::uint8_t bySum[766];
     std::uint8_t inks[256];
     InkTables(const DibBlock &block, int bits) {
@@ -224,6 +228,35 @@ bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k) {
         }
     }
     return true;
+}
+
+PixelInks::PixelInks(const DibBlock &block) {
+    if (!block.Readable()) return;
+    block.GetSize(&width, &height);
+    bits_ = block.GetBitCount();
+    stride_ = DibRowStride(width, bits_);
+    rows_ = block.GetBits();
+    if (bits_ == 1 || bits_ == 4 || bits_ == 8) TableInks(block, bits_, inks_);
+}
+
+std::uint8_t PixelInks::at(int x, int y) const {
+    const std::uint8_t *src = rows_ + static_cast<std::size_t>(height - 1 - y) * stride_;
+    std::uint8_t ink = 0;
+    InkTables::Sum sum;
+    switch (bits_) {
+    case 1: ink = inks_[(src[x >> 3] >> (7 - (x & 7))) & 1]; break;
+    case 4: ink = inks_[(x & 1) ? (src[x >> 1] & 0x0F) : (src[x >> 1] >> 4)]; break;
+    case 8: ink = inks_[src[x]]; break;
+    case 16: {
+        const unsigned word = src[2 * x] | (src[2 * x + 1] << 8);
+        ink = sum((word & 0x1F) * 8 + ((word >> 5) & 0x1F) * 8 + ((word >> 10) & 0x1F) * 8);
+        break;
+    }
+    case 24: ink = sum(src[3 * x] + src[3 * x + 1] + src[3 * x + 2]); break;
+    case 32: ink = sum(src[4 * x] + src[4 * x + 1] + src[4 * x + 2]); break;
+    default: break;
+    }
+    return ink;
 }
 
 // Counts per depth: 1-bit rows by population count, indexed rows by index

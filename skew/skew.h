@@ -105,6 +105,21 @@ void LoadPageRaster(PageRaster &raster, const DibBlock &block);
 // full-size raster; false when the block is not Readable() or the target
 // cannot be allocated.
 bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k);
+// Single ink values of a Readable() block, as the loaded raster would hold
+// them: at(x, y) with y = 0 at the top.
+class PixelInks {
+public:
+    explicit PixelInks(const DibBlock &block);
+    std::uint8_t at(int x, int y) const;
+    std::int32_t width = 0, height = 0;
+
+private:
+    const std::uint8_t *rows_ = nullptr;
+    std::size_t stride_ = 0;
+    int bits_ = 0;
+    std::uint8_t inks_[256] = {};
+};
+
 // The histogram of the ink values LoadPageRaster would give, counted straight
 // from the block's rows; false when the block is not Readable().
 bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]);
@@ -135,6 +150,8 @@ void FindSkewAngle(PageRaster &raster, double *result, bool prepare);
 // -1 (outputs untouched) when no frame is found or the resolution is not
 // positive.
 int MeasureTestFrame(const PageRaster &raster, int resolution, double *horizontal, double *vertical);
+// The same straight from a Readable() block, without a raster.
+int MeasureTestFrame(const DibBlock &block, int resolution, double *horizontal, double *vertical);
 
 // The exports' bodies.
 unsigned GetBinaryThresholdByOtsu(HGLOBAL h);
