@@ -79,6 +79,7 @@ BENCHMARK(BM_PeerResizeArea)->Arg(8)->Arg(24)->Unit(benchmark::kMillisecond);
 // The 1-bit page as a Leptonica image (32-bit words, most significant bit
 // first).
 PIX *BitonalPix() {
+    setMsgSeverity(L_SEVERITY_ERROR);
     const int w = qbench::PageWidth(), h = qbench::PageHeight();
     PIX *pix = pixCreate(w, h, 1);
     const auto *rows = static_cast<const std::uint8_t *>(GlobalLock(qbench::A4Page(1))) + 48;
