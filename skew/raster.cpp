@@ -280,7 +280,13 @@ bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
         case 1: {
             std::uint32_t ones = 0;
             const int whole = w >> 3;
-            for (int i = 0; i < whole; ++i) ones += static_cast<std::uint32_t>(__builtin_popcount(src[i]));
+            int i = 0;
+            for (; i + 8 <= whole; i += 8) {
+                std::uint64_t word;
+                std::memcpy(&word, src + i, 8);
+                ones += static_cast<std::uint32_t>(__builtin_popcountll(word));
+            }
+            for (; i < whole; ++i) ones += static_cast<std::uint32_t>(__builtin_popcount(src[i]));
             if (w & 7) ones += static_cast<std::uint32_t>(__builtin_popcount(src[whole] & (0xFF00u >> (w & 7)) & 0xFFu));
             raw[0][1] += ones;
             raw[0][0] += static_cast<std::uint32_t>(w) - ones;
