@@ -5,6 +5,7 @@
 // loads the same whichever order its two colours are in); 16-bit pixels are
 // 5-5-5; the fourth byte of a 32-bit pixel is ignored.
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -196,7 +197,7 @@ void LoadPageRaster(PageRaster &raster, const DibBlock &block) {
 }
 
 // Raster row r is stored row h - 1 - r. Each group of k raster rows is
-// decoded one row at a time into a scratch row and summed down the columns;
+// decoded one row at a time straight into sums down the columns;
 // the column sums are then summed across each block of k columns.
 bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k) {
     if (!block.Readable() || k <= 0) return false;
@@ -217,8 +218,26 @@ bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k) {
         std::fill(columns.begin(), columns.end(), 0u);
         for (int dy = 0; dy < k; ++dy) {
             const int stored = h - 1 - (j * k + dy);
-            DecodeRow(rows + static_cast<std::size_t>(stored) * stride, line.data(), used, bits, tables);
-            for (int x = 0; x < used; ++x) columns[x] += line[x];
+            const std::uint8_t *src = rows + static_cast<std::size_t>(stored) * stride;
+            std::uint32_t *col = columns.data();
+            switch (bits) {
+            case 1:
+                for (int x = 0; x < used; ++x) col[x] += tables.inks[(src[x >> 3] >> (7 - (x & 7))) & 1];
+                break;
+            case 8:
+                for (int x = 0; x < used; ++x) col[x] += tables.inks[src[x]];
+                break;
+            case 24:
+                for (int x = 0; x < used; ++x, src += 3) col[x] += tables.bySum[src[0] + src[1] + src[2]];
+                break;
+            case 32:
+                for (int x = 0; x < used; ++x, src += 4) col[x] += tables.bySum[src[0] + src[1] + src[2]];
+                break;
+            default:
+                DecodeRow(src, line.data(), used, bits, tables);
+                for (int x = 0; x < used; ++x) col[x] += line[x];
+                break;
+            }
         }
         std::uint8_t *out = target.data() + static_cast<std::size_t>(j) * static_cast<std::size_t>(rw);
         for (int i = 0; i < rw; ++i) {
@@ -274,6 +293,10 @@ bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
     std::uint8_t inks[256];
     if (bits == 1 || bits == 4 || bits == 8) TableInks(block, bits, inks);
     std::uint32_t raw[4][256] = {};
+    // Colour pixels are counted by their (B + G + R) sum, folded into inks
+    // at the end.
+    std::vector<std::array<std::uint32_t, 766>> sums(bits == 24 || bits == 32 ? 2 : 0);
+    for (auto &s : sums) s.fill(0);
     for (int j = 0; j < h; ++j) {
         const std::uint8_t *src = rows + static_cast<std::size_t>(j) * stride;
         switch (bits) {
@@ -312,10 +335,10 @@ bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
             const int step = bits / 8;
             int i = 0;
             for (; i + 2 <= w; i += 2, src += 2 * step) {
-                ++raw[0][bySum[src[0] + src[1] + src[2]]];
-                ++raw[1][bySum[src[step] + src[step + 1] + src[step + 2]]];
+                ++sums[0][src[0] + src[1] + src[2]];
+                ++sums[1][src[step] + src[step + 1] + src[step + 2]];
             }
-            if (i < w) ++raw[0][bySum[src[0] + src[1] + src[2]]];
+            if (i < w) ++sums[0][src[0] + src[1] + src[2]];
             break;
         }
         default:
@@ -323,6 +346,8 @@ bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
             break;
         }
     }
+    for (const auto &s : sums)
+        for (unsigned v = 0; v < 766; ++v) count[bySum[v]] += s[v];
     const bool indexed = bits == 1 || bits == 4 || bits == 8;
     for (int v = 0; v < 256; ++v) {
         const std::uint32_t n = raw[0][v] + raw[1][v] + raw[2][v] + raw[3][v];
