@@ -34,6 +34,11 @@ void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp,
 // over 4-byte pixels whose fourth byte is copied unchanged (n counts bytes).
 void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth);
 
+// Turns the AVX2 kernels on (where the processor has AVX2) or off, so tests
+// can run the SSE2 ones on any machine; returns the previous setting. Not
+// for use while other threads run kernels.
+bool UseAvx2(bool on);
+
 namespace plain {
 void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth);
 void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta);

@@ -28,10 +28,14 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
         SCOPED_TRACE(n);
         const std::vector<std::uint8_t> src = Noise(4 * n + 32, n);
         for (int bpp : {1, 3, 4}) {
-            std::vector<std::uint8_t> fast = Noise(4 * n + 32, 7), slow = fast;
-            k::MirrorRow(src.data() + 16, fast.data() + 16, n, bpp);
-            k::plain::MirrorRow(src.data() + 16, slow.data() + 16, n, bpp);
-            EXPECT_EQ(fast, slow) << "mirror " << bpp;
+            for (bool avx2 : {true, false}) {
+                std::vector<std::uint8_t> fast = Noise(4 * n + 32, 7), slow = fast;
+                const bool was = k::UseAvx2(avx2);
+                k::MirrorRow(src.data() + 16, fast.data() + 16, n, bpp);
+                k::UseAvx2(was);
+                k::plain::MirrorRow(src.data() + 16, slow.data() + 16, n, bpp);
+                EXPECT_EQ(fast, slow) << "mirror " << bpp << " avx2 " << avx2;
+            }
         }
         std::vector<std::uint8_t> fast = Noise(4 * n + 32, 8), slow = fast;
         k::MirrorBits(src.data() + 16, fast.data() + 16, n);
