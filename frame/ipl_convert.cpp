@@ -30,15 +30,7 @@ void iplThreshold(IplImage *src, IplImage *dst, int threshold) {
     const int w = rs.width;
     std::vector<std::uint8_t> packed(static_cast<std::size_t>((w + 7) / 8));
     for (int i = 0; i < rs.height; ++i) {
-        const std::uint8_t *s = RowOf(*src, rs.y + i) + rs.x;
-        int x = 0;
-        for (int j = 0; x < w; ++j) {
-            unsigned b = 0;
-            const int n = std::min(8, w - x);
-            for (int k = 0; k < n; ++k) b |= (s[x + k] >= threshold ? 0x80u : 0u) >> k;
-            packed[static_cast<std::size_t>(j)] = static_cast<std::uint8_t>(b);
-            x += n;
-        }
+        kernels::ThresholdToBits(RowOf(*src, rs.y + i) + rs.x, packed.data(), w, threshold);
         bits::Copy(packed.data(), 0, RowOf(*dst, rd.y + i), rd.x, w);
     }
 }

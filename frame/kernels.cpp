@@ -58,6 +58,17 @@ void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, i
     }
 }
 
+void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold) {
+    int x = 0;
+    for (int j = 0; x < w; ++j) {
+        unsigned b = 0;
+        const int n = std::min(8, w - x);
+        for (int k = 0; k < n; ++k) b |= (src[x + k] >= threshold ? 0x80u : 0u) >> k;
+        packed[j] = static_cast<std::uint8_t>(b);
+        x += n;
+    }
+}
+
 }  // namespace plain
 
 namespace {
@@ -124,6 +135,22 @@ inline std::uint64_t Load64(const std::uint8_t *p) {
 inline void Store64(std::uint8_t *p, std::uint64_t v) { std::memcpy(p, &v, 8); }
 
 }  // namespace
+
+// 16 levels a step: v >= t as max(v, t) == v, the byte mask's sign bits
+// gathered (first level in bit 0) and each byte's bits reversed.
+void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold) {
+    int x = 0;
+    if (threshold >= 1 && threshold <= 255) {
+        const __m128i t = _mm_set1_epi8(static_cast<char>(threshold));
+        for (; x + 16 <= w; x += 16) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + x));
+            const unsigned m = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(v, t), v)));
+            packed[x >> 3] = bits::kReverse[m & 0xFF];
+            packed[(x >> 3) + 1] = bits::kReverse[m >> 8];
+        }
+    }
+    plain::ThresholdToBits(src + x, packed + (x >> 3), w - x, threshold);
+}
 
 bool UseAvx2(bool on) {
     const bool was = useAvx2;

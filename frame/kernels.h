@@ -34,12 +34,17 @@ void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp,
 // over 4-byte pixels whose fourth byte is copied unchanged (n counts bytes).
 void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth);
 
+// Packs w gray levels into (w + 7) / 8 bytes of bits, most significant
+// first: 1 where the level is at least `threshold`; bits past w are 0.
+void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold);
+
 // Turns the AVX2 kernels on (where the processor has AVX2) or off, so tests
 // can run the SSE2 ones on any machine; returns the previous setting. Not
 // for use while other threads run kernels.
 bool UseAvx2(bool on);
 
 namespace plain {
+void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold);
 void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth);
 void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta);
 void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp);

@@ -47,6 +47,11 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
         k::LookupRow32(src.data(), fast.data() + 16, static_cast<std::size_t>(n), table);
         k::plain::LookupRow32(src.data(), slow.data() + 16, static_cast<std::size_t>(n), table);
         EXPECT_EQ(fast, slow) << "lookup32";
+        for (int t : {-5, 0, 1, 128, 255, 256}) {
+            k::ThresholdToBits(src.data(), fast.data() + 16, n, t);
+            k::plain::ThresholdToBits(src.data(), slow.data() + 16, n, t);
+            EXPECT_EQ(fast, slow) << "threshold " << t;
+        }
         for (int value : {-300, -255, -17, 0, 40, 254, 255, 1000}) {
             for (bool fourth : {false, true}) {
                 k::AddSaturateRow(src.data(), fast.data() + 16, 4 * static_cast<std::size_t>(n), value, fourth);
