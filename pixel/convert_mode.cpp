@@ -6,6 +6,7 @@
 // a 32-bit page is tested with its own 4-byte pixels. Colour pages go to
 // gray in one pass straight into the result block.
 #include <algorithm>
+#include <vector>
 
 #include "frame/convert.h"
 #include "frame/kernels.h"
@@ -36,6 +37,20 @@ HGLOBAL GrayOfColour(const LockedDib &in, int redDelta, int blueDelta) {
     return out.Release();
 }
 
+// A colour page to black and white a row at a time: gray levels into a
+// scratch row, thresholded straight into the result block's row.
+HGLOBAL BitsOfColour(const LockedDib &in, int threshold) {
+    ResultBlock out = ResultBlock::Rewritten(in, PixelFormat::kBitonal, in.width(), in.height(), NewTable::kBitonal);
+    if (!out) return nullptr;
+    std::vector<std::uint8_t> gray(static_cast<std::size_t>(in.width()));
+    for (int y = 0; y < in.height(); ++y) {
+        kernels::ColourToGrayRow(in.row(y), gray.data(), in.width(), in.bitCount() / 8, 0, 0);
+        kernels::ThresholdToBits(gray.data(), RowOf(*out.image(), y), in.width(), threshold);
+    }
+    out.header()->biClrUsed = 0;
+    return out.Release();
+}
+
 // A gray page to black and white or colour, converted straight into the
 // result block.
 HGLOBAL GrayConvertedInPlace(const LockedDib &in, IplImage *view, int mode, int threshold) {
@@ -58,6 +73,7 @@ HGLOBAL ConvertMode(HGLOBAL hDib, int mode, int threshold) {
     LockedDib in(hDib, kImageDepths);
     if (!in.ok()) return nullptr;
     if (mode == 8 && in.bitCount() >= 24) return GrayOfColour(in, 0, 0);
+    if (mode == 1 && in.bitCount() >= 24) return BitsOfColour(in, threshold);
     ImagePtr view = DibToIplImage(in.header());
     if (!view) return nullptr;
     if (in.bitCount() == 8 && mode != 8) return GrayConvertedInPlace(in, view.get(), mode, threshold);
