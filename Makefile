@@ -39,8 +39,9 @@ demo: build
 		$(BUILD)/examples/mirror_demo $(DEMO_OUT); \
 	fi
 
+# Medians beside the floor (new block + memcpy) and the peers, as ratios.
 bench: build
-	$(BUILD)/bench/quarvel_bench --benchmark_min_time=0.2
+	scripts/bench-table $(BUILD)/bench/quarvel_bench
 
 # Real-scan quality on the shared real pages, beside unpaper and Leptonica.
 quality: build

@@ -3,12 +3,14 @@
 #include <cstring>
 
 #include "colour/colour.h"
+#include "platform/global_memory.h"
 
 namespace quarvel::colour {
 
 BlockCopy::BlockCopy(const LockedDib &from) {
     if (!from.ok()) return;
-    handle_ = GlobalAlloc(GHND, from.blockSize());
+    // Every byte is copied over, so the block skips the zero fill.
+    handle_ = AllocateBlock(from.blockSize(), false);
     if (handle_ == nullptr) return;
     data_ = static_cast<std::uint8_t *>(GlobalLock(handle_));
     if (data_ == nullptr) {

@@ -18,8 +18,6 @@ namespace quarvel::colour {
 
 namespace {
 
-inline std::uint8_t Clamp(int v) { return static_cast<std::uint8_t>(std::clamp(v, 0, 255)); }
-
 struct Decision {
     int redExcess, blueExcess;
     bool dark;
@@ -27,41 +25,44 @@ struct Decision {
 
 enum class Outcome { kRed, kBlue, kDarken, kBrighten, kNone };
 
-Outcome Decide(const std::uint8_t *page, const Decision &d, const EnhanceParams &p) {
-    if (p.redThreshold > 0 && page[2] >= 60 && d.redExcess >= p.redThreshold) return Outcome::kRed;
-    if (p.blueThreshold > 0 && page[0] >= 60 && d.blueExcess >= p.blueThreshold) return Outcome::kBlue;
-    if (p.brighten > 0 || p.darken > 0) return d.dark ? Outcome::kDarken : Outcome::kBrighten;
-    return Outcome::kNone;
+inline Outcome Decide(const std::uint8_t *page, const Decision &d, const EnhanceParams &p) {
+    const bool red = (p.redThreshold > 0) & (page[2] >= 60) & (d.redExcess >= p.redThreshold);
+    const bool blue = (p.blueThreshold > 0) & (page[0] >= 60) & (d.blueExcess >= p.blueThreshold);
+    const bool tone = p.brighten > 0 || p.darken > 0;
+    return red ? Outcome::kRed : blue ? Outcome::kBlue : !tone ? Outcome::kNone : d.dark ? Outcome::kDarken : Outcome::kBrighten;
 }
 
-// Writes the outcome for page pixel `in` into `out` (which may be the same).
-void Apply(Outcome o, const std::uint8_t *in, std::uint8_t *out, const EnhanceParams &p, bool darkMarkers) {
-    const int b = in[0], g = in[1], r = in[2];
-    switch (o) {
-        case Outcome::kRed:
-            if (darkMarkers && p.redBoost == -255) {
-                out[0] = Clamp(b - p.darken), out[1] = Clamp(g - p.darken), out[2] = Clamp(r - p.darken);
-            } else {
-                out[0] = Clamp(b - p.redBoost), out[1] = Clamp(g - p.redBoost), out[2] = Clamp(r + p.redBoost);
-            }
-            break;
-        case Outcome::kBlue:
-            if (darkMarkers && p.blueBoost == -255) {
-                out[0] = Clamp(b - p.darken), out[1] = Clamp(g - p.darken), out[2] = Clamp(r - p.darken);
-            } else {
-                out[0] = Clamp(b + p.blueBoost), out[1] = Clamp(g - p.blueBoost), out[2] = Clamp(r - p.blueBoost);
-            }
-            break;
-        case Outcome::kDarken:
-            out[0] = Clamp(b - p.darken), out[1] = Clamp(g - p.darken), out[2] = Clamp(r - p.darken);
-            break;
-        case Outcome::kBrighten:
-            out[0] = Clamp(b + p.brighten), out[1] = Clamp(g + p.brighten), out[2] = Clamp(r + p.brighten);
-            break;
-        case Outcome::kNone:  // the result keeps what it has (the base image's pixel)
-            break;
+// Every outcome adds a fixed amount to each channel and clamps, so each is
+// three 256-entry tables built once per call; a pixel then costs three
+// lookups. With darkMarkers, a boost of -255 darkens instead.
+class Outcomes {
+public:
+    Outcomes(const EnhanceParams &p, bool darkMarkers) {
+        const long long dark = -static_cast<long long>(p.darken);
+        const bool redDark = darkMarkers && p.redBoost == -255, blueDark = darkMarkers && p.blueBoost == -255;
+        const long long red = p.redBoost, blue = p.blueBoost;
+        Fill(Outcome::kRed, redDark ? dark : -red, redDark ? dark : -red, redDark ? dark : red);
+        Fill(Outcome::kBlue, blueDark ? dark : blue, blueDark ? dark : -blue, blueDark ? dark : -blue);
+        Fill(Outcome::kDarken, dark, dark, dark);
+        Fill(Outcome::kBrighten, p.brighten, p.brighten, p.brighten);
     }
-}
+    // Writes the outcome for page pixel `in` into `out` (which may be the
+    // same); kNone leaves `out` as it is (the base image's pixel).
+    void Write(Outcome o, const std::uint8_t *in, std::uint8_t *out) const {
+        if (o == Outcome::kNone) return;
+        const auto &t = table_[static_cast<int>(o)];
+        const std::uint8_t b = t[0][in[0]], g = t[1][in[1]], r = t[2][in[2]];
+        out[0] = b, out[1] = g, out[2] = r;
+    }
+
+private:
+    void Fill(Outcome o, long long db, long long dg, long long dr) {
+        const long long d[3] = {db, dg, dr};
+        for (int c = 0; c < 3; ++c)
+            for (int v = 0; v < 256; ++v) table_[static_cast<int>(o)][c][v] = static_cast<std::uint8_t>(std::clamp(v + d[c], 0LL, 255LL));
+    }
+    std::uint8_t table_[4][3][256];
+};
 
 Decision OwnValues(const std::uint8_t *px, int splitLevel) {
     const int b = px[0], g = px[1], r = px[2];
@@ -98,8 +99,13 @@ HGLOBAL EnhanceColor(HGLOBAL hDib, const RECT *rect, const EnhanceParams &p) {
     if (!out) return nullptr;
     Span span;
     if (in.bitCount() < 24 || !ResolveRect(rect, in.width(), in.height(), &span)) return out.Release();
-    ForSpan(span, RowsOf(out.header()), [&](int, int, std::uint8_t *px) {
-        Apply(Decide(px, OwnValues(px, p.splitLevel), p), px, px, p, false);
+    // The lambdas take the parameters by value: writes through the pixel
+    // pointers could otherwise alias them and force a reload per pixel.
+    const Outcomes outcomes(p, false);
+    const Outcomes *o = &outcomes;
+    const EnhanceParams q = p;
+    ForSpan(span, RowsOf(out.header()), [=](int, int, std::uint8_t *px) {
+        o->Write(Decide(px, OwnValues(px, q.splitLevel), q), px, px);
     });
     return out.Release();
 }
@@ -118,9 +124,14 @@ HGLOBAL EnhanceColorEx(HGLOBAL hDib, HGLOBAL hMap, const RECT *rect, const Enhan
     LockedDib map(hMap, kColorDepths);
     if (!map.ok() || !SameLayout(in, map)) return out.Release();
     const int bpp = rows.bytesPerPixel;
-    ForSpan(span, rows, [&](int x, int y, std::uint8_t *px) {
-        const std::uint8_t *m = map.row(y) + static_cast<std::size_t>(x) * bpp;
-        Apply(Decide(px, FromMap(m, p.splitLevel), p), px, px, p, false);
+    const Outcomes outcomes(p, false);
+    const Outcomes *o = &outcomes;
+    const EnhanceParams q = p;
+    const std::uint8_t *mapBits = map.row(0);
+    const std::size_t mapStride = static_cast<std::size_t>(map.stride());
+    ForSpan(span, rows, [=](int x, int y, std::uint8_t *px) {
+        const std::uint8_t *m = mapBits + y * mapStride + static_cast<std::size_t>(x) * bpp;
+        o->Write(Decide(px, FromMap(m, q.splitLevel), q), px, px);
     });
     return out.Release();
 }
@@ -144,10 +155,15 @@ HGLOBAL EnhanceColorEx1(HGLOBAL hDib, HGLOBAL hBaseDib, HGLOBAL hMap, const RECT
     LockedDib map(hMap, kColorDepths);
     if (!map.ok() || !SameLayout(page, map) || (withBase && !SameLayout(page, base))) return out.Release();
     const int bpp = rows.bytesPerPixel;
-    ForSpan(span, rows, [&](int x, int y, std::uint8_t *px) {
+    const Outcomes outcomes(p, true);
+    const Outcomes *o = &outcomes;
+    const EnhanceParams q = p;
+    const std::uint8_t *mapBits = map.row(0), *pageBits = page.row(0);
+    const std::size_t mapStride = static_cast<std::size_t>(map.stride()), pageStride = static_cast<std::size_t>(page.stride());
+    ForSpan(span, rows, [=](int x, int y, std::uint8_t *px) {
         const std::size_t at = static_cast<std::size_t>(x) * bpp;
-        const std::uint8_t *in = page.row(y) + at;
-        Apply(Decide(in, FromMap(map.row(y) + at, p.splitLevel), p), in, px, p, true);
+        const std::uint8_t *in = pageBits + y * pageStride + at;
+        o->Write(Decide(in, FromMap(mapBits + y * mapStride + at, q.splitLevel), q), in, px);
     });
     return out.Release();
 }

@@ -74,17 +74,18 @@ int Distance2(const Bgr &a, const Bgr &b) {
     return (a.b - b.b) * (a.b - b.b) + (a.g - b.g) * (a.g - b.g) + (a.r - b.r) * (a.r - b.r);
 }
 
+// The mask of coherent colour pixels is made one row at a time; a row is
+// counted once the rows above and below it are known, so three rows of the
+// mask are kept instead of the whole page.
 int PatchDensity(const LockedDib &in, int colorThreshold) {
     const int w = in.width(), h = in.height();
     const PixelReader read(in.bitCount());
     const int mx = w / 100, my = h / 100;
-    std::vector<std::uint8_t> mask(static_cast<std::size_t>(w) * static_cast<std::size_t>(h), 0);
-    auto marked = [&](int x, int y) {
-        return y >= 0 && y < h && mask[static_cast<std::size_t>(y) * w + x] != 0;
-    };
     const int yFirst = std::max(my, 1), yLast = std::min(h - my, h - 2);
     const int xFirst = mx, xLast = std::min(w - mx, w - 1);
-    for (int y = yFirst; y <= yLast; ++y) {
+    auto maskRow = [&](int y, std::uint8_t *mask) {
+        std::fill(mask, mask + w, 0);
+        if (y < yFirst || y > yLast) return;
         const std::uint8_t *row = in.row(y), *next = in.row(y + 1), *prev = in.row(y - 1);
         for (int x = xFirst; x <= xLast; ++x) {
             const Bgr p = read(row, x);
@@ -93,13 +94,21 @@ int PatchDensity(const LockedDib &in, int colorThreshold) {
             const bool nWhite = NearWhite(n), pWhite = NearWhite(q);
             const int dn = nWhite ? 0 : Distance2(p, n), dp = pWhite ? 0 : Distance2(p, q);
             if (!nWhite && dn >= 800) continue;
-            if (std::max(dn, dp) < 800) mask[static_cast<std::size_t>(y) * w + x] = 1;
+            if (std::max(dn, dp) < 800) mask[x] = 1;
+        }
+    };
+    long long count = 0;
+    if (yFirst <= yLast) {
+        std::vector<std::uint8_t> above(static_cast<std::size_t>(w), 0), here(static_cast<std::size_t>(w)),
+            below(static_cast<std::size_t>(w));
+        maskRow(yFirst, here.data());
+        for (int y = yFirst; y <= yLast; ++y) {
+            maskRow(y + 1, below.data());
+            for (int x = 0; x < w; ++x) count += here[x] & (above[x] | below[x]);
+            std::swap(above, here);
+            std::swap(here, below);
         }
     }
-    long long count = 0;
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            if (marked(x, y) && (marked(x, y - 1) || marked(x, y + 1))) ++count;
     const double area = static_cast<double>(w) * static_cast<double>(h);
     if (area <= 0) return 1;
     const double ratio = count * 10000.0 / area;

@@ -66,6 +66,15 @@ inline void ApplyRow(const std::uint8_t *src, int srcX, std::uint8_t *dst, int d
 }
 
 inline void Copy(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX, int count) {
+    // The same bit offset on both sides: bits up to the next byte boundary,
+    // then whole bytes.
+    if (((srcX ^ dstX) & 7) == 0 && (srcX & 7) != 0 && count > 8) {
+        const int head = 8 - (srcX & 7);
+        Apply(src, srcX, dst, dstX, head, [](std::uint8_t, std::uint8_t s) { return s; });
+        srcX += head;
+        dstX += head;
+        count -= head;
+    }
     if (((srcX | dstX) & 7) == 0 && src + (srcX >> 3) != dst + (dstX >> 3)) {
         const int whole = count >> 3;
         std::memmove(dst + (dstX >> 3), src + (srcX >> 3), static_cast<std::size_t>(whole));
@@ -81,7 +90,18 @@ inline void Copy(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX,
 // Sets (value non-zero) or clears bits [x, x + count).
 inline void Fill(std::uint8_t *row, int x, int count, int value) {
     const std::uint8_t v = value ? 0xFF : 0x00;
-    ApplyRow(row, x, row, x, count, [v](std::uint8_t, std::uint8_t) { return v; });
+    const auto set = [v](std::uint8_t, std::uint8_t) { return v; };
+    if (count <= 16) {
+        Apply(row, x, row, x, count, set);
+        return;
+    }
+    // Head bits to a byte boundary, whole bytes, tail bits.
+    const int head = (8 - (x & 7)) & 7;
+    Apply(row, x, row, x, head, set);
+    x += head;
+    count -= head;
+    std::memset(row + (x >> 3), v, static_cast<std::size_t>(count >> 3));
+    Apply(row, x + (count & ~7), row, x + (count & ~7), count & 7, set);
 }
 
 // Bit-reversal of a byte.

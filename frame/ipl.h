@@ -118,6 +118,10 @@ void iplFixedFilter(IplImage *src, IplImage *dst, int filter);
 void iplMirror(IplImage *src, IplImage *dst, int flipAxis);
 void iplResize(IplImage *src, IplImage *dst, int xDst, int xSrc, int yDst, int ySrc, int interpolate);
 void iplRotate(IplImage *src, IplImage *dst, double angle, double xShift, double yShift, int interpolate);
+// iplRotate; with plainBitonal, 1-bit images take the plain per-pixel path,
+// the oracle of the run-copying one.
+void RotateImage(IplImage *src, IplImage *dst, double angle, double xShift, double yShift, int interpolate,
+                 bool plainBitonal);
 void iplGetRotateShift(double xCenter, double yCenter, double angle, double *xShift, double *yShift);
 void iplComputeHisto(IplImage *image, IplLUT **luts);
 void iplUserProcessPixel(IplImage *src, IplImage *dst, IplUserFunc func);

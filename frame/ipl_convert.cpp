@@ -9,6 +9,7 @@
 #include "frame/bits.h"
 #include "frame/ipl.h"
 #include "frame/ipl_mat.h"
+#include "frame/kernels.h"
 
 namespace quarvel {
 
@@ -29,49 +30,21 @@ void iplThreshold(IplImage *src, IplImage *dst, int threshold) {
     const int w = rs.width;
     std::vector<std::uint8_t> packed(static_cast<std::size_t>((w + 7) / 8));
     for (int i = 0; i < rs.height; ++i) {
-        const std::uint8_t *s = RowOf(*src, rs.y + i) + rs.x;
-        int x = 0;
-        for (int j = 0; x < w; ++j) {
-            unsigned b = 0;
-            const int n = std::min(8, w - x);
-            for (int k = 0; k < n; ++k) b |= (s[x + k] >= threshold ? 0x80u : 0u) >> k;
-            packed[static_cast<std::size_t>(j)] = static_cast<std::uint8_t>(b);
-            x += n;
-        }
+        kernels::ThresholdToBits(RowOf(*src, rs.y + i) + rs.x, packed.data(), w, threshold);
         bits::Copy(packed.data(), 0, RowOf(*dst, rd.y + i), rd.x, w);
     }
 }
 
-namespace {
-
-// gray = 0.212671 R + 0.715160 G + 0.072169 B, rounded to the nearest level.
-// The three products come from tables of doubles, so the sum is the same
-// double for every pixel with the same colour.
-struct GrayWeights {
-    std::array<double, 256> r, g, b;
-    GrayWeights() {
-        for (int i = 0; i < 256; ++i) {
-            r[i] = 0.212671 * i;
-            g[i] = 0.715160 * i;
-            b[i] = 0.072169 * i;
-        }
-    }
-};
-
-}  // namespace
-
+// gray = 0.212671 R + 0.715160 G + 0.072169 B, rounded to the nearest level
+// (in exact integer arithmetic, see kernels.cpp).
 void iplColorToGray(IplImage *src, IplImage *dst) {
     if (src == nullptr || dst == nullptr || src->nChannels != 3 || FormatOf(*dst) != PixelFormat::kGray) return;
     Region rs, rd;
     if (!CommonRegions(*src, *dst, &rs, &rd)) return;
-    static const GrayWeights w;
     const int bpp = Traits(FormatOf(*src)).bytesPerPixel;
     for (int i = 0; i < rs.height; ++i) {
         const std::uint8_t *s = RowOf(*src, rs.y + i) + static_cast<std::ptrdiff_t>(rs.x) * bpp;
-        std::uint8_t *d = RowOf(*dst, rd.y + i) + rd.x;
-        for (int x = 0; x < rs.width; ++x, s += bpp) {
-            d[x] = static_cast<std::uint8_t>(w.b[s[0]] + w.g[s[1]] + w.r[s[2]] + 0.5);
-        }
+        kernels::ColourToGrayRow(s, RowOf(*dst, rd.y + i) + rd.x, rs.width, bpp, 0, 0);
     }
 }
 

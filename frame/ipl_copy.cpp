@@ -8,6 +8,7 @@
 #include "frame/bits.h"
 #include "frame/ipl.h"
 #include "frame/ipl_mat.h"
+#include "frame/kernels.h"
 
 namespace quarvel {
 
@@ -102,8 +103,13 @@ void MirrorBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
         *x = rs.x;
         return RowOf(src, rs.y + i);
     };
+    const bool wholeRows = !inPlace && rs.x == 0 && rd.x == 0;
     for (int i = 0; i < rs.height; ++i) {
         int sx = 0;
+        if (flipAxis != 0 && wholeRows) {
+            kernels::MirrorBits(RowOf(src, rs.y + i), RowOf(dst, rd.y + i), w);
+            continue;
+        }
         if (flipAxis == 0) {
             const std::uint8_t *s = sourceRow(rs.height - 1 - i, &sx);
             bits::Copy(s, sx, RowOf(dst, rd.y + i), rd.x, w);
@@ -135,6 +141,14 @@ void iplMirror(IplImage *src, IplImage *dst, int flipAxis) {
         const std::ptrdiff_t dx = static_cast<std::ptrdiff_t>(rd.x) * Traits(FormatOf(*dst)).bytesPerPixel;
         for (int i = 0; i < rs.height; ++i) {
             std::memcpy(RowOf(*dst, rd.y + i) + dx, RowOf(*src, rs.y + rs.height - 1 - i) + sx, bytes);
+        }
+        return;
+    }
+    if (flipAxis != 0 && src->imageData != dst->imageData) {
+        const int bpp = Traits(FormatOf(*src)).bytesPerPixel;
+        for (int i = 0; i < rs.height; ++i) {
+            kernels::MirrorRow(RowOf(*src, rs.y + i) + static_cast<std::ptrdiff_t>(rs.x) * bpp,
+                               RowOf(*dst, rd.y + i) + static_cast<std::ptrdiff_t>(rd.x) * bpp, rs.width, bpp);
         }
         return;
     }

@@ -35,13 +35,122 @@ int CvInterpolation(int interpolate) {
     }
 }
 
-void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const Region &rd, double c, double s,
-                   double xShift, double yShift) {
-    // Source of destination (X, Y): x = c (X - xs) - s (Y - ys), y = s (X - xs) + c (Y - ys),
-    // stepped along a row in 32.32 fixed point; +0.5 makes the shift round
-    // to the nearest pixel. The rows that can be hit are taken once.
+// Source of destination (X, Y): x = c (X - xs) - s (Y - ys), y = s (X - xs) +
+// c (Y - ys), stepped along a row in 32.32 fixed point; +0.5 makes the shift
+// round to the nearest pixel. Integer steps make the positions exactly
+// linear in X, so the columns whose source lies inside the source form one
+// interval, found by a double estimate corrected with the exact test. Inside
+// it, where the source column advances by exactly one pixel per column and
+// the source row stays put, whole runs of bits are copied at once.
+struct BitonalRow {
+    std::int64_t fx, fy, stepX, stepY;
+    int w, h;
+    bool Inside(std::int64_t X) const {
+        const std::int64_t ix = (fx + X * stepX) >> 32, iy = (fy + X * stepY) >> 32;
+        return ix >= 0 && iy >= 0 && ix < w && iy < h;
+    }
+};
+
+// The interval [first, last] of columns in [0, n) whose source is inside.
+void InsideColumns(const BitonalRow &r, int n, int *first, int *last) {
+    constexpr double kOne = 4294967296.0;
+    double lo = 0, hi = n - 1;
+    auto clip = [&](double start, double step, double limit) {
+        // start + X step within [0, limit), in pixels
+        if (step == 0) {
+            if (start < 0 || start >= limit) hi = -1;
+            return;
+        }
+        double x0 = (0 - start) / step, x1 = (limit - start) / step;
+        if (x0 > x1) std::swap(x0, x1);
+        lo = std::max(lo, x0);
+        hi = std::min(hi, x1);
+    };
+    clip(r.fx / kOne, r.stepX / kOne, r.w);
+    clip(r.fy / kOne, r.stepY / kOne, r.h);
+    *first = 1, *last = 0;
+    if (!(hi >= lo - 2)) return;
+    const std::int64_t guess = std::clamp<std::int64_t>(static_cast<std::int64_t>(std::floor((lo + hi) / 2)), 0, n - 1);
+    std::int64_t f = std::clamp<std::int64_t>(static_cast<std::int64_t>(std::floor(lo)), 0, n - 1);
+    std::int64_t l = std::clamp<std::int64_t>(static_cast<std::int64_t>(std::ceil(hi)), 0, n - 1);
+    // Find one inside column near the estimate, then widen and narrow.
+    std::int64_t in = -1;
+    for (std::int64_t X : {guess, f, l, f + 1, l - 1})
+        if (X >= 0 && X < n && r.Inside(X)) {
+            in = X;
+            break;
+        }
+    if (in < 0) {
+        for (std::int64_t X = std::max<std::int64_t>(0, f - 2); X <= std::min<std::int64_t>(n - 1, l + 2); ++X)
+            if (r.Inside(X)) {
+                in = X;
+                break;
+            }
+        if (in < 0) return;
+    }
+    f = std::min(f, in);
+    l = std::max(l, in);
+    while (f > 0 && r.Inside(f - 1)) --f;
+    while (!r.Inside(f)) ++f;
+    while (l + 1 < n && r.Inside(l + 1)) ++l;
+    while (!r.Inside(l)) --l;
+    *first = static_cast<int>(f);
+    *last = static_cast<int>(l);
+}
+
+// The plain form: every destination pixel sampled and set on its own.
+void RotateBitonalPlain(const IplImage &src, const Region &rs, IplImage &dst, const Region &rd, double c, double s,
+                        double xShift, double yShift) {
     constexpr double kOne = 4294967296.0;
     const std::int64_t stepX = std::llround(c * kOne), stepY = std::llround(s * kOne);
+    for (int Y = 0; Y < rd.height; ++Y) {
+        const double dy = Y - yShift;
+        const double x0 = c * (0 - xShift) - s * dy + 0.5, y0 = s * (0 - xShift) + c * dy + 0.5;
+        if (std::fabs(x0) > 1e9 || std::fabs(y0) > 1e9) continue;
+        std::int64_t fx = std::llround(x0 * kOne), fy = std::llround(y0 * kOne);
+        std::uint8_t *out = RowOf(dst, rd.y + Y);
+        for (int X = 0; X < rd.width; ++X, fx += stepX, fy += stepY) {
+            const std::int64_t ix = fx >> 32, iy = fy >> 32;
+            if (ix < 0 || iy < 0 || ix >= rs.width || iy >= rs.height) continue;
+            bits::Set(out, rd.x + X, bits::Get(RowOf(src, rs.y + static_cast<int>(iy)), rs.x + static_cast<int>(ix)));
+        }
+    }
+}
+
+inline std::uint64_t LoadBE(const std::uint8_t *p) {
+    std::uint64_t v;
+    std::memcpy(&v, p, 8);
+    return __builtin_bswap64(v);
+}
+
+// Copies n bits from bit sp of `src` to bit dp of `dst`, 56 bits at a time
+// through 64-bit big-endian words where both rows have 8 bytes from the
+// word's first byte within their strides; bits::Copy otherwise.
+inline void CopyRun(const std::uint8_t *src, int sp, int srcBytes, std::uint8_t *dst, int dp, int dstBytes, int n) {
+    while (n > 0) {
+        const int m = std::min(n, 56);
+        if ((sp >> 3) + 8 > srcBytes || (dp >> 3) + 8 > dstBytes) {
+            bits::Copy(src, sp, dst, dp, n);
+            return;
+        }
+        const std::uint64_t v = LoadBE(src + (sp >> 3)) << (sp & 7);
+        const int o = dp & 7;
+        const std::uint64_t mask = (~0ull >> o) & ~(~0ull >> (o + m));
+        std::uint8_t *d = dst + (dp >> 3);
+        const std::uint64_t w = (LoadBE(d) & ~mask) | ((v >> o) & mask);
+        const std::uint64_t out = __builtin_bswap64(w);
+        std::memcpy(d, &out, 8);
+        sp += m, dp += m, n -= m;
+    }
+}
+
+void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const Region &rd, double c, double s,
+                   double xShift, double yShift) {
+    constexpr double kOne = 4294967296.0;
+    constexpr std::int64_t kUnit = std::int64_t{1} << 32;
+    const std::int64_t stepX = std::llround(c * kOne), stepY = std::llround(s * kOne);
+    // Runs apply when the source column advances by one pixel per column.
+    const bool runs = stepX > 0 && stepX <= kUnit;
     std::vector<const std::uint8_t *> rows(static_cast<std::size_t>(rs.height));
     for (int y = 0; y < rs.height; ++y) rows[y] = RowOf(src, rs.y + y);
     for (int Y = 0; Y < rd.height; ++Y) {
@@ -49,12 +158,34 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
         const double x0 = c * (0 - xShift) - s * dy + 0.5, y0 = s * (0 - xShift) + c * dy + 0.5;
         // Positions so far off that fixed point would overflow are outside.
         if (std::fabs(x0) > 1e9 || std::fabs(y0) > 1e9) continue;
-        std::int64_t fx = std::llround(x0 * kOne), fy = std::llround(y0 * kOne);
+        const BitonalRow r{std::llround(x0 * kOne), std::llround(y0 * kOne), stepX, stepY, rs.width, rs.height};
+        int first, last;
+        InsideColumns(r, rd.width, &first, &last);
         std::uint8_t *out = RowOf(dst, rd.y + Y);
-        for (int X = 0; X < rd.width; ++X, fx += stepX, fy += stepY) {
+        std::int64_t fx = r.fx + first * stepX, fy = r.fy + first * stepY;
+        if (!runs) {
+            for (int X = first; X <= last; ++X, fx += stepX, fy += stepY)
+                bits::Set(out, rd.x + X, bits::Get(rows[fy >> 32], rs.x + static_cast<int>(fx >> 32)));
+            continue;
+        }
+        // Columns left in the current run of the source column (xLeft) and
+        // of the source row (yLeft), each recomputed only when it ends.
+        std::int64_t xLeft = 0, yLeft = 0;
+        for (int X = first; X <= last;) {
             const std::int64_t ix = fx >> 32, iy = fy >> 32;
-            if (ix < 0 || iy < 0 || ix >= rs.width || iy >= rs.height) continue;
-            bits::Set(out, rd.x + X, bits::Get(rows[iy], rs.x + static_cast<int>(ix)));
+            if (xLeft <= 0) xLeft = stepX == kUnit ? last - X + 1 : (fx - (ix << 32)) / (kUnit - stepX) + 1;
+            if (yLeft <= 0) {
+                if (stepY > 0) yLeft = (((iy + 1) << 32) - fy + stepY - 1) / stepY;
+                else if (stepY < 0) yLeft = (fy - (iy << 32)) / -stepY + 1;
+                else yLeft = last - X + 1;
+            }
+            const int run = static_cast<int>(std::min<std::int64_t>({xLeft, yLeft, last - X + 1}));
+            CopyRun(rows[iy], rs.x + static_cast<int>(ix), src.widthStep, out, rd.x + X, dst.widthStep, run);
+            X += run;
+            fx += run * stepX;
+            fy += run * stepY;
+            xLeft -= run;
+            yLeft -= run;
         }
     }
 }
@@ -131,6 +262,11 @@ void iplGetRotateShift(double xCenter, double yCenter, double angle, double *xSh
 }
 
 void iplRotate(IplImage *src, IplImage *dst, double angle, double xShift, double yShift, int interpolate) {
+    RotateImage(src, dst, angle, xShift, yShift, interpolate, false);
+}
+
+void RotateImage(IplImage *src, IplImage *dst, double angle, double xShift, double yShift, int interpolate,
+                 bool plainBitonal) {
     if (src == nullptr || dst == nullptr || !SameFormat(*src, *dst)) return;
     if (!std::isfinite(angle) || !std::isfinite(xShift) || !std::isfinite(yShift)) return;
     Region rs, rd;
@@ -139,7 +275,7 @@ void iplRotate(IplImage *src, IplImage *dst, double angle, double xShift, double
     const double c = std::cos(a), s = std::sin(a);
 
     if (src->depth == IPL_DEPTH_1U) {
-        RotateBitonal(*src, rs, *dst, rd, c, s, xShift, yShift);
+        (plainBitonal ? RotateBitonalPlain : RotateBitonal)(*src, rs, *dst, rd, c, s, xShift, yShift);
         return;
     }
     cv::Mat in = MatOf(*src, rs);

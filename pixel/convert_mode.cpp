@@ -3,10 +3,13 @@
 // 32 bits, no table) with the frame's conversions, under a fresh header.
 // ConvertModeToGrayEx makes strongly red and strongly blue pixels of a colour
 // page black in its gray result, so coloured marks come out as dark as ink;
-// a 32-bit page is tested with its own 4-byte pixels.
+// a 32-bit page is tested with its own 4-byte pixels. Colour pages go to
+// gray in one pass straight into the result block.
 #include <algorithm>
+#include <vector>
 
 #include "frame/convert.h"
+#include "frame/kernels.h"
 #include "frame/view.h"
 #include "pixel/pixel.h"
 
@@ -24,14 +27,56 @@ HGLOBAL Emit(const LockedDib &in, const IplImage &image, NewTable table) {
     return out.Release();
 }
 
+// A colour page's gray result in one pass from its rows into the result block.
+HGLOBAL GrayOfColour(const LockedDib &in, int redDelta, int blueDelta) {
+    ResultBlock out = ResultBlock::Rewritten(in, PixelFormat::kGray, in.width(), in.height(), NewTable::kGray);
+    if (!out) return nullptr;
+    for (int y = 0; y < in.height(); ++y)
+        kernels::ColourToGrayRow(in.row(y), RowOf(*out.image(), y), in.width(), in.bitCount() / 8, redDelta, blueDelta);
+    out.header()->biClrUsed = 0;
+    return out.Release();
+}
+
+// A colour page to black and white a row at a time: gray levels into a
+// scratch row, thresholded straight into the result block's row.
+HGLOBAL BitsOfColour(const LockedDib &in, int threshold) {
+    ResultBlock out = ResultBlock::Rewritten(in, PixelFormat::kBitonal, in.width(), in.height(), NewTable::kBitonal);
+    if (!out) return nullptr;
+    std::vector<std::uint8_t> gray(static_cast<std::size_t>(in.width()));
+    for (int y = 0; y < in.height(); ++y) {
+        kernels::ColourToGrayRow(in.row(y), gray.data(), in.width(), in.bitCount() / 8, 0, 0);
+        kernels::ThresholdToBits(gray.data(), RowOf(*out.image(), y), in.width(), threshold);
+    }
+    out.header()->biClrUsed = 0;
+    return out.Release();
+}
+
+// A gray page to black and white or colour, converted straight into the
+// result block.
+HGLOBAL GrayConvertedInPlace(const LockedDib &in, IplImage *view, int mode, int threshold) {
+    const PixelFormat format = mode == 1 ? PixelFormat::kBitonal : mode == 24 ? PixelFormat::kBgr : PixelFormat::kBgra;
+    ResultBlock out = ResultBlock::Rewritten(in, format, in.width(), in.height(), mode == 1 ? NewTable::kBitonal : NewTable::kNone);
+    if (!out) return nullptr;
+    if (mode == 1) {
+        iplThreshold(view, out.image(), threshold);
+    } else {
+        iplGrayToColor(view, out.image(), 1.0f, 1.0f, 1.0f);
+    }
+    out.header()->biClrUsed = 0;
+    return out.Release();
+}
+
 }  // namespace
 
 HGLOBAL ConvertMode(HGLOBAL hDib, int mode, int threshold) {
     if (mode != 1 && mode != 8 && mode != 24 && mode != 32) return nullptr;
     LockedDib in(hDib, kImageDepths);
     if (!in.ok()) return nullptr;
+    if (mode == 8 && in.bitCount() >= 24) return GrayOfColour(in, 0, 0);
+    if (mode == 1 && in.bitCount() >= 24) return BitsOfColour(in, threshold);
     ImagePtr view = DibToIplImage(in.header());
     if (!view) return nullptr;
+    if (in.bitCount() == 8 && mode != 8) return GrayConvertedInPlace(in, view.get(), mode, threshold);
     ImagePtr converted;
     NewTable table = NewTable::kNone;
     switch (mode) {
@@ -52,6 +97,7 @@ HGLOBAL ConvertMode(HGLOBAL hDib, int mode, int threshold) {
 HGLOBAL ConvertModeToGrayEx(HGLOBAL hDib, int redDelta, int blueDelta) {
     LockedDib in(hDib, kImageDepths);
     if (!in.ok()) return nullptr;
+    if (in.bitCount() >= 24) return GrayOfColour(in, redDelta, blueDelta);
     ImagePtr view = DibToIplImage(in.header());
     if (!view) return nullptr;
     ImagePtr gray = MakeGrayImage(view.get(), nullptr, in.header());

@@ -2,13 +2,15 @@
 // and 32-bit pages. Brightness adds a constant with saturation; contrast
 // maps every channel through a 256-entry table that stretches (contrast > 0)
 // or compresses (< 0) the levels about a pivot: 127, moved by a quarter of
-// the brightness when both are given. The table is built per call and
-// applied as a lookup, so concurrent calls never share it. Divisions
+// the brightness when both are given. The table is built per call, folded
+// with the brightness step and applied as one lookup per byte, so concurrent
+// calls never share it. Brightness without a table is a saturating add. Divisions
 // truncate toward zero. The fourth byte of a 32-bit pixel is kept.
 #include <algorithm>
 #include <opencv2/core.hpp>
 
 #include "frame/ipl_mat.h"
+#include "frame/kernels.h"
 #include "frame/view.h"
 #include "pixel/pixel.h"
 
@@ -49,34 +51,35 @@ void ContrastAboutPivot(int b, int k, int t[256]) {
     }
 }
 
-// Applies the table to every colour channel of the image in place (the
-// fourth byte of a 32-bit pixel keeps its value).
-void ApplyTable(IplImage &image, const int t[256]) {
-    const int channels = image.nChannels + (image.alphaChannel ? 1 : 0);
-    cv::Mat lut(1, 256, CV_8UC(channels));
-    for (int v = 0; v < 256; ++v)
-        for (int c = 0; c < channels; ++c)
-            lut.ptr<std::uint8_t>(0)[v * channels + c] = static_cast<std::uint8_t>(c == 3 ? v : (t[v] & 0xFF));
-    Region r;
-    if (!RegionOf(image, &r)) return;
-    cv::Mat m = MatOf(image, r);
-    cv::LUT(m, lut, m);
-}
-
+// Brightness and contrast fold into one table (the level after brightness
+// looked up in the contrast table), applied in a single pass from the
+// caller's rows into the result block.
 HGLOBAL Tone(HGLOBAL hDib, bool brighten, int brightness, bool contrastTable, int contrast) {
     int table[256];
     if (contrastTable && !ContrastTable(brightness, contrast, brighten, table)) return nullptr;
     LockedDib in(hDib, kToneDepths);
     if (!in.ok()) return nullptr;
     ImagePtr view = DibToIplImage(in.header());
-    ResultBlock out = ResultBlock::CopiedHeader(in);
+    ResultBlock out = ResultBlock::CopiedHeader(in, true);  // every pixel is written
     if (!view || !out) return nullptr;
-    if (brighten) {
-        iplAddS(view.get(), out.image(), brightness);
-    } else {
-        iplCopy(view.get(), out.image());
+    const bool lookup = contrastTable && !(brighten && contrast == 0);
+    std::uint8_t fused[256];
+    for (int v = 0; v < 256; ++v) {
+        const int b = brighten ? static_cast<int>(std::clamp<long long>(static_cast<long long>(v) + brightness, 0, 255)) : v;
+        fused[v] = static_cast<std::uint8_t>(lookup ? (table[b] & 0xFF) : b);
     }
-    if (contrastTable && !(brighten && contrast == 0)) ApplyTable(*out.image(), table);
+    const int bpp = in.bitCount() / 8;
+    for (int y = 0; y < view->height; ++y) {
+        const std::uint8_t *s = RowOf(*view, y);
+        std::uint8_t *d = RowOf(*out.image(), y);
+        if (!lookup) {
+            kernels::AddSaturateRow(s, d, static_cast<std::size_t>(view->width) * bpp, brighten ? brightness : 0, bpp == 4);
+        } else if (bpp == 4) {
+            kernels::LookupRow32(s, d, static_cast<std::size_t>(view->width), fused);
+        } else {
+            kernels::LookupRow(s, d, static_cast<std::size_t>(view->width) * bpp, fused);
+        }
+    }
     return out.Release();
 }
 

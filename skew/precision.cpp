@@ -21,9 +21,10 @@ struct Point {
     int x, y;
 };
 
+template <class Raster>
 class FrameTracer {
 public:
-    FrameTracer(const PageRaster &raster, int threshold, int margin)
+    FrameTracer(const Raster &raster, int threshold, int margin)
         : r_(raster), threshold_(threshold), margin_(margin) {}
 
     bool Ink(int x, int y) const {
@@ -83,7 +84,7 @@ public:
     }
 
 private:
-    const PageRaster &r_;
+    const Raster &r_;
     int threshold_;
     int margin_;
 };
@@ -103,14 +104,15 @@ double Choose(double preferred, double other, double expected) {
 
 }  // namespace
 
-int MeasureTestFrame(const PageRaster &raster, int resolution, double *horizontal, double *vertical) {
-    if (resolution <= 0 || raster.width <= 0 || raster.height <= 0) return -1;
-    RECT whole{0, 0, 0, 0};
-    const int threshold = RoundToInt(0.6 * RidlerCalvardThreshold(raster, whole));
+namespace {
+
+template <class Raster>
+int Measure(const Raster &raster, std::uint8_t ridlerCalvard, int resolution, double *horizontal, double *vertical) {
+    const int threshold = RoundToInt(0.6 * ridlerCalvard);
     const int expected = RoundToInt(resolution * 3.9370078740157477);
     const int margin = resolution / 2;
     const int yc = raster.height / 2, wc = raster.width / 2;
-    const FrameTracer t(raster, threshold, margin);
+    const FrameTracer<Raster> t(raster, threshold, margin);
 
     int xL = -1;
     for (int x = margin; x < wc; ++x) {
@@ -140,6 +142,23 @@ int MeasureTestFrame(const PageRaster &raster, int resolution, double *horizonta
     *horizontal = (Choose(hb, ht, l) - l) / l;
     *vertical = (Choose(vr, vl, l) - l) / l;
     return 0;
+}
+
+}  // namespace
+
+int MeasureTestFrame(const PageRaster &raster, int resolution, double *horizontal, double *vertical) {
+    if (resolution <= 0 || raster.width <= 0 || raster.height <= 0) return -1;
+    return Measure(raster, RidlerCalvardThreshold(raster, RECT{0, 0, 0, 0}), resolution, horizontal, vertical);
+}
+
+// The page's rows read in place: the threshold from a histogram counted
+// straight from them, the few pixels the traces visit decoded one by one.
+int MeasureTestFrame(const DibBlock &block, int resolution, double *horizontal, double *vertical) {
+    std::uint32_t count[256];
+    if (resolution <= 0 || !PageInkHistogram(block, count)) return -1;
+    const PixelInks inks(block);
+    if (inks.width <= 0 || inks.height <= 0) return -1;
+    return Measure(inks, RidlerCalvardThreshold(count), resolution, horizontal, vertical);
 }
 
 }  // namespace quarvel::skew

@@ -1,11 +1,14 @@
-// The analysis raster: a private copy of the caller's block (DibBlock) and
+// The analysis raster: the caller's block read in place or copied (DibBlock) and
 // its decoding into ink values (PageRaster), one byte per pixel, top row
 // first. Stored rows are bottom-up, so stored row j lands in raster row
 // h - 1 - j. Indexed pages look their colour up in the table (so a 1-bit page
 // loads the same whichever order its two colours are in); 16-bit pixels are
 // 5-5-5; the fourth byte of a 32-bit pixel is ignored.
+#include <algorithm>
+#include <array>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include "frame/dib.h"
 #include "skew/skew.h"
@@ -28,30 +31,38 @@ void ByteBuffer::Free() {
 
 void DibBlock::CopyFrom(HGLOBAL h) {
     copy_.Free();
+    view_ = nullptr;
     BlockLock lock(h);
     if (!lock || lock.size() == 0 || lock.size() > UINT32_MAX) return;
     if (copy_.Allocate(static_cast<std::uint32_t>(lock.size()))) std::memcpy(copy_.data(), lock.data(), lock.size());
 }
 
+void DibBlock::View(const void *bytes, std::uint32_t size) {
+    copy_.Free();
+    view_ = size != 0 ? static_cast<const std::uint8_t *>(bytes) : nullptr;
+    viewSize_ = view_ != nullptr ? size : 0;
+}
+
 void DibBlock::CopyFrom(const void *bytes, std::uint32_t size) {
     copy_.Free();
+    view_ = nullptr;
     if (bytes == nullptr || size == 0) return;
     if (copy_.Allocate(size)) std::memcpy(copy_.data(), bytes, size);
 }
 
 const BITMAPINFOHEADER *DibBlock::header() const {
-    return copy_.size() >= kHeaderSize ? reinterpret_cast<const BITMAPINFOHEADER *>(copy_.data()) : nullptr;
+    return Size() >= kHeaderSize ? reinterpret_cast<const BITMAPINFOHEADER *>(Data()) : nullptr;
 }
 
 bool DibBlock::Readable() const {
     const BITMAPINFOHEADER *hd = header();
-    if (hd == nullptr || hd->biSize < kHeaderSize || hd->biSize > copy_.size()) return false;
+    if (hd == nullptr || hd->biSize < kHeaderSize || hd->biSize > Size()) return false;
     if (hd->biWidth <= 0 || hd->biHeight <= 0 || hd->biCompression != 0) return false;
     const std::uint64_t pixels = static_cast<std::uint64_t>(hd->biWidth) * static_cast<std::uint64_t>(hd->biHeight);
     if (pixels > INT32_MAX) return false;
     const std::uint64_t rows = DibRowStride64(hd->biWidth, hd->biBitCount) * static_cast<std::uint64_t>(hd->biHeight);
     const std::uint64_t need = hd->biSize + 4ull * GetColorCount() + rows;
-    return need <= copy_.size();
+    return need <= Size();
 }
 
 void DibBlock::GetSize(std::int32_t *width, std::int32_t *height) const {
@@ -81,12 +92,12 @@ std::uint32_t DibBlock::GetColorCount() const {
 
 const RGBQUAD *DibBlock::GetColorTable() const {
     const BITMAPINFOHEADER *hd = header();
-    return hd != nullptr ? reinterpret_cast<const RGBQUAD *>(copy_.data() + hd->biSize) : nullptr;
+    return hd != nullptr ? reinterpret_cast<const RGBQUAD *>(Data() + hd->biSize) : nullptr;
 }
 
 const std::uint8_t *DibBlock::GetBits() const {
     const BITMAPINFOHEADER *hd = header();
-    return hd != nullptr ? copy_.data() + hd->biSize + 4u * GetColorCount() : nullptr;
+    return hd != nullptr ? Data() + hd->biSize + 4u * GetColorCount() : nullptr;
 }
 
 bool PageRaster::Resize(std::int32_t w, std::int32_t h) {
@@ -118,6 +129,55 @@ void TableInks(const DibBlock &block, int bits, std::uint8_t *inks) {
 
 }  // namespace
 
+namespace {
+
+// Ink tables of a page: by (B + G + R) without a division per pixel, and by
+// colour-table index.
+struct InkTables {
+    // The ink of one (B + G + R) sum, as bySum holds it.
+    struct Sum {
+        std::uint8_t operator()(unsigned s) const { return static_cast<std::uint8_t>(255 - s / 3); }
+    };
+    std::uint8_t bySum[766];
+    std::uint8_t inks[256];
+    InkTables(const DibBlock &block, int bits) {
+        for (unsigned s = 0; s < 766; ++s) bySum[s] = static_cast<std::uint8_t>(255 - s / 3);
+        if (bits == 1 || bits == 4 || bits == 8) TableInks(block, bits, inks);
+    }
+};
+
+// Decodes the first w pixels of one stored row into ink values.
+void DecodeRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bits, const InkTables &t) {
+    switch (bits) {
+    case 1:
+        for (int i = 0; i < w; ++i) dst[i] = t.inks[(src[i >> 3] >> (7 - (i & 7))) & 1];
+        break;
+    case 4:
+        for (int i = 0; i < w; ++i) dst[i] = t.inks[(i & 1) ? (src[i >> 1] & 0x0F) : (src[i >> 1] >> 4)];
+        break;
+    case 8:
+        for (int i = 0; i < w; ++i) dst[i] = t.inks[src[i]];
+        break;
+    case 16:
+        for (int i = 0; i < w; ++i) {
+            const unsigned word = src[2 * i] | (src[2 * i + 1] << 8);
+            dst[i] = t.bySum[(word & 0x1F) * 8 + ((word >> 5) & 0x1F) * 8 + ((word >> 10) & 0x1F) * 8];
+        }
+        break;
+    case 24:
+        for (int i = 0; i < w; ++i, src += 3) dst[i] = t.bySum[src[0] + src[1] + src[2]];
+        break;
+    case 32:
+        for (int i = 0; i < w; ++i, src += 4) dst[i] = t.bySum[src[0] + src[1] + src[2]];
+        break;
+    default:  // a depth without a decoding reads as blank paper
+        std::memset(dst, 0, static_cast<std::size_t>(w));
+        break;
+    }
+}
+
+}  // namespace
+
 void LoadPageRaster(PageRaster &raster, const DibBlock &block) {
     if (!block.Readable()) {
         raster.Resize(0, 0);
@@ -129,43 +189,171 @@ void LoadPageRaster(PageRaster &raster, const DibBlock &block) {
     const int bits = block.GetBitCount();
     const std::size_t stride = DibRowStride(w, bits);
     const std::uint8_t *rows = block.GetBits();
+    const InkTables tables(block, bits);
+    for (int j = 0; j < h; ++j) {
+        DecodeRow(rows + static_cast<std::size_t>(j) * stride,
+                  raster.data() + static_cast<std::size_t>(h - 1 - j) * static_cast<std::size_t>(w), w, bits, tables);
+    }
+}
 
-    // Ink by (B + G + R) without a division per pixel.
+// Raster row r is stored row h - 1 - r. Each group of k raster rows is
+// decoded one row at a time straight into sums down the columns;
+// the column sums are then summed across each block of k columns.
+bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k) {
+    if (!block.Readable() || k <= 0) return false;
+    std::int32_t w = 0, h = 0;
+    block.GetSize(&w, &h);
+    const int rw = w / k, rh = h / k;
+    if (!target.Resize(rw, rh)) return false;
+    if (rw <= 0 || rh <= 0) return true;
+    const int bits = block.GetBitCount();
+    const std::size_t stride = DibRowStride(w, bits);
+    const std::uint8_t *rows = block.GetBits();
+    const InkTables tables(block, bits);
+    const int used = rw * k;
+    std::vector<std::uint8_t> line(static_cast<std::size_t>(w));
+    std::vector<std::uint32_t> columns(static_cast<std::size_t>(used));
+    const unsigned area = static_cast<unsigned>(k) * static_cast<unsigned>(k);
+    for (int j = 0; j < rh; ++j) {
+        std::fill(columns.begin(), columns.end(), 0u);
+        for (int dy = 0; dy < k; ++dy) {
+            const int stored = h - 1 - (j * k + dy);
+            const std::uint8_t *src = rows + static_cast<std::size_t>(stored) * stride;
+            std::uint32_t *col = columns.data();
+            switch (bits) {
+            case 1:
+                for (int x = 0; x < used; ++x) col[x] += tables.inks[(src[x >> 3] >> (7 - (x & 7))) & 1];
+                break;
+            case 8:
+                for (int x = 0; x < used; ++x) col[x] += tables.inks[src[x]];
+                break;
+            case 24:
+                for (int x = 0; x < used; ++x, src += 3) col[x] += tables.bySum[src[0] + src[1] + src[2]];
+                break;
+            case 32:
+                for (int x = 0; x < used; ++x, src += 4) col[x] += tables.bySum[src[0] + src[1] + src[2]];
+                break;
+            default:
+                DecodeRow(src, line.data(), used, bits, tables);
+                for (int x = 0; x < used; ++x) col[x] += line[x];
+                break;
+            }
+        }
+        std::uint8_t *out = target.data() + static_cast<std::size_t>(j) * static_cast<std::size_t>(rw);
+        for (int i = 0; i < rw; ++i) {
+            std::uint32_t s = 0;
+            for (int dx = 0; dx < k; ++dx) s += columns[static_cast<std::size_t>(i) * k + dx];
+            out[i] = static_cast<std::uint8_t>(s / area);
+        }
+    }
+    return true;
+}
+
+PixelInks::PixelInks(const DibBlock &block) {
+    if (!block.Readable()) return;
+    block.GetSize(&width, &height);
+    bits_ = block.GetBitCount();
+    stride_ = DibRowStride(width, bits_);
+    rows_ = block.GetBits();
+    if (bits_ == 1 || bits_ == 4 || bits_ == 8) TableInks(block, bits_, inks_);
+}
+
+std::uint8_t PixelInks::at(int x, int y) const {
+    const std::uint8_t *src = rows_ + static_cast<std::size_t>(height - 1 - y) * stride_;
+    std::uint8_t ink = 0;
+    InkTables::Sum sum;
+    switch (bits_) {
+    case 1: ink = inks_[(src[x >> 3] >> (7 - (x & 7))) & 1]; break;
+    case 4: ink = inks_[(x & 1) ? (src[x >> 1] & 0x0F) : (src[x >> 1] >> 4)]; break;
+    case 8: ink = inks_[src[x]]; break;
+    case 16: {
+        const unsigned word = src[2 * x] | (src[2 * x + 1] << 8);
+        ink = sum((word & 0x1F) * 8 + ((word >> 5) & 0x1F) * 8 + ((word >> 10) & 0x1F) * 8);
+        break;
+    }
+    case 24: ink = sum(src[3 * x] + src[3 * x + 1] + src[3 * x + 2]); break;
+    case 32: ink = sum(src[4 * x] + src[4 * x + 1] + src[4 * x + 2]); break;
+    default: break;
+    }
+    return ink;
+}
+
+// Counts per depth: 1-bit rows by population count, indexed rows by index
+// (then folded through the table's inks), colour pixels by their ink.
+bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
+    std::memset(count, 0, 256 * sizeof count[0]);
+    if (!block.Readable()) return false;
+    std::int32_t w = 0, h = 0;
+    block.GetSize(&w, &h);
+    const int bits = block.GetBitCount();
+    const std::size_t stride = DibRowStride(w, bits);
+    const std::uint8_t *rows = block.GetBits();
     std::uint8_t bySum[766];
     for (unsigned s = 0; s < 766; ++s) bySum[s] = static_cast<std::uint8_t>(255 - s / 3);
     std::uint8_t inks[256];
     if (bits == 1 || bits == 4 || bits == 8) TableInks(block, bits, inks);
-
+    std::uint32_t raw[4][256] = {};
+    // Colour pixels are counted by their (B + G + R) sum, folded into inks
+    // at the end.
+    std::vector<std::array<std::uint32_t, 766>> sums(bits == 24 || bits == 32 ? 2 : 0);
+    for (auto &s : sums) s.fill(0);
     for (int j = 0; j < h; ++j) {
         const std::uint8_t *src = rows + static_cast<std::size_t>(j) * stride;
-        std::uint8_t *dst = raster.data() + static_cast<std::size_t>(h - 1 - j) * static_cast<std::size_t>(w);
         switch (bits) {
-        case 1:
-            for (int i = 0; i < w; ++i) dst[i] = inks[(src[i >> 3] >> (7 - (i & 7))) & 1];
+        case 1: {
+            std::uint32_t ones = 0;
+            const int whole = w >> 3;
+            int i = 0;
+            for (; i + 8 <= whole; i += 8) {
+                std::uint64_t word;
+                std::memcpy(&word, src + i, 8);
+                ones += static_cast<std::uint32_t>(__builtin_popcountll(word));
+            }
+            for (; i < whole; ++i) ones += static_cast<std::uint32_t>(__builtin_popcount(src[i]));
+            if (w & 7) ones += static_cast<std::uint32_t>(__builtin_popcount(src[whole] & (0xFF00u >> (w & 7)) & 0xFFu));
+            raw[0][1] += ones;
+            raw[0][0] += static_cast<std::uint32_t>(w) - ones;
             break;
+        }
         case 4:
-            for (int i = 0; i < w; ++i) dst[i] = inks[(i & 1) ? (src[i >> 1] & 0x0F) : (src[i >> 1] >> 4)];
+            for (int i = 0; i < w; ++i) ++raw[i & 3][(i & 1) ? (src[i >> 1] & 0x0F) : (src[i >> 1] >> 4)];
             break;
-        case 8:
-            for (int i = 0; i < w; ++i) dst[i] = inks[src[i]];
+        case 8: {
+            int i = 0;
+            for (; i + 4 <= w; i += 4) ++raw[0][src[i]], ++raw[1][src[i + 1]], ++raw[2][src[i + 2]], ++raw[3][src[i + 3]];
+            for (; i < w; ++i) ++raw[0][src[i]];
             break;
+        }
         case 16:
             for (int i = 0; i < w; ++i) {
                 const unsigned word = src[2 * i] | (src[2 * i + 1] << 8);
-                dst[i] = bySum[(word & 0x1F) * 8 + ((word >> 5) & 0x1F) * 8 + ((word >> 10) & 0x1F) * 8];
+                ++count[bySum[(word & 0x1F) * 8 + ((word >> 5) & 0x1F) * 8 + ((word >> 10) & 0x1F) * 8]];
             }
             break;
         case 24:
-            for (int i = 0; i < w; ++i, src += 3) dst[i] = bySum[src[0] + src[1] + src[2]];
+        case 32: {
+            const int step = bits / 8;
+            int i = 0;
+            for (; i + 2 <= w; i += 2, src += 2 * step) {
+                ++sums[0][src[0] + src[1] + src[2]];
+                ++sums[1][src[step] + src[step + 1] + src[step + 2]];
+            }
+            if (i < w) ++sums[0][src[0] + src[1] + src[2]];
             break;
-        case 32:
-            for (int i = 0; i < w; ++i, src += 4) dst[i] = bySum[src[0] + src[1] + src[2]];
-            break;
-        default:  // a depth without a decoding reads as blank paper
-            std::memset(dst, 0, static_cast<std::size_t>(w));
+        }
+        default:
+            count[0] += static_cast<std::uint32_t>(w);
             break;
         }
     }
+    for (const auto &s : sums)
+        for (unsigned v = 0; v < 766; ++v) count[bySum[v]] += s[v];
+    const bool indexed = bits == 1 || bits == 4 || bits == 8;
+    for (int v = 0; v < 256; ++v) {
+        const std::uint32_t n = raw[0][v] + raw[1][v] + raw[2][v] + raw[3][v];
+        count[indexed ? inks[v] : v] += n;
+    }
+    return true;
 }
 
 }  // namespace quarvel::skew

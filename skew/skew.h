@@ -49,6 +49,9 @@ public:
     // Takes a copy of `size` bytes at `bytes` (for callers holding a page in
     // memory already).
     void CopyFrom(const void *bytes, std::uint32_t size);
+    // Reads `size` bytes at `bytes` in place, without a copy; they must stay
+    // valid and unchanged while this block is used.
+    void View(const void *bytes, std::uint32_t size);
 
     // True when the copy holds a page this family can decode without reading
     // past its end: a header of at least 40 bytes, width and height above 0
@@ -71,7 +74,11 @@ public:
 
 private:
     const BITMAPINFOHEADER *header() const;
+    const std::uint8_t *Data() const { return view_ != nullptr ? view_ : copy_.data(); }
+    std::uint32_t Size() const { return view_ != nullptr ? viewSize_ : copy_.size(); }
     ByteBuffer copy_;
+    const std::uint8_t *view_ = nullptr;
+    std::uint32_t viewSize_ = 0;
 };
 
 // One ink byte per pixel; pixel (x, y) is byte y * width + x, y = 0 at the top.
@@ -93,12 +100,38 @@ public:
 // that is not Readable() gives an empty raster; a depth other than 1, 4, 8,
 // 16, 24 or 32 gives a raster of the page's size that reads as white.
 void LoadPageRaster(PageRaster &raster, const DibBlock &block);
+// The raster ReduceRaster(target, raster, whole, k, k) would make of the
+// loaded raster, made in one pass over the block's rows without the
+// full-size raster; false when the block is not Readable() or the target
+// cannot be allocated.
+bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k);
+// Single ink values of a Readable() block, as the loaded raster would hold
+// them: at(x, y) with y = 0 at the top.
+class PixelInks {
+public:
+    explicit PixelInks(const DibBlock &block);
+    std::uint8_t at(int x, int y) const;
+    std::int32_t width = 0, height = 0;
+
+private:
+    const std::uint8_t *rows_ = nullptr;
+    std::size_t stride_ = 0;
+    int bits_ = 0;
+    std::uint8_t inks_[256] = {};
+};
+
+// The histogram of the ink values LoadPageRaster would give, counted straight
+// from the block's rows; false when the block is not Readable().
+bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]);
 
 // Region in raster coordinates; an empty rectangle means the whole raster.
 // Otsu's maximum between-class variance: ink values 0..k are the light class.
 std::uint8_t OtsuThreshold(const PageRaster &raster, RECT region);
 // Ridler and Calvard's iterative selection; 128 for a region without pixels.
 std::uint8_t RidlerCalvardThreshold(const PageRaster &raster, RECT region);
+// The same from a histogram of `pixels` values.
+std::uint8_t OtsuThreshold(const std::uint32_t count[256], double pixels);
+std::uint8_t RidlerCalvardThreshold(const std::uint32_t count[256]);
 
 // Block averages of bw x bh source pixels over the region.
 void ReduceRaster(PageRaster &target, const PageRaster &source, RECT region, int bw, int bh);
@@ -117,6 +150,8 @@ void FindSkewAngle(PageRaster &raster, double *result, bool prepare);
 // -1 (outputs untouched) when no frame is found or the resolution is not
 // positive.
 int MeasureTestFrame(const PageRaster &raster, int resolution, double *horizontal, double *vertical);
+// The same straight from a Readable() block, without a raster.
+int MeasureTestFrame(const DibBlock &block, int resolution, double *horizontal, double *vertical);
 
 // The exports' bodies.
 unsigned GetBinaryThresholdByOtsu(HGLOBAL h);

@@ -37,7 +37,10 @@ std::uint8_t OtsuThreshold(const PageRaster &raster, RECT region) {
     const RECT r = EffectiveRegion(raster, region);
     std::uint32_t count[256];
     Histogram(raster, r, count);
-    const double n = static_cast<double>(r.bottom - r.top) * static_cast<double>(r.right - r.left);
+    return OtsuThreshold(count, static_cast<double>(r.bottom - r.top) * static_cast<double>(r.right - r.left));
+}
+
+std::uint8_t OtsuThreshold(const std::uint32_t count[256], double n) {
     if (n <= 0) return 0;
 
     double p[256], omega[256], mu[256];
@@ -69,6 +72,10 @@ std::uint8_t RidlerCalvardThreshold(const PageRaster &raster, RECT region) {
     const RECT r = EffectiveRegion(raster, region);
     std::uint32_t count[256];
     Histogram(raster, r, count);
+    return RidlerCalvardThreshold(count);
+}
+
+std::uint8_t RidlerCalvardThreshold(const std::uint32_t count[256]) {
     double s0 = 0, s1 = 0;
     for (int i = 0; i < 256; ++i) {
         s0 += count[i];

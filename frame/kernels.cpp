@@ -1,0 +1,278 @@
+// Row kernels (see kernels.h). Pixel reversal works on 32-byte AVX2 blocks
+// where the processor has them (chosen at run time), else 16-byte SSE2 blocks:
+// 8-bit pixels are reversed by swapping dwords, then words, then the bytes of
+// each word; 32-bit pixels by one dword shuffle; 24-bit pixels, five at a time,
+// by one SSSE3 byte shuffle chosen at run time (the plain loop otherwise).
+// 1-bit rows are reversed 64 bits at a time (byte swap, then the bits of each
+// byte by three mask-and-shift steps) into a scratch row, which is then
+// shifted left by the row's unused tail bits into place. Table lookups run
+// eight bytes per step through one 64-bit load and store; brightness alone is
+// an SSE2 saturating add or subtract, 16 bytes a step. Colour to gray is
+// exact integer arithmetic.
+#include "frame/kernels.h"
+
+#include <emmintrin.h>
+#include <immintrin.h>
+#include <tmmintrin.h>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "frame/bits.h"
+
+namespace quarvel::kernels {
+
+namespace plain {
+
+void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp) {
+    for (int i = 0; i < n; ++i)
+        for (int c = 0; c < bpp; ++c) dst[i * bpp + c] = src[(n - 1 - i) * bpp + c];
+}
+
+void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w) {
+    for (int i = 0; i < w; ++i) bits::Set(dst, i, bits::Get(src, w - 1 - i));
+}
+
+void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]) {
+    for (std::size_t i = 0; i < n; ++i) dst[i] = table[src[i]];
+}
+
+void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]) {
+    for (std::size_t i = 0; i < 4 * n; ++i) dst[i] = (i & 3) == 3 ? src[i] : table[src[i]];
+}
+
+void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta) {
+    for (int x = 0; x < n; ++x, src += bpp) {
+        const int b = src[0], g = src[1], r = src[2];
+        const bool red = redDelta > 0 && r >= 60 && r - std::max(g, b) >= redDelta;
+        const bool blue = !red && blueDelta > 0 && b >= 60 && b - std::max(g, r) >= blueDelta;
+        dst[x] = red || blue ? 0 : static_cast<std::uint8_t>(0.072169 * b + 0.715160 * g + 0.212671 * r + 0.5);
+    }
+}
+
+void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth) {
+    for (std::size_t i = 0; i < n; ++i) {
+        const long long v = static_cast<long long>(src[i]) + value;
+        dst[i] = keepFourth && (i & 3) == 3 ? src[i] : static_cast<std::uint8_t>(std::clamp(v, 0LL, 255LL));
+    }
+}
+
+void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold) {
+    int x = 0;
+    for (int j = 0; x < w; ++j) {
+        unsigned b = 0;
+        const int n = std::min(8, w - x);
+        for (int k = 0; k < n; ++k) b |= (src[x + k] >= threshold ? 0x80u : 0u) >> k;
+        packed[j] = static_cast<std::uint8_t>(b);
+        x += n;
+    }
+}
+
+}  // namespace plain
+
+namespace {
+
+inline __m128i Reverse16(__m128i v) {
+    v = _mm_shuffle_epi32(v, _MM_SHUFFLE(0, 1, 2, 3));
+    v = _mm_shufflelo_epi16(v, _MM_SHUFFLE(2, 3, 0, 1));
+    v = _mm_shufflehi_epi16(v, _MM_SHUFFLE(2, 3, 0, 1));
+    return _mm_or_si128(_mm_slli_epi16(v, 8), _mm_srli_epi16(v, 8));
+}
+
+// Five 3-byte pixels reversed: the load starts one byte before the block, so
+// output byte k takes input byte 1 + 3 * (4 - k / 3) + k % 3; byte 15 is
+// overwritten by the next block.
+__attribute__((target("ssse3"))) int MirrorRow24Ssse3(const std::uint8_t *src, std::uint8_t *dst, int n) {
+    const __m128i order = _mm_setr_epi8(13, 14, 15, 10, 11, 12, 7, 8, 9, 4, 5, 6, 1, 2, 3, 0);
+    int i = 0;
+    for (; i + 6 <= n; i += 5) {
+        const int s0 = n - 5 - i;
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 3 * s0 - 1));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 3 * i), _mm_shuffle_epi8(v, order));
+    }
+    return i;
+}
+
+const bool kHasSsse3 = __builtin_cpu_supports("ssse3");
+const bool kHasAvx2 = __builtin_cpu_supports("avx2");
+bool useAvx2 = kHasAvx2;
+
+// 32 pixels of 1 byte or 8 of 4 bytes a step: bytes reversed within each
+// 16-byte lane, then the lanes swapped; or one dword permutation.
+__attribute__((target("avx2"))) int MirrorRowAvx2(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp) {
+    int i = 0;
+    if (bpp == 1) {
+        const __m256i order = _mm256_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0, 15, 14, 13, 12, 11, 10,
+                                               9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+        for (; i + 32 <= n; i += 32) {
+            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + n - 32 - i));
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i), _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, order), 0x4E));
+        }
+    } else {
+        const __m256i order = _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0);
+        for (; i + 8 <= n; i += 8) {
+            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + 4 * (n - 8 - i)));
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + 4 * i), _mm256_permutevar8x32_epi32(v, order));
+        }
+    }
+    return i;
+}
+
+inline std::uint64_t ReverseBits64(std::uint64_t v) {
+    v = __builtin_bswap64(v);
+    v = ((v >> 1) & 0x5555555555555555ull) | ((v & 0x5555555555555555ull) << 1);
+    v = ((v >> 2) & 0x3333333333333333ull) | ((v & 0x3333333333333333ull) << 2);
+    return ((v >> 4) & 0x0F0F0F0F0F0F0F0Full) | ((v & 0x0F0F0F0F0F0F0F0Full) << 4);
+}
+
+inline std::uint64_t Load64(const std::uint8_t *p) {
+    std::uint64_t v;
+    std::memcpy(&v, p, 8);
+    return v;
+}
+
+inline void Store64(std::uint8_t *p, std::uint64_t v) { std::memcpy(p, &v, 8); }
+
+}  // namespace
+
+// 16 levels a step: v >= t as max(v, t) == v, the byte mask's sign bits
+// gathered (first level in bit 0) and each byte's bits reversed.
+void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold) {
+    int x = 0;
+    if (threshold >= 1 && threshold <= 255) {
+        const __m128i t = _mm_set1_epi8(static_cast<char>(threshold));
+        for (; x + 16 <= w; x += 16) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + x));
+            const unsigned m = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(v, t), v)));
+            packed[x >> 3] = bits::kReverse[m & 0xFF];
+            packed[(x >> 3) + 1] = bits::kReverse[m >> 8];
+        }
+    }
+    plain::ThresholdToBits(src + x, packed + (x >> 3), w - x, threshold);
+}
+
+bool UseAvx2(bool on) {
+    const bool was = useAvx2;
+    useAvx2 = on && kHasAvx2;
+    return was;
+}
+
+void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp) {
+    int i = 0;
+    if ((bpp == 1 || bpp == 4) && useAvx2) {
+        i = MirrorRowAvx2(src, dst, n, bpp);
+        // The rest: the plain loop's pixels i.. of a row whose source ends
+        // n - i pixels in.
+        plain::MirrorRow(src, dst + i * bpp, n - i, bpp);
+        return;
+    }
+    if (bpp == 1) {
+        for (; i + 16 <= n; i += 16) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + n - 16 - i));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + i), Reverse16(v));
+        }
+    } else if (bpp == 4) {
+        for (; i + 4 <= n; i += 4) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 4 * (n - 4 - i)));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 4 * i), _mm_shuffle_epi32(v, _MM_SHUFFLE(0, 1, 2, 3)));
+        }
+    } else if (bpp == 3 && kHasSsse3) {
+        i = MirrorRow24Ssse3(src, dst, n);
+    }
+    // The pixels left: dst i.. from src n - 1 - i down to 0.
+    plain::MirrorRow(src, dst + i * bpp, n - i, bpp);
+}
+
+void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w) {
+    if (w <= 0) return;
+    const int nb = (w + 7) / 8;
+    const int pad = nb * 8 - w;
+    thread_local std::vector<std::uint8_t> scratch;
+    scratch.assign(static_cast<std::size_t>(nb) + 16, 0);
+    std::uint8_t *t = scratch.data();
+    // t byte j = bit-reversed src byte nb - 1 - j.
+    int j = 0;
+    for (; j + 8 <= nb; j += 8) Store64(t + j, ReverseBits64(Load64(src + nb - 8 - j)));
+    for (; j < nb; ++j) t[j] = bits::kReverse[src[nb - 1 - j]];
+    // dst byte j = t bits from j * 8 + pad on.
+    const int whole = w / 8;
+    j = 0;
+    if (pad == 0) {
+        std::memcpy(dst, t, static_cast<std::size_t>(whole));
+        j = whole;
+    } else {
+        for (; j + 8 <= whole; j += 8) {
+            const std::uint64_t hi = __builtin_bswap64(Load64(t + j));
+            const std::uint64_t v = (hi << pad) | (t[j + 8] >> (8 - pad));
+            Store64(dst + j, __builtin_bswap64(v));
+        }
+        for (; j < whole; ++j) dst[j] = static_cast<std::uint8_t>((t[j] << pad) | (t[j + 1] >> (8 - pad)));
+    }
+    if (j < nb) {
+        const std::uint8_t v = static_cast<std::uint8_t>((t[j] << pad) | (t[j + 1] >> (8 - pad)));
+        const std::uint8_t mask = static_cast<std::uint8_t>(0xFF00u >> (w & 7));
+        dst[j] = static_cast<std::uint8_t>((v & mask) | (dst[j] & ~mask));
+    }
+}
+
+// Integer gray: (892007 R + 2999598 G + 302699 B + 2097133) >> 22 gives the
+// rounded double sum of the plain form for every one of the 2^24 colours
+// (checked exhaustively by the kernel tests); the largest sum, 1.07e9, fits
+// in 32 bits.
+inline std::uint8_t Gray(unsigned b, unsigned g, unsigned r) {
+    return static_cast<std::uint8_t>((892007u * r + 2999598u * g + 302699u * b + 2097133u) >> 22);
+}
+
+void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta) {
+    if (redDelta <= 0 && blueDelta <= 0) {
+        for (int x = 0; x < n; ++x, src += bpp) dst[x] = Gray(src[0], src[1], src[2]);
+        return;
+    }
+    for (int x = 0; x < n; ++x, src += bpp) {
+        const int b = src[0], g = src[1], r = src[2];
+        const bool red = (redDelta > 0) & (r >= 60) & (r - std::max(g, b) >= redDelta);
+        const bool blue = (blueDelta > 0) & (b >= 60) & (b - std::max(g, r) >= blueDelta);
+        dst[x] = red | blue ? 0 : Gray(b, g, r);
+    }
+}
+
+// Saturating byte adds (or subtracts) of |value| clamped to 255, which
+// saturate exactly as the clamped sum does.
+void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth) {
+    const int amount = std::clamp(value, -255, 255);
+    const __m128i add = _mm_set1_epi8(static_cast<char>(amount > 0 ? amount : 0));
+    const __m128i sub = _mm_set1_epi8(static_cast<char>(amount < 0 ? -amount : 0));
+    const __m128i fourth = keepFourth ? _mm_set1_epi32(static_cast<int>(0xFF000000u)) : _mm_setzero_si128();
+    std::size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i));
+        const __m128i r = _mm_subs_epu8(_mm_adds_epu8(v, add), sub);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + i), _mm_or_si128(_mm_andnot_si128(fourth, r), _mm_and_si128(fourth, v)));
+    }
+    plain::AddSaturateRow(src + i, dst + i, n - i, value, keepFourth);
+}
+
+void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]) {
+    std::size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const std::uint64_t v = Load64(src + i);
+        std::uint64_t r = 0;
+        for (int k = 0; k < 8; ++k) r |= static_cast<std::uint64_t>(table[(v >> (8 * k)) & 0xFF]) << (8 * k);
+        Store64(dst + i, r);
+    }
+    plain::LookupRow(src + i, dst + i, n - i, table);
+}
+
+void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]) {
+    std::size_t i = 0;
+    for (; i + 2 <= n; i += 2) {
+        const std::uint64_t v = Load64(src + 4 * i);
+        std::uint64_t r = v & 0xFF000000FF000000ull;
+        for (int k : {0, 1, 2, 4, 5, 6}) r |= static_cast<std::uint64_t>(table[(v >> (8 * k)) & 0xFF]) << (8 * k);
+        Store64(dst + 4 * i, r);
+    }
+    plain::LookupRow32(src + 4 * i, dst + 4 * i, n - i, table);
+}
+
+}  // namespace quarvel::kernels

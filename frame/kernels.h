@@ -1,0 +1,56 @@
+// Row kernels for the copy-shaped passes: pixel reversal (Mirror), packed
+// 1-bit reversal, and a 256-entry table applied per byte (tone operations).
+// Each fast kernel has a plain twin in `plain`, the oracle its tests compare
+// against bit for bit.
+//
+// Contracts: a kernel reads exactly the source bytes of its pixels and writes
+// exactly the destination bytes of its pixels, except MirrorBits, which
+// writes the bytes holding bits [0, w) of the destination and leaves the bits
+// past w as they were. Source and destination never overlap.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace quarvel::kernels {
+
+// dst pixel i = src pixel n - 1 - i, pixels of `bpp` bytes (1, 3 or 4).
+void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp);
+// dst bit i = src bit w - 1 - i for i < w; rows start at bit 0, the leftmost
+// pixel in the most significant bit.
+void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w);
+// dst[i] = table[src[i]] for n bytes.
+void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
+// The same over n 4-byte pixels, the fourth byte copied unchanged.
+void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
+
+// Gray levels of n colour pixels of `bpp` bytes (3 or 4): 0.212671 R +
+// 0.715160 G + 0.072169 B rounded half up, as iplColorToGray gives them;
+// with redDelta or blueDelta above 0, a pixel whose red (blue) is at least 60
+// and exceeds both other channels by at least the delta is written as 0.
+void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta);
+
+// dst = src + value, saturated to 0..255, for n bytes; with `keepFourth`,
+// over 4-byte pixels whose fourth byte is copied unchanged (n counts bytes).
+void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth);
+
+// Packs w gray levels into (w + 7) / 8 bytes of bits, most significant
+// first: 1 where the level is at least `threshold`; bits past w are 0.
+void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold);
+
+// Turns the AVX2 kernels on (where the processor has AVX2) or off, so tests
+// can run the SSE2 ones on any machine; returns the previous setting. Not
+// for use while other threads run kernels.
+bool UseAvx2(bool on);
+
+namespace plain {
+void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold);
+void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth);
+void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta);
+void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp);
+void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w);
+void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
+void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
+}  // namespace plain
+
+}  // namespace quarvel::kernels
