@@ -3,9 +3,10 @@
 // 8-bit pixels are reversed by swapping dwords, then words, then the bytes of
 // each word; 32-bit pixels by one dword shuffle; 24-bit pixels, five at a time,
 // by one SSSE3 byte shuffle chosen at run time (the plain loop otherwise).
-// 1-bit rows are reversed 64 bits at a time (byte swap, then the bits of each
-// byte by three mask-and-shift steps) into a scratch row, which is then
-// shifted left by the row's unused tail bits into place. Table lookups run
+// 1-bit rows are reversed 16 bytes at a time (SSSE3: one byte shuffle, then
+// two nibble-table shuffles) or 64 bits at a time (byte swap, then three
+// mask-and-shift steps), straight into the result when the row has no
+// unused tail bits, else into a scratch row then shifted left by them. Table lookups run
 // eight bytes per step through one 64-bit load and store; brightness alone is
 // an SSE2 saturating add or subtract, 16 bytes a step. Colour to gray is
 // exact integer arithmetic.
@@ -134,6 +135,25 @@ inline std::uint64_t Load64(const std::uint8_t *p) {
 
 inline void Store64(std::uint8_t *p, std::uint64_t v) { std::memcpy(p, &v, 8); }
 
+// t byte j = bit-reversed src byte nb - 1 - j, 16 bytes a step: the byte
+// order reversed by one shuffle, then each byte's nibbles looked up in
+// 16-entry tables of their reversals and swapped. Returns the bytes done.
+__attribute__((target("ssse3"))) int ReverseBytesSsse3(const std::uint8_t *src, std::uint8_t *t, int nb) {
+    const __m128i order = _mm_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+    const __m128i toHigh = _mm_setr_epi8(0x00, 0x80, 0x40, 0xC0, 0x20, 0xA0, 0x60, 0xE0, 0x10, 0x90, 0x50, 0xD0, 0x30,
+                                         static_cast<char>(0xB0), 0x70, static_cast<char>(0xF0));
+    const __m128i toLow = _mm_setr_epi8(0x0, 0x8, 0x4, 0xC, 0x2, 0xA, 0x6, 0xE, 0x1, 0x9, 0x5, 0xD, 0x3, 0xB, 0x7, 0xF);
+    const __m128i nibble = _mm_set1_epi8(0x0F);
+    int j = 0;
+    for (; j + 16 <= nb; j += 16) {
+        const __m128i v = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(src + nb - 16 - j)), order);
+        const __m128i lo = _mm_shuffle_epi8(toHigh, _mm_and_si128(v, nibble));
+        const __m128i hi = _mm_shuffle_epi8(toLow, _mm_and_si128(_mm_srli_epi16(v, 4), nibble));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(t + j), _mm_or_si128(lo, hi));
+    }
+    return j;
+}
+
 }  // namespace
 
 // 16 levels a step: v >= t as max(v, t) == v, the byte mask's sign bits
@@ -188,27 +208,26 @@ void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w) {
     if (w <= 0) return;
     const int nb = (w + 7) / 8;
     const int pad = nb * 8 - w;
+    // With no unused tail bits the reversed bytes are the result; else they
+    // go to a scratch row and are shifted into place.
     thread_local std::vector<std::uint8_t> scratch;
-    scratch.assign(static_cast<std::size_t>(nb) + 16, 0);
-    std::uint8_t *t = scratch.data();
+    if (pad != 0 && scratch.size() < static_cast<std::size_t>(nb) + 1) scratch.resize(static_cast<std::size_t>(nb) + 1);
+    std::uint8_t *t = pad == 0 ? dst : scratch.data();
     // t byte j = bit-reversed src byte nb - 1 - j.
-    int j = 0;
+    int j = kHasSsse3 ? ReverseBytesSsse3(src, t, nb) : 0;
     for (; j + 8 <= nb; j += 8) Store64(t + j, ReverseBits64(Load64(src + nb - 8 - j)));
     for (; j < nb; ++j) t[j] = bits::kReverse[src[nb - 1 - j]];
+    if (pad == 0) return;
+    t[nb] = 0;
     // dst byte j = t bits from j * 8 + pad on.
     const int whole = w / 8;
     j = 0;
-    if (pad == 0) {
-        std::memcpy(dst, t, static_cast<std::size_t>(whole));
-        j = whole;
-    } else {
-        for (; j + 8 <= whole; j += 8) {
-            const std::uint64_t hi = __builtin_bswap64(Load64(t + j));
-            const std::uint64_t v = (hi << pad) | (t[j + 8] >> (8 - pad));
-            Store64(dst + j, __builtin_bswap64(v));
-        }
-        for (; j < whole; ++j) dst[j] = static_cast<std::uint8_t>((t[j] << pad) | (t[j + 1] >> (8 - pad)));
+    for (; j + 8 <= whole; j += 8) {
+        const std::uint64_t hi = __builtin_bswap64(Load64(t + j));
+        const std::uint64_t v = (hi << pad) | (t[j + 8] >> (8 - pad));
+        Store64(dst + j, __builtin_bswap64(v));
     }
+    for (; j < whole; ++j) dst[j] = static_cast<std::uint8_t>((t[j] << pad) | (t[j + 1] >> (8 - pad)));
     if (j < nb) {
         const std::uint8_t v = static_cast<std::uint8_t>((t[j] << pad) | (t[j + 1] >> (8 - pad)));
         const std::uint8_t mask = static_cast<std::uint8_t>(0xFF00u >> (w & 7));
