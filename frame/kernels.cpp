@@ -100,24 +100,34 @@ const bool kHasAvx2 = __builtin_cpu_supports("avx2");
 bool useAvx2 = kHasAvx2;
 
 // 32 pixels of 1 byte or 8 of 4 bytes a step: bytes reversed within each
-// 16-byte lane, then the lanes swapped; or one dword permutation.
-__attribute__((target("avx2"))) int MirrorRowAvx2(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp) {
-    int i = 0;
-    if (bpp == 1) {
+// 16-byte lane, then the lanes swapped; or one dword permutation. After the
+// first block the stores move to 32-byte boundaries of the destination (no
+// store splits a cache line), and the last block overlaps the one before it,
+// so a row of at least one block needs no plain tail. Returns the pixels done.
+template <int Bpp>
+__attribute__((target("avx2"))) inline void MirrorBlockAvx2(const std::uint8_t *src, std::uint8_t *dst, int n, int i) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + Bpp * (n - 32 / Bpp - i)));
+    __m256i r;
+    if constexpr (Bpp == 1) {
         const __m256i order = _mm256_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0, 15, 14, 13, 12, 11, 10,
                                                9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
-        for (; i + 32 <= n; i += 32) {
-            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + n - 32 - i));
-            _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i), _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, order), 0x4E));
-        }
+        r = _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, order), 0x4E);
     } else {
-        const __m256i order = _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0);
-        for (; i + 8 <= n; i += 8) {
-            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + 4 * (n - 8 - i)));
-            _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + 4 * i), _mm256_permutevar8x32_epi32(v, order));
-        }
+        r = _mm256_permutevar8x32_epi32(v, _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0));
     }
-    return i;
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + Bpp * i), r);
+}
+
+template <int Bpp>
+__attribute__((target("avx2"))) int MirrorRowAvx2(const std::uint8_t *src, std::uint8_t *dst, int n) {
+    constexpr int step = 32 / Bpp;
+    if (n < step) return 0;
+    MirrorBlockAvx2<Bpp>(src, dst, n, 0);
+    const int skew = static_cast<int>((0 - reinterpret_cast<std::uintptr_t>(dst)) & 31);
+    int i = skew != 0 && skew % Bpp == 0 ? skew / Bpp : step;
+    for (; i + step <= n; i += step) MirrorBlockAvx2<Bpp>(src, dst, n, i);
+    if (i < n) MirrorBlockAvx2<Bpp>(src, dst, n, n - step);
+    return n;
 }
 
 inline std::uint64_t ReverseBits64(std::uint64_t v) {
@@ -181,7 +191,7 @@ bool UseAvx2(bool on) {
 void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp) {
     int i = 0;
     if ((bpp == 1 || bpp == 4) && useAvx2) {
-        i = MirrorRowAvx2(src, dst, n, bpp);
+        i = bpp == 1 ? MirrorRowAvx2<1>(src, dst, n) : MirrorRowAvx2<4>(src, dst, n);
         // The rest: the plain loop's pixels i.. of a row whose source ends
         // n - i pixels in.
         plain::MirrorRow(src, dst + i * bpp, n - i, bpp);
