@@ -70,6 +70,13 @@ void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int t
     }
 }
 
+void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, std::uint8_t zero, std::uint8_t one) {
+    for (int x = 0; x < w; ++x, dst += bpp) {
+        const std::uint8_t v = bits::Get(src, x) ? one : zero;
+        for (int c = 0; c < bpp; ++c) dst[c] = c == 3 ? 255 : v;
+    }
+}
+
 }  // namespace plain
 
 namespace {
@@ -302,6 +309,32 @@ void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, cons
         Store64(dst + 4 * i, r);
     }
     plain::LookupRow32(src + 4 * i, dst + 4 * i, n - i, table);
+}
+
+// Eight pixels a step: each packed byte's pixels copied from a table of the
+// 256 byte values (2 K to 8 K), kept per thread for the last depth and levels.
+void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, std::uint8_t zero, std::uint8_t one) {
+    const int whole = w / 8;
+    if (whole < 64 || (bpp != 1 && bpp != 3 && bpp != 4)) {
+        plain::ExpandBitsRow(src, dst, w, bpp, zero, one);
+        return;
+    }
+    thread_local std::uint8_t table[256][32];
+    thread_local int built = -1;
+    const int key = bpp << 16 | zero << 8 | one;
+    if (built != key) {
+        for (int v = 0; v < 256; ++v) {
+            const std::uint8_t b = static_cast<std::uint8_t>(v);
+            plain::ExpandBitsRow(&b, table[v], 8, bpp, zero, one);
+        }
+        built = key;
+    }
+    switch (bpp) {
+        case 1: for (int j = 0; j < whole; ++j) std::memcpy(dst + 8 * j, table[src[j]], 8); break;
+        case 3: for (int j = 0; j < whole; ++j) std::memcpy(dst + 24 * j, table[src[j]], 24); break;
+        default: for (int j = 0; j < whole; ++j) std::memcpy(dst + 32 * j, table[src[j]], 32); break;
+    }
+    plain::ExpandBitsRow(src + whole, dst + static_cast<std::ptrdiff_t>(whole) * 8 * bpp, w - 8 * whole, bpp, zero, one);
 }
 
 }  // namespace quarvel::kernels

@@ -38,12 +38,18 @@ void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, i
 // first: 1 where the level is at least `threshold`; bits past w are 0.
 void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold);
 
+// w pixels of a packed 1-bit row (most significant bit first) written as
+// pixels of `bpp` bytes (1, 3 or 4): every colour byte `one` for a 1 bit and
+// `zero` for a 0 bit, the fourth byte of a 4-byte pixel 255.
+void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, std::uint8_t zero, std::uint8_t one);
+
 // Turns the AVX2 kernels on (where the processor has AVX2) or off, so tests
 // can run the SSE2 ones on any machine; returns the previous setting. Not
 // for use while other threads run kernels.
 bool UseAvx2(bool on);
 
 namespace plain {
+void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, std::uint8_t zero, std::uint8_t one);
 void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold);
 void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth);
 void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta);

@@ -54,7 +54,8 @@ ResultBlock ResultBlock::CopiedHeader(const LockedDib &in, bool pixelsWritten) {
     return out;
 }
 
-ResultBlock ResultBlock::Rewritten(const LockedDib &in, PixelFormat format, int width, int height, NewTable table) {
+ResultBlock ResultBlock::Rewritten(const LockedDib &in, PixelFormat format, int width, int height, NewTable table,
+                                   bool pixelsWritten) {
     ResultBlock out;
     if (table == NewTable::kKeep && !FormatOfBitCount(in.bitCount(), &format)) return out;
     ImagePtr probe = WrapRows(format, width, height, nullptr);
@@ -67,7 +68,17 @@ ResultBlock ResultBlock::Rewritten(const LockedDib &in, PixelFormat format, int 
         case NewTable::kGray: entries = 256; break;
     }
     const std::size_t imageSize = static_cast<std::size_t>(probe->imageSize);
-    if (!out.Open(kHeaderSize + 4 * entries + imageSize)) return out;
+    const std::size_t prefix = kHeaderSize + 4 * entries;
+    if (!out.Open(prefix + imageSize, !pixelsWritten)) return out;
+    if (pixelsWritten) {
+        // Zero the header and table before they are filled in, and each
+        // row's padding from the byte holding the last pixel's bits.
+        std::memset(out.data_, 0, prefix);
+        const std::size_t stride = static_cast<std::size_t>(probe->widthStep);
+        const std::size_t used = static_cast<std::size_t>(width) * static_cast<std::size_t>(Traits(format).bitCount) / 8;
+        if (used < stride)
+            for (int y = 0; y < height; ++y) std::memset(out.data_ + prefix + y * stride + used, 0, stride - used);
+    }
     std::memcpy(out.data_, in.block(), table == NewTable::kKeep ? in.prefixSize() : kHeaderSize);
     BITMAPINFOHEADER *h = out.header();
     h->biWidth = width;

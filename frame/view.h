@@ -32,8 +32,10 @@ public:
     static ResultBlock CopiedHeader(const LockedDib &in, bool pixelsWritten = false);
     // Rewritten-header form: the input's header with the new width, height
     // and biSizeImage; the colour table and depth that `table` says (the
-    // input's for kKeep, else those of `format`).
-    static ResultBlock Rewritten(const LockedDib &in, PixelFormat format, int width, int height, NewTable table);
+    // input's for kKeep, else those of `format`); rows zero-filled, or, with
+    // `pixelsWritten`, only their padding.
+    static ResultBlock Rewritten(const LockedDib &in, PixelFormat format, int width, int height, NewTable table,
+                                 bool pixelsWritten = false);
 
     ResultBlock(ResultBlock &&other) noexcept;
     ResultBlock &operator=(ResultBlock &&) = delete;

@@ -4,7 +4,8 @@
 // ConvertModeToGrayEx makes strongly red and strongly blue pixels of a colour
 // page black in its gray result, so coloured marks come out as dark as ink;
 // a 32-bit page is tested with its own 4-byte pixels. Colour pages go to
-// gray in one pass straight into the result block.
+// gray, and black-and-white pages to gray or colour, in one pass straight
+// into the result block.
 #include <algorithm>
 #include <vector>
 
@@ -20,7 +21,7 @@ namespace {
 // The converted image under a rewritten header with the table of its depth
 // and biClrUsed 0.
 HGLOBAL Emit(const LockedDib &in, const IplImage &image, NewTable table) {
-    ResultBlock out = ResultBlock::Rewritten(in, FormatOf(image), image.width, image.height, table);
+    ResultBlock out = ResultBlock::Rewritten(in, FormatOf(image), image.width, image.height, table, true);
     if (!out) return nullptr;
     iplCopy(const_cast<IplImage *>(&image), out.image());
     out.header()->biClrUsed = 0;
@@ -29,7 +30,7 @@ HGLOBAL Emit(const LockedDib &in, const IplImage &image, NewTable table) {
 
 // A colour page's gray result in one pass from its rows into the result block.
 HGLOBAL GrayOfColour(const LockedDib &in, int redDelta, int blueDelta) {
-    ResultBlock out = ResultBlock::Rewritten(in, PixelFormat::kGray, in.width(), in.height(), NewTable::kGray);
+    ResultBlock out = ResultBlock::Rewritten(in, PixelFormat::kGray, in.width(), in.height(), NewTable::kGray, true);
     if (!out) return nullptr;
     for (int y = 0; y < in.height(); ++y)
         kernels::ColourToGrayRow(in.row(y), RowOf(*out.image(), y), in.width(), in.bitCount() / 8, redDelta, blueDelta);
@@ -40,7 +41,7 @@ HGLOBAL GrayOfColour(const LockedDib &in, int redDelta, int blueDelta) {
 // A colour page to black and white a row at a time: gray levels into a
 // scratch row, thresholded straight into the result block's row.
 HGLOBAL BitsOfColour(const LockedDib &in, int threshold) {
-    ResultBlock out = ResultBlock::Rewritten(in, PixelFormat::kBitonal, in.width(), in.height(), NewTable::kBitonal);
+    ResultBlock out = ResultBlock::Rewritten(in, PixelFormat::kBitonal, in.width(), in.height(), NewTable::kBitonal, true);
     if (!out) return nullptr;
     std::vector<std::uint8_t> gray(static_cast<std::size_t>(in.width()));
     for (int y = 0; y < in.height(); ++y) {
@@ -55,13 +56,28 @@ HGLOBAL BitsOfColour(const LockedDib &in, int threshold) {
 // result block.
 HGLOBAL GrayConvertedInPlace(const LockedDib &in, IplImage *view, int mode, int threshold) {
     const PixelFormat format = mode == 1 ? PixelFormat::kBitonal : mode == 24 ? PixelFormat::kBgr : PixelFormat::kBgra;
-    ResultBlock out = ResultBlock::Rewritten(in, format, in.width(), in.height(), mode == 1 ? NewTable::kBitonal : NewTable::kNone);
+    ResultBlock out = ResultBlock::Rewritten(in, format, in.width(), in.height(), mode == 1 ? NewTable::kBitonal : NewTable::kNone, true);
     if (!out) return nullptr;
     if (mode == 1) {
         iplThreshold(view, out.image(), threshold);
     } else {
         iplGrayToColor(view, out.image(), 1.0f, 1.0f, 1.0f);
     }
+    out.header()->biClrUsed = 0;
+    return out.Release();
+}
+
+// A black-and-white page to gray or colour, its bits expanded to the levels
+// of its two table entries straight into the result block.
+HGLOBAL ExpandedBitonal(const LockedDib &in, int mode) {
+    const PixelFormat format = mode == 8 ? PixelFormat::kGray : mode == 24 ? PixelFormat::kBgr : PixelFormat::kBgra;
+    ResultBlock out = ResultBlock::Rewritten(in, format, in.width(), in.height(), mode == 8 ? NewTable::kGray : NewTable::kNone, true);
+    if (!out) return nullptr;
+    int zero, one;
+    BitonalScales(in.header(), &zero, &one);
+    const auto z = static_cast<std::uint8_t>(std::clamp(zero, 0, 255));
+    const auto o = static_cast<std::uint8_t>(std::clamp(one, 0, 255));
+    for (int y = 0; y < in.height(); ++y) kernels::ExpandBitsRow(in.row(y), RowOf(*out.image(), y), in.width(), mode / 8, z, o);
     out.header()->biClrUsed = 0;
     return out.Release();
 }
@@ -74,6 +90,7 @@ HGLOBAL ConvertMode(HGLOBAL hDib, int mode, int threshold) {
     if (!in.ok()) return nullptr;
     if (mode == 8 && in.bitCount() >= 24) return GrayOfColour(in, 0, 0);
     if (mode == 1 && in.bitCount() >= 24) return BitsOfColour(in, threshold);
+    if (mode != 1 && in.bitCount() == 1) return ExpandedBitonal(in, mode);
     ImagePtr view = DibToIplImage(in.header());
     if (!view) return nullptr;
     if (in.bitCount() == 8 && mode != 8) return GrayConvertedInPlace(in, view.get(), mode, threshold);

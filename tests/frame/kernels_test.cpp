@@ -59,6 +59,11 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
                 EXPECT_EQ(fast, slow) << "add " << value << " " << fourth;
             }
         }
+        for (int bpp : {1, 3, 4}) {
+            k::ExpandBitsRow(src.data(), fast.data() + 16, n, bpp, 37, 201);
+            k::plain::ExpandBitsRow(src.data(), slow.data() + 16, n, bpp, 37, 201);
+            EXPECT_EQ(fast, slow) << "expand " << bpp;
+        }
         for (int bpp : {3, 4}) {
             for (int delta : {0, 30}) {
                 k::ColourToGrayRow(src.data(), fast.data() + 16, n, bpp, delta, delta / 2);
