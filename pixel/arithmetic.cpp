@@ -41,13 +41,28 @@ bool ClipTogether(Rects &r, int w1, int h1, int w2, int h2) {
     return true;
 }
 
+// Copies the pixels of `from` that lie outside the stored-row rectangle
+// (x, y, w, h) into `to`, which has the same size and format.
+bool CopyOutside(IplImage *from, IplImage *to, int x, int y, int w, int h) {
+    const int pw = from->width, ph = from->height;
+    const int parts[4][4] = {{0, 0, pw, y}, {0, y + h, pw, ph - y - h}, {0, y, x, h}, {x + w, y, pw - x - w, h}};
+    for (const auto &p : parts) {
+        if (p[2] <= 0 || p[3] <= 0) continue;
+        RoiPtr roi(iplCreateROI(0, p[0], p[1], p[2], p[3]));
+        if (!roi) return false;
+        RoiScope a(from, roi.get()), b(to, roi.get());
+        iplCopy(from, to);
+    }
+    return true;
+}
+
 HGLOBAL Combine(HGLOBAL hDib1, HGLOBAL hDib2, Rects r, bool conjunction) {
     LockedDib page1(hDib1, kImageDepths), page2(hDib2, kImageDepths);
     if (!page1.ok() || !page2.ok() || page1.bitCount() != page2.bitCount()) return nullptr;
     ImagePtr view1 = DibToIplImage(page1.header()), view2 = DibToIplImage(page2.header());
     if (!view1 || !view2) return nullptr;
     ResultBlock out =
-        ResultBlock::Rewritten(page2, FormatOf(*view1), page1.width(), page1.height(), NewTable::kKeep);
+        ResultBlock::Rewritten(page2, FormatOf(*view1), page1.width(), page1.height(), NewTable::kKeep, true);
     if (!out) return nullptr;
     const bool any = ClipTogether(r, page1.width(), page1.height(), page2.width(), page2.height());
     RoiPtr roi1(any ? iplCreateROI(0, r.x1, page1.height() - r.y1 - r.h, r.w, r.h) : nullptr);
@@ -59,12 +74,16 @@ HGLOBAL Combine(HGLOBAL hDib1, HGLOBAL hDib2, Rects r, bool conjunction) {
             iplAnd(view1.get(), view2.get(), view1.get());  // page 1's own block changes
         }
         iplCopy(view1.get(), out.image());
-    } else {
+    } else if (!any) {
         iplCopy(view1.get(), out.image());
-        if (any) {
-            RoiScope a(out.image(), roi1.get()), b(view2.get(), roi2.get());
-            iplOr(out.image(), view2.get(), out.image());
+    } else {
+        // The rectangle's OR written straight into the result, page 1's
+        // pixels around it copied.
+        {
+            RoiScope a(view1.get(), roi1.get()), b(view2.get(), roi2.get()), c(out.image(), roi1.get());
+            iplOr(view1.get(), view2.get(), out.image());
         }
+        if (!CopyOutside(view1.get(), out.image(), r.x1, page1.height() - r.y1 - r.h, r.w, r.h)) return nullptr;
     }
     return out.Release();
 }
