@@ -77,6 +77,10 @@ void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, s
     }
 }
 
+void AndRowTwice(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth) {
+    for (std::size_t i = 0; i < n; ++i) a[i] = d[i] = keepFourth && (i & 3) == 3 ? a[i] : static_cast<std::uint8_t>(a[i] & b[i]);
+}
+
 }  // namespace plain
 
 namespace {
@@ -379,6 +383,19 @@ void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, s
         default: for (int j = 0; j < whole; ++j) std::memcpy(dst + 32 * j, table[src[j]], 32); break;
     }
     plain::ExpandBitsRow(src + whole, dst + static_cast<std::ptrdiff_t>(whole) * 8 * bpp, w - 8 * whole, bpp, zero, one);
+}
+
+// 16 bytes a step; the fourth bytes are kept by OR-ing ones into b's.
+void AndRowTwice(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth) {
+    const __m128i fourth = keepFourth ? _mm_set1_epi32(static_cast<int>(0xFF000000u)) : _mm_setzero_si128();
+    std::size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m128i v = _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(a + i)),
+                                        _mm_or_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(b + i)), fourth));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(a + i), v);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(d + i), v);
+    }
+    plain::AndRowTwice(a + i, b + i, d + i, n - i, keepFourth);
 }
 
 }  // namespace quarvel::kernels

@@ -43,12 +43,17 @@ void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int t
 // `zero` for a 0 bit, the fourth byte of a 4-byte pixel 255.
 void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, std::uint8_t zero, std::uint8_t one);
 
+// a[i] = d[i] = a[i] & b[i] for n bytes; with `keepFourth`, over 4-byte
+// pixels whose fourth byte keeps a's value. b may not overlap a or d.
+void AndRowTwice(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth);
+
 // Turns the AVX2 kernels on (where the processor has AVX2) or off, so tests
 // can run the SSE2 ones on any machine; returns the previous setting. Not
 // for use while other threads run kernels.
 bool UseAvx2(bool on);
 
 namespace plain {
+void AndRowTwice(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth);
 void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, std::uint8_t zero, std::uint8_t one);
 void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold);
 void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth);

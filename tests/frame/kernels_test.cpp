@@ -59,6 +59,14 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
                 EXPECT_EQ(fast, slow) << "add " << value << " " << fourth;
             }
         }
+        for (bool fourth : {false, true}) {
+            std::vector<std::uint8_t> a1 = src, a2 = src;
+            const std::vector<std::uint8_t> b = Noise(4 * n + 32, 9);
+            k::AndRowTwice(a1.data() + 16, b.data(), fast.data() + 16, 4 * static_cast<std::size_t>(n), fourth);
+            k::plain::AndRowTwice(a2.data() + 16, b.data(), slow.data() + 16, 4 * static_cast<std::size_t>(n), fourth);
+            EXPECT_EQ(fast, slow) << "and " << fourth;
+            EXPECT_EQ(a1, a2) << "and in place " << fourth;
+        }
         for (int bpp : {1, 3, 4}) {
             k::ExpandBitsRow(src.data(), fast.data() + 16, n, bpp, 37, 201);
             k::plain::ExpandBitsRow(src.data(), slow.data() + 16, n, bpp, 37, 201);
