@@ -41,12 +41,16 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
         k::MirrorBits(src.data() + 16, fast.data() + 16, n);
         k::plain::MirrorBits(src.data() + 16, slow.data() + 16, n);
         EXPECT_EQ(fast, slow) << "bits";
-        k::LookupRow(src.data(), fast.data() + 16, static_cast<std::size_t>(n), table);
-        k::plain::LookupRow(src.data(), slow.data() + 16, static_cast<std::size_t>(n), table);
-        EXPECT_EQ(fast, slow) << "lookup";
-        k::LookupRow32(src.data(), fast.data() + 16, static_cast<std::size_t>(n), table);
-        k::plain::LookupRow32(src.data(), slow.data() + 16, static_cast<std::size_t>(n), table);
-        EXPECT_EQ(fast, slow) << "lookup32";
+        for (bool avx2 : {true, false}) {
+            const bool was = k::UseAvx2(avx2);
+            k::LookupRow(src.data(), fast.data() + 16, static_cast<std::size_t>(n), table);
+            k::plain::LookupRow(src.data(), slow.data() + 16, static_cast<std::size_t>(n), table);
+            EXPECT_EQ(fast, slow) << "lookup avx2 " << avx2;
+            k::LookupRow32(src.data(), fast.data() + 16, static_cast<std::size_t>(n), table);
+            k::plain::LookupRow32(src.data(), slow.data() + 16, static_cast<std::size_t>(n), table);
+            EXPECT_EQ(fast, slow) << "lookup32 avx2 " << avx2;
+            k::UseAvx2(was);
+        }
         for (int t : {-5, 0, 1, 128, 255, 256}) {
             k::ThresholdToBits(src.data(), fast.data() + 16, n, t);
             k::plain::ThresholdToBits(src.data(), slow.data() + 16, n, t);
