@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "colour/colour.h"
+#include "frame/kernels.h"
 
 namespace quarvel::colour {
 
@@ -26,19 +27,9 @@ HGLOBAL DeColorize(HGLOBAL hDib, const RECT *rect, int redThreshold, int blueThr
         return out.Release();
     }
     const ColourRows rows = RowsOf(out.header());
-    for (int y = span.y0; y < span.y1; ++y) {
-        std::uint8_t *p = rows.row(y) + static_cast<std::size_t>(span.x0) * rows.bytesPerPixel;
-        for (int x = span.x0; x < span.x1; ++x, p += rows.bytesPerPixel) {
-            const int b = p[0], g = p[1], rr = p[2];
-            if (wholePage) {
-                if (redThreshold > 0 && rr >= 60 && rr - std::max(g, b) >= redThreshold) continue;
-                if (blueThreshold > 0 && b >= 60 && b - std::max(g, rr) >= blueThreshold) continue;
-                if (greenThreshold > 0 && g >= 60 && g - std::max(b, rr) >= greenThreshold) continue;
-            }
-            const auto v = static_cast<std::uint8_t>((b >> 2) + (g >> 1) + (rr >> 2));
-            p[0] = p[1] = p[2] = v;
-        }
-    }
+    for (int y = span.y0; y < span.y1; ++y)
+        kernels::DecolourRow(rows.row(y) + static_cast<std::size_t>(span.x0) * rows.bytesPerPixel, span.x1 - span.x0,
+                             rows.bytesPerPixel, wholePage, redThreshold, blueThreshold, greenThreshold);
     return out.Release();
 }
 

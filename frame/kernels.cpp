@@ -81,6 +81,18 @@ void AndRowTwice(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::s
     for (std::size_t i = 0; i < n; ++i) a[i] = d[i] = keepFourth && (i & 3) == 3 ? a[i] : static_cast<std::uint8_t>(a[i] & b[i]);
 }
 
+void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta, int blueDelta, int greenDelta) {
+    for (int x = 0; x < n; ++x, p += bpp) {
+        const int b = p[0], g = p[1], r = p[2];
+        if (keepDistinct) {
+            if (redDelta > 0 && r >= 60 && r - std::max(g, b) >= redDelta) continue;
+            if (blueDelta > 0 && b >= 60 && b - std::max(g, r) >= blueDelta) continue;
+            if (greenDelta > 0 && g >= 60 && g - std::max(b, r) >= greenDelta) continue;
+        }
+        p[0] = p[1] = p[2] = static_cast<std::uint8_t>((b >> 2) + (g >> 1) + (r >> 2));
+    }
+}
+
 }  // namespace plain
 
 namespace {
@@ -427,6 +439,74 @@ void AndRowTwice(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::s
         _mm_storeu_si128(reinterpret_cast<__m128i *>(d + i), v);
     }
     plain::AndRowTwice(a + i, b + i, d + i, n - i, keepFourth);
+}
+
+// Eight pixels a step, as the gray kernel spreads them: four pixels' channels
+// in the 32-bit lanes of each 128-bit half, the level and the keep tests
+// there, the level repeated into the three colour bytes and shuffled back to
+// pixel order, blended with the source where a pixel is kept. For 3-byte
+// pixels the halves overlap by four bytes; the upper half is stored last,
+// without the bytes past the eighth pixel.
+// Lanes where channel c is at least 60 and exceeds o1 and o2 by more than
+// delta, if `use`.
+__attribute__((target("avx2"))) inline __m256i Distinct(__m256i use, __m256i c, __m256i o1, __m256i o2, __m256i delta,
+                                                        __m256i floor59) {
+    return _mm256_and_si256(use, _mm256_and_si256(_mm256_cmpgt_epi32(c, floor59),
+                                                  _mm256_cmpgt_epi32(_mm256_sub_epi32(c, _mm256_max_epi32(o1, o2)), delta)));
+}
+
+__attribute__((target("avx2"))) int DecolourAvx2(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta,
+                                                 int blueDelta, int greenDelta) {
+    const int lane = 4 * bpp;
+    alignas(32) std::int8_t masks[4][32];
+    for (int i = 0; i < 32; ++i) {
+        const int j = i & 15;
+        for (int c = 0; c < 3; ++c) masks[c][i] = (i & 3) == 0 ? static_cast<std::int8_t>(bpp * (j >> 2) + c) : -1;
+        // Back to pixel order: byte j of the half from lane byte 4 (j / bpp) + j % bpp.
+        masks[3][i] = j < lane && j % bpp < 3 ? static_cast<std::int8_t>(4 * (j / bpp) + j % bpp) : -1;
+    }
+    const __m256i mb = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[0]));
+    const __m256i mg = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
+    const __m256i mr = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
+    const __m256i back = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[3]));
+    // Bytes the shuffle back leaves empty (the fourth byte, the overlap) keep the source.
+    const __m256i untouched = _mm256_cmpgt_epi8(_mm256_setzero_si256(), back);
+    const __m256i floor59 = _mm256_set1_epi32(59), repeat = _mm256_set1_epi32(0x010101);
+    const __m256i rd = _mm256_set1_epi32(redDelta - 1), bd = _mm256_set1_epi32(blueDelta - 1), gd = _mm256_set1_epi32(greenDelta - 1);
+    const __m256i useRed = _mm256_set1_epi32(keepDistinct && redDelta > 0 ? -1 : 0);
+    const __m256i useBlue = _mm256_set1_epi32(keepDistinct && blueDelta > 0 ? -1 : 0);
+    const __m256i useGreen = _mm256_set1_epi32(keepDistinct && greenDelta > 0 ? -1 : 0);
+    int x = 0;
+    for (; (n - x) * bpp >= lane + 16; x += 8) {
+        std::uint8_t *q = p + static_cast<std::ptrdiff_t>(x) * bpp;
+        const __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
+                                                  _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + lane)), 1);
+        const __m256i b = _mm256_shuffle_epi8(v, mb), g = _mm256_shuffle_epi8(v, mg), r = _mm256_shuffle_epi8(v, mr);
+        const __m256i level = _mm256_add_epi32(_mm256_add_epi32(_mm256_srli_epi32(b, 2), _mm256_srli_epi32(g, 1)), _mm256_srli_epi32(r, 2));
+        const __m256i keep = _mm256_or_si256(
+            _mm256_or_si256(Distinct(useRed, r, g, b, rd, floor59), Distinct(useBlue, b, g, r, bd, floor59)),
+            Distinct(useGreen, g, b, r, gd, floor59));
+        const __m256i grayBytes = _mm256_shuffle_epi8(_mm256_mullo_epi32(level, repeat), back);
+        const __m256i keepBytes = _mm256_or_si256(_mm256_shuffle_epi8(keep, back), untouched);
+        const __m256i out = _mm256_blendv_epi8(grayBytes, v, keepBytes);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(q), _mm256_castsi256_si128(out));
+        const __m128i upper = _mm256_extracti128_si256(out, 1);
+        if (bpp == 4) {
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(q + lane), upper);
+        } else {
+            // Only the upper half's own 12 bytes: a store reaching into the
+            // next step's load would stall it.
+            _mm_storel_epi64(reinterpret_cast<__m128i *>(q + lane), upper);
+            const int last = _mm_extract_epi32(upper, 2);
+            std::memcpy(q + lane + 8, &last, 4);
+        }
+    }
+    return x;
+}
+
+void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta, int blueDelta, int greenDelta) {
+    const int done = useAvx2 && (bpp == 3 || bpp == 4) ? DecolourAvx2(p, n, bpp, keepDistinct, redDelta, blueDelta, greenDelta) : 0;
+    plain::DecolourRow(p + static_cast<std::ptrdiff_t>(done) * bpp, n - done, bpp, keepDistinct, redDelta, blueDelta, greenDelta);
 }
 
 }  // namespace quarvel::kernels

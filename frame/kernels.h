@@ -47,12 +47,19 @@ void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, s
 // pixels whose fourth byte keeps a's value. b may not overlap a or d.
 void AndRowTwice(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth);
 
+// In place over n colour pixels of `bpp` bytes (3 or 4): blue, green and red
+// become (B >> 2) + (G >> 1) + (R >> 2), except, with `keepDistinct`, a pixel
+// whose red (blue, green) is at least 60 and exceeds both other channels by
+// at least redDelta (blueDelta, greenDelta), when that delta is above 0.
+void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta, int blueDelta, int greenDelta);
+
 // Turns the AVX2 kernels on (where the processor has AVX2) or off, so tests
 // can run the SSE2 ones on any machine; returns the previous setting. Not
 // for use while other threads run kernels.
 bool UseAvx2(bool on);
 
 namespace plain {
+void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta, int blueDelta, int greenDelta);
 void AndRowTwice(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth);
 void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, std::uint8_t zero, std::uint8_t one);
 void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold);

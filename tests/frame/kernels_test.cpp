@@ -77,6 +77,14 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
             EXPECT_EQ(fast, slow) << "expand " << bpp;
         }
         for (int bpp : {3, 4}) {
+            for (bool keep : {false, true}) {
+                std::vector<std::uint8_t> a1 = src, a2 = src;
+                k::DecolourRow(a1.data() + 16, n, bpp, keep, 30, 0, 12);
+                k::plain::DecolourRow(a2.data() + 16, n, bpp, keep, 30, 0, 12);
+                EXPECT_EQ(a1, a2) << "decolour " << bpp << " " << keep;
+            }
+        }
+        for (int bpp : {3, 4}) {
             for (int delta : {0, 30}) {
                 k::ColourToGrayRow(src.data(), fast.data() + 16, n, bpp, delta, delta / 2);
                 k::plain::ColourToGrayRow(src.data(), slow.data() + 16, n, bpp, delta, delta / 2);
