@@ -5,9 +5,8 @@
 // excess over the larger other component at least colorDiff), relative red
 // (excess above R / 2, or above 50 for R below 100), strong blue (Ex only),
 // else gray.
-#include <algorithm>
-
 #include "colour/colour.h"
+#include "frame/kernels.h"
 
 namespace quarvel::colour {
 
@@ -21,22 +20,8 @@ HGLOBAL ConvertHongTou(HGLOBAL hColorDib, HGLOBAL hGrayDib, int colorDiff, int m
         return out.Release();
 
     const ColourRows rows = RowsOf(out.header());
-    for (int y = 0; y < rows.height; ++y) {
-        std::uint8_t *p = rows.row(y);
-        const std::uint8_t *g = gray.row(y);
-        for (int x = 0; x < rows.width; ++x, p += rows.bytesPerPixel) {
-            const int b = p[0], gr = p[1], r = p[2];
-            const int redExcess = r - std::max(gr, b);
-            const int t = r >= 100 ? r / 2 : 50;
-            if ((r >= minLevel && redExcess >= colorDiff) || redExcess > t) {
-                p[0] = 0, p[1] = 0, p[2] = 255;
-            } else if (keepBlue && b >= minLevel && b - std::max(gr, r) >= colorDiff) {
-                p[0] = 255, p[1] = 0, p[2] = 0;
-            } else {
-                p[0] = p[1] = p[2] = g[x];
-            }
-        }
-    }
+    for (int y = 0; y < rows.height; ++y)
+        kernels::RedMarksRow(rows.row(y), gray.row(y), rows.width, rows.bytesPerPixel, colorDiff, minLevel, keepBlue);
     return out.Release();
 }
 

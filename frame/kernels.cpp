@@ -93,6 +93,21 @@ void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelt
     }
 }
 
+void RedMarksRow(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int colorDiff, int minLevel, bool keepBlue) {
+    for (int x = 0; x < n; ++x, p += bpp) {
+        const int b = p[0], g = p[1], r = p[2];
+        const int redExcess = r - std::max(g, b);
+        const int t = r >= 100 ? r / 2 : 50;
+        if ((r >= minLevel && redExcess >= colorDiff) || redExcess > t) {
+            p[0] = 0, p[1] = 0, p[2] = 255;
+        } else if (keepBlue && b >= minLevel && b - std::max(g, r) >= colorDiff) {
+            p[0] = 255, p[1] = 0, p[2] = 0;
+        } else {
+            p[0] = p[1] = p[2] = gray[x];
+        }
+    }
+}
+
 }  // namespace plain
 
 namespace {
@@ -507,6 +522,59 @@ __attribute__((target("avx2"))) int DecolourAvx2(std::uint8_t *p, int n, int bpp
 void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta, int blueDelta, int greenDelta) {
     const int done = useAvx2 && (bpp == 3 || bpp == 4) ? DecolourAvx2(p, n, bpp, keepDistinct, redDelta, blueDelta, greenDelta) : 0;
     plain::DecolourRow(p + static_cast<std::ptrdiff_t>(done) * bpp, n - done, bpp, keepDistinct, redDelta, blueDelta, greenDelta);
+}
+
+// Eight pixels a step, laid out as in the decolouring kernel; the limits are
+// clamped to the range where they still decide (channels are 0..255).
+__attribute__((target("avx2"))) int RedMarksAvx2(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int colorDiff,
+                                                 int minLevel, bool keepBlue) {
+    const int lane = 4 * bpp;
+    alignas(32) std::int8_t masks[4][32];
+    for (int i = 0; i < 32; ++i) {
+        const int j = i & 15;
+        for (int c = 0; c < 3; ++c) masks[c][i] = (i & 3) == 0 ? static_cast<std::int8_t>(bpp * (j >> 2) + c) : -1;
+        masks[3][i] = j < lane && j % bpp < 3 ? static_cast<std::int8_t>(4 * (j / bpp) + j % bpp) : -1;
+    }
+    const __m256i mb = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[0]));
+    const __m256i mg = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
+    const __m256i mr = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
+    const __m256i back = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[3]));
+    const __m256i untouched = _mm256_cmpgt_epi8(_mm256_setzero_si256(), back);
+    const __m256i level = _mm256_set1_epi32(std::clamp(minLevel, 0, 256) - 1);
+    const __m256i diff = _mm256_set1_epi32(std::clamp(colorDiff, -256, 256) - 1);
+    const __m256i useBlue = _mm256_set1_epi32(keepBlue ? -1 : 0), c99 = _mm256_set1_epi32(99), c50 = _mm256_set1_epi32(50);
+    const __m256i pureRed = _mm256_set1_epi32(0x00FF0000), pureBlue = _mm256_set1_epi32(0x000000FF), repeat = _mm256_set1_epi32(0x010101);
+    int x = 0;
+    for (; (n - x) * bpp >= lane + 16; x += 8) {
+        std::uint8_t *q = p + static_cast<std::ptrdiff_t>(x) * bpp;
+        const __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
+                                                  _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + lane)), 1);
+        const __m256i b = _mm256_shuffle_epi8(v, mb), g = _mm256_shuffle_epi8(v, mg), r = _mm256_shuffle_epi8(v, mr);
+        const __m256i redExcess = _mm256_sub_epi32(r, _mm256_max_epi32(g, b));
+        const __m256i t = _mm256_blendv_epi8(c50, _mm256_srli_epi32(r, 1), _mm256_cmpgt_epi32(r, c99));
+        const __m256i red = _mm256_or_si256(_mm256_and_si256(_mm256_cmpgt_epi32(r, level), _mm256_cmpgt_epi32(redExcess, diff)),
+                                            _mm256_cmpgt_epi32(redExcess, t));
+        const __m256i blue = _mm256_and_si256(
+            useBlue, _mm256_and_si256(_mm256_cmpgt_epi32(b, level), _mm256_cmpgt_epi32(_mm256_sub_epi32(b, _mm256_max_epi32(g, r)), diff)));
+        const __m256i levels = _mm256_mullo_epi32(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(gray + x))), repeat);
+        const __m256i pixel = _mm256_blendv_epi8(_mm256_blendv_epi8(levels, pureBlue, blue), pureRed, red);
+        const __m256i out = _mm256_blendv_epi8(_mm256_shuffle_epi8(pixel, back), v, untouched);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(q), _mm256_castsi256_si128(out));
+        const __m128i upper = _mm256_extracti128_si256(out, 1);
+        if (bpp == 4) {
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(q + lane), upper);
+        } else {
+            _mm_storel_epi64(reinterpret_cast<__m128i *>(q + lane), upper);
+            const int last = _mm_extract_epi32(upper, 2);
+            std::memcpy(q + lane + 8, &last, 4);
+        }
+    }
+    return x;
+}
+
+void RedMarksRow(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int colorDiff, int minLevel, bool keepBlue) {
+    const int done = useAvx2 && (bpp == 3 || bpp == 4) ? RedMarksAvx2(p, gray, n, bpp, colorDiff, minLevel, keepBlue) : 0;
+    plain::RedMarksRow(p + static_cast<std::ptrdiff_t>(done) * bpp, gray + done, n - done, bpp, colorDiff, minLevel, keepBlue);
 }
 
 }  // namespace quarvel::kernels

@@ -53,12 +53,20 @@ void AndRowTwice(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::s
 // at least redDelta (blueDelta, greenDelta), when that delta is above 0.
 void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta, int blueDelta, int greenDelta);
 
+// In place over n colour pixels of `bpp` bytes (3 or 4), with the gray
+// levels `gray` of the same pixels: a red pixel (R >= minLevel and its excess
+// over the larger other channel >= colorDiff, or that excess above R / 2, or
+// above 50 for R below 100) becomes pure red; else, with keepBlue, a blue one
+// (the same first test for B) pure blue; every other pixel its gray level.
+void RedMarksRow(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int colorDiff, int minLevel, bool keepBlue);
+
 // Turns the AVX2 kernels on (where the processor has AVX2) or off, so tests
 // can run the SSE2 ones on any machine; returns the previous setting. Not
 // for use while other threads run kernels.
 bool UseAvx2(bool on);
 
 namespace plain {
+void RedMarksRow(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int colorDiff, int minLevel, bool keepBlue);
 void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta, int blueDelta, int greenDelta);
 void AndRowTwice(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth);
 void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, std::uint8_t zero, std::uint8_t one);

@@ -83,6 +83,12 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
                 k::plain::DecolourRow(a2.data() + 16, n, bpp, keep, 30, 0, 12);
                 EXPECT_EQ(a1, a2) << "decolour " << bpp << " " << keep;
             }
+            for (const auto &[diff, level] : {std::pair{40, 80}, {-300, -1}, {300, 1000}}) {
+                std::vector<std::uint8_t> a1 = src, a2 = src;
+                k::RedMarksRow(a1.data() + 16, src.data(), n, bpp, diff, level, diff < 100);
+                k::plain::RedMarksRow(a2.data() + 16, src.data(), n, bpp, diff, level, diff < 100);
+                EXPECT_EQ(a1, a2) << "red marks " << bpp << " " << diff;
+            }
         }
         for (int bpp : {3, 4}) {
             for (int delta : {0, 30}) {
