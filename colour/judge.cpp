@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "colour/colour.h"
+#include "frame/kernels.h"
 
 namespace quarvel::colour {
 
@@ -87,7 +88,10 @@ int PatchDensity(const LockedDib &in, int colorThreshold) {
         std::fill(mask, mask + w, 0);
         if (y < yFirst || y > yLast) return;
         const std::uint8_t *row = in.row(y), *next = in.row(y + 1), *prev = in.row(y - 1);
+        // Every distinctly coloured pixel spreads its channels by 40 or more.
+        const bool colour = in.bitCount() >= 24;
         for (int x = xFirst; x <= xLast; ++x) {
+            if (colour && (x = kernels::NextSpread(row, x, xLast + 1, in.bitCount() / 8, 40)) > xLast) break;
             const Bgr p = read(row, x);
             if (!DistinctlyColoured(p)) continue;
             const Bgr n = read(next, x), q = read(prev, x);

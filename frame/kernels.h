@@ -60,12 +60,17 @@ void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelt
 // (the same first test for B) pure blue; every other pixel its gray level.
 void RedMarksRow(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int colorDiff, int minLevel, bool keepBlue);
 
+// The first x in [from, to) whose colour pixel (`bpp` bytes, 3 or 4) has
+// max(B, G, R) - min(B, G, R) >= minSpread, or `to` when none has.
+int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread);
+
 // Turns the AVX2 kernels on (where the processor has AVX2) or off, so tests
 // can run the SSE2 ones on any machine; returns the previous setting. Not
 // for use while other threads run kernels.
 bool UseAvx2(bool on);
 
 namespace plain {
+int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread);
 void RedMarksRow(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int colorDiff, int minLevel, bool keepBlue);
 void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta, int blueDelta, int greenDelta);
 void AndRowTwice(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth);

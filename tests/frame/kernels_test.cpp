@@ -83,6 +83,11 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
                 k::plain::DecolourRow(a2.data() + 16, n, bpp, keep, 30, 0, 12);
                 EXPECT_EQ(a1, a2) << "decolour " << bpp << " " << keep;
             }
+            for (int spread : {0, 40, 200}) {
+                for (int from = 0; from < n; from += std::max(1, n / 5))
+                    EXPECT_EQ(k::NextSpread(src.data(), from, n, bpp, spread), k::plain::NextSpread(src.data(), from, n, bpp, spread))
+                        << "spread " << bpp << " " << spread << " " << from;
+            }
             for (const auto &[diff, level] : {std::pair{40, 80}, {-300, -1}, {300, 1000}}) {
                 std::vector<std::uint8_t> a1 = src, a2 = src;
                 k::RedMarksRow(a1.data() + 16, src.data(), n, bpp, diff, level, diff < 100);
