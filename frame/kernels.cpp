@@ -116,6 +116,12 @@ int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread
     return to;
 }
 
+int CountOnes(const std::uint8_t *row, int x, int n) {
+    int ones = 0;
+    for (int i = x; i < x + n; ++i) ones += bits::Get(row, i);
+    return ones;
+}
+
 }  // namespace plain
 
 namespace {
@@ -611,6 +617,19 @@ __attribute__((target("avx2"))) int NextSpreadAvx2(const std::uint8_t *row, int 
 int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread) {
     if (useAvx2 && (bpp == 3 || bpp == 4) && from < to) return NextSpreadAvx2(row, from, to, bpp, minSpread);
     return plain::NextSpread(row, from, to, bpp, minSpread);
+}
+
+// Whole bytes by population count, the partial first and last bytes masked.
+int CountOnes(const std::uint8_t *row, int x, int n) {
+    if (n <= 0) return 0;
+    const int first = x >> 3, last = (x + n - 1) >> 3;
+    const unsigned head = 0xFFu >> (x & 7), tail = 0xFF00u >> (((x + n - 1) & 7) + 1) & 0xFFu;
+    if (first == last) return __builtin_popcount(row[first] & head & tail);
+    int ones = __builtin_popcount(row[first] & head) + __builtin_popcount(row[last] & tail);
+    int j = first + 1;
+    for (; j + 8 <= last; j += 8) ones += __builtin_popcountll(Load64(row + j));
+    for (; j < last; ++j) ones += __builtin_popcount(row[j]);
+    return ones;
 }
 
 }  // namespace quarvel::kernels

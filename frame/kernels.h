@@ -64,12 +64,17 @@ void RedMarksRow(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int 
 // max(B, G, R) - min(B, G, R) >= minSpread, or `to` when none has.
 int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread);
 
+// The number of 1 bits among bits [x, x + n) of a packed row (most
+// significant bit first); n >= 0.
+int CountOnes(const std::uint8_t *row, int x, int n);
+
 // Turns the AVX2 kernels on (where the processor has AVX2) or off, so tests
 // can run the SSE2 ones on any machine; returns the previous setting. Not
 // for use while other threads run kernels.
 bool UseAvx2(bool on);
 
 namespace plain {
+int CountOnes(const std::uint8_t *row, int x, int n);
 int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread);
 void RedMarksRow(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int colorDiff, int minLevel, bool keepBlue);
 void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta, int blueDelta, int greenDelta);

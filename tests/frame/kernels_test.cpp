@@ -76,6 +76,13 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
             k::plain::ExpandBitsRow(src.data(), slow.data() + 16, n, bpp, 37, 201);
             EXPECT_EQ(fast, slow) << "expand " << bpp;
         }
+        for (int x : {0, 3, 8, 13}) {
+            for (int count : {0, 1, 5, 7, 8, 9, 70, n}) {
+                if (x + count <= 8 * n) {
+                    EXPECT_EQ(k::CountOnes(src.data(), x, count), k::plain::CountOnes(src.data(), x, count)) << "ones " << x << " " << count;
+                }
+            }
+        }
         for (int bpp : {3, 4}) {
             for (bool keep : {false, true}) {
                 std::vector<std::uint8_t> a1 = src, a2 = src;
