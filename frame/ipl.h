@@ -114,6 +114,11 @@ void iplBitonalToGray(IplImage *src, IplImage *dst, int zeroScale, int oneScale)
 // Filters, geometry and per-pixel functions.
 void iplMinFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY);
 void iplMaxFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY);
+namespace plain {
+// The 1-bit minimum (or maximum) filter a byte at a time: the oracle of the
+// word-wise one behind iplMinFilter and iplMaxFilter.
+void BitonalFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY, bool minimum);
+}  // namespace plain
 void iplFixedFilter(IplImage *src, IplImage *dst, int filter);
 void iplMirror(IplImage *src, IplImage *dst, int flipAxis);
 void iplResize(IplImage *src, IplImage *dst, int xDst, int xSrc, int yDst, int ySrc, int interpolate);
