@@ -66,10 +66,11 @@ inline void ApplyRow(const std::uint8_t *src, int srcX, std::uint8_t *dst, int d
 }
 
 inline void Copy(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX, int count) {
-    // The same bit offset on both sides: bits up to the next byte boundary,
-    // then whole bytes.
-    if (((srcX ^ dstX) & 7) == 0 && (srcX & 7) != 0 && count > 8) {
-        const int head = 8 - (srcX & 7);
+    // Bits up to the destination's next byte boundary, then whole
+    // destination bytes: moved whole when the source is aligned too, else
+    // from two source bytes each.
+    if ((dstX & 7) != 0 && count > 8) {
+        const int head = 8 - (dstX & 7);
         Apply(src, srcX, dst, dstX, head, [](std::uint8_t, std::uint8_t s) { return s; });
         srcX += head;
         dstX += head;
@@ -82,6 +83,18 @@ inline void Copy(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX,
             Apply(src, srcX + (whole << 3), dst, dstX + (whole << 3), count - (whole << 3),
                   [](std::uint8_t, std::uint8_t s) { return s; });
         }
+        return;
+    }
+    if ((dstX & 7) == 0 && count >= 16) {
+        // Into whole bytes from an odd bit offset: two source bytes a byte
+        // while the second still lies in the span, the rest bit-exact.
+        const int shift = srcX & 7;
+        const std::uint8_t *s = src + (srcX >> 3);
+        std::uint8_t *d = dst + (dstX >> 3);
+        const int whole = (count >> 3) - 1;
+        for (int i = 0; i < whole; ++i) d[i] = static_cast<std::uint8_t>((s[i] << shift) | (s[i + 1] >> (8 - shift)));
+        Apply(src, srcX + (whole << 3), dst, dstX + (whole << 3), count - (whole << 3),
+              [](std::uint8_t, std::uint8_t v) { return v; });
         return;
     }
     ApplyRow(src, srcX, dst, dstX, count, [](std::uint8_t, std::uint8_t s) { return s; });
