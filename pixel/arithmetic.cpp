@@ -69,15 +69,16 @@ HGLOBAL Combine(HGLOBAL hDib1, HGLOBAL hDib2, Rects r, bool conjunction) {
     RoiPtr roi1(any ? iplCreateROI(0, r.x1, page1.height() - r.y1 - r.h, r.w, r.h) : nullptr);
     RoiPtr roi2(any ? iplCreateROI(0, r.x2, page2.height() - r.y2 - r.h, r.w, r.h) : nullptr);
     if (any && (!roi1 || !roi2)) return nullptr;
-    if (conjunction && any && hDib1 != hDib2 && page1.bitCount() >= 8) {
-        // One pass: each AND written to page 1 and to the result.
-        const int bpp = page1.bitCount() / 8;
+    const bool wholeBytes = page1.bitCount() >= 8 || ((r.x1 | r.x2 | r.w) & 7) == 0;
+    if (conjunction && any && hDib1 != hDib2 && wholeBytes) {
+        // One pass: each AND written to page 1 and to the result (1-bit
+        // rectangles when they start and end on byte boundaries).
+        const int bits = page1.bitCount();
+        const auto bytes = [bits](int pixels) { return static_cast<std::ptrdiff_t>(pixels) * bits / 8; };
         const int y1 = page1.height() - r.y1 - r.h, y2 = page2.height() - r.y2 - r.h;
         for (int i = 0; i < r.h; ++i)
-            kernels::AndRowTwice(RowOf(*view1, y1 + i) + static_cast<std::ptrdiff_t>(r.x1) * bpp,
-                                 RowOf(*view2, y2 + i) + static_cast<std::ptrdiff_t>(r.x2) * bpp,
-                                 RowOf(*out.image(), y1 + i) + static_cast<std::ptrdiff_t>(r.x1) * bpp,
-                                 static_cast<std::size_t>(r.w) * bpp, bpp == 4);
+            kernels::AndRowTwice(RowOf(*view1, y1 + i) + bytes(r.x1), RowOf(*view2, y2 + i) + bytes(r.x2),
+                                 RowOf(*out.image(), y1 + i) + bytes(r.x1), static_cast<std::size_t>(bytes(r.w)), bits == 32);
         if (!CopyOutside(view1.get(), out.image(), r.x1, y1, r.w, r.h)) return nullptr;
     } else if (conjunction) {
         if (any) {
