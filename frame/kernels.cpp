@@ -122,6 +122,10 @@ int CountOnes(const std::uint8_t *row, int x, int n) {
     return ones;
 }
 
+void AddInkRow(const std::uint8_t *src, int n, int bpp, std::uint32_t *col) {
+    for (int x = 0; x < n; ++x, src += bpp) col[x] += 255u - (src[0] + src[1] + src[2]) / 3u;
+}
+
 }  // namespace plain
 
 namespace {
@@ -630,6 +634,35 @@ int CountOnes(const std::uint8_t *row, int x, int n) {
     for (; j + 8 <= last; j += 8) ones += __builtin_popcountll(Load64(row + j));
     for (; j < last; ++j) ones += __builtin_popcount(row[j]);
     return ones;
+}
+
+// Eight pixels a step, spread into 32-bit lanes as the gray kernel does;
+// s / 3 is (s * 43691) >> 17, exact for every sum up to 765 (and far beyond).
+__attribute__((target("avx2"))) int AddInkAvx2(const std::uint8_t *src, int n, int bpp, std::uint32_t *col) {
+    const int lane = 4 * bpp;
+    alignas(32) std::int8_t masks[3][32];
+    for (int i = 0; i < 32; ++i)
+        for (int c = 0; c < 3; ++c) masks[c][i] = (i & 3) == 0 ? static_cast<std::int8_t>(bpp * ((i & 15) >> 2) + c) : -1;
+    const __m256i mb = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[0]));
+    const __m256i mg = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
+    const __m256i mr = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
+    const __m256i third = _mm256_set1_epi32(43691), white = _mm256_set1_epi32(255);
+    int x = 0;
+    for (; (n - x) * bpp >= lane + 16; x += 8) {
+        const std::uint8_t *q = src + static_cast<std::ptrdiff_t>(x) * bpp;
+        const __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
+                                                  _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + lane)), 1);
+        const __m256i sum = _mm256_add_epi32(_mm256_add_epi32(_mm256_shuffle_epi8(v, mb), _mm256_shuffle_epi8(v, mg)), _mm256_shuffle_epi8(v, mr));
+        const __m256i ink = _mm256_sub_epi32(white, _mm256_srli_epi32(_mm256_mullo_epi32(sum, third), 17));
+        __m256i *c = reinterpret_cast<__m256i *>(col + x);
+        _mm256_storeu_si256(c, _mm256_add_epi32(_mm256_loadu_si256(c), ink));
+    }
+    return x;
+}
+
+void AddInkRow(const std::uint8_t *src, int n, int bpp, std::uint32_t *col) {
+    const int done = useAvx2 && (bpp == 3 || bpp == 4) ? AddInkAvx2(src, n, bpp, col) : 0;
+    plain::AddInkRow(src + static_cast<std::ptrdiff_t>(done) * bpp, n - done, bpp, col + done);
 }
 
 }  // namespace quarvel::kernels

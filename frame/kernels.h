@@ -68,12 +68,17 @@ int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread
 // significant bit first); n >= 0.
 int CountOnes(const std::uint8_t *row, int x, int n);
 
+// col[x] += 255 - (B + G + R) / 3 for n colour pixels of `bpp` bytes (3 or 4):
+// the ink of each pixel added to a column sum.
+void AddInkRow(const std::uint8_t *src, int n, int bpp, std::uint32_t *col);
+
 // Turns the AVX2 kernels on (where the processor has AVX2) or off, so tests
 // can run the SSE2 ones on any machine; returns the previous setting. Not
 // for use while other threads run kernels.
 bool UseAvx2(bool on);
 
 namespace plain {
+void AddInkRow(const std::uint8_t *src, int n, int bpp, std::uint32_t *col);
 int CountOnes(const std::uint8_t *row, int x, int n);
 int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread);
 void RedMarksRow(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int colorDiff, int minLevel, bool keepBlue);

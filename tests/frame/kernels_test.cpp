@@ -84,6 +84,12 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
             }
         }
         for (int bpp : {3, 4}) {
+            std::vector<std::uint32_t> inkFast(static_cast<std::size_t>(n), 7), inkSlow = inkFast;
+            k::AddInkRow(src.data(), n, bpp, inkFast.data());
+            k::plain::AddInkRow(src.data(), n, bpp, inkSlow.data());
+            EXPECT_EQ(inkFast, inkSlow) << "ink " << bpp;
+        }
+        for (int bpp : {3, 4}) {
             for (bool keep : {false, true}) {
                 std::vector<std::uint8_t> a1 = src, a2 = src;
                 k::DecolourRow(a1.data() + 16, n, bpp, keep, 30, 0, 12);
