@@ -1,8 +1,9 @@
 // Row kernels (see kernels.h). Pixel reversal works on 32-byte AVX2 blocks
 // where the processor has them (chosen at run time), else 16-byte SSE2 blocks:
 // 8-bit pixels are reversed by swapping dwords, then words, then the bytes of
-// each word; 32-bit pixels by one dword shuffle; 24-bit pixels, five at a time,
-// by one SSSE3 byte shuffle chosen at run time (the plain loop otherwise).
+// each word; 32-bit pixels by one dword shuffle; 24-bit pixels, sixteen at a
+// time, by seven SSSE3 byte shuffles chosen at run time (the plain loop
+// otherwise).
 // 1-bit rows are reversed 16 bytes at a time (SSSE3: one byte shuffle, then
 // two nibble-table shuffles) or 64 bits at a time (byte swap, then three
 // mask-and-shift steps), straight into the result when the row has no
@@ -137,16 +138,41 @@ inline __m128i Reverse16(__m128i v) {
     return _mm_or_si128(_mm_slli_epi16(v, 8), _mm_srli_epi16(v, 8));
 }
 
-// Five 3-byte pixels reversed: the load starts one byte before the block, so
-// output byte k takes input byte 1 + 3 * (4 - k / 3) + k % 3; byte 15 is
-// overwritten by the next block.
+// Sixteen 3-byte pixels (48 bytes) reversed a step: output byte j takes
+// block byte 3 * (15 - j / 3) + j % 3, gathered from the three 16-byte source
+// registers by one byte shuffle each (bytes from another register masked to
+// zero) and OR-ed; the stores neither overlap nor leave gaps.
+struct Mirror24Masks {
+    alignas(16) std::int8_t m[3][3][16];  // [output register][source register][byte]
+    constexpr Mirror24Masks() : m{} {
+        for (int k = 0; k < 3; ++k)
+            for (int r = 0; r < 3; ++r)
+                for (int b = 0; b < 16; ++b) {
+                    const int j = 16 * k + b, o = 3 * (15 - j / 3) + j % 3;
+                    m[k][r][b] = static_cast<std::int8_t>(o / 16 == r ? o % 16 : -128);
+                }
+    }
+};
+constexpr Mirror24Masks kMirror24;
+
 __attribute__((target("ssse3"))) int MirrorRow24Ssse3(const std::uint8_t *src, std::uint8_t *dst, int n) {
-    const __m128i order = _mm_setr_epi8(13, 14, 15, 10, 11, 12, 7, 8, 9, 4, 5, 6, 1, 2, 3, 0);
+    __m128i mask[3][3];
+    for (int k = 0; k < 3; ++k)
+        for (int r = 0; r < 3; ++r) mask[k][r] = _mm_load_si128(reinterpret_cast<const __m128i *>(kMirror24.m[k][r]));
     int i = 0;
-    for (; i + 6 <= n; i += 5) {
-        const int s0 = n - 5 - i;
-        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 3 * s0 - 1));
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 3 * i), _mm_shuffle_epi8(v, order));
+    for (; i + 16 <= n; i += 16) {
+        const std::uint8_t *s = src + 3 * (n - 16 - i);
+        __m128i v[3];
+        for (int r = 0; r < 3; ++r) v[r] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(s + 16 * r));
+        for (int k = 0; k < 3; ++k) {
+            __m128i out = _mm_setzero_si128();
+            for (int r = 0; r < 3; ++r) {
+                if (k == 0 && r == 0) continue;  // no byte of the first output comes from the first source register
+                if (k == 2 && r == 2) continue;  // nor of the last from the last
+                out = _mm_or_si128(out, _mm_shuffle_epi8(v[r], mask[k][r]));
+            }
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 3 * i + 16 * k), out);
+        }
     }
     return i;
 }
