@@ -1,0 +1,25 @@
+// Helpers the content analyses share: a resolution that can be trusted for
+// physical sizes, images shrunk to a working resolution, and the local paper
+// level of a gray image.
+#pragma once
+
+#include <opencv2/core.hpp>
+
+#include "scan/page.h"
+
+namespace quarvel::scan {
+
+// The page's resolution when it describes a sheet of paper, else one
+// estimated from the size: headers often say 72 or 96 dpi for a 300-dpi
+// scan, which would make a letter-size sheet 30 inches tall.
+int PaperDpi(const ScanPage &page);
+// The image shrunk by an integer factor (area mean); the image itself for 1.
+cv::Mat Shrink(const cv::Mat &image, int factor);
+// The paper level round every pixel of a gray image: the brightest value in
+// cells of `cell` pixels, spread by a dilation and a box mean over `window`
+// pixels (wider than any stroke). Same size as `gray`, CV_8U.
+cv::Mat PaperLevel(const cv::Mat &gray, int cell, int window);
+// A rectangle scaled down by `factor` and clipped to `size`.
+cv::Rect ShrinkRect(const cv::Rect &r, int factor, cv::Size size);
+
+}  // namespace quarvel::scan
