@@ -177,15 +177,17 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet) {
         const double perimeter = cv::arcLength(contours[0], true);
         const double ragged = perimeter * perimeter / (4 * CV_PI * mo.m00);
         if (ragged > 1.45) continue;  // a letter or a blot
-        const double cx = x + bx, cy = y + by;
-        if (RingCover(raw, cx, cy, 0, r * 0.9) < 0.55) continue;       // a ring or a letter O
-        if (RingCover(raw, cx, cy, r * 1.3, r * 1.9) > 0.12) continue; // has neighbours: text
+        if (RingCover(raw, x + bx, y + by, 0, r * 0.9) < 0.55) continue;  // a ring or a letter O
+        // Reported: the box round the blob, which holds a hole's shadowed
+        // crescent and its paler rim alike.
+        const double cx = x + (w - 1) / 2.0, cy = y + (h - 1) / 2.0, reach = std::max(w, h) / 2.0;
+        if (RingCover(raw, cx, cy, reach * 1.3, reach * 1.9) > 0.12) continue;  // has neighbours: text
         const std::array<double, 4> toEdge = {cx - box.x, cy - box.y, box.x + box.width - cx,
                                               box.y + box.height - cy};
         const int side = static_cast<int>(std::min_element(toEdge.begin(), toEdge.end()) - toEdge.begin());
         if (toEdge[side] > kMaxCentreToEdgeMm * mm) continue;
         const bool clear = iou >= 0.85 && ragged <= 1.3 && toEdge[side] <= kLoneCentreToEdgeMm * mm;
-        found.push_back({cx, cy, r, side, clear});
+        found.push_back({cx, cy, reach, side, clear});
     }
     // A hole stands alone only when it is clearly one; others need a partner.
     std::vector<Hole> out;
@@ -204,7 +206,7 @@ void FillHoles(const std::vector<Hole> &holes, cv::Mat *image) {
         if (!(h.r > 0) || !std::isfinite(h.cx) || !std::isfinite(h.cy) || h.r > std::max(image->cols, image->rows))
             continue;
         // Cover the rim and shadow too; sample the paper just outside it.
-        const double fill = h.r * 1.15 + 2, ring = fill * 1.3 + 2;
+        const double fill = h.r * 1.2 + 2, ring = fill * 1.3 + 2;
         const cv::Rect area = cv::Rect(static_cast<int>(h.cx - ring), static_cast<int>(h.cy - ring),
                                        static_cast<int>(2 * ring) + 2, static_cast<int>(2 * ring) + 2) &
                               cv::Rect(0, 0, image->cols, image->rows);
