@@ -1,12 +1,154 @@
-// Content colour mode. Placeholder until the content judgement lands: the
-// stored mode.
+// Content colour mode: what the content needs, whatever the file stores.
+//
+// 1-bit pages (and two-entry palettes) hold nothing beyond black and white.
+// Otherwise the sheet is read at about 100 dpi (JPEG noise and the colour
+// fringes of black strokes average away at that scale), and:
+//  - colour (24) when enough of it is coloured ink: each pixel is divided by
+//    the paper colour (the median of the sheet's brighter half), so yellowed
+//    or tinted paper is white; a pixel is coloured when its balanced
+//    saturation (max - min) / max is at least 0.3 and it is neither paper nor
+//    near black, and (on tinted paper) its hue is more than 20 degrees from
+//    the paper's, since stains, ageing and shading take the paper's hue.
+//    Enough means at least 20 mm2 and 0.1 % of the sheet: a stamp, a line of
+//    coloured pen, a coloured rule or figure.
+//  - gray (8) when photos or halftones cover at least 2 % of the sheet:
+//    mid-tone pixels (20 % to 70 % of the typical paper level) whose 3 x 3
+//    neighbourhood is flat (within 12 % of it). Text at 100 dpi
+//    has mid-tones only on stroke edges, beside paper and ink, so it is not
+//    flat.
+//  - else black-and-white (1), on any paper tint.
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include <opencv2/imgproc.hpp>
+
+#include "scan/paper.h"
 #include "scan/scan.h"
 
 namespace quarvel::scan {
+namespace {
 
-int JudgeContentMode(const ScanPage &page, const Analysis &) {
-    if (page.colorSource) return QUARVEL_MODE_COLOR;
-    return page.bitonalSource ? QUARVEL_MODE_BITONAL : QUARVEL_MODE_GRAY;
+constexpr double kWorkDpi = 100.0;
+constexpr double kMinSaturation = 0.3;
+constexpr double kMinColourMm2 = 20.0;
+constexpr double kMinColourShare = 0.001;
+constexpr double kMinGrayShare = 0.02;
+constexpr float kPaperHueDegrees = 20;
+
+// Per-channel paper colour: the median of the brighter half of the sheet.
+cv::Vec3f PaperColour(const cv::Mat &bgr, const cv::Mat &gray, const cv::Rect &r) {
+    std::array<int, 256> hg{};
+    for (int y = r.y; y < r.y + r.height; ++y)
+        for (int x = r.x; x < r.x + r.width; ++x) ++hg[gray.at<std::uint8_t>(y, x)];
+    int median = 0;
+    for (int acc = 0; median < 255 && (acc += hg[median]) * 2 < r.area();) ++median;
+    std::array<std::array<int, 256>, 3> h{};
+    int n = 0;
+    for (int y = r.y; y < r.y + r.height; ++y)
+        for (int x = r.x; x < r.x + r.width; ++x)
+            if (gray.at<std::uint8_t>(y, x) >= median) {
+                const cv::Vec3b p = bgr.at<cv::Vec3b>(y, x);
+                for (int c = 0; c < 3; ++c) ++h[c][p[c]];
+                ++n;
+            }
+    cv::Vec3f out;
+    for (int c = 0; c < 3; ++c) {
+        int v = 0;
+        for (int acc = 0; v < 255 && (acc += h[c][v]) * 2 < n;) ++v;
+        out[c] = static_cast<float>(std::max(v, 16));
+    }
+    return out;
+}
+
+// Hue in degrees of a BGR triple.
+float Hue(float b, float g, float r) {
+    const float hi = std::max({b, g, r}), lo = std::min({b, g, r});
+    if (hi - lo <= 0) return 0;
+    float h;
+    if (hi == r) h = 60 * (g - b) / (hi - lo);
+    else if (hi == g) h = 60 * (b - r) / (hi - lo) + 120;
+    else h = 60 * (r - g) / (hi - lo) + 240;
+    return h < 0 ? h + 360 : h;
+}
+
+float HueDistance(float a, float b) {
+    const float d = std::abs(a - b);
+    return std::min(d, 360 - d);
+}
+
+}  // namespace
+
+int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
+    if (page.gray.empty()) return 0;
+    if (page.bitonalSource) return QUARVEL_MODE_BITONAL;
+    const int dpi = PaperDpi(page);
+    const int f = std::max(1, static_cast<int>(std::lround(dpi / kWorkDpi)));
+    const double mm = dpi / 25.4 / f;
+    const cv::Mat g = Shrink(page.gray, f);
+    const cv::Rect sheet = ShrinkRect(analysis.sheet.box.area() > 0 ? analysis.sheet.box : cv::Rect(0, 0, page.width, page.height), f, g.size());
+    if (sheet.area() == 0) return QUARVEL_MODE_BITONAL;
+    cv::Mat skip(g.size(), CV_8U, cv::Scalar(0));
+    for (const Hole &h : analysis.holes)
+        cv::circle(skip, cv::Point(static_cast<int>(h.cx / f), static_cast<int>(h.cy / f)), static_cast<int>(h.r * 1.3 / f) + 1,
+                   cv::Scalar(255), cv::FILLED);
+
+    const cv::Mat paper = PaperLevel(g, std::max(2, static_cast<int>(mm)), static_cast<int>(6 * mm));
+    if (page.colorSource) {
+        const cv::Mat c = Shrink(page.color, f);
+        const cv::Vec3f pc = PaperColour(c, g, sheet);
+        // A tinted paper's own hue: stains, ageing and shading of the paper
+        // take it, so coloured pixels near it are not coloured ink.
+        const float pmax = std::max({pc[0], pc[1], pc[2]}), pmin = std::min({pc[0], pc[1], pc[2]});
+        const bool tinted = (pmax - pmin) / pmax >= 0.08f;
+        const float paperHue = Hue(pc[0], pc[1], pc[2]);
+        double coloured = 0;
+        for (int y = sheet.y; y < sheet.y + sheet.height; ++y) {
+            const cv::Vec3b *p = c.ptr<cv::Vec3b>(y);
+            const std::uint8_t *sy = skip.ptr<std::uint8_t>(y);
+            for (int x = sheet.x; x < sheet.x + sheet.width; ++x) {
+                if (sy[x]) continue;
+                const float b = p[x][0] / pc[0], gg = p[x][1] / pc[1], r = p[x][2] / pc[2];
+                const float hi = std::max({b, gg, r}), lo = std::min({b, gg, r});
+                if (hi < 0.25f || hi <= 0) continue;  // near black: fringes and noise live here
+                if ((hi - lo) / hi < kMinSaturation) continue;
+                if (tinted && HueDistance(Hue(b, gg, r), paperHue) < kPaperHueDegrees) continue;
+                ++coloured;
+            }
+        }
+        if (coloured >= kMinColourMm2 * mm * mm && coloured >= kMinColourShare * sheet.area()) return QUARVEL_MODE_COLOR;
+    }
+    // Flat mid-tones: photos and halftones, measured against the typical
+    // paper (the sheet's median share of its paper level), so grain and
+    // stripes of poor paper stay paper.
+    cv::Mat ratio(g.size(), CV_8U);
+    std::array<int, 101> hist{};
+    for (int y = 0; y < g.rows; ++y) {
+        const std::uint8_t *gy = g.ptr<std::uint8_t>(y), *py = paper.ptr<std::uint8_t>(y);
+        std::uint8_t *ry = ratio.ptr<std::uint8_t>(y);
+        for (int x = 0; x < g.cols; ++x) ry[x] = static_cast<std::uint8_t>(std::min(100, gy[x] * 100 / std::max<int>(1, py[x])));
+    }
+    for (int y = sheet.y; y < sheet.y + sheet.height; ++y)
+        for (int x = sheet.x; x < sheet.x + sheet.width; ++x) ++hist[ratio.at<std::uint8_t>(y, x)];
+    int typical = 100;
+    for (int v = 0, acc = 0; v <= 100; ++v)
+        if ((acc += hist[v]) * 2 >= sheet.area()) {
+            typical = v;
+            break;
+        }
+    cv::Mat lo, hi;
+    cv::erode(ratio, lo, cv::Mat());
+    cv::dilate(ratio, hi, cv::Mat());
+    double flat = 0;
+    for (int y = sheet.y; y < sheet.y + sheet.height; ++y) {
+        const std::uint8_t *ry = ratio.ptr<std::uint8_t>(y), *ly = lo.ptr<std::uint8_t>(y), *hy = hi.ptr<std::uint8_t>(y),
+                           *sy = skip.ptr<std::uint8_t>(y);
+        for (int x = sheet.x; x < sheet.x + sheet.width; ++x) {
+            if (sy[x] || ry[x] * 5 < typical || ry[x] * 10 > typical * 7) continue;
+            flat += (hy[x] - ly[x]) * 100 <= typical * 12;
+        }
+    }
+    return flat >= kMinGrayShare * sheet.area() ? QUARVEL_MODE_GRAY : QUARVEL_MODE_BITONAL;
 }
 
 }  // namespace quarvel::scan
