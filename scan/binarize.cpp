@@ -25,6 +25,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "scan/paper.h"
 #include "scan/scan.h"
 
 namespace quarvel::scan {
@@ -71,23 +72,6 @@ void CellSums(const cv::Mat &gray, int c, cv::Mat *sum, cv::Mat *sq, cv::Mat *co
             count->at<double>(gy, gx) = static_cast<double>(rows) * (std::min(gray.cols, (gx + 1) * c) - gx * c);
         }
     }
-}
-
-// The brightest value of every c x c cell (CV_8U grid).
-cv::Mat CellMax(const cv::Mat &gray, int c) {
-    const int gw = (gray.cols + c - 1) / c, gh = (gray.rows + c - 1) / c;
-    cv::Mat grid(gh, gw, CV_8U, cv::Scalar(0));
-    for (int y = 0; y < gray.rows; ++y) {
-        const std::uint8_t *p = gray.ptr<std::uint8_t>(y);
-        std::uint8_t *g = grid.ptr<std::uint8_t>(y / c);
-        for (int gx = 0; gx < gw; ++gx) {
-            const int x0 = gx * c, x1 = std::min(gray.cols, x0 + c);
-            std::uint8_t m = g[gx];
-            for (int x = x0; x < x1; ++x) m = std::max(m, p[x]);
-            g[gx] = m;
-        }
-    }
-    return grid;
 }
 
 // Per-pixel result from a per-cell threshold grid (CV_32F, ink below it):

@@ -10,14 +10,18 @@
 // (ruled lines and pen strokes go), and every blob is tested:
 //  - size: 4 to 11 mm across (punches make 5 to 8 mm holes; a shadowed rim
 //    or torn edge makes them look larger);
-//  - shape: round or rounded (bounding box aspect <= 1.35, area 0.7 to 1.2
-//    of the circle over its box, its raw pixels cover most of that circle);
+//  - shape: round or rounded: bounding box aspect <= 1.35, overlap with the
+//    circle of its area >= 0.7 (a shadowed hole shows as a crescent), an
+//    outline no more than 1.45 times a circle's perimeter squared over area,
+//    and its own pixels cover most of its disc (a ring or an O does not);
 //  - alone: the ring out to 1.9 radii is paper, so letters, words and
 //    bullets inside text (which have neighbours) are never holes;
 //  - position: the centre within 25 mm of a sheet edge, not cut by the
 //    page border;
-//  - alignment: holes along one edge have one size, so a blob far off the
-//    others' size is dropped.
+//  - alignment: a hole is kept when it has a partner on its edge (within
+//    20 % of its size, at the same distance from the edge up to about 3
+//    degrees of skew), or alone when it is clearly one: its area within 15 %
+//    of a circle's, a smooth outline, and its centre within 16 mm of the edge.
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -45,14 +49,14 @@ struct Candidate {
 };
 
 // Two candidates on one edge that look like holes of one punch: alike in
-// size, apart along the edge, at one distance from it (up to a few degrees
-// of skew).
+// size (within 20 %), apart along the edge, at one distance from it (up to
+// about 3 degrees of skew).
 bool Partners(const Candidate &a, const Candidate &b) {
-    if (a.side != b.side || std::abs(a.r - b.r) > 0.3 * std::max(a.r, b.r)) return false;
+    if (a.side != b.side || std::abs(a.r - b.r) > 0.2 * std::max(a.r, b.r)) return false;
     const bool vertical = a.side == 0 || a.side == 2;
     const double along = vertical ? std::abs(a.cy - b.cy) : std::abs(a.cx - b.cx);
     const double across = vertical ? std::abs(a.cx - b.cx) : std::abs(a.cy - b.cy);
-    return along >= 4 * std::max(a.r, b.r) && across <= std::max(a.r, 0.07 * along);
+    return along >= 4 * std::max(a.r, b.r) && across <= std::max(a.r, 0.05 * along);
 }
 
 // Per-channel median of the pixels of `image` in `r` (CV_8UC1 or CV_8UC3).
@@ -118,10 +122,11 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet) {
     if (page.gray.empty()) return {};
     const int dpi = PaperDpi(page);
     const int f = std::max(1, static_cast<int>(std::lround(dpi / kWorkDpi)));
-    const cv::Mat image = Shrink(page.colorSource ? page.color : page.gray, f);
+    const cv::Mat &source = page.colorSource ? page.color : page.gray;
+    cv::Mat image(source.rows / f, source.cols / f, source.type(), cv::Scalar::all(0));
     const double mm = dpi / 25.4 / f;  // reduced pixels per millimetre
     const double minD = kMinDiameterMm * mm, maxD = kMaxDiameterMm * mm;
-    if (minD < 4) return {};  // too coarse to tell a hole from a blot
+    if (minD < 4 || image.empty()) return {};  // too coarse to tell a hole from a blot
     const cv::Rect box = ShrinkRect(sheet.box.area() > 0 ? sheet.box : cv::Rect(0, 0, page.width, page.height), f,
                                     image.size());
     const int band = std::min(static_cast<int>(kBandMm * mm), std::min(box.width, box.height) / 2);
@@ -134,6 +139,11 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet) {
                                            cv::Rect(box.x, box.y, box.width, band),
                                            cv::Rect(box.x + box.width - band, box.y, band, box.height),
                                            cv::Rect(box.x, box.y + box.height - band, box.width, band)};
+    // Only the bands are read from the page.
+    for (const cv::Rect &b : bands) {
+        const cv::Rect full(b.x * f, b.y * f, b.width * f, b.height * f);
+        ShrinkSparse(source(full), f).copyTo(image(b));
+    }
     for (const cv::Rect &b : bands) PaperDifference(image, b, cell, &diff);
     cv::Mat raw = diff > kMinDifference;
     cv::Mat mask;

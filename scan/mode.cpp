@@ -1,8 +1,9 @@
 // Content colour mode: what the content needs, whatever the file stores.
 //
 // 1-bit pages (and two-entry palettes) hold nothing beyond black and white.
-// Otherwise the sheet is read at about 100 dpi (JPEG noise and the colour
-// fringes of black strokes average away at that scale), and:
+// Otherwise the sheet is read at about 75 dpi, each pixel the mean of the
+// 2 x 2 at its block's centre (JPEG noise and the colour fringes of black
+// strokes average away), and:
 //  - colour (24) when enough of it is coloured ink: each pixel is divided by
 //    the paper colour (the median of the sheet's brighter half), so yellowed
 //    or tinted paper is white; a pixel is coloured when its balanced
@@ -13,7 +14,7 @@
 //    coloured pen, a coloured rule or figure.
 //  - gray (8) when photos or halftones cover at least 2 % of the sheet:
 //    mid-tone pixels (20 % to 70 % of the typical paper level) whose 3 x 3
-//    neighbourhood is flat (within 12 % of it). Text at 100 dpi
+//    neighbourhood is flat (within 12 % of it). Text at 75 dpi
 //    has mid-tones only on stroke edges, beside paper and ink, so it is not
 //    flat.
 //  - else black-and-white (1), on any paper tint.
@@ -29,7 +30,7 @@
 namespace quarvel::scan {
 namespace {
 
-constexpr double kWorkDpi = 100.0;
+constexpr double kWorkDpi = 75.0;
 constexpr double kMinSaturation = 0.3;
 constexpr double kMinColourMm2 = 20.0;
 constexpr double kMinColourShare = 0.001;
@@ -85,7 +86,13 @@ int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
     const int dpi = PaperDpi(page);
     const int f = std::max(1, static_cast<int>(std::lround(dpi / kWorkDpi)));
     const double mm = dpi / 25.4 / f;
-    const cv::Mat g = Shrink(page.gray, f);
+    const cv::Mat c = page.colorSource ? ShrinkSparse(page.color, f) : cv::Mat();
+    cv::Mat g;
+    if (page.colorSource) {
+        cv::cvtColor(c, g, cv::COLOR_BGR2GRAY);
+    } else {
+        g = ShrinkSparse(page.gray, f);
+    }
     const cv::Rect sheet = ShrinkRect(analysis.sheet.box.area() > 0 ? analysis.sheet.box : cv::Rect(0, 0, page.width, page.height), f, g.size());
     if (sheet.area() == 0) return QUARVEL_MODE_BITONAL;
     cv::Mat skip(g.size(), CV_8U, cv::Scalar(0));
@@ -95,20 +102,20 @@ int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
 
     const cv::Mat paper = PaperLevel(g, std::max(2, static_cast<int>(mm)), static_cast<int>(6 * mm));
     if (page.colorSource) {
-        const cv::Mat c = Shrink(page.color, f);
         const cv::Vec3f pc = PaperColour(c, g, sheet);
         // A tinted paper's own hue: stains, ageing and shading of the paper
         // take it, so coloured pixels near it are not coloured ink.
         const float pmax = std::max({pc[0], pc[1], pc[2]}), pmin = std::min({pc[0], pc[1], pc[2]});
         const bool tinted = (pmax - pmin) / pmax >= 0.08f;
         const float paperHue = Hue(pc[0], pc[1], pc[2]);
+        const cv::Vec3f inv(1 / pc[0], 1 / pc[1], 1 / pc[2]);
         double coloured = 0;
         for (int y = sheet.y; y < sheet.y + sheet.height; ++y) {
             const cv::Vec3b *p = c.ptr<cv::Vec3b>(y);
             const std::uint8_t *sy = skip.ptr<std::uint8_t>(y);
             for (int x = sheet.x; x < sheet.x + sheet.width; ++x) {
                 if (sy[x]) continue;
-                const float b = p[x][0] / pc[0], gg = p[x][1] / pc[1], r = p[x][2] / pc[2];
+                const float b = p[x][0] * inv[0], gg = p[x][1] * inv[1], r = p[x][2] * inv[2];
                 const float hi = std::max({b, gg, r}), lo = std::min({b, gg, r});
                 if (hi < 0.25f || hi <= 0) continue;  // near black: fringes and noise live here
                 if ((hi - lo) / hi < kMinSaturation) continue;

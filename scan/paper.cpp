@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <vector>
 
 #include <opencv2/imgproc.hpp>
 
@@ -17,22 +19,78 @@ int PaperDpi(const ScanPage &page) {
 }
 
 cv::Mat Shrink(const cv::Mat &image, int factor) {
-    if (factor <= 1) return image;
-    cv::Mat out;
-    cv::resize(image, out, cv::Size(std::max(1, image.cols / factor), std::max(1, image.rows / factor)), 0, 0,
-               cv::INTER_AREA);
+    if (factor <= 1 || image.cols < factor || image.rows < factor || factor > 16) return image;
+    // Block means; the last partial blocks are dropped. Rows of a block are
+    // summed into 16-bit column totals (a loop the compiler vectorises),
+    // then each block's columns are added.
+    const int ch = image.channels();
+    const int w = image.cols / factor, h = image.rows / factor;
+    cv::Mat out(h, w, image.type());
+    std::vector<std::uint16_t> acc(static_cast<std::size_t>(w) * factor * ch);
+    const int n = w * factor * ch;
+    const int area = factor * factor, half = area / 2;
+    for (int y = 0; y < h; ++y) {
+        std::fill(acc.begin(), acc.end(), 0);
+        for (int k = 0; k < factor; ++k) {
+            const std::uint8_t *p = image.ptr<std::uint8_t>(y * factor + k);
+            std::uint16_t *a = acc.data();
+            for (int i = 0; i < n; ++i) a[i] = static_cast<std::uint16_t>(a[i] + p[i]);
+        }
+        std::uint8_t *o = out.ptr<std::uint8_t>(y);
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < ch; ++c) {
+                int sum = 0;
+                const std::uint16_t *a = acc.data() + x * factor * ch + c;
+                for (int k = 0; k < factor; ++k) sum += a[k * ch];
+                o[x * ch + c] = static_cast<std::uint8_t>((sum + half) / area);
+            }
+    }
     return out;
+}
+
+cv::Mat ShrinkSparse(const cv::Mat &image, int factor) {
+    if (factor <= 2 || image.cols < factor || image.rows < factor) return Shrink(image, factor);
+    const int ch = image.channels();
+    const int w = image.cols / factor, h = image.rows / factor, at = factor / 2 - 1;
+    cv::Mat out(h, w, image.type());
+    for (int y = 0; y < h; ++y) {
+        const std::uint8_t *p0 = image.ptr<std::uint8_t>(y * factor + at), *p1 = image.ptr<std::uint8_t>(y * factor + at + 1);
+        std::uint8_t *o = out.ptr<std::uint8_t>(y);
+        for (int x = 0; x < w; ++x) {
+            const int i = (x * factor + at) * ch;
+            for (int c = 0; c < ch; ++c)
+                o[x * ch + c] = static_cast<std::uint8_t>((p0[i + c] + p0[i + ch + c] + p1[i + c] + p1[i + ch + c] + 2) >> 2);
+        }
+    }
+    return out;
+}
+
+cv::Mat CellMax(const cv::Mat &gray, int cell) {
+    cell = std::max(1, cell);
+    const int gw = (gray.cols + cell - 1) / cell, gh = (gray.rows + cell - 1) / cell;
+    cv::Mat grid(gh, gw, CV_8U);
+    std::vector<std::uint8_t> acc(gray.cols);
+    for (int gy = 0; gy < gh; ++gy) {
+        std::fill(acc.begin(), acc.end(), 0);
+        for (int y = gy * cell; y < std::min(gray.rows, (gy + 1) * cell); ++y) {
+            const std::uint8_t *p = gray.ptr<std::uint8_t>(y);
+            std::uint8_t *a = acc.data();
+            for (int x = 0; x < gray.cols; ++x) a[x] = std::max(a[x], p[x]);
+        }
+        std::uint8_t *g = grid.ptr<std::uint8_t>(gy);
+        for (int gx = 0; gx < gw; ++gx) {
+            std::uint8_t m = 0;
+            for (int x = gx * cell; x < std::min(gray.cols, (gx + 1) * cell); ++x) m = std::max(m, acc[x]);
+            g[gx] = m;
+        }
+    }
+    return grid;
 }
 
 cv::Mat PaperLevel(const cv::Mat &gray, int cell, int window) {
     cell = std::max(1, cell);
-    const int gw = (gray.cols + cell - 1) / cell, gh = (gray.rows + cell - 1) / cell;
-    cv::Mat grid(gh, gw, CV_8U, cv::Scalar(0));
-    for (int y = 0; y < gray.rows; ++y) {
-        const std::uint8_t *p = gray.ptr<std::uint8_t>(y);
-        std::uint8_t *g = grid.ptr<std::uint8_t>(y / cell);
-        for (int x = 0; x < gray.cols; ++x) g[x / cell] = std::max(g[x / cell], p[x]);
-    }
+    cv::Mat grid = CellMax(gray, cell);
+    const int gw = grid.cols, gh = grid.rows;
     const int n = std::max(3, window / cell) | 1;
     const cv::Mat box = cv::getStructuringElement(cv::MORPH_RECT, cv::Size(n, n));
     cv::dilate(grid, grid, box, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
