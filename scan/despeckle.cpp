@@ -4,9 +4,10 @@
 // Ink is what is 25 % darker than the local paper level (scan/paper.h), so
 // the step works on gray pages and on 0/255 binarised ones alike. A blob of
 // ink is a speck when it is at most `maxSize` pixels across (by default
-// 0.3 mm, from the resolution) and no other ink lies within 1 mm of its box:
-// the dot of an i, a full stop or a comma sits within a letter's height of
-// its neighbours, thin strokes are long, so neither is touched.
+// 0.3 mm, from the resolution) and nothing larger than a speck lies within
+// 1 mm of its box: the dot of an i, a full stop or a comma sits that close to
+// a letter, thin strokes are long, so neither is touched, while a cluster of
+// dust goes as a whole.
 #include <algorithm>
 #include <cmath>
 
@@ -41,7 +42,8 @@ void Despeckle(cv::Mat *gray, int maxSize, int dpi) {
         for (int yy = near.y; yy < near.y + near.height && alone; ++yy) {
             const int *l = labels.ptr<int>(yy);
             for (int xx = near.x; xx < near.x + near.width; ++xx)
-                if (l[xx] != 0 && l[xx] != i) {
+                if (l[xx] != 0 && l[xx] != i &&
+                    std::max(stats.at<int>(l[xx], cv::CC_STAT_WIDTH), stats.at<int>(l[xx], cv::CC_STAT_HEIGHT)) > maxSize) {
                     alone = false;
                     break;
                 }

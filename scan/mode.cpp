@@ -7,13 +7,14 @@
 //  - colour (24) when enough of it is coloured ink: each pixel is divided by
 //    the paper colour (the median of the sheet's brighter half), so yellowed
 //    or tinted paper is white; a pixel is coloured when its balanced
-//    saturation (max - min) / max is at least 0.3 and it is neither paper nor
-//    near black, and (on tinted paper) its hue is more than 20 degrees from
+//    saturation (max - min) / max is at least 0.3, it is not near black
+//    and has no near-black neighbour (colour fringes of black strokes), and (on tinted paper) its hue is more than 20 degrees from
 //    the paper's, since stains, ageing and shading take the paper's hue.
 //    Enough means at least 20 mm2 and 0.1 % of the sheet: a stamp, a line of
 //    coloured pen, a coloured rule or figure.
 //  - gray (8) when photos or halftones cover at least 2 % of the sheet:
-//    mid-tone pixels (20 % to 70 % of the typical paper level) whose 3 x 3
+//    mid-tone pixels (20 % to 70 % of the typical paper level, the paper
+//    being the brightest level over 60 mm) whose 3 x 3
 //    neighbourhood is flat (within 12 % of it). Text at 75 dpi
 //    has mid-tones only on stroke edges, beside paper and ink, so it is not
 //    flat.
@@ -109,12 +110,16 @@ int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
         const bool tinted = (pmax - pmin) / pmax >= 0.08f;
         const float paperHue = Hue(pc[0], pc[1], pc[2]);
         const cv::Vec3f inv(1 / pc[0], 1 / pc[1], 1 / pc[2]);
+        // Colour fringes of black strokes lie next to black; coloured ink
+        // (a stamp over text included) mostly does not.
+        cv::Mat darkest;
+        cv::erode(g, darkest, cv::Mat());
         double coloured = 0;
         for (int y = sheet.y; y < sheet.y + sheet.height; ++y) {
             const cv::Vec3b *p = c.ptr<cv::Vec3b>(y);
-            const std::uint8_t *sy = skip.ptr<std::uint8_t>(y);
+            const std::uint8_t *sy = skip.ptr<std::uint8_t>(y), *dy = darkest.ptr<std::uint8_t>(y), *py = paper.ptr<std::uint8_t>(y);
             for (int x = sheet.x; x < sheet.x + sheet.width; ++x) {
-                if (sy[x]) continue;
+                if (sy[x] || dy[x] * 100 < py[x] * 25) continue;
                 const float b = p[x][0] * inv[0], gg = p[x][1] * inv[1], r = p[x][2] * inv[2];
                 const float hi = std::max({b, gg, r}), lo = std::min({b, gg, r});
                 if (hi < 0.25f || hi <= 0) continue;  // near black: fringes and noise live here
@@ -128,10 +133,13 @@ int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
     // Flat mid-tones: photos and halftones, measured against the typical
     // paper (the sheet's median share of its paper level), so grain and
     // stripes of poor paper stay paper.
+    // The paper here is the brightest level over 60 mm, so a photo (larger
+    // than any stroke) is not taken for paper.
+    const cv::Mat widePaper = PaperLevel(g, std::max(2, static_cast<int>(3 * mm)), static_cast<int>(60 * mm));
     cv::Mat ratio(g.size(), CV_8U);
     std::array<int, 101> hist{};
     for (int y = 0; y < g.rows; ++y) {
-        const std::uint8_t *gy = g.ptr<std::uint8_t>(y), *py = paper.ptr<std::uint8_t>(y);
+        const std::uint8_t *gy = g.ptr<std::uint8_t>(y), *py = widePaper.ptr<std::uint8_t>(y);
         std::uint8_t *ry = ratio.ptr<std::uint8_t>(y);
         for (int x = 0; x < g.cols; ++x) ry[x] = static_cast<std::uint8_t>(std::min(100, gy[x] * 100 / std::max<int>(1, py[x])));
     }
