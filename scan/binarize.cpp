@@ -24,6 +24,7 @@
 #include <vector>
 
 #include <opencv2/imgproc.hpp>
+#include <utility>
 
 #include "scan/paper.h"
 #include "scan/scan.h"
@@ -74,22 +75,70 @@ void CellSums(const cv::Mat &gray, int c, cv::Mat *sum, cv::Mat *sq, cv::Mat *co
     }
 }
 
-// Per-pixel result from a per-cell threshold grid (CV_32F, ink below it):
-// ceil makes "v < T" exact for integer v at the cell centres.
-cv::Mat ApplyGrid(const cv::Mat &gray, const cv::Mat &thresholds, int c) {
-    cv::Mat t8(thresholds.size(), CV_8U);
-    for (int y = 0; y < thresholds.rows; ++y)
-        for (int x = 0; x < thresholds.cols; ++x)
-            t8.at<std::uint8_t>(y, x) =
-                cv::saturate_cast<std::uint8_t>(std::ceil(thresholds.at<float>(y, x)));
-    cv::Mat full;
-    if (c == 1) {
-        full = t8;
-    } else {
-        cv::resize(t8, full, cv::Size(t8.cols * c, t8.rows * c), 0, 0, cv::INTER_LINEAR);
+// Position of pixel `i` between the centres of cells of side c: the lower
+// cell and the weight of the next one.
+void CellPosition(int i, int c, int cells, int *lower, float *weight) {
+    const float f = (i - (c - 1) / 2.0f) / c;
+    int j = static_cast<int>(std::floor(f));
+    float w = f - j;
+    if (j < 0) {
+        j = 0;
+        w = 0;
     }
-    cv::Mat out;
-    cv::compare(gray, full(cv::Rect(0, 0, gray.cols, gray.rows)), out, cv::CMP_GE);
+    if (j >= cells - 1) {
+        j = cells - 1;
+        w = 0;
+    }
+    *lower = j;
+    *weight = w;
+}
+
+// One row of the result: ink (0) where the pixel is below the threshold
+// interpolated between two spread grid rows.
+void CompareRow(const std::uint8_t *__restrict g, const float *__restrict a, const float *__restrict b, float wy, int w,
+                std::uint8_t *__restrict o) {
+    for (int x = 0; x < w; ++x) o[x] = static_cast<float>(g[x]) < a[x] + wy * (b[x] - a[x]) ? 0 : 255;
+}
+
+// Per-pixel result from a per-cell threshold grid (CV_32F, ink below it),
+// interpolated bilinearly between cell centres: each grid row is spread
+// along x once, and every page row is a weighted sum of two such rows.
+cv::Mat ApplyGrid(const cv::Mat &gray, const cv::Mat &thresholds, int c) {
+    const int w = gray.cols;
+    std::vector<int> lowerX(w);
+    std::vector<float> weightX(w);
+    for (int x = 0; x < w; ++x) CellPosition(x, c, thresholds.cols, &lowerX[x], &weightX[x]);
+    auto spread = [&](int row, std::vector<float> *out) {
+        const float *t = thresholds.ptr<float>(row);
+        for (int x = 0; x < w; ++x) {
+            const int j = lowerX[x], j1 = std::min(j + 1, thresholds.cols - 1);
+            (*out)[x] = t[j] + weightX[x] * (t[j1] - t[j]);
+        }
+    };
+    std::vector<float> row0(w), row1(w);
+    int have0 = -1, have1 = -1;
+    cv::Mat out(gray.size(), CV_8U);
+    for (int y = 0; y < gray.rows; ++y) {
+        int j;
+        float wy;
+        CellPosition(y, c, thresholds.rows, &j, &wy);
+        const int j1 = std::min(j + 1, thresholds.rows - 1);
+        if (have0 != j) {
+            if (have1 == j) {
+                std::swap(row0, row1);
+                have0 = j;
+                have1 = -1;
+            } else {
+                spread(j, &row0);
+                have0 = j;
+            }
+        }
+        if (have1 != j1) {
+            spread(j1, &row1);
+            have1 = j1;
+        }
+        CompareRow(gray.ptr<std::uint8_t>(y), row0.data(), row1.data(), wy, w, out.ptr<std::uint8_t>(y));
+    }
     return out;
 }
 
@@ -166,21 +215,18 @@ cv::Mat NormalisedOtsu(const cv::Mat &gray, int paperWindow, int dpi) {
     cv::blur(paper8, paper8, cv::Size(n, n), cv::Point(-1, -1), cv::BORDER_REPLICATE);
     paper8.convertTo(paper, CV_32F);
 
-    // Histogram of v / paper on every other row and column.
+    // Histogram of v / paper on every third row and every other column.
+    std::array<std::uint32_t, 256> scale{};  // 255 / level in 16.16 fixed point
+    for (int v = 0; v < 256; ++v) scale[v] = (255u << 16) / std::max(1, v);
     std::array<double, 256> h{};
-    for (int y = 0; y < gray.rows; y += 2) {
+    for (int y = 0; y < gray.rows; y += 3) {
         const std::uint8_t *p = gray.ptr<std::uint8_t>(y);
-        const float *bg = paper.ptr<float>(y / c);
-        for (int x = 0; x < gray.cols; x += 2) {
-            const float b = std::max(1.0f, bg[x / c]);
-            h[std::min(255, static_cast<int>(p[x] * 255.0f / b))] += 1;
-        }
+        const std::uint8_t *bg = paper8.ptr<std::uint8_t>(y / c);
+        for (int x = 0; x < gray.cols; x += 2) h[std::min<std::uint32_t>(255, (p[x] * scale[bg[x / c]]) >> 16)] += 1;
     }
     const int tn = std::min(OtsuOfHistogram(h), kMaxNormalisedThreshold);
     // Ink where v * 255 / paper <= tn, i.e. v < paper * (tn + 1) / 255.
     cv::Mat t = paper * ((tn + 1) / 255.0);
-    // The ceil in ApplyGrid would move an exact integer up by one.
-    t -= 1e-3;
     return ApplyGrid(gray, t, c);
 }
 

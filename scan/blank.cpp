@@ -17,6 +17,8 @@
 // a few specks left on an empty page keep it blank, while one line of text,
 // however faint, does not.
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <cmath>
 #include <vector>
 
@@ -52,11 +54,14 @@ Blank JudgeBlank(const ScanPage &page, const Analysis &analysis) {
     if (inner.width <= 2 || inner.height <= 2) return b;
 
     // Ink as a share of the paper level, in percent.
+    std::array<std::uint32_t, 256> percentOf{};  // 100 / level in 16.16 fixed point
+    for (int v = 0; v < 256; ++v) percentOf[v] = (100u << 16) / std::max(1, v);
     cv::Mat ratio(g.size(), CV_8U, cv::Scalar(100));
     for (int y = inner.y; y < inner.y + inner.height; ++y) {
         const std::uint8_t *p = g.ptr<std::uint8_t>(y), *q = paper.ptr<std::uint8_t>(y);
         std::uint8_t *r = ratio.ptr<std::uint8_t>(y);
-        for (int x = inner.x; x < inner.x + inner.width; ++x) r[x] = static_cast<std::uint8_t>(std::min(100, p[x] * 100 / std::max<int>(1, q[x])));
+        for (int x = inner.x; x < inner.x + inner.width; ++x)
+            r[x] = static_cast<std::uint8_t>(std::min<std::uint32_t>(100, (p[x] * percentOf[q[x]]) >> 16));
     }
     for (const Hole &h : analysis.holes)
         cv::circle(ratio, cv::Point(static_cast<int>(h.cx / f), static_cast<int>(h.cy / f)),
@@ -64,8 +69,10 @@ Blank JudgeBlank(const ScanPage &page, const Analysis &analysis) {
     // Paper grain: where most of the sheet sits below its brightest level,
     // ink is measured from the typical paper instead.
     std::vector<int> hist(101, 0);
-    for (int y = inner.y; y < inner.y + inner.height; ++y)
-        for (int x = inner.x; x < inner.x + inner.width; ++x) ++hist[ratio.at<std::uint8_t>(y, x)];
+    for (int y = inner.y; y < inner.y + inner.height; ++y) {
+        const std::uint8_t *r = ratio.ptr<std::uint8_t>(y);
+        for (int x = inner.x; x < inner.x + inner.width; ++x) ++hist[r[x]];
+    }
     int typical = 100;
     for (int v = 0, acc = 0; v <= 100; ++v) {
         acc += hist[v];

@@ -48,19 +48,31 @@ cv::Mat Shrink(const cv::Mat &image, int factor) {
     return out;
 }
 
+namespace {
+
+template <int Ch>
+void SparseRows(const cv::Mat &image, int factor, cv::Mat *out) {
+    const int at = factor / 2 - 1;
+    const int step = factor * Ch;
+    for (int y = 0; y < out->rows; ++y) {
+        const std::uint8_t *p0 = image.ptr<std::uint8_t>(y * factor + at) + at * Ch;
+        const std::uint8_t *p1 = image.ptr<std::uint8_t>(y * factor + at + 1) + at * Ch;
+        std::uint8_t *o = out->ptr<std::uint8_t>(y);
+        for (int x = 0; x < out->cols; ++x, p0 += step, p1 += step, o += Ch)
+            for (int c = 0; c < Ch; ++c)
+                o[c] = static_cast<std::uint8_t>((p0[c] + p0[c + Ch] + p1[c] + p1[c + Ch] + 2) >> 2);
+    }
+}
+
+}  // namespace
+
 cv::Mat ShrinkSparse(const cv::Mat &image, int factor) {
     if (factor <= 2 || image.cols < factor || image.rows < factor) return Shrink(image, factor);
-    const int ch = image.channels();
-    const int w = image.cols / factor, h = image.rows / factor, at = factor / 2 - 1;
-    cv::Mat out(h, w, image.type());
-    for (int y = 0; y < h; ++y) {
-        const std::uint8_t *p0 = image.ptr<std::uint8_t>(y * factor + at), *p1 = image.ptr<std::uint8_t>(y * factor + at + 1);
-        std::uint8_t *o = out.ptr<std::uint8_t>(y);
-        for (int x = 0; x < w; ++x) {
-            const int i = (x * factor + at) * ch;
-            for (int c = 0; c < ch; ++c)
-                o[x * ch + c] = static_cast<std::uint8_t>((p0[i + c] + p0[i + ch + c] + p1[i + c] + p1[i + ch + c] + 2) >> 2);
-        }
+    cv::Mat out(image.rows / factor, image.cols / factor, image.type());
+    if (image.channels() == 3) {
+        SparseRows<3>(image, factor, &out);
+    } else {
+        SparseRows<1>(image, factor, &out);
     }
     return out;
 }
@@ -97,7 +109,7 @@ cv::Mat PaperLevel(const cv::Mat &gray, int cell, int window) {
     cv::blur(grid, grid, cv::Size(n, n), cv::Point(-1, -1), cv::BORDER_REPLICATE);
     cv::Mat out;
     cv::resize(grid, out, cv::Size(gw * cell, gh * cell), 0, 0, cv::INTER_LINEAR);
-    return out(cv::Rect(0, 0, gray.cols, gray.rows)).clone();
+    return out(cv::Rect(0, 0, gray.cols, gray.rows));
 }
 
 cv::Rect ShrinkRect(const cv::Rect &r, int factor, cv::Size size) {
