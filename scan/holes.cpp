@@ -151,17 +151,20 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet) {
     const int open = std::max(3, static_cast<int>(std::lround(1.5 * mm))) | 1;
     cv::morphologyEx(mask, mask, cv::MORPH_OPEN, cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(open, open)));
 
-    cv::Mat labels, stats, centroids;
-    const int n = cv::connectedComponentsWithStats(mask, labels, stats, centroids, 8, CV_32S);
+    // Blobs band by band (a blob in a corner is met twice and kept once).
     std::vector<Candidate> found;
+    for (const cv::Rect &bandBox : bands) {
+    cv::Mat labels, stats, centroids;
+    const int n = cv::connectedComponentsWithStats(mask(bandBox), labels, stats, centroids, 8, CV_32S);
     for (int i = 1; i < n; ++i) {
-        const int x = stats.at<int>(i, cv::CC_STAT_LEFT), y = stats.at<int>(i, cv::CC_STAT_TOP);
+        const int lx = stats.at<int>(i, cv::CC_STAT_LEFT), ly = stats.at<int>(i, cv::CC_STAT_TOP);
+        const int x = lx + bandBox.x, y = ly + bandBox.y;
         const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);
         if (std::max(w, h) < minD || std::max(w, h) > maxD) continue;
         if (std::max(w, h) > 1.35 * std::min(w, h)) continue;
         if (x <= 0 || y <= 0 || x + w >= image.cols || y + h >= image.rows) continue;
         // Fill the blob's inner gaps (a hole's shadowed rings) before judging its shape.
-        cv::Mat blob = labels(cv::Rect(x, y, w, h)) == i;
+        cv::Mat blob = labels(cv::Rect(lx, ly, w, h)) == i;
         cv::Mat filled = blob.clone();
         cv::Mat outside(h + 2, w + 2, CV_8U, cv::Scalar(0));
         blob.copyTo(outside(cv::Rect(1, 1, w, h)));
@@ -197,7 +200,10 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet) {
         const int side = static_cast<int>(std::min_element(toEdge.begin(), toEdge.end()) - toEdge.begin());
         if (toEdge[side] > kMaxCentreToEdgeMm * mm) continue;
         const bool clear = iou >= 0.85 && ragged <= 1.3 && toEdge[side] <= kLoneCentreToEdgeMm * mm;
-        found.push_back({cx, cy, reach, side, clear});
+        bool seen = false;
+        for (const Candidate &o : found) seen = seen || std::hypot(o.cx - cx, o.cy - cy) < reach;
+        if (!seen) found.push_back({cx, cy, reach, side, clear});
+    }
     }
     // A hole stands alone only when it is clearly one; others need a partner.
     std::vector<Hole> out;
