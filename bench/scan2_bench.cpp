@@ -43,7 +43,9 @@ void RunOnPage(benchmark::State &state, F f) {
 }
 
 void BM_ScanFindHoles(benchmark::State &state) {
-    RunOnPage(state, [](const ScanPage &p) { benchmark::DoNotOptimize(FindHoles(p, Sheet{cv::Rect(0, 0, p.width, p.height), 0})); });
+    RunOnPage(state, [](const ScanPage &p) {
+        benchmark::DoNotOptimize(FindHoles(p, Sheet{cv::Rect(0, 0, p.width, p.height), 0}));
+    });
 }
 BENCHMARK(BM_ScanFindHoles)->Arg(8)->Arg(24)->Unit(benchmark::kMillisecond);
 

@@ -21,10 +21,9 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
-#include <vector>
-
 #include <opencv2/imgproc.hpp>
 #include <utility>
+#include <vector>
 
 #include "scan/paper.h"
 #include "scan/scan.h"
@@ -32,14 +31,18 @@
 namespace quarvel::scan {
 namespace {
 
-constexpr double kSauvolaR = 128.0;   // the deviation range of 8-bit pages
+constexpr double kSauvolaR = 128.0;  // the deviation range of 8-bit pages
 // Normalised threshold cap: ink is at least 10 % darker than its paper, so a
 // page with no ink (Otsu splitting paper grain) stays white.
 constexpr int kMaxNormalisedThreshold = 230;
 
-int Odd(int v) { return v | 1; }
+int Odd(int v) {
+    return v | 1;
+}
 
-int CellSide(int window) { return std::clamp(window / 8, 1, 16); }
+int CellSide(int window) {
+    return std::clamp(window / 8, 1, 16);
+}
 
 // Sums of v and v*v over c x c cells (the last row and column of cells may
 // be partial; `count` holds their pixel counts). Grids are CV_64F.
@@ -232,9 +235,13 @@ cv::Mat NormalisedOtsu(const cv::Mat &gray, int paperWindow, int dpi) {
 
 }  // namespace
 
-int BinarizeWindow(int dpi) { return Odd(std::clamp(static_cast<int>(std::lround(dpi / 5.0)), 15, 255)); }
+int BinarizeWindow(int dpi) {
+    return Odd(std::clamp(static_cast<int>(std::lround(dpi / 5.0)), 15, 255));
+}
 
-double BinarizeDefaultK(int method) { return method == QUARVEL_BINARIZE_WOLF ? 0.5 : 0.34; }
+double BinarizeDefaultK(int method) {
+    return method == QUARVEL_BINARIZE_WOLF ? 0.5 : 0.34;
+}
 
 cv::Mat SauvolaPlain(const cv::Mat &gray, int window, double k) {
     cv::Mat s, q;
@@ -246,7 +253,8 @@ cv::Mat SauvolaPlain(const cv::Mat &gray, int window, double k) {
         for (int x = 0; x < gray.cols; ++x) {
             const int x0 = std::max(0, x - r), x1 = std::min(gray.cols, x + r + 1);
             const double n = static_cast<double>(y1 - y0) * (x1 - x0);
-            const double sum = s.at<double>(y1, x1) - s.at<double>(y0, x1) - s.at<double>(y1, x0) + s.at<double>(y0, x0);
+            const double sum =
+                s.at<double>(y1, x1) - s.at<double>(y0, x1) - s.at<double>(y1, x0) + s.at<double>(y0, x0);
             const double sq = q.at<double>(y1, x1) - q.at<double>(y0, x1) - q.at<double>(y1, x0) + q.at<double>(y0, x0);
             const double m = sum / n, d = std::sqrt(std::max(0.0, sq / n - m * m));
             out.at<std::uint8_t>(y, x) = gray.at<std::uint8_t>(y, x) < m * (1 + k * (d / kSauvolaR - 1)) ? 0 : 255;
@@ -263,18 +271,18 @@ cv::Mat Binarize(const cv::Mat &gray, int method, int window, double k, int dpi)
     window = Odd(std::clamp(window, 3, 4095));
     if (!(k > 0) || !(k < 10)) k = BinarizeDefaultK(method);
     switch (method) {
-    case QUARVEL_BINARIZE_SAUVOLA:
-    case QUARVEL_BINARIZE_WOLF:
-        return LocalThreshold(gray, method, window, k);
-    case QUARVEL_BINARIZE_OTSU: {
-        cv::Mat out;
-        cv::threshold(gray, out, 0, 255, cv::THRESH_BINARY | cv::THRESH_OTSU);
-        return out;
-    }
-    default:
-        // The paper window: the caller's, else a quarter inch, wider than
-        // any stroke of text.
-        return NormalisedOtsu(gray, userWindow > 0 ? window : Odd(dpi / 4), dpi);
+        case QUARVEL_BINARIZE_SAUVOLA:
+        case QUARVEL_BINARIZE_WOLF:
+            return LocalThreshold(gray, method, window, k);
+        case QUARVEL_BINARIZE_OTSU: {
+            cv::Mat out;
+            cv::threshold(gray, out, 0, 255, cv::THRESH_BINARY | cv::THRESH_OTSU);
+            return out;
+        }
+        default:
+            // The paper window: the caller's, else a quarter inch, wider than
+            // any stroke of text.
+            return NormalisedOtsu(gray, userWindow > 0 ? window : Odd(dpi / 4), dpi);
     }
 }
 

@@ -18,11 +18,10 @@
 // however faint, does not.
 #include <algorithm>
 #include <array>
-#include <cstdint>
 #include <cmath>
-#include <vector>
-
+#include <cstdint>
 #include <opencv2/imgproc.hpp>
+#include <vector>
 
 #include "scan/paper.h"
 #include "scan/scan.h"
@@ -31,7 +30,7 @@ namespace quarvel::scan {
 namespace {
 
 constexpr double kWorkDpi = 75.0;
-constexpr int kInkPercent = 88;          // ink: darker than 88 % of its paper
+constexpr int kInkPercent = 88;  // ink: darker than 88 % of its paper
 constexpr double kEdgeBandMm = 3.0;
 constexpr double kMinSpeckMm = 0.35;
 constexpr double kStainMm = 12.0;
@@ -48,7 +47,8 @@ Blank JudgeBlank(const ScanPage &page, const Analysis &analysis) {
     const cv::Mat g = ShrinkSparse(page.gray, f);
     const double mm = dpi / 25.4 / f;
     const cv::Mat paper = PaperLevel(g, std::max(2, static_cast<int>(mm)), static_cast<int>(6 * mm));
-    const cv::Rect sheet = ShrinkRect(analysis.sheet.box.area() > 0 ? analysis.sheet.box : cv::Rect(0, 0, page.width, page.height), f, g.size());
+    const cv::Rect sheet = ShrinkRect(
+        analysis.sheet.box.area() > 0 ? analysis.sheet.box : cv::Rect(0, 0, page.width, page.height), f, g.size());
     const int band = std::max(1, static_cast<int>(kEdgeBandMm * mm));
     const cv::Rect inner(sheet.x + band, sheet.y + band, sheet.width - 2 * band, sheet.height - 2 * band);
     if (inner.width <= 2 || inner.height <= 2) return b;

@@ -10,7 +10,6 @@
 // dust goes as a whole.
 #include <algorithm>
 #include <cmath>
-
 #include <opencv2/imgproc.hpp>
 
 #include "scan/paper.h"
@@ -37,13 +36,15 @@ void Despeckle(cv::Mat *gray, int maxSize, int dpi) {
         const int x = stats.at<int>(i, cv::CC_STAT_LEFT), y = stats.at<int>(i, cv::CC_STAT_TOP);
         const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);
         if (std::max(w, h) > maxSize) continue;
-        const cv::Rect near = cv::Rect(x - gap, y - gap, w + 2 * gap, h + 2 * gap) & cv::Rect(0, 0, gray->cols, gray->rows);
+        const cv::Rect near =
+            cv::Rect(x - gap, y - gap, w + 2 * gap, h + 2 * gap) & cv::Rect(0, 0, gray->cols, gray->rows);
         bool alone = true;
         for (int yy = near.y; yy < near.y + near.height && alone; ++yy) {
             const int *l = labels.ptr<int>(yy);
             for (int xx = near.x; xx < near.x + near.width; ++xx)
                 if (l[xx] != 0 && l[xx] != i &&
-                    std::max(stats.at<int>(l[xx], cv::CC_STAT_WIDTH), stats.at<int>(l[xx], cv::CC_STAT_HEIGHT)) > maxSize) {
+                    std::max(stats.at<int>(l[xx], cv::CC_STAT_WIDTH), stats.at<int>(l[xx], cv::CC_STAT_HEIGHT)) >
+                        maxSize) {
                     alone = false;
                     break;
                 }

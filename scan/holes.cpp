@@ -25,7 +25,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-
 #include <opencv2/imgproc.hpp>
 
 #include "scan/paper.h"
@@ -84,8 +83,8 @@ void PaperDifference(const cv::Mat &image, const cv::Rect &band, int cell, cv::M
     const int length = horizontal ? band.width : band.height;
     for (int at = 0; at < length; at += cell) {
         const int n = std::min(cell, length - at);
-        const cv::Rect c = horizontal ? cv::Rect(band.x + at, band.y, n, band.height)
-                                      : cv::Rect(band.x, band.y + at, band.width, n);
+        const cv::Rect c =
+            horizontal ? cv::Rect(band.x + at, band.y, n, band.height) : cv::Rect(band.x, band.y + at, band.width, n);
         const cv::Vec3b paper = Median(image, c);
         for (int y = c.y; y < c.y + c.height; ++y) {
             const std::uint8_t *p = image.ptr<std::uint8_t>(y) + c.x * ch;
@@ -127,8 +126,8 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet) {
     const double mm = dpi / 25.4 / f;  // reduced pixels per millimetre
     const double minD = kMinDiameterMm * mm, maxD = kMaxDiameterMm * mm;
     if (minD < 4 || image.empty()) return {};  // too coarse to tell a hole from a blot
-    const cv::Rect box = ShrinkRect(sheet.box.area() > 0 ? sheet.box : cv::Rect(0, 0, page.width, page.height), f,
-                                    image.size());
+    const cv::Rect box =
+        ShrinkRect(sheet.box.area() > 0 ? sheet.box : cv::Rect(0, 0, page.width, page.height), f, image.size());
     const int band = std::min(static_cast<int>(kBandMm * mm), std::min(box.width, box.height) / 2);
     if (band < maxD) return {};
 
@@ -154,56 +153,56 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet) {
     // Blobs band by band (a blob in a corner is met twice and kept once).
     std::vector<Candidate> found;
     for (const cv::Rect &bandBox : bands) {
-    cv::Mat labels, stats, centroids;
-    const int n = cv::connectedComponentsWithStats(mask(bandBox), labels, stats, centroids, 8, CV_32S);
-    for (int i = 1; i < n; ++i) {
-        const int lx = stats.at<int>(i, cv::CC_STAT_LEFT), ly = stats.at<int>(i, cv::CC_STAT_TOP);
-        const int x = lx + bandBox.x, y = ly + bandBox.y;
-        const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);
-        if (std::max(w, h) < minD || std::max(w, h) > maxD) continue;
-        if (std::max(w, h) > 1.35 * std::min(w, h)) continue;
-        if (x <= 0 || y <= 0 || x + w >= image.cols || y + h >= image.rows) continue;
-        // Fill the blob's inner gaps (a hole's shadowed rings) before judging its shape.
-        cv::Mat blob = labels(cv::Rect(lx, ly, w, h)) == i;
-        cv::Mat filled = blob.clone();
-        cv::Mat outside(h + 2, w + 2, CV_8U, cv::Scalar(0));
-        blob.copyTo(outside(cv::Rect(1, 1, w, h)));
-        cv::floodFill(outside, cv::Point(0, 0), cv::Scalar(128));
-        filled.setTo(255, outside(cv::Rect(1, 1, w, h)) == 0);
-        // Compare with the circle of the same area round the blob's centroid.
-        const cv::Moments mo = cv::moments(filled, true);
-        if (mo.m00 <= 0) continue;
-        const double bx = mo.m10 / mo.m00, by = mo.m01 / mo.m00;
-        const double r = std::sqrt(mo.m00 / CV_PI);
-        int inside = 0, disc = 0;
-        for (int yy = 0; yy < h; ++yy)
-            for (int xx = 0; xx < w; ++xx) {
-                const bool in = std::hypot(xx - bx, yy - by) <= r;
-                disc += in;
-                inside += in && filled.at<std::uint8_t>(yy, xx) != 0;
-            }
-        const double iou = inside / (mo.m00 + disc - inside);
-        if (iou < 0.7) continue;
-        std::vector<std::vector<cv::Point>> contours;
-        cv::findContours(filled, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
-        if (contours.size() != 1) continue;
-        const double perimeter = cv::arcLength(contours[0], true);
-        const double ragged = perimeter * perimeter / (4 * CV_PI * mo.m00);
-        if (ragged > 1.45) continue;  // a letter or a blot
-        if (RingCover(raw, x + bx, y + by, 0, r * 0.9) < 0.55) continue;  // a ring or a letter O
-        // Reported: the box round the blob, which holds a hole's shadowed
-        // crescent and its paler rim alike.
-        const double cx = x + (w - 1) / 2.0, cy = y + (h - 1) / 2.0, reach = std::max(w, h) / 2.0;
-        if (RingCover(raw, cx, cy, reach * 1.3, reach * 1.9) > 0.12) continue;  // has neighbours: text
-        const std::array<double, 4> toEdge = {cx - box.x, cy - box.y, box.x + box.width - cx,
-                                              box.y + box.height - cy};
-        const int side = static_cast<int>(std::min_element(toEdge.begin(), toEdge.end()) - toEdge.begin());
-        if (toEdge[side] > kMaxCentreToEdgeMm * mm) continue;
-        const bool clear = iou >= 0.85 && ragged <= 1.3 && toEdge[side] <= kLoneCentreToEdgeMm * mm;
-        bool seen = false;
-        for (const Candidate &o : found) seen = seen || std::hypot(o.cx - cx, o.cy - cy) < reach;
-        if (!seen) found.push_back({cx, cy, reach, side, clear});
-    }
+        cv::Mat labels, stats, centroids;
+        const int n = cv::connectedComponentsWithStats(mask(bandBox), labels, stats, centroids, 8, CV_32S);
+        for (int i = 1; i < n; ++i) {
+            const int lx = stats.at<int>(i, cv::CC_STAT_LEFT), ly = stats.at<int>(i, cv::CC_STAT_TOP);
+            const int x = lx + bandBox.x, y = ly + bandBox.y;
+            const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);
+            if (std::max(w, h) < minD || std::max(w, h) > maxD) continue;
+            if (std::max(w, h) > 1.35 * std::min(w, h)) continue;
+            if (x <= 0 || y <= 0 || x + w >= image.cols || y + h >= image.rows) continue;
+            // Fill the blob's inner gaps (a hole's shadowed rings) before judging its shape.
+            cv::Mat blob = labels(cv::Rect(lx, ly, w, h)) == i;
+            cv::Mat filled = blob.clone();
+            cv::Mat outside(h + 2, w + 2, CV_8U, cv::Scalar(0));
+            blob.copyTo(outside(cv::Rect(1, 1, w, h)));
+            cv::floodFill(outside, cv::Point(0, 0), cv::Scalar(128));
+            filled.setTo(255, outside(cv::Rect(1, 1, w, h)) == 0);
+            // Compare with the circle of the same area round the blob's centroid.
+            const cv::Moments mo = cv::moments(filled, true);
+            if (mo.m00 <= 0) continue;
+            const double bx = mo.m10 / mo.m00, by = mo.m01 / mo.m00;
+            const double r = std::sqrt(mo.m00 / CV_PI);
+            int inside = 0, disc = 0;
+            for (int yy = 0; yy < h; ++yy)
+                for (int xx = 0; xx < w; ++xx) {
+                    const bool in = std::hypot(xx - bx, yy - by) <= r;
+                    disc += in;
+                    inside += in && filled.at<std::uint8_t>(yy, xx) != 0;
+                }
+            const double iou = inside / (mo.m00 + disc - inside);
+            if (iou < 0.7) continue;
+            std::vector<std::vector<cv::Point>> contours;
+            cv::findContours(filled, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
+            if (contours.size() != 1) continue;
+            const double perimeter = cv::arcLength(contours[0], true);
+            const double ragged = perimeter * perimeter / (4 * CV_PI * mo.m00);
+            if (ragged > 1.45) continue;                                      // a letter or a blot
+            if (RingCover(raw, x + bx, y + by, 0, r * 0.9) < 0.55) continue;  // a ring or a letter O
+            // Reported: the box round the blob, which holds a hole's shadowed
+            // crescent and its paler rim alike.
+            const double cx = x + (w - 1) / 2.0, cy = y + (h - 1) / 2.0, reach = std::max(w, h) / 2.0;
+            if (RingCover(raw, cx, cy, reach * 1.3, reach * 1.9) > 0.12) continue;  // has neighbours: text
+            const std::array<double, 4> toEdge = {cx - box.x, cy - box.y, box.x + box.width - cx,
+                                                  box.y + box.height - cy};
+            const int side = static_cast<int>(std::min_element(toEdge.begin(), toEdge.end()) - toEdge.begin());
+            if (toEdge[side] > kMaxCentreToEdgeMm * mm) continue;
+            const bool clear = iou >= 0.85 && ragged <= 1.3 && toEdge[side] <= kLoneCentreToEdgeMm * mm;
+            bool seen = false;
+            for (const Candidate &o : found) seen = seen || std::hypot(o.cx - cx, o.cy - cy) < reach;
+            if (!seen) found.push_back({cx, cy, reach, side, clear});
+        }
     }
     // A hole stands alone only when it is clearly one; others need a partner.
     std::vector<Hole> out;

@@ -8,10 +8,9 @@
 //    the paper colour (the median of the sheet's brighter half), so yellowed
 //    or tinted paper is white; a pixel is coloured when its balanced
 //    saturation (max - min) / max is at least 0.3, it is not near black
-//    and has no near-black neighbour (colour fringes of black strokes), and (on tinted paper) its hue is more than 20 degrees from
-//    the paper's, since stains, ageing and shading take the paper's hue.
-//    Enough means at least 20 mm2 and 0.1 % of the sheet: a stamp, a line of
-//    coloured pen, a coloured rule or figure.
+//    and has no near-black neighbour (colour fringes of black strokes), and (on tinted paper) its hue is more than 20
+//    degrees from the paper's, since stains, ageing and shading take the paper's hue. Enough means at least 20 mm2 and
+//    0.1 % of the sheet: a stamp, a line of coloured pen, a coloured rule or figure.
 //  - gray (8) when photos or halftones cover at least 2 % of the sheet:
 //    mid-tone pixels (20 % to 70 % of the typical paper level, the paper
 //    being the brightest level over 60 mm) whose 3 x 3
@@ -22,7 +21,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-
 #include <opencv2/imgproc.hpp>
 
 #include "scan/paper.h"
@@ -73,9 +71,12 @@ float Hue(float b, float g, float r) {
     const float hi = std::max({b, g, r}), lo = std::min({b, g, r});
     if (hi - lo <= 0) return 0;
     float h;
-    if (hi == r) h = 60 * (g - b) / (hi - lo);
-    else if (hi == g) h = 60 * (b - r) / (hi - lo) + 120;
-    else h = 60 * (r - g) / (hi - lo) + 240;
+    if (hi == r)
+        h = 60 * (g - b) / (hi - lo);
+    else if (hi == g)
+        h = 60 * (b - r) / (hi - lo) + 120;
+    else
+        h = 60 * (r - g) / (hi - lo) + 240;
     return h < 0 ? h + 360 : h;
 }
 
@@ -99,12 +100,13 @@ int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
     } else {
         g = ShrinkSparse(page.gray, f);
     }
-    const cv::Rect sheet = ShrinkRect(analysis.sheet.box.area() > 0 ? analysis.sheet.box : cv::Rect(0, 0, page.width, page.height), f, g.size());
+    const cv::Rect sheet = ShrinkRect(
+        analysis.sheet.box.area() > 0 ? analysis.sheet.box : cv::Rect(0, 0, page.width, page.height), f, g.size());
     if (sheet.area() == 0) return QUARVEL_MODE_BITONAL;
     cv::Mat skip(g.size(), CV_8U, cv::Scalar(0));
     for (const Hole &h : analysis.holes)
-        cv::circle(skip, cv::Point(static_cast<int>(h.cx / f), static_cast<int>(h.cy / f)), static_cast<int>(h.r * 1.3 / f) + 1,
-                   cv::Scalar(255), cv::FILLED);
+        cv::circle(skip, cv::Point(static_cast<int>(h.cx / f), static_cast<int>(h.cy / f)),
+                   static_cast<int>(h.r * 1.3 / f) + 1, cv::Scalar(255), cv::FILLED);
 
     const cv::Mat paper = PaperLevel(g, std::max(2, static_cast<int>(mm)), static_cast<int>(6 * mm));
     if (page.colorSource) {
@@ -122,7 +124,8 @@ int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
         double coloured = 0;
         for (int y = sheet.y; y < sheet.y + sheet.height; ++y) {
             const cv::Vec3b *p = c.ptr<cv::Vec3b>(y);
-            const std::uint8_t *sy = skip.ptr<std::uint8_t>(y), *dy = darkest.ptr<std::uint8_t>(y), *py = paper.ptr<std::uint8_t>(y);
+            const std::uint8_t *sy = skip.ptr<std::uint8_t>(y), *dy = darkest.ptr<std::uint8_t>(y),
+                               *py = paper.ptr<std::uint8_t>(y);
             for (int x = sheet.x; x < sheet.x + sheet.width; ++x) {
                 if (sy[x] || dy[x] * 100 < py[x] * 25) continue;
                 const float b = p[x][0] * inv[0], gg = p[x][1] * inv[1], r = p[x][2] * inv[2];
@@ -133,7 +136,8 @@ int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
                 ++coloured;
             }
         }
-        if (coloured >= kMinColourMm2 * mm * mm && coloured >= kMinColourShare * sheet.area()) return QUARVEL_MODE_COLOR;
+        if (coloured >= kMinColourMm2 * mm * mm && coloured >= kMinColourShare * sheet.area())
+            return QUARVEL_MODE_COLOR;
     }
     // Flat mid-tones: photos and halftones, measured against the typical
     // paper (the sheet's median share of its paper level), so grain and
@@ -148,7 +152,8 @@ int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
     for (int y = 0; y < g.rows; ++y) {
         const std::uint8_t *gy = g.ptr<std::uint8_t>(y), *py = widePaper.ptr<std::uint8_t>(y);
         std::uint8_t *ry = ratio.ptr<std::uint8_t>(y);
-        for (int x = 0; x < g.cols; ++x) ry[x] = static_cast<std::uint8_t>(std::min<int>(100, (gy[x] * percentOf[py[x]]) >> 16));
+        for (int x = 0; x < g.cols; ++x)
+            ry[x] = static_cast<std::uint8_t>(std::min<int>(100, (gy[x] * percentOf[py[x]]) >> 16));
     }
     for (int y = sheet.y; y < sheet.y + sheet.height; ++y)
         for (int x = sheet.x; x < sheet.x + sheet.width; ++x) ++hist[ratio.at<std::uint8_t>(y, x)];
@@ -163,8 +168,8 @@ int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
     cv::dilate(ratio, hi, cv::Mat());
     double flat = 0;
     for (int y = sheet.y; y < sheet.y + sheet.height; ++y) {
-        const std::uint8_t *ry = ratio.ptr<std::uint8_t>(y), *ly = lo.ptr<std::uint8_t>(y), *hy = hi.ptr<std::uint8_t>(y),
-                           *sy = skip.ptr<std::uint8_t>(y);
+        const std::uint8_t *ry = ratio.ptr<std::uint8_t>(y), *ly = lo.ptr<std::uint8_t>(y),
+                           *hy = hi.ptr<std::uint8_t>(y), *sy = skip.ptr<std::uint8_t>(y);
         for (int x = sheet.x; x < sheet.x + sheet.width; ++x) {
             if (sy[x] || ry[x] * 5 < typical || ry[x] * 10 > typical * 7) continue;
             flat += (hy[x] - ly[x]) * 100 <= typical * 12;

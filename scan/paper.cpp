@@ -4,9 +4,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <vector>
-
 #include <opencv2/imgproc.hpp>
+#include <vector>
 
 namespace quarvel::scan {
 

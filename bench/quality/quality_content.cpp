@@ -12,18 +12,18 @@
 // Sauvola and background-normalised Otsu on the same page and window.
 // Timings are medians of 5 runs of processor time in this process (run it
 // with OPENCV_FOR_THREADS_NUM=1 for one thread).
+#include <unistd.h>
+
 #include <algorithm>
-#include <ctime>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <map>
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
 
 #include "formats.h"
 #include "page.h"
@@ -86,7 +86,9 @@ std::vector<std::uint8_t> GrayOf(const qtool::Page &page, int *w, int *h) {
     std::vector<std::uint8_t> out(static_cast<std::size_t>(*w) * *h);
     const RGBQUAD *table = l.bits() <= 8 ? l.table() : nullptr;
     const std::uint32_t entries = l.bits() <= 8 ? l.colors() : 0;
-    auto lumaOf = [](int b, int g, int r) { return static_cast<std::uint8_t>((306 * r + 601 * g + 117 * b + 512) >> 10); };
+    auto lumaOf = [](int b, int g, int r) {
+        return static_cast<std::uint8_t>((306 * r + 601 * g + 117 * b + 512) >> 10);
+    };
     for (int y = 0; y < *h; ++y) {
         const std::uint8_t *row = l.displayRow(y);
         for (int x = 0; x < *w; ++x) {
@@ -94,8 +96,9 @@ std::vector<std::uint8_t> GrayOf(const qtool::Page &page, int *w, int *h) {
             if (l.bits() <= 8) {
                 const int per = 8 / l.bits();
                 const int idx = (row[x / per] >> ((per - 1 - x % per) * l.bits())) & ((1 << l.bits()) - 1);
-                v = static_cast<std::uint32_t>(idx) < entries ? lumaOf(table[idx].rgbBlue, table[idx].rgbGreen, table[idx].rgbRed)
-                                                              : idx;
+                v = static_cast<std::uint32_t>(idx) < entries
+                        ? lumaOf(table[idx].rgbBlue, table[idx].rgbGreen, table[idx].rgbRed)
+                        : idx;
             } else {
                 const int bpp = l.bits() / 8;
                 v = lumaOf(row[x * bpp], row[x * bpp + 1], row[x * bpp + 2]);
@@ -174,9 +177,11 @@ long UnpaperChanged(const std::vector<std::uint8_t> &g, int w, int h) {
         f << "P5\n" << w << " " << h << "\n255\n";
         f.write(reinterpret_cast<const char *>(g.data()), static_cast<std::streamsize>(g.size()));
     }
-    const std::string cmd = "unpaper -q --overwrite --no-noisefilter --no-blurfilter --no-grayfilter --no-mask-scan "
-                            "--no-mask-center --no-deskew --no-wipe --no-border --no-border-scan --no-border-align "
-                            "--no-processing 0 " + inPath + " " + outPath + " >/dev/null 2>&1";
+    const std::string cmd =
+        "unpaper -q --overwrite --no-noisefilter --no-blurfilter --no-grayfilter --no-mask-scan "
+        "--no-mask-center --no-deskew --no-wipe --no-border --no-border-scan --no-border-align "
+        "--no-processing 0 " +
+        inPath + " " + outPath + " >/dev/null 2>&1";
     long changed = -1;
     if (std::system(cmd.c_str()) == 0) {
         std::ifstream f(outPath, std::ios::binary);
@@ -254,7 +259,8 @@ int main(int argc, char **argv) {
         }
         const int falses = r.hole_count - found;
         for (int i = 0; i < std::min(r.hole_count, QUARVEL_MAX_HOLES); ++i)
-            if (!used[i] || std::getenv("QUALITY_VERBOSE")) std::printf("  hole at %.0f,%.0f r %.0f\n", r.holes[i].cx, r.holes[i].cy, r.holes[i].r);
+            if (!used[i] || std::getenv("QUALITY_VERBOSE"))
+                std::printf("  hole at %.0f,%.0f r %.0f\n", r.holes[i].cx, r.holes[i].cy, r.holes[i].r);
         holesTrue += static_cast<int>(t.holes.size());
         holesFound += found;
         falseHoles += falses;
@@ -283,16 +289,19 @@ int main(int argc, char **argv) {
             modeRight += r.mode == t.mode;
         }
         std::printf("%-24s %5zu %5d %5d %8ld %9ld %5s %6.2f %4d %4d %7.1f\n", t.file.c_str(), t.holes.size(), found,
-                    falses, changed, unpaperChanged, r.blank == t.blank ? (r.blank ? "B ok" : "- ok") : (r.blank ? "B BAD" : "- BAD"),
-                    100 * r.ink, r.mode, t.mode, ms);
+                    falses, changed, unpaperChanged,
+                    r.blank == t.blank ? (r.blank ? "B ok" : "- ok") : (r.blank ? "B BAD" : "- BAD"), 100 * r.ink,
+                    r.mode, t.mode, ms);
     }
     std::sort(analyseMs.begin(), analyseMs.end());
     std::printf("\nholes: %d of %d found, %d false; hole-free pages touched: %d of %d\n", holesFound, holesTrue,
                 falseHoles, holeFreeTouched, holeFreePages);
-    std::printf("blank verdicts: %d of %d right; modes: %d of %d right\n", blankRight, blankTotal, modeRight, modeTotal);
+    std::printf("blank verdicts: %d of %d right; modes: %d of %d right\n", blankRight, blankTotal, modeRight,
+                modeTotal);
     if (!analyseMs.empty())
-        std::printf("whole analysis (every step, public API, decoding included): median %.1f ms, max %.1f ms CPU per page\n",
-                    analyseMs[analyseMs.size() / 2], analyseMs.back());
+        std::printf(
+            "whole analysis (every step, public API, decoding included): median %.1f ms, max %.1f ms CPU per page\n",
+            analyseMs[analyseMs.size() / 2], analyseMs.back());
 
     // Binarisation against ground truth.
     std::printf("\n%-24s %-28s %7s %8s\n", "page", "method", "F", "ms");
@@ -325,7 +334,8 @@ int main(int argc, char **argv) {
             qtool::Page out;
             const double ms = MedianMs([&] { out = qtool::Page(QuarvelBinarizePage(pages[0].get(), &o)); });
             int ow, oh;
-            std::printf("%-24s %-28s %7.4f %8.1f\n", t.file.c_str(), m.name, FMeasure(GrayOf(out, &ow, &oh), truthGray), ms);
+            std::printf("%-24s %-28s %7.4f %8.1f\n", t.file.c_str(), m.name, FMeasure(GrayOf(out, &ow, &oh), truthGray),
+                        ms);
         }
         QuarvelPageReport r{};
         r.size = sizeof r;
@@ -340,25 +350,32 @@ int main(int argc, char **argv) {
         });
         char name[64];
         std::snprintf(name, sizeof name, "leptonica sauvola w%d k.34", window);
-        if (bin) std::printf("%-24s %-28s %7.4f %8.1f\n", t.file.c_str(), name, FMeasure(GrayOfPix1(bin), truthGray), ms);
+        if (bin)
+            std::printf("%-24s %-28s %7.4f %8.1f\n", t.file.c_str(), name, FMeasure(GrayOfPix1(bin), truthGray), ms);
         pixDestroy(&bin);
         ms = MedianMs([&] {
             pixDestroy(&bin);
             pixSauvolaBinarize(pix, 7, 0.34f, 1, nullptr, nullptr, nullptr, &bin);
         });
-        if (bin) std::printf("%-24s %-28s %7.4f %8.1f\n", t.file.c_str(), "leptonica sauvola w15 k.34", FMeasure(GrayOfPix1(bin), truthGray), ms);
+        if (bin)
+            std::printf("%-24s %-28s %7.4f %8.1f\n", t.file.c_str(), "leptonica sauvola w15 k.34",
+                        FMeasure(GrayOfPix1(bin), truthGray), ms);
         pixDestroy(&bin);
         ms = MedianMs([&] {
             pixDestroy(&bin);
             bin = pixOtsuThreshOnBackgroundNorm(pix, nullptr, 10, 15, 100, 50, 255, 2, 2, 0.1f, nullptr);
         });
-        if (bin) std::printf("%-24s %-28s %7.4f %8.1f\n", t.file.c_str(), "leptonica otsu on bg norm", FMeasure(GrayOfPix1(bin), truthGray), ms);
+        if (bin)
+            std::printf("%-24s %-28s %7.4f %8.1f\n", t.file.c_str(), "leptonica otsu on bg norm",
+                        FMeasure(GrayOfPix1(bin), truthGray), ms);
         pixDestroy(&bin);
         ms = MedianMs([&] {
             pixDestroy(&bin);
             pixOtsuAdaptiveThreshold(pix, 200, 200, 0, 0, 0.1f, nullptr, &bin);
         });
-        if (bin) std::printf("%-24s %-28s %7.4f %8.1f\n", t.file.c_str(), "leptonica otsu adaptive", FMeasure(GrayOfPix1(bin), truthGray), ms);
+        if (bin)
+            std::printf("%-24s %-28s %7.4f %8.1f\n", t.file.c_str(), "leptonica otsu adaptive",
+                        FMeasure(GrayOfPix1(bin), truthGray), ms);
         pixDestroy(&bin);
         pixDestroy(&pix);
 #else

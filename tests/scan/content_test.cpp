@@ -5,9 +5,8 @@
 
 #include <cmath>
 #include <limits>
-#include <random>
-
 #include <opencv2/imgproc.hpp>
+#include <random>
 
 #include "quarvel/scan.h"
 #include "scan/binarize.h"
@@ -21,7 +20,9 @@ using namespace quarvel::scan;
 constexpr int kDpi = 150;
 const cv::Size kA4(1240, 1754);  // A4 at 150 dpi
 
-int Mm(double mm) { return static_cast<int>(std::lround(mm * kDpi / 25.4)); }
+int Mm(double mm) {
+    return static_cast<int>(std::lround(mm * kDpi / 25.4));
+}
 
 ScanPage PageOf(const cv::Mat &image, int dpi = kDpi, bool bitonal = false) {
     ScanPage p;
@@ -60,7 +61,7 @@ void DrawText(cv::Mat *page, cv::Scalar ink, int top = Mm(30), int lines = 30) {
             for (int k = 0; k < word; ++k, x += Mm(2.2)) {
                 const int h = rng() % 3 == 0 ? Mm(3.2) : Mm(2.2);
                 cv::rectangle(*page, cv::Rect(x, y - h, Mm(0.4) + 1, h), ink, cv::FILLED);
-                if (rng() % 5 == 0) cv::circle(*page, cv::Point(x + 1, y - Mm(3.2)), 1, ink, cv::FILLED);  // i dot
+                if (rng() % 5 == 0) cv::circle(*page, cv::Point(x + 1, y - Mm(3.2)), 1, ink, cv::FILLED);   // i dot
                 if (rng() % 7 == 0) cv::circle(*page, cv::Point(x + Mm(1.2), y - Mm(1)), Mm(0.9), ink, 1);  // o
             }
             cv::circle(*page, cv::Point(x, y - 1), 1, ink, cv::FILLED);  // full stop
@@ -133,8 +134,8 @@ TEST(Holes, NoneOnTextPagesWithDotsRingsAndDiscs) {
     // among the text, a lone disc far inside: nothing is a hole.
     cv::Mat page(kA4, CV_8UC1, cv::Scalar(245));
     DrawText(&page, cv::Scalar(20), Mm(10), 60);
-    cv::circle(page, cv::Point(Mm(12), Mm(60)), Mm(3.5), cv::Scalar(20), Mm(0.8));          // O near the edge
-    cv::circle(page, cv::Point(Mm(40), Mm(100)), Mm(3.2), cv::Scalar(20), cv::FILLED);       // disc among text
+    cv::circle(page, cv::Point(Mm(12), Mm(60)), Mm(3.5), cv::Scalar(20), Mm(0.8));      // O near the edge
+    cv::circle(page, cv::Point(Mm(40), Mm(100)), Mm(3.2), cv::Scalar(20), cv::FILLED);  // disc among text
     cv::circle(page, cv::Point(kA4.width / 2, kA4.height / 2), Mm(3), cv::Scalar(20), cv::FILLED);
     const ScanPage p = PageOf(page);
     EXPECT_TRUE(FindHoles(p, WholeSheet(p).sheet).empty());
@@ -188,23 +189,27 @@ TEST_P(BlankTest, Verdict) {
 
 INSTANTIATE_TEST_SUITE_P(
     Pages, BlankTest,
-    ::testing::Values(
-        BlankCase{"paper grain only", true, [](cv::Mat *) {}},
-        BlankCase{"dark frame, stains, holes, a speck", true,
-                  [](cv::Mat *m) {
-                      cv::rectangle(*m, cv::Rect(0, 0, m->cols, Mm(15)), cv::Scalar(30), cv::FILLED);
-                      cv::rectangle(*m, cv::Rect(m->cols - Mm(12), 0, Mm(12), m->rows), cv::Scalar(30), cv::FILLED);
-                      cv::ellipse(*m, cv::Point(Mm(100), Mm(150)), cv::Size(Mm(30), Mm(20)), 0, 0, 360, cv::Scalar(185), cv::FILLED);
-                      for (int i = -1; i <= 1; ++i) cv::circle(*m, cv::Point(Mm(12), m->rows / 2 + i * Mm(80)), Mm(3), cv::Scalar(20), cv::FILLED);
-                      cv::circle(*m, cv::Point(Mm(60), Mm(60)), 0, cv::Scalar(40), cv::FILLED);
-                  }},
-        BlankCase{"faint text (15 % below the paper)", false, [](cv::Mat *m) { DrawText(m, cv::Scalar(200), Mm(40), 6); }},
-        BlankCase{"three short lines", false,
-                  [](cv::Mat *m) {
-                      cv::Mat lines(m->rows, Mm(60), CV_8UC1, cv::Scalar(235));
-                      DrawText(&lines, cv::Scalar(30), Mm(120), 3);
-                      lines.copyTo((*m)(cv::Rect(Mm(80), 0, Mm(60), m->rows)));
-                  }}),
+    ::testing::Values(BlankCase{"paper grain only", true, [](cv::Mat *) {}},
+                      BlankCase{"dark frame, stains, holes, a speck", true,
+                                [](cv::Mat *m) {
+                                    cv::rectangle(*m, cv::Rect(0, 0, m->cols, Mm(15)), cv::Scalar(30), cv::FILLED);
+                                    cv::rectangle(*m, cv::Rect(m->cols - Mm(12), 0, Mm(12), m->rows), cv::Scalar(30),
+                                                  cv::FILLED);
+                                    cv::ellipse(*m, cv::Point(Mm(100), Mm(150)), cv::Size(Mm(30), Mm(20)), 0, 0, 360,
+                                                cv::Scalar(185), cv::FILLED);
+                                    for (int i = -1; i <= 1; ++i)
+                                        cv::circle(*m, cv::Point(Mm(12), m->rows / 2 + i * Mm(80)), Mm(3),
+                                                   cv::Scalar(20), cv::FILLED);
+                                    cv::circle(*m, cv::Point(Mm(60), Mm(60)), 0, cv::Scalar(40), cv::FILLED);
+                                }},
+                      BlankCase{"faint text (15 % below the paper)", false,
+                                [](cv::Mat *m) { DrawText(m, cv::Scalar(200), Mm(40), 6); }},
+                      BlankCase{"three short lines", false,
+                                [](cv::Mat *m) {
+                                    cv::Mat lines(m->rows, Mm(60), CV_8UC1, cv::Scalar(235));
+                                    DrawText(&lines, cv::Scalar(30), Mm(120), 3);
+                                    lines.copyTo((*m)(cv::Rect(Mm(80), 0, Mm(60), m->rows)));
+                                }}),
     [](const auto &info) { return std::to_string(info.index); });
 
 TEST(Blank, RealFaintTextIsNotBlank) {
@@ -243,28 +248,30 @@ TEST_P(ModeTest, JudgesTheContentNotTheFile) {
     EXPECT_EQ(JudgeContentMode(p, WholeSheet(p)), c.mode) << c.name;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Pages, ModeTest,
-    ::testing::Values(
-        ModeCase{"black text on yellowed paper", QUARVEL_MODE_BITONAL, [](cv::Mat *m) { DrawText(m, cv::Scalar(35, 35, 35)); }},
-        ModeCase{"a red stamp", QUARVEL_MODE_COLOR,
-                 [](cv::Mat *m) {
-                     DrawText(m, cv::Scalar(35, 35, 35));
-                     cv::circle(*m, cv::Point(Mm(150), Mm(240)), Mm(12), cv::Scalar(40, 40, 200), Mm(2));
-                 }},
-        ModeCase{"blue ink", QUARVEL_MODE_COLOR, [](cv::Mat *m) { DrawText(m, cv::Scalar(170, 60, 30)); }},
-        ModeCase{"a photograph", QUARVEL_MODE_GRAY,
-                 [](cv::Mat *m) {
-                     DrawText(m, cv::Scalar(35, 35, 35));
-                     cv::Mat photo((*m)(cv::Rect(Mm(40), Mm(60), Mm(80), Mm(60))));
-                     for (int y = 0; y < photo.rows; ++y)
-                         for (int x = 0; x < photo.cols; ++x) {
-                             // Printed on the paper: its tint shows through.
-                             const double v = 0.25 + 0.5 * x / photo.cols;
-                             photo.at<cv::Vec3b>(y, x) = cv::Vec3b(175 * v, 225 * v, 238 * v);
-                         }
-                 }}),
-    [](const auto &info) { return std::to_string(info.index); });
+INSTANTIATE_TEST_SUITE_P(Pages, ModeTest,
+                         ::testing::Values(ModeCase{"black text on yellowed paper", QUARVEL_MODE_BITONAL,
+                                                    [](cv::Mat *m) { DrawText(m, cv::Scalar(35, 35, 35)); }},
+                                           ModeCase{"a red stamp", QUARVEL_MODE_COLOR,
+                                                    [](cv::Mat *m) {
+                                                        DrawText(m, cv::Scalar(35, 35, 35));
+                                                        cv::circle(*m, cv::Point(Mm(150), Mm(240)), Mm(12),
+                                                                   cv::Scalar(40, 40, 200), Mm(2));
+                                                    }},
+                                           ModeCase{"blue ink", QUARVEL_MODE_COLOR,
+                                                    [](cv::Mat *m) { DrawText(m, cv::Scalar(170, 60, 30)); }},
+                                           ModeCase{"a photograph", QUARVEL_MODE_GRAY,
+                                                    [](cv::Mat *m) {
+                                                        DrawText(m, cv::Scalar(35, 35, 35));
+                                                        cv::Mat photo((*m)(cv::Rect(Mm(40), Mm(60), Mm(80), Mm(60))));
+                                                        for (int y = 0; y < photo.rows; ++y)
+                                                            for (int x = 0; x < photo.cols; ++x) {
+                                                                // Printed on the paper: its tint shows through.
+                                                                const double v = 0.25 + 0.5 * x / photo.cols;
+                                                                photo.at<cv::Vec3b>(y, x) =
+                                                                    cv::Vec3b(175 * v, 225 * v, 238 * v);
+                                                            }
+                                                    }}),
+                         [](const auto &info) { return std::to_string(info.index); });
 
 TEST(Mode, OneBitPagesAreBitonal) {
     cv::Mat page(kA4, CV_8UC1, cv::Scalar(255));
@@ -281,9 +288,10 @@ cv::Mat ShadedText(cv::Mat *truth) {
     cv::Mat page(kA4, CV_8UC1);
     for (int y = 0; y < page.rows; ++y)
         for (int x = 0; x < page.cols; ++x) {
-            const double light = 0.45 + 0.55 * x / page.cols -
-                                 0.25 * std::exp(-std::pow(std::hypot(x - 300.0, y - 900.0) / 200, 2));
-            page.at<std::uint8_t>(y, x) = cv::saturate_cast<std::uint8_t>(light * (ink.at<std::uint8_t>(y, x) ? 240 : 50));
+            const double light =
+                0.45 + 0.55 * x / page.cols - 0.25 * std::exp(-std::pow(std::hypot(x - 300.0, y - 900.0) / 200, 2));
+            page.at<std::uint8_t>(y, x) =
+                cv::saturate_cast<std::uint8_t>(light * (ink.at<std::uint8_t>(y, x) ? 240 : 50));
         }
     return page;
 }
@@ -337,7 +345,8 @@ TEST(Despeckle, RemovesLoneSpecksKeepsDotsStopsAndStrokes) {
     std::mt19937 rng(3);
     std::vector<cv::Point> specks;
     for (int i = 0; i < 40; ++i) {
-        specks.emplace_back(Mm(3) + static_cast<int>(rng() % Mm(12)), Mm(20) + static_cast<int>(rng() % (kA4.height - Mm(40))));
+        specks.emplace_back(Mm(3) + static_cast<int>(rng() % Mm(12)),
+                            Mm(20) + static_cast<int>(rng() % (kA4.height - Mm(40))));
         cv::rectangle(page, cv::Rect(specks.back(), cv::Size(1 + i % 2, 1 + i % 2)), cv::Scalar(30), cv::FILLED);
     }
     for (bool binary : {false, true}) {
