@@ -44,6 +44,13 @@ int CellSide(int window) {
     return std::clamp(window / 8, 1, 16);
 }
 
+void AddRow(const std::uint8_t *__restrict p, int n, std::uint32_t *__restrict s, std::uint32_t *__restrict q) {
+    for (int x = 0; x < n; ++x) {
+        s[x] += p[x];
+        q[x] += static_cast<std::uint16_t>(p[x] * p[x]);  // 16-bit products: SSE2 multiplies those
+    }
+}
+
 // Sums of v and v*v over c x c cells (the last row and column of cells may
 // be partial; `count` holds their pixel counts). Grids are CV_64F.
 void CellSums(const cv::Mat &gray, int c, cv::Mat *sum, cv::Mat *sq, cv::Mat *count) {
@@ -51,29 +58,25 @@ void CellSums(const cv::Mat &gray, int c, cv::Mat *sum, cv::Mat *sq, cv::Mat *co
     *sum = cv::Mat::zeros(gh, gw, CV_64F);
     *sq = cv::Mat::zeros(gh, gw, CV_64F);
     *count = cv::Mat::zeros(gh, gw, CV_64F);
-    std::vector<std::uint32_t> s(gw), q(gw);
+    // Column totals over a band of c rows (a loop the compiler vectorises),
+    // then the cells' columns added.
+    std::vector<std::uint32_t> s(gray.cols), q(gray.cols);
     for (int gy = 0; gy < gh; ++gy) {
         std::fill(s.begin(), s.end(), 0u);
         std::fill(q.begin(), q.end(), 0u);
         const int y1 = std::min(gray.rows, (gy + 1) * c);
-        for (int y = gy * c; y < y1; ++y) {
-            const std::uint8_t *p = gray.ptr<std::uint8_t>(y);
-            for (int gx = 0; gx < gw; ++gx) {
-                const int x0 = gx * c, x1 = std::min(gray.cols, x0 + c);
-                std::uint32_t a = 0, b = 0;
-                for (int x = x0; x < x1; ++x) {
-                    a += p[x];
-                    b += static_cast<std::uint32_t>(p[x]) * p[x];
-                }
-                s[gx] += a;
-                q[gx] += b;
-            }
-        }
+        for (int y = gy * c; y < y1; ++y) AddRow(gray.ptr<std::uint8_t>(y), gray.cols, s.data(), q.data());
         const int rows = y1 - gy * c;
         for (int gx = 0; gx < gw; ++gx) {
-            sum->at<double>(gy, gx) = s[gx];
-            sq->at<double>(gy, gx) = q[gx];
-            count->at<double>(gy, gx) = static_cast<double>(rows) * (std::min(gray.cols, (gx + 1) * c) - gx * c);
+            const int x0 = gx * c, x1 = std::min(gray.cols, x0 + c);
+            std::uint64_t a = 0, b = 0;
+            for (int x = x0; x < x1; ++x) {
+                a += s[x];
+                b += q[x];
+            }
+            sum->at<double>(gy, gx) = static_cast<double>(a);
+            sq->at<double>(gy, gx) = static_cast<double>(b);
+            count->at<double>(gy, gx) = static_cast<double>(rows) * (x1 - x0);
         }
     }
 }
@@ -221,12 +224,18 @@ cv::Mat NormalisedOtsu(const cv::Mat &gray, int paperWindow, int dpi) {
     // Histogram of v / paper on every third row and every other column.
     std::array<std::uint32_t, 256> scale{};  // 255 / level in 16.16 fixed point
     for (int v = 0; v < 256; ++v) scale[v] = (255u << 16) / std::max(1, v);
-    std::array<double, 256> h{};
+    std::array<std::uint32_t, 256> counts{};
     for (int y = 0; y < gray.rows; y += 3) {
         const std::uint8_t *p = gray.ptr<std::uint8_t>(y);
         const std::uint8_t *bg = paper8.ptr<std::uint8_t>(y / c);
-        for (int x = 0; x < gray.cols; x += 2) h[std::min<std::uint32_t>(255, (p[x] * scale[bg[x / c]]) >> 16)] += 1;
+        for (int gx = 0; gx < paper8.cols; ++gx) {
+            const std::uint32_t f = scale[bg[gx]];
+            for (int x = gx * c; x < std::min(gray.cols, (gx + 1) * c); x += 2)
+                ++counts[std::min<std::uint32_t>(255, (p[x] * f) >> 16)];
+        }
     }
+    std::array<double, 256> h{};
+    for (int v = 0; v < 256; ++v) h[v] = counts[v];
     const int tn = std::min(OtsuOfHistogram(h), kMaxNormalisedThreshold);
     // Ink where v * 255 / paper <= tn, i.e. v < paper * (tn + 1) / 255.
     cv::Mat t = paper * ((tn + 1) / 255.0);
