@@ -64,7 +64,8 @@ cv::Vec3b Median(const cv::Mat &image, const cv::Rect &r) {
     const int ch = image.channels();
     for (int y = r.y; y < r.y + r.height; ++y) {
         const std::uint8_t *p = image.ptr<std::uint8_t>(y) + r.x * ch;
-        for (int x = 0; x < r.width * ch; ++x) ++h[x % ch][p[x]];
+        for (int x = 0; x < r.width; ++x, p += ch)
+            for (int c = 0; c < ch; ++c) ++h[c][p[c]];
     }
     cv::Vec3b out;
     const int half = r.area() / 2;
