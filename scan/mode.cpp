@@ -7,20 +7,22 @@
 //  - colour (24) when enough of it is coloured ink: each pixel is divided by
 //    the paper colour (the median of the sheet's brighter half), so yellowed
 //    or tinted paper is white; a pixel is coloured when its balanced
-//    saturation (max - min) / max is at least 0.3, it is not near black
-//    and has no near-black neighbour (colour fringes of black strokes), and (on tinted paper) its hue is more than 20
-//    degrees from the paper's, since stains, ageing and shading take the paper's hue. Enough means at least 20 mm2 and
-//    0.1 % of the sheet: a stamp, a line of coloured pen, a coloured rule or figure.
+//    saturation (max - min) / max is at least 0.3, it is not near black and
+//    has no near-black neighbour (colour fringes of black strokes), and (on
+//    tinted paper) its hue is more than 20 degrees from the paper's, since
+//    stains, ageing and shading take the paper's hue. Enough means at least
+//    20 mm2 and 0.1 % of the sheet: a stamp, a line of coloured pen, a
+//    coloured rule or figure.
 //  - gray (8) when photos or halftones cover at least 2 % of the sheet:
 //    mid-tone pixels (20 % to 70 % of the typical paper level, the paper
-//    being the brightest level over 60 mm) whose 3 x 3
-//    neighbourhood is flat (within 12 % of it). Text at 75 dpi
-//    has mid-tones only on stroke edges, beside paper and ink, so it is not
-//    flat.
+//    being the brightest level over 60 mm) whose 3 x 3 neighbourhood is flat
+//    (within 12 % of it). Text at 75 dpi has mid-tones only on stroke edges,
+//    beside paper and ink, so it is not flat.
 //  - else black-and-white (1), on any paper tint.
 #include <algorithm>
 #include <array>
 #include <cmath>
+
 #include <opencv2/imgproc.hpp>
 
 #include "scan/paper.h"
