@@ -82,8 +82,8 @@ Blank JudgeBlank(const ScanPage &page, const Analysis &analysis) {
         }
     }
     cv::Mat ink = ratio < typical * kInkPercent / 100;
-    cv::Mat labels, stats, centroids;
-    const int n = cv::connectedComponentsWithStats(ink, labels, stats, centroids, 8, CV_32S);
+    cv::Mat labels, stats;
+    const int n = LabelBlobs(ink, &labels, &stats);
     std::vector<int> darkest(n, 100);
     for (int y = inner.y; y < inner.y + inner.height; ++y) {
         const int *l = labels.ptr<int>(y);

@@ -30,8 +30,8 @@ void Despeckle(cv::Mat *gray, int maxSize, int dpi) {
         std::uint8_t *k = ink.ptr<std::uint8_t>(y);
         for (int x = 0; x < gray->cols; ++x) k[x] = g[x] * 4 < p[x] * 3 ? 255 : 0;
     }
-    cv::Mat labels, stats, centroids;
-    const int n = cv::connectedComponentsWithStats(ink, labels, stats, centroids, 8, CV_32S);
+    cv::Mat labels, stats;
+    const int n = LabelBlobs(ink, &labels, &stats);
     for (int i = 1; i < n; ++i) {
         const int x = stats.at<int>(i, cv::CC_STAT_LEFT), y = stats.at<int>(i, cv::CC_STAT_TOP);
         const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);

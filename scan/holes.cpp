@@ -154,8 +154,8 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet) {
     // Blobs band by band (a blob in a corner is met twice and kept once).
     std::vector<Candidate> found;
     for (const cv::Rect &bandBox : bands) {
-        cv::Mat labels, stats, centroids;
-        const int n = cv::connectedComponentsWithStats(mask(bandBox), labels, stats, centroids, 8, CV_32S);
+        cv::Mat labels, stats;
+        const int n = LabelBlobs(mask(bandBox), &labels, &stats);
         for (int i = 1; i < n; ++i) {
             const int lx = stats.at<int>(i, cv::CC_STAT_LEFT), ly = stats.at<int>(i, cv::CC_STAT_TOP);
             const int x = lx + bandBox.x, y = ly + bandBox.y;

@@ -111,6 +111,33 @@ cv::Mat PaperLevel(const cv::Mat &gray, int cell, int window) {
     return out(cv::Rect(0, 0, gray.cols, gray.rows));
 }
 
+int LabelBlobs(const cv::Mat &mask, cv::Mat *labels, cv::Mat *stats) {
+    const int n = cv::connectedComponents(mask, *labels, 8, CV_32S);
+    std::vector<int> x0(n, mask.cols), y0(n, mask.rows), x1(n, -1), y1(n, -1), area(n, 0);
+    for (int y = 0; y < labels->rows; ++y) {
+        const int *l = labels->ptr<int>(y);
+        for (int x = 0; x < labels->cols; ++x) {
+            const int i = l[x];
+            if (i == 0) continue;
+            x0[i] = std::min(x0[i], x);
+            x1[i] = std::max(x1[i], x);
+            y0[i] = std::min(y0[i], y);
+            y1[i] = y;
+            ++area[i];
+        }
+    }
+    *stats = cv::Mat(n, cv::CC_STAT_MAX, CV_32S, cv::Scalar(0));
+    for (int i = 1; i < n; ++i) {
+        int *row = stats->ptr<int>(i);
+        row[cv::CC_STAT_LEFT] = x0[i];
+        row[cv::CC_STAT_TOP] = y0[i];
+        row[cv::CC_STAT_WIDTH] = x1[i] - x0[i] + 1;
+        row[cv::CC_STAT_HEIGHT] = y1[i] - y0[i] + 1;
+        row[cv::CC_STAT_AREA] = area[i];
+    }
+    return n;
+}
+
 cv::Rect ShrinkRect(const cv::Rect &r, int factor, cv::Size size) {
     factor = std::max(1, factor);
     const int x0 = r.x / factor, y0 = r.y / factor;
