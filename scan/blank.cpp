@@ -47,8 +47,9 @@ Blank JudgeBlank(const ScanPage &page, const Analysis &analysis) {
     const cv::Mat g = ShrinkSparse(page.gray, f);
     const double mm = dpi / 25.4 / f;
     const cv::Mat paper = PaperLevel(g, std::max(2, static_cast<int>(mm)), static_cast<int>(6 * mm));
-    const cv::Rect sheet = ShrinkRect(
+    cv::Rect sheet = ShrinkRect(
         analysis.sheet.box.area() > 0 ? analysis.sheet.box : cv::Rect(0, 0, page.width, page.height), f, g.size());
+    if (analysis.sheet.sides == 0) sheet = PaperBox(g, sheet);
     const int band = std::max(1, static_cast<int>(kEdgeBandMm * mm));
     const cv::Rect inner(sheet.x + band, sheet.y + band, sheet.width - 2 * band, sheet.height - 2 * band);
     if (inner.width <= 2 || inner.height <= 2) return b;

@@ -127,8 +127,15 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet) {
     const double mm = dpi / 25.4 / f;  // reduced pixels per millimetre
     const double minD = kMinDiameterMm * mm, maxD = kMaxDiameterMm * mm;
     if (minD < 4 || image.empty()) return {};  // too coarse to tell a hole from a blot
-    const cv::Rect box =
+    cv::Rect box =
         ShrinkRect(sheet.box.area() > 0 ? sheet.box : cv::Rect(0, 0, page.width, page.height), f, image.size());
+    if (sheet.sides == 0) {
+        // No frame found: cut dark background off the sides ourselves, on a
+        // coarser view of the page.
+        const cv::Rect coarse =
+            PaperBox(ShrinkSparse(page.gray, 2 * f), ShrinkRect(box, 2, cv::Size(image.cols / 2, image.rows / 2)));
+        box &= cv::Rect(coarse.x * 2, coarse.y * 2, coarse.width * 2, coarse.height * 2);
+    }
     const int band = std::min(static_cast<int>(kBandMm * mm), std::min(box.width, box.height) / 2);
     if (band < maxD) return {};
 

@@ -102,8 +102,9 @@ int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
     } else {
         g = ShrinkSparse(page.gray, f);
     }
-    const cv::Rect sheet = ShrinkRect(
+    cv::Rect sheet = ShrinkRect(
         analysis.sheet.box.area() > 0 ? analysis.sheet.box : cv::Rect(0, 0, page.width, page.height), f, g.size());
+    if (analysis.sheet.sides == 0) sheet = PaperBox(g, sheet);
     if (sheet.area() == 0) return QUARVEL_MODE_BITONAL;
     cv::Mat skip(g.size(), CV_8U, cv::Scalar(0));
     for (const Hole &h : analysis.holes)

@@ -2,6 +2,7 @@
 #include "scan/paper.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <opencv2/imgproc.hpp>
@@ -136,6 +137,35 @@ int LabelBlobs(const cv::Mat &mask, cv::Mat *labels, cv::Mat *stats) {
         row[cv::CC_STAT_AREA] = area[i];
     }
     return n;
+}
+
+cv::Rect PaperBox(const cv::Mat &gray, const cv::Rect &within) {
+    const cv::Rect r = within & cv::Rect(0, 0, gray.cols, gray.rows);
+    if (r.width < 8 || r.height < 8) return r;
+    std::array<int, 256> hist{};
+    std::vector<std::int64_t> colSum(r.width, 0), rowSum(r.height, 0);
+    for (int y = 0; y < r.height; ++y) {
+        const std::uint8_t *p = gray.ptr<std::uint8_t>(r.y + y) + r.x;
+        std::int64_t s = 0;
+        for (int x = 0; x < r.width; ++x) {
+            ++hist[p[x]];
+            colSum[x] += p[x];
+            s += p[x];
+        }
+        rowSum[y] = s;
+    }
+    int paper = 255;
+    for (int acc = 0; paper > 0 && (acc += hist[paper]) * 10 < r.area();) --paper;
+    const double dark = 0.6 * paper;
+    auto cut = [dark](const std::vector<std::int64_t> &sums, int lineLength, bool fromEnd) {
+        const int n = static_cast<int>(sums.size()), most = n * 15 / 100;
+        int k = 0;
+        while (k < most && sums[fromEnd ? n - 1 - k : k] < dark * lineLength) ++k;
+        return k;
+    };
+    const int left = cut(colSum, r.height, false), right = cut(colSum, r.height, true);
+    const int top = cut(rowSum, r.width, false), bottom = cut(rowSum, r.width, true);
+    return cv::Rect(r.x + left, r.y + top, r.width - left - right, r.height - top - bottom);
 }
 
 cv::Rect ShrinkRect(const cv::Rect &r, int factor, cv::Size size) {

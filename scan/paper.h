@@ -31,6 +31,11 @@ cv::Mat ShrinkSparse(const cv::Mat &image, int factor);
 // the label count (background included). Labelling without OpenCV's own
 // statistics and adding them in one pass is several times quicker.
 int LabelBlobs(const cv::Mat &mask, cv::Mat *labels, cv::Mat *stats);
+// The part of `within` left when dark scanner background is cut from each
+// side: whole rows and columns (starting at the edge, at most 15 % of the
+// size per side) whose mean is under 60 % of the paper (the 90th
+// percentile). Used when no sheet with frame sides was found.
+cv::Rect PaperBox(const cv::Mat &gray, const cv::Rect &within);
 // A rectangle scaled down by `factor` and clipped to `size`.
 cv::Rect ShrinkRect(const cv::Rect &r, int factor, cv::Size size);
 

@@ -75,6 +75,7 @@ struct HoleCase {
     cv::Scalar paper, hole;
     bool bitonal;
     double skewDeg;
+    double frameMm;  // dark scanner background along the left and top
 };
 
 class HolesTest : public ::testing::TestWithParam<HoleCase> {};
@@ -92,6 +93,13 @@ TEST_P(HolesTest, FindsPunchedHolesAndFillsThemWithThePaper) {
         centres.emplace_back(Mm(12) - along * std::sin(t), kA4.height / 2.0 + along * std::cos(t));
         cv::circle(page, cv::Point(static_cast<int>(centres.back().x), static_cast<int>(centres.back().y)),
                    static_cast<int>(r), c.hole, cv::FILLED, cv::LINE_AA);
+    }
+    const int frame = Mm(c.frameMm);
+    if (frame > 0) {
+        cv::Mat framed(kA4.height + frame, kA4.width + frame, CV_8UC3, cv::Scalar(25, 25, 25));
+        page.copyTo(framed(cv::Rect(frame, frame, kA4.width, kA4.height)));
+        page = framed;
+        for (cv::Point2d &centre : centres) centre += cv::Point2d(frame, frame);
     }
     if (c.bitonal) {
         cv::cvtColor(page, page, cv::COLOR_BGR2GRAY);
@@ -117,16 +125,18 @@ TEST_P(HolesTest, FindsPunchedHolesAndFillsThemWithThePaper) {
         for (int ch = 0; ch < filled.channels(); ++ch) EXPECT_NEAR(mean[ch], paper[ch], 3) << c.name;
     }
     // Text beyond the holes' rims is untouched.
-    const cv::Rect text(Mm(28), 0, kA4.width - Mm(28), kA4.height);
+    const cv::Rect text(frame + Mm(28), 0, kA4.width - Mm(28), kA4.height);
     EXPECT_EQ(cv::norm(filled(text), before(text), cv::NORM_INF), 0) << c.name;
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Pages, HolesTest,
-    ::testing::Values(HoleCase{"dark holes on white", cv::Scalar(245, 245, 245), cv::Scalar(40, 40, 40), false, 0},
-                      HoleCase{"white holes on yellow", cv::Scalar(170, 230, 235), cv::Scalar(252, 252, 252), false, 0},
-                      HoleCase{"black holes, 1-bit", cv::Scalar(255, 255, 255), cv::Scalar(0, 0, 0), true, 0},
-                      HoleCase{"skewed sheet", cv::Scalar(235, 240, 240), cv::Scalar(60, 60, 60), false, 2.5}),
+    ::testing::Values(HoleCase{"dark holes on white", cv::Scalar(245, 245, 245), cv::Scalar(40, 40, 40), false, 0, 0},
+                      HoleCase{"white holes on yellow", cv::Scalar(170, 230, 235), cv::Scalar(252, 252, 252), false, 0,
+                               0},
+                      HoleCase{"black holes, 1-bit", cv::Scalar(255, 255, 255), cv::Scalar(0, 0, 0), true, 0, 0},
+                      HoleCase{"skewed sheet", cv::Scalar(235, 240, 240), cv::Scalar(60, 60, 60), false, 2.5, 0},
+                      HoleCase{"in a dark frame", cv::Scalar(225, 225, 225), cv::Scalar(20, 20, 20), false, 0, 20}),
     [](const auto &info) { return std::to_string(info.index); });
 
 TEST(Holes, NoneOnTextPagesWithDotsRingsAndDiscs) {
