@@ -6,7 +6,8 @@
 //
 // Holes: a truth hole is found when a reported centre lies within its radius;
 // any other report is a false alarm. On pages without holes, hole filling must
-// change no pixel (unpaper's black filter, its nearest job, is run beside).
+// change no pixel. unpaper's black filter, its nearest job, runs beside: the
+// pixels it changes on hole-free pages, the holes it clears on the others.
 // Blank and mode verdicts are compared one by one. Binarisation: F-measure on
 // ink pixels against each page's ground-truth binarisation, with Leptonica's
 // Sauvola and background-normalised Otsu on the same page and window.
@@ -165,11 +166,12 @@ long ChangedPixels(const qtool::Page &a, const qtool::Page &b) {
     return n;
 }
 
-// unpaper's black filter alone, through PGM files: pixels it changes.
-long UnpaperChanged(const std::vector<std::uint8_t> &g, int w, int h) {
+// unpaper's black filter alone (its nearest job to hole removal; it has no
+// blank-page test), through PGM files: the page it returns, or nothing.
+std::vector<std::uint8_t> UnpaperBlackFilter(const std::vector<std::uint8_t> &g, int w, int h) {
     char in[] = "/tmp/quality_content_XXXXXX";
     const int fd = mkstemp(in);
-    if (fd < 0) return -1;
+    if (fd < 0) return {};
     close(fd);
     const std::string inPath = std::string(in) + ".pgm", outPath = std::string(in) + "-out.pgm";
     {
@@ -182,7 +184,7 @@ long UnpaperChanged(const std::vector<std::uint8_t> &g, int w, int h) {
         "--no-mask-center --no-deskew --no-wipe --no-border --no-border-scan --no-border-align "
         "--no-processing 0 " +
         inPath + " " + outPath + " >/dev/null 2>&1";
-    long changed = -1;
+    std::vector<std::uint8_t> o;
     if (std::system(cmd.c_str()) == 0) {
         std::ifstream f(outPath, std::ios::binary);
         std::string magic;
@@ -190,16 +192,14 @@ long UnpaperChanged(const std::vector<std::uint8_t> &g, int w, int h) {
         f >> magic >> ow >> oh >> maxv;
         f.get();
         if (magic == "P5" && ow == w && oh == h) {
-            std::vector<std::uint8_t> o(g.size());
+            o.resize(g.size());
             f.read(reinterpret_cast<char *>(o.data()), static_cast<std::streamsize>(o.size()));
-            changed = 0;
-            for (std::size_t i = 0; i < g.size(); ++i) changed += std::abs(int(o[i]) - int(g[i])) > 8;
         }
     }
     std::remove(in);
     std::remove(inPath.c_str());
     std::remove(outPath.c_str());
-    return changed;
+    return o;
 }
 
 }  // namespace
@@ -220,6 +220,7 @@ int main(int argc, char **argv) {
 #endif
     const bool haveUnpaper = std::system("command -v unpaper >/dev/null 2>&1") == 0;
 
+    int holesUnpaper = 0;
     int holesTrue = 0, holesFound = 0, falseHoles = 0, holeFreePages = 0, holeFreeTouched = 0;
     int blankRight = 0, blankTotal = 0, modeRight = 0, modeTotal = 0;
     std::vector<double> analyseMs;
@@ -265,7 +266,7 @@ int main(int argc, char **argv) {
         holesFound += found;
         falseHoles += falses;
         // Pixels changed by hole filling alone, and by unpaper's black filter.
-        long changed = -1, unpaperChanged = -1;
+        long changed = -1, unpaperChanged = -1, unpaperCleared = -1;
         if (t.holes.empty()) {
             QuarvelScanOptions holes{};
             QuarvelDefaultOptions(&holes);
@@ -277,7 +278,31 @@ int main(int argc, char **argv) {
             if (haveUnpaper) {
                 int w, h;
                 const auto g = GrayOf(page, &w, &h);
-                unpaperChanged = UnpaperChanged(g, w, h);
+                const auto o = UnpaperBlackFilter(g, w, h);
+                if (!o.empty()) {
+                    unpaperChanged = 0;
+                    for (std::size_t i = 0; i < g.size(); ++i) unpaperChanged += std::abs(int(o[i]) - int(g[i])) > 8;
+                }
+            }
+        } else if (haveUnpaper) {
+            // Holes unpaper's black filter cleared: most of the disc changed.
+            int w, h;
+            const auto g = GrayOf(page, &w, &h);
+            const auto o = UnpaperBlackFilter(g, w, h);
+            if (!o.empty()) {
+                unpaperCleared = 0;
+                for (const TruthHole &th : t.holes) {
+                    long in = 0, moved = 0;
+                    for (int y = std::max(0, int(th.cy - th.r)); y < std::min(h, int(th.cy + th.r)); ++y)
+                        for (int x = std::max(0, int(th.cx - th.r)); x < std::min(w, int(th.cx + th.r)); ++x)
+                            if (std::hypot(x - th.cx, y - th.cy) <= 0.8 * th.r) {
+                                ++in;
+                                const std::size_t i = static_cast<std::size_t>(y) * w + x;
+                                moved += std::abs(int(o[i]) - int(g[i])) > 8;
+                            }
+                    unpaperCleared += in > 0 && moved * 2 >= in;
+                }
+                holesUnpaper += unpaperCleared;
             }
         }
         if (t.blank >= 0) {
@@ -289,13 +314,18 @@ int main(int argc, char **argv) {
             modeRight += r.mode == t.mode;
         }
         std::printf("%-24s %5zu %5d %5d %8ld %9ld %5s %6.2f %4d %4d %7.1f\n", t.file.c_str(), t.holes.size(), found,
-                    falses, changed, unpaperChanged,
+                    falses, changed, t.holes.empty() ? unpaperChanged : unpaperCleared,
                     r.blank == t.blank ? (r.blank ? "B ok" : "- ok") : (r.blank ? "B BAD" : "- BAD"), 100 * r.ink,
                     r.mode, t.mode, ms);
     }
     std::sort(analyseMs.begin(), analyseMs.end());
     std::printf("\nholes: %d of %d found, %d false; hole-free pages touched: %d of %d\n", holesFound, holesTrue,
                 falseHoles, holeFreeTouched, holeFreePages);
+    if (haveUnpaper)
+        std::printf(
+            "unpaper's black filter (unpaperBF: pixels changed on hole-free pages, holes cleared on the "
+            "others): %d of %d holes cleared\n",
+            holesUnpaper, holesTrue);
     std::printf("blank verdicts: %d of %d right; modes: %d of %d right\n", blankRight, blankTotal, modeRight,
                 modeTotal);
     if (!analyseMs.empty())
