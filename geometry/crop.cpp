@@ -103,7 +103,7 @@ HGLOBAL Crop(HGLOBAL hDib, RECT *rect, int mode, int border) {
 
     RECT r = page;
     if (mode == 0 || mode == 1) {
-        const RECT asked{rect->left, h - rect->bottom, rect->right, h - rect->top};
+        const RECT asked = FlipRows(*rect, h);
         if (!IntersectRect(&r, &asked, &page)) return nullptr;
     }
     if ((mode <= 2 && border < 0) ||
