@@ -48,7 +48,7 @@ unsigned DepthBit(int bitCount) {
         case 16: return kDepth16;
         case 24: return kDepth24;
         case 32: return kDepth32;
-        default: return 0;
+        default: return bitCount >= 0 && bitCount < 24 ? static_cast<unsigned>(kOtherDepthsBelow24) : 0u;
     }
 }
 

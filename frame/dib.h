@@ -45,6 +45,10 @@ enum DepthSet : unsigned {
     kImageDepths = kDepth1 | kDepth8 | kDepth24 | kDepth32,
     kColorDepths = kDepth24 | kDepth32,
     kAllDepths = kDepth1 | kDepth4 | kDepth8 | kDepth16 | kDepth24 | kDepth32,
+    // Any other depth below 24 (0, 2, 3, 5 ...): for the colour operations,
+    // which hand such pages back as unchanged copies.
+    kOtherDepthsBelow24 = 1u << 6,
+    kBelowColourToo = kAllDepths | kOtherDepthsBelow24,
 };
 unsigned DepthBit(int bitCount);
 

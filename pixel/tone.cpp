@@ -65,7 +65,10 @@ void ApplyTable(IplImage &image, const int t[256]) {
 
 HGLOBAL Tone(HGLOBAL hDib, bool brighten, int brightness, bool contrastTable, int contrast) {
     int table[256];
-    if (contrastTable && !ContrastTable(brightness, contrast, brighten, table)) return nullptr;
+    // With brightness, contrast 0 is the brightness change alone: no table,
+    // so no pivot to keep inside the levels.
+    const bool useTable = contrastTable && !(brighten && contrast == 0);
+    if (useTable && !ContrastTable(brightness, contrast, brighten, table)) return nullptr;
     LockedDib in(hDib, kToneDepths);
     if (!in.ok()) return nullptr;
     ImagePtr view = DibToIplImage(in.header());
@@ -76,7 +79,7 @@ HGLOBAL Tone(HGLOBAL hDib, bool brighten, int brightness, bool contrastTable, in
     } else {
         iplCopy(view.get(), out.image());
     }
-    if (contrastTable && !(brighten && contrast == 0)) ApplyTable(*out.image(), table);
+    if (useTable) ApplyTable(*out.image(), table);
     return out.Release();
 }
 
