@@ -102,6 +102,11 @@ public:
         return b == nullptr ? 0 : b->size;
     }
 
+    std::size_t count() {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return blocks_.size();
+    }
+
     bool remove(HGLOBAL h) {
         void *data = nullptr;
         {
@@ -200,6 +205,11 @@ HGLOBAL AllocateBlock(std::size_t bytes, bool zeroed) {
         std::free(data);
         return nullptr;
     }
+}
+
+std::size_t LiveBlockCount() {
+    BlockTable *t = table();
+    return t == nullptr ? 0 : t->count();
 }
 
 }  // namespace quarvel

@@ -81,8 +81,7 @@ bool WellFormedPage(HGLOBAL h) {
     const std::size_t size = GlobalSize(h);
     const auto *header = static_cast<const BITMAPINFOHEADER *>(GlobalLock(h));
     if (header == nullptr) return false;
-    const bool ok = size >= sizeof(BITMAPINFOHEADER) && header->biSize == sizeof(BITMAPINFOHEADER) &&
-                    quarvel::CheckDib(header, size, quarvel::kImageDepths) == quarvel::DibError::kNone;
+    const bool ok = quarvel::CheckDib(header, size, quarvel::kImageDepths) == quarvel::DibError::kNone;
     GlobalUnlock(h);
     return ok;
 }

@@ -41,7 +41,9 @@ extern const Operation kOperations[];
 extern const std::size_t kOperationCount;
 
 // A result an operation may hand out: a live block holding a bottom-up,
-// uncompressed page of 1, 8, 24 or 32 bits, its whole table and rows.
+// uncompressed page of 1, 8, 24 or 32 bits, its whole table and rows. (The
+// colour operations also hand back unchanged copies of pages of other
+// depths.)
 bool WellFormedPage(HGLOBAL h);
 
 }  // namespace qtest
