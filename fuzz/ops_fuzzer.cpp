@@ -25,10 +25,6 @@ int Bounded(int v) { return v > 4096 || v < -4096 ? v % 4096 : v; }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     FuzzedDataProvider in(data, size);
-    // Blocks of other threads (none here) would change the count; the table
-    // is created on the first call.
-    static const bool warmed = (GlobalFree(GlobalAlloc(GHND, 1)), true);
-    (void)warmed;
     const std::size_t before = quarvel::LiveBlockCount();
     const qtest::Operation &op =
         qtest::kOperations[in.ConsumeIntegralInRange<std::size_t>(0, qtest::kOperationCount - 1)];
