@@ -52,6 +52,12 @@ enum DepthSet : unsigned {
 };
 unsigned DepthBit(int bitCount);
 
+// Whether a result whose size comes from an operation's arguments (Resize,
+// Thumbnail, Crop's canvas, the canvases of RotateEx and RotateEx1) may have
+// width x height pixels: at most 64 times the page's pixels, and always up to
+// 2^24 (4096 x 4096), so a small page cannot be blown up to gigabytes.
+bool ResultSizeAllowed(long long width, long long height, int pageWidth, int pageHeight);
+
 // Why a block cannot be read as a page.
 enum class DibError {
     kNone,

@@ -41,7 +41,8 @@ HGLOBAL RotateInto(HGLOBAL hDib, double angle, int xCenter, int yCenter, int int
     const int w = in.width(), h = in.height();
     int newW = w, newH = h;
     if (enlarge && !RotatedCanvas(w, h, angle, xCenter, yCenter, &newW, &newH)) return nullptr;
-    if (enlarge && (newW > MaxCanvasSide(w, h) || newH > MaxCanvasSide(w, h))) return nullptr;
+    if (enlarge && (newW > MaxCanvasSide(w, h) || newH > MaxCanvasSide(w, h) || !ResultSizeAllowed(newW, newH, w, h)))
+        return nullptr;
     PixelFormat format = FormatOf(*view);
     ResultBlock out = ResultBlock::Rewritten(in, format, newW, newH, NewTable::kKeep);
     if (!out) return nullptr;

@@ -90,4 +90,16 @@ TEST(TextEffectLimits, LevelThreeHundredOnALargePage) {
     EXPECT_EQ(v.get(400, 451), 255);
 }
 
+TEST(SizeLimits, ResultsSizedByArgumentsStayWithinTheLimit) {
+    // 64 times the page's pixels, or 4096 x 4096 for small pages.
+    Block tiny = qtest::MakePage(Shape(1, 1, 1)), page = qtest::MakePage(Shape(600, 500, 1));
+    EXPECT_TRUE(Block(Resize(tiny.get(), 4096, 4096)));
+    EXPECT_FALSE(Block(Resize(tiny.get(), 4097, 4096)));
+    EXPECT_FALSE(Block(Resize(tiny.get(), INT_MAX, 5)));
+    EXPECT_TRUE(Block(Resize(page.get(), 4800, 4000)));
+    EXPECT_FALSE(Block(Resize(page.get(), 4801, 4000)));
+    EXPECT_TRUE(Block(Thumbnail(tiny.get(), 4096, 4096)));
+    EXPECT_FALSE(Block(Thumbnail(tiny.get(), 5000, 5000)));
+}
+
 }  // namespace
