@@ -15,7 +15,8 @@ namespace qfuzz {
 
 namespace {
 
-constexpr std::size_t kMaxBlock = std::size_t{1} << 20;
+// A 256 x 256 page of 32 bits with slack: larger headers get short blocks.
+constexpr std::size_t kMaxBlock = 300 * 1024;
 
 int Depth(FuzzedDataProvider &in) {
     static const int kUsual[] = {1, 8, 24, 32, 1, 8, 24, 32, 4, 16, 2, 0};
