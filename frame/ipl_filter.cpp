@@ -4,8 +4,10 @@
 // y .. y + m - 1. The region is the whole image to the filter: cells beyond
 // it are left out of the minimum or maximum (nothing outside is read).
 // 8-bit images run on OpenCV's erode and dilate; 1-bit images AND (minimum)
-// or OR (maximum) shifted copies of their packed rows; with the anchor at
-// cell 0 the shifts double, so a side of n costs log2(n) passes per axis.
+// or OR (maximum) shifted copies of their packed rows. With the anchor at
+// cell 0 the spans double, so a side of n costs log2(n) passes per axis: on
+// 1-bit rows always, on 8-bit images for sides beyond 128 (below that,
+// OpenCV's erosion and dilation are faster).
 #include <algorithm>
 #include <opencv2/imgproc.hpp>
 #include <vector>
@@ -103,6 +105,41 @@ void BitonalFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int ancho
     }
 }
 
+// Beyond this side OpenCV's rectangle erosion, which costs the side per
+// pixel and axis, gives way to doubling spans.
+constexpr int kLargeSide = 128;
+
+// The minimum (maximum) over columns x .. x + nCols - 1 and rows
+// y .. y + nRows - 1 of an 8-bit image, cells past its end left out: spans
+// double per axis (each step combines the image with itself shifted by the
+// span so far), log2 of the side in passes of the image.
+void SpreadGray(const cv::Mat &in, cv::Mat &out, int nCols, int nRows, bool minimum) {
+    cv::Mat a = in.clone(), b(in.size(), in.type());
+    const auto combine = [minimum](const cv::Mat &x, const cv::Mat &y, cv::Mat to) {
+        if (minimum)
+            cv::min(x, y, to);
+        else
+            cv::max(x, y, to);
+    };
+    // Each step writes into the other buffer: the combined head, then the
+    // tail that has no partner yet.
+    for (long long have = 1; have < nCols && have < a.cols;) {
+        const int step = static_cast<int>(std::min<long long>(have, nCols - have)), keep = a.cols - step;
+        combine(a.colRange(0, keep), a.colRange(step, a.cols), b.colRange(0, keep));
+        a.colRange(keep, a.cols).copyTo(b.colRange(keep, a.cols));
+        std::swap(a, b);
+        have += step;
+    }
+    for (long long have = 1; have < nRows && have < a.rows;) {
+        const int step = static_cast<int>(std::min<long long>(have, nRows - have)), keep = a.rows - step;
+        combine(a.rowRange(0, keep), a.rowRange(step, a.rows), b.rowRange(0, keep));
+        a.rowRange(keep, a.rows).copyTo(b.rowRange(keep, a.rows));
+        std::swap(a, b);
+        have += step;
+    }
+    a.copyTo(out);
+}
+
 void Filter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY, bool minimum) {
     if (src == nullptr || dst == nullptr || !SameFormat(*src, *dst) || nCols <= 0 || nRows <= 0) return;
     if (anchorX < 0 || anchorY < 0 || anchorX >= nCols || anchorY >= nRows) return;
@@ -116,6 +153,10 @@ void Filter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int
     if (!CommonRegions(*src, *dst, &rs, &rd)) return;
     const cv::Mat in = MatOf(*src, rs);
     cv::Mat out = MatOf(*dst, rd);
+    if (anchorX == 0 && anchorY == 0 && std::max(nCols, nRows) > kLargeSide) {
+        SpreadGray(in, out, nCols, nRows, minimum);
+        return;
+    }
     const cv::Mat kernel = cv::Mat::ones(nRows, nCols, CV_8U);
     const int border = cv::BORDER_CONSTANT | cv::BORDER_ISOLATED;
     if (minimum)
