@@ -79,23 +79,6 @@ TEST(Threads, EveryOperationGivesItsSingleThreadedResult) {
     EXPECT_EQ(mismatches.load(), 0);
 }
 
-TEST(Threads, ContrastCallsAtOnceKeepTheirOwnTables) {
-    Block ramp = qtest::MakePageWith(qtest::Shape(256, 4, 8), [](int x, int, int) { return x; });
-    const int contrasts[kThreads] = {-80, -20, 35, 90};
-    std::vector<std::vector<std::uint8_t>> expected;
-    for (int c : contrasts) expected.push_back(Block(AdjustBrightnessAndContrast(ramp.get(), c, c)).bytes());
-    std::atomic<int> mismatches{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&, t] {
-            for (int round = 0; round < 200; ++round)
-                if (Block(AdjustBrightnessAndContrast(ramp.get(), contrasts[t], contrasts[t])).bytes() != expected[t])
-                    ++mismatches;
-        });
-    for (std::thread &th : threads) th.join();
-    EXPECT_EQ(mismatches.load(), 0);
-}
-
 TEST(Threads, BlockCacheHandsEachBufferToOneBlock) {
     std::atomic<int> faults{0};
     std::vector<std::thread> threads;
