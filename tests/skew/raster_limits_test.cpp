@@ -11,14 +11,15 @@ namespace {
 
 using qtest::Block;
 
-void ExpectUnusable(HGLOBAL h) {
+// Returns the seconds the four measurements took.
+double ExpectUnusable(HGLOBAL h) {
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(GetBinaryThresholdByOtsu(h), 255u);
     EXPECT_EQ(GetBinaryThresholdByRidCal(h), 127u);
     EXPECT_EQ(GetObliquity(h), 0.0);
     double hz = 9, vt = 9;
     EXPECT_EQ(TestPrecision(h, 300, &hz, &vt), -1);
-    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 1.0);
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 Block Header(int width, int height, int bits, std::size_t blockSize) {
@@ -37,7 +38,7 @@ TEST(RasterLimits, HeadersWithoutRowsAreRefused) {
     // Depth 0 has rows of 0 bytes: only the one-entry table must fit.
     for (auto [w, h] : {std::pair{1113637592, 1}, std::pair{1, 2147483434}, std::pair{46340, 46340}}) {
         Block b = Header(w, h, 0, 44);
-        ExpectUnusable(b.get());
+        EXPECT_LT(ExpectUnusable(b.get()), 1.0);
     }
 }
 
