@@ -4,7 +4,11 @@
 // y .. y + m - 1. The region is the whole image to the filter: cells beyond
 // it are left out of the minimum or maximum (nothing outside is read).
 // 8-bit images run on OpenCV's erode and dilate; 1-bit images AND (minimum)
-// or OR (maximum) shifted copies of their packed rows.
+// or OR (maximum) shifted copies of their packed rows. With the anchor at
+// cell 0 the spans double, so a side of n costs log2(n) passes per axis: on
+// 1-bit rows always, on 8-bit images for sides beyond 128 (below that,
+// OpenCV's erosion and dilation are faster).
+#include <algorithm>
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
@@ -28,6 +32,20 @@ void ShiftBits(const std::vector<std::uint8_t> &in, std::vector<std::uint8_t> &o
     }
 }
 
+// row(x) becomes op over row(x .. x + n - 1), cells past the end being the
+// identity: spans double (1, 2, 4 ...) until they reach n, so a pass costs
+// log2(n) shifts of the row instead of n.
+void Spread(std::vector<std::uint8_t> &row, std::vector<std::uint8_t> &shifted, int n, bool minimum,
+            std::uint8_t identity) {
+    const long long limit = static_cast<long long>(row.size()) * 8;
+    for (long long have = 1; have < n && have < limit;) {
+        const int step = static_cast<int>(std::min<long long>(have, n - have));
+        ShiftBits(row, shifted, step, identity);
+        for (std::size_t i = 0; i < row.size(); ++i) row[i] = minimum ? (row[i] & shifted[i]) : (row[i] | shifted[i]);
+        have += step;
+    }
+}
+
 void BitonalFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY, bool minimum) {
     Region rs, rd;
     if (!CommonRegions(*src, *dst, &rs, &rd)) return;
@@ -44,6 +62,11 @@ void BitonalFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int ancho
     std::vector<std::uint8_t> row(bytes + 1), shifted(bytes + 1), acc(bytes + 1);
     for (int y = 0; y < h; ++y) {
         load(y, row);
+        if (anchorX == 0) {
+            horiz[y] = row;
+            Spread(horiz[y], shifted, nCols, minimum, identity);
+            continue;
+        }
         std::fill(acc.begin(), acc.end(), identity);
         for (int dx = 0; dx < nCols; ++dx) {
             const int k = dx - anchorX;
@@ -57,7 +80,19 @@ void BitonalFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int ancho
         }
         horiz[y] = acc;
     }
-    // Vertical pass over stored rows y - anchorY .. y - anchorY + nRows - 1.
+    // Vertical pass over stored rows y - anchorY .. y - anchorY + nRows - 1;
+    // with the anchor at 0, by doubling spans as in the horizontal pass.
+    if (anchorY == 0) {
+        for (long long have = 1; have < nRows && have < h;) {
+            const int step = static_cast<int>(std::min<long long>(have, nRows - have));
+            for (int y = 0; y + step < h; ++y)
+                for (std::size_t i = 0; i < acc.size(); ++i)
+                    horiz[y][i] = minimum ? (horiz[y][i] & horiz[y + step][i]) : (horiz[y][i] | horiz[y + step][i]);
+            have += step;
+        }
+        for (int y = 0; y < h; ++y) bits::Copy(horiz[y].data(), 0, RowOf(*dst, rd.y + y), rd.x, w);
+        return;
+    }
     for (int y = 0; y < h; ++y) {
         std::fill(acc.begin(), acc.end(), identity);
         for (int dy = 0; dy < nRows; ++dy) {
@@ -68,6 +103,41 @@ void BitonalFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int ancho
         }
         bits::Copy(acc.data(), 0, RowOf(*dst, rd.y + y), rd.x, w);
     }
+}
+
+// Beyond this side OpenCV's rectangle erosion, which costs the side per
+// pixel and axis, gives way to doubling spans.
+constexpr int kLargeSide = 128;
+
+// The minimum (maximum) over columns x .. x + nCols - 1 and rows
+// y .. y + nRows - 1 of an 8-bit image, cells past its end left out: spans
+// double per axis (each step combines the image with itself shifted by the
+// span so far), log2 of the side in passes of the image.
+void SpreadGray(const cv::Mat &in, cv::Mat &out, int nCols, int nRows, bool minimum) {
+    cv::Mat a = in.clone(), b(in.size(), in.type());
+    const auto combine = [minimum](const cv::Mat &x, const cv::Mat &y, cv::Mat to) {
+        if (minimum)
+            cv::min(x, y, to);
+        else
+            cv::max(x, y, to);
+    };
+    // Each step writes into the other buffer: the combined head, then the
+    // tail that has no partner yet.
+    for (long long have = 1; have < nCols && have < a.cols;) {
+        const int step = static_cast<int>(std::min<long long>(have, nCols - have)), keep = a.cols - step;
+        combine(a.colRange(0, keep), a.colRange(step, a.cols), b.colRange(0, keep));
+        a.colRange(keep, a.cols).copyTo(b.colRange(keep, a.cols));
+        std::swap(a, b);
+        have += step;
+    }
+    for (long long have = 1; have < nRows && have < a.rows;) {
+        const int step = static_cast<int>(std::min<long long>(have, nRows - have)), keep = a.rows - step;
+        combine(a.rowRange(0, keep), a.rowRange(step, a.rows), b.rowRange(0, keep));
+        a.rowRange(keep, a.rows).copyTo(b.rowRange(keep, a.rows));
+        std::swap(a, b);
+        have += step;
+    }
+    a.copyTo(out);
 }
 
 void Filter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY, bool minimum) {
@@ -83,6 +153,10 @@ void Filter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int
     if (!CommonRegions(*src, *dst, &rs, &rd)) return;
     const cv::Mat in = MatOf(*src, rs);
     cv::Mat out = MatOf(*dst, rd);
+    if (anchorX == 0 && anchorY == 0 && std::max(nCols, nRows) > kLargeSide) {
+        SpreadGray(in, out, nCols, nRows, minimum);
+        return;
+    }
     const cv::Mat kernel = cv::Mat::ones(nRows, nCols, CV_8U);
     const int border = cv::BORDER_CONSTANT | cv::BORDER_ISOLATED;
     if (minimum)

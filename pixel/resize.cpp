@@ -47,6 +47,7 @@ HGLOBAL Thumbnail(HGLOBAL hDib, int maxWidth, int maxHeight) {
         return nullptr;
     fitW = std::max(fitW, 1);
     fitH = std::max(fitH, 1);
+    if (!ResultSizeAllowed(fitW, fitH, in.width(), in.height())) return nullptr;
     ImagePtr view = DibToIplImage(in.header());
     if (!view) return nullptr;
     const int mode = Interpolation(fitW, fitH, in.width(), in.height());
@@ -67,7 +68,7 @@ HGLOBAL Thumbnail(HGLOBAL hDib, int maxWidth, int maxHeight) {
 HGLOBAL Resize(HGLOBAL hDib, int width, int height) {
     if (width <= 0 || height <= 0) return nullptr;
     LockedDib in(hDib, kImageDepths);
-    if (!in.ok()) return nullptr;
+    if (!in.ok() || !ResultSizeAllowed(width, height, in.width(), in.height())) return nullptr;
     int fitW = 0, fitH = 0;
     if (!FittedSize(in.width(), in.height(), width, height, &fitW, &fitH)) return nullptr;
     ImagePtr view = DibToIplImage(in.header());

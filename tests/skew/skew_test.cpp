@@ -141,26 +141,26 @@ TEST(Raster, DecodesEveryDepthTopRowFirst) {
     }
 }
 
-TEST(Raster, ShortColourTableAndFourBitPages) {
-    // An 8-bit page with a two-entry table: rows start after those entries,
-    // and indices beyond the table read as paper.
+TEST(Raster, TableSizeIgnoresClrUsedAndFourBitPages) {
+    // biClrUsed is not consulted: an 8-bit page always has 256 entries before
+    // its rows, so a block holding only the two entries biClrUsed names is
+    // unreadable, and with the whole table index 7 reads entry 7.
     PageShape s = Gray(4, 1);
     s.clrUsed = 2;
-    Block b = MakePage(s);
+    EXPECT_EQ(Load(MakePage(s).get()).width, 0);
+    Block b = MakePage(Gray(4, 1));
     {
         qtest::PageView v(b.get());
-        auto *table = reinterpret_cast<RGBQUAD *>(reinterpret_cast<std::uint8_t *>(v.header()) + 40);
-        table[0] = RGBQUAD{0, 0, 0, 0};
-        table[1] = RGBQUAD{255, 255, 255, 0};
+        v.header()->biClrUsed = 2;
         v.row(0)[0] = 0;
-        v.row(0)[1] = 1;
+        v.row(0)[1] = 255;
         v.row(0)[2] = 7;
     }
     auto r = Load(b.get());
     ASSERT_EQ(r.width, 4);
     EXPECT_EQ(r.at(0, 0), 255);
     EXPECT_EQ(r.at(1, 0), 0);
-    EXPECT_EQ(r.at(2, 0), 0);
+    EXPECT_EQ(r.at(2, 0), 255 - 7);
 
     PageShape f;
     f.width = 3;
