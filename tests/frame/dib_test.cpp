@@ -2,6 +2,7 @@
 // the blocks that must be refused.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "frame/convert.h"
@@ -219,21 +220,62 @@ TEST(Conversions, RegionsThresholdsAndColour) {
 }
 
 TEST(Conversions, ColourToGrayAndBitonalExpansion) {
-    PageShape shape;
-    shape.width = 3;
-    shape.height = 1;
-    shape.bitCount = 24;
-    const int px[3][3] = {{30, 250, 90}, {255, 255, 255}, {0, 0, 200}};
-    Block page = qtest::MakePageWith(shape, [&](int x, int, int c) { return px[x][c]; });
-    LockedDib in(page.get());
-    ImagePtr view = DibToIplImage(in.header());
-    ImagePtr expanded = ExpandBitonalToGray(view.get(), in.header());
-    EXPECT_EQ(RowOf(*expanded, 0)[0], 90);  // max(blue, red); green ignored
-    EXPECT_EQ(RowOf(*expanded, 0)[2], 200);
-    ImagePtr gray = MakeGrayImage(view.get(), nullptr, in.header());
-    for (int x = 0; x < 3; ++x) {
-        const double g = 0.212671 * px[x][2] + 0.715160 * px[x][1] + 0.072169 * px[x][0];
-        EXPECT_EQ(RowOf(*gray, 0)[x], static_cast<int>(g + 0.5)) << x;
+    const int px[3][4] = {{30, 250, 90, 7}, {255, 255, 255, 0}, {0, 0, 200, 99}};
+    for (int bits : {24, 32}) {
+        Block page = qtest::MakePageWith(qtest::Shape(3, 1, bits), [&](int x, int, int c) { return px[x][c]; });
+        LockedDib in(page.get());
+        ImagePtr view = DibToIplImage(in.header());
+        ImagePtr expanded = ExpandBitonalToGray(view.get(), in.header());
+        EXPECT_EQ(RowOf(*expanded, 0)[0], 90);  // max(blue, red); green ignored
+        EXPECT_EQ(RowOf(*expanded, 0)[1], 255);
+        EXPECT_EQ(RowOf(*expanded, 0)[2], 200);
+        // 0.212671 R + 0.715160 G + 0.072169 B, rounded.
+        ImagePtr gray = MakeGrayImage(view.get(), nullptr, in.header());
+        EXPECT_EQ(RowOf(*gray, 0)[0], 200);
+        EXPECT_EQ(RowOf(*gray, 0)[1], 255);
+        EXPECT_EQ(RowOf(*gray, 0)[2], 43);
+    }
+}
+
+// Row padding and the bytes past the rows of every result of the page's
+// size stay zero, also when the result reuses memory a freed block left
+// dirty. Pages of at least 1 MiB, each row padded by one byte (1 bit: two
+// bits and no byte).
+TEST(ResultBlocks, PaddingStaysZeroInReusedMemory) {
+    using Op = HGLOBAL (*)(HGLOBAL);
+    static RECT r{3, 2, 300, 500};
+    const std::pair<const char *, Op> ops[] = {
+        {"Mirror", Mirror},
+        {"Flip", Flip},
+        {"Invert", Invert},
+        {"AdjustBrightness", [](HGLOBAL h) { return AdjustBrightness(h, 9); }},
+        {"AdjustContrast", [](HGLOBAL h) { return AdjustContrast(h, 30); }},
+        {"TextEffect", [](HGLOBAL h) { return TextEffect(h, 1); }},
+        {"TextEffectRect", [](HGLOBAL h) { return TextEffectRect(h, &r, -1); }},
+        {"Fill", [](HGLOBAL h) { return Fill(h, &r, 90); }},
+        {"FillOutside", [](HGLOBAL h) { return FillOutside(h, &r, 90); }},
+        {"GetLess", [](HGLOBAL h) { return GetLess(h, h); }},
+        {"Denoise", [](HGLOBAL h) { return Denoise(h, 2); }},
+        {"DenoiseRect", [](HGLOBAL h) { return DenoiseRect(h, &r, 4); }},
+        {"RemoveBorder_Fill", [](HGLOBAL h) { return RemoveBorder_Fill(h, 100); }},
+        {"RemoveHole", [](HGLOBAL h) { return RemoveHole(h, TRUE, TRUE, TRUE, TRUE, 50, 1, 4, 10, 40, 0.5); }},
+        {"Rotate", [](HGLOBAL h) { return Rotate(h, 3.0, 100, 200, 1); }},
+    };
+    for (int bits : {1, 8, 24}) {
+        qtest::PageShape shape = qtest::Shape(bits == 1 ? 8190 : bits == 8 ? 1023 : 341, 1030, bits);
+        shape.extraBytes = 37;
+        Block page = qtest::MakePageWith(shape, [](int x, int y, int c) { return (x * 13 + y * 7 + c) % 200 > 60; });
+        const std::size_t size = GlobalSize(page.get()), end = size - 37;
+        for (const auto &[name, op] : ops) {
+            qtest::DirtyTheHeap(size);
+            Block out(op(page.get()));
+            if (!out) continue;  // not an operation for this depth
+            EXPECT_EQ(qtest::DirtyPaddingRow(out.get()), -1) << name << " at " << bits << " bits";
+            const auto bytes = out.bytes();
+            if (bytes.size() == size) {  // a copied header keeps the block's size
+                EXPECT_EQ(std::count(bytes.begin() + end, bytes.end(), 0), 37) << name << " at " << bits << " bits";
+            }
+        }
     }
 }
 

@@ -227,7 +227,7 @@ int DirtyPaddingRow(HGLOBAL h) {
 
 void DirtyTheHeap(std::size_t bytes, std::uint8_t value) {
     std::vector<HGLOBAL> blocks;
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < 8; ++i) {
         HGLOBAL b = GlobalAlloc(GHND, bytes);
         std::memset(GlobalLock(b), value, bytes);
         GlobalUnlock(b);

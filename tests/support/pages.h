@@ -113,7 +113,7 @@ std::vector<int> RowValues(HGLOBAL h, int y = 0, int channel = 0);
 int DarkCount(HGLOBAL h);
 // The first row whose padding bits or bytes are not zero, or -1.
 int DirtyPaddingRow(HGLOBAL h);
-// Frees four blocks of `bytes` filled with `value`. The memory of freed
+// Frees eight blocks of `bytes` filled with `value`. The memory of freed
 // blocks of 1 MiB and more is kept and handed to the next results of about
 // that size, so those show any byte they forget to write.
 void DirtyTheHeap(std::size_t bytes, std::uint8_t value = 0xA5);
