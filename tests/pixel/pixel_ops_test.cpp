@@ -217,7 +217,7 @@ Block CopyOf(const Block &b) {
 TEST(Arithmetic, RectanglesPlacedDifferentlyOnEachPage) {
     // x1, y1, x2, y2, width, height
     const int rects[][6] = {{0, 0, 9, 4, 5, 3},   {7, 2, 0, 0, 6, 4}, {-3, 1, 2, -2, 9, 7},
-                            {25, 14, 1, 2, 9, 9}, {2, 3, 30, 1, 8, 5}, {0, 0, 0, 0, 40, 40}};
+                            {25, 14, 1, 2, 9, 9}, {2, 3, 30, 1, 8, 5}, {1, 0, -4, 2, 9, 5}, {0, 0, 0, 0, 40, 40}};
     for (int bits : {1, 8, 24, 32}) {
         Block p1 = MakePageWith(Shape(29, 17, bits), [&](int x, int y, int c) {
             return bits == 1 ? (x * 3 + y) % 4 != 0 : (x * 37 + y * 11 + c * 5) % 256;
