@@ -152,11 +152,13 @@ TEST(Exports, AHostLoadsTheLibraryAndMirrorsAPage) {
 }
 
 // A colour page with a gradient, a red and a blue patch, and a dark blot in
-// each edge band; `shift` moves the blots and patches right.
-qtest::Block Page(int bits, int shift = 0) {
+// each edge band; `shift` moves the blots and patches right; `blotsOnly`
+// leaves only the blots on white.
+qtest::Block Page(int bits, int shift = 0, bool blotsOnly = false) {
     return qtest::MakePageWith(qtest::Shape(64, 48, bits), [=](int x, int y, int c) {
         auto in = [&](int x0, int y0, int n) { return x >= x0 + shift && x < x0 + shift + n && y >= y0 && y < y0 + n; };
         if (in(2, 20, 6) || in(30, 40, 6) || in(56, 10, 6) || in(12, 2, 6)) return 0;
+        if (blotsOnly) return 255;
         if (in(20, 20, 8)) return c == 2 ? 220 : 40;
         if (in(36, 20, 8)) return c == 0 ? 200 : 70;
         return 90 + (x * 2 + y * 3 + c * 20) % 160;
@@ -166,7 +168,7 @@ qtest::Block Page(int bits, int shift = 0) {
 TEST(Exports, EachPassesItsArgumentsInOrder) {
     namespace q = quarvel;
     using qtest::Block;
-    Block c = Page(24), g = Page(8), g2 = Page(8, 1), mark = qtest::MakePageWith(qtest::Shape(20, 9, 8), [](int x, int y, int) {
+    Block c = Page(24), g = Page(8), g2 = Page(8, 1), holes = Page(8, 0, true), mark = qtest::MakePageWith(qtest::Shape(20, 9, 8), [](int x, int y, int) {
         return (x * 9 + y * 40) % 256;
     });
     Block map(EnhanceColorEx(c.get(), nullptr, nullptr, 0, 0, 0, 0, 0, 0, 0));
@@ -199,10 +201,10 @@ TEST(Exports, EachPassesItsArgumentsInOrder) {
         {"RemoveBorder1", [&] { return RemoveBorder1(g.get(), 100, 90, 5, 6); }, [&] { return q::border::RemoveBorder1(g.get(), 100, 90); }},
         {"RemoveBorder_GPY", [&] { return RemoveBorder_GPY(g.get(), 100); }, [&] { return q::border::RemoveBorderGpy(g.get(), 100); }},
         {"RemoveBorder_Fill", [&] { return RemoveBorder_Fill(g.get(), 100); }, [&] { return q::border::RemoveBorderFill(g.get(), 100); }},
-        {"RemoveHole", [&] { return RemoveHole(g.get(), TRUE, TRUE, FALSE, FALSE, 12, 1, 3, 2, 9, 0.4); },
-         [&] { return q::border::RemoveHole(g.get(), h1); }},
-        {"RemoveHole", [&] { return RemoveHole(g.get(), TRUE, FALSE, TRUE, FALSE, 12, 1, 3, 2, 9, 0.4); },
-         [&] { return q::border::RemoveHole(g.get(), h2); }},
+        {"RemoveHole", [&] { return RemoveHole(holes.get(), TRUE, TRUE, FALSE, FALSE, 12, 1, 3, 2, 9, 0.4); },
+         [&] { return q::border::RemoveHole(holes.get(), h1); }},
+        {"RemoveHole", [&] { return RemoveHole(holes.get(), TRUE, FALSE, TRUE, FALSE, 12, 1, 3, 2, 9, 0.4); },
+         [&] { return q::border::RemoveHole(holes.get(), h2); }},
         {"Denoise", [&] { return Denoise(g.get(), 3); }, [&] { return q::cleanup::Denoise(g.get(), 3); }},
         {"DenoiseRect", [&] { return DenoiseRect(c.get(), &r, 4); }, [&] { return q::cleanup::DenoiseRect(c.get(), &r, 4); }},
         {"AddWaterMark", [&] { return AddWaterMark(c.get(), mark.get()); }, [&] { return q::cleanup::AddWaterMark(c.get(), mark.get()); }},
@@ -222,6 +224,7 @@ TEST(Exports, EachPassesItsArgumentsInOrder) {
         {"DeColorize", [&] { RECT w{0, 0, 0, 0}; return DeColorize(c.get(), &w, 30, 60, 90); },
          [&] { RECT w{0, 0, 0, 0}; return q::colour::DeColorize(c.get(), &w, 30, 60, 90); }},
     };
+    EXPECT_EQ(qtest::DarkCount(Block(q::border::RemoveHole(holes.get(), h1)).get()), 2 * 36);  // two bands painted
     for (const auto &[name, viaAbi, direct] : calls) {
         Block a(viaAbi()), b(direct());
         ASSERT_TRUE(b || std::string(name) == "RemoveBorder_GPY") << name;  // no sheet of 50 pixels: refused
