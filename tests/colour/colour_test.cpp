@@ -76,7 +76,7 @@ TEST(JudgeColorMode, WholePageScanCountsDarkAndMidGray) {
     };
     EXPECT_EQ(JudgeColorMode(page(0, 1000).get(), -1), 1);
     EXPECT_EQ(JudgeColorMode(page(1, 1000).get(), -1), 1);  // 1000 dark > 1 / 2
-    EXPECT_EQ(JudgeColorMode(page(10, 4).get(), -1), 8);    // 4 is not more than 5
+    EXPECT_EQ(JudgeColorMode(page(10, 5).get(), -1), 8);    // 5 is not more than 5
     EXPECT_EQ(JudgeColorMode(page(10, 6).get(), -1), 1);
     EXPECT_EQ(JudgeColorMode(page(10, 4, {0, 0, 1}).get(), -1), 24);
     // Level 10 is mid-gray, 9 dark, 246 white.
@@ -159,6 +159,10 @@ TEST(ConvertHongTou, RulesInOrder) {
     // R exactly 100: T = 50, so an excess of exactly 50 is not above it.
     Block e(ConvertHongTou(Row({{50, 50, 100}}).get(), GrayLike(1, 1, 7).get(), 0, 0, 0, 255));
     EXPECT_EQ(At(e.get(), 0), (Bgr{7, 7, 7}));
+    // The first rule's excess is inclusive: 90 over a limit T of 100.
+    Block edge = Row({{50, 110, 200}});
+    EXPECT_EQ(At(Block(ConvertHongTou(edge.get(), GrayLike(1, 1, 7).get(), 0, 0, 0, 90)).get(), 0), red);
+    EXPECT_EQ(At(Block(ConvertHongTou(edge.get(), GrayLike(1, 1, 7).get(), 0, 0, 0, 91)).get(), 0), (Bgr{7, 7, 7}));
     // colorDiff -255 makes every pixel at the minimum level red.
     Block f(ConvertHongTou(Row({{255, 255, 90}}).get(), GrayLike(1, 1, 7).get(), 0, 0, 0, -255));
     EXPECT_EQ(At(f.get(), 0), red);
@@ -295,6 +299,21 @@ TEST(DeColorize, WholePageAndRectangle) {
     RECT full{0, 0, 4, 1};
     Block d(DeColorize(page.get(), &full, 50, 50, 50));
     EXPECT_EQ(At(d.get(), 1), (Bgr{90, 90, 90}));
+    // Over the whole page each threshold keeps only its own colour, from an
+    // excess equal to it: red, blue, green, then a green just short.
+    Block marks = Row({{40, 60, 110}, {110, 60, 40}, {40, 110, 60}, {40, 109, 60}});
+    const struct {
+        int red, blue, green;
+        bool kept[4];
+    } cases[] = {{50, 0, 0, {true, false, false, false}},
+                 {0, 50, 0, {false, true, false, false}},
+                 {0, 0, 50, {false, false, true, false}},
+                 {51, 51, 51, {false, false, false, false}}};
+    for (const auto &k : cases) {
+        Block out(DeColorize(marks.get(), &whole, k.red, k.blue, k.green));
+        for (int x = 0; x < 4; ++x)
+            EXPECT_EQ(At(out.get(), x) == At(marks.get(), x), k.kept[x]) << k.red << k.blue << k.green << " at " << x;
+    }
 }
 
 }  // namespace
