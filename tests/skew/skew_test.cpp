@@ -141,27 +141,7 @@ TEST(Raster, DecodesEveryDepthTopRowFirst) {
     }
 }
 
-TEST(Raster, ShortColourTableAndFourBitPages) {
-    // An 8-bit page with a two-entry table: rows start after those entries,
-    // and indices beyond the table read as paper.
-    PageShape s = Gray(4, 1);
-    s.clrUsed = 2;
-    Block b = MakePage(s);
-    {
-        qtest::PageView v(b.get());
-        auto *table = reinterpret_cast<RGBQUAD *>(reinterpret_cast<std::uint8_t *>(v.header()) + 40);
-        table[0] = RGBQUAD{0, 0, 0, 0};
-        table[1] = RGBQUAD{255, 255, 255, 0};
-        v.row(0)[0] = 0;
-        v.row(0)[1] = 1;
-        v.row(0)[2] = 7;
-    }
-    auto r = Load(b.get());
-    ASSERT_EQ(r.width, 4);
-    EXPECT_EQ(r.at(0, 0), 255);
-    EXPECT_EQ(r.at(1, 0), 0);
-    EXPECT_EQ(r.at(2, 0), 0);
-
+TEST(Raster, FourBitPages) {
     PageShape f;
     f.width = 3;
     f.height = 1;
@@ -281,6 +261,21 @@ TEST(Skew, RealScans) {
     EXPECT_NEAR(GetObliquity(score.get()), -2.2, 0.15);
     Block brochure = qtest::LoadScan("linn.png");
     EXPECT_NEAR(GetObliquity(brochure.get()), 0.0, 0.15);
+}
+
+TEST(Skew, ReductionAveragesWholeBlocksOfTheRegion) {
+    // Blocks of 3 x 2 over columns 1..6 of a 7 x 5 raster holding 10 x + y:
+    // block (i, j) averages to 30 i + 20 + 2 j + 0.5, truncated; the fifth
+    // row and column 0 are left out.
+    quarvel::skew::PageRaster source, reduced;
+    ASSERT_TRUE(source.Resize(7, 5));
+    for (int y = 0; y < 5; ++y)
+        for (int x = 0; x < 7; ++x) source.data()[y * 7 + x] = static_cast<std::uint8_t>(10 * x + y);
+    quarvel::skew::ReduceRaster(reduced, source, RECT{1, 0, 7, 5}, 3, 2);
+    ASSERT_EQ(reduced.width, 2);
+    ASSERT_EQ(reduced.height, 2);
+    for (int j = 0; j < 2; ++j)
+        for (int i = 0; i < 2; ++i) EXPECT_EQ(reduced.at(i, j), 30 * i + 20 + 2 * j) << i << "," << j;
 }
 
 TEST(Skew, RotateRasterLeavesSmallAnglesAlone) {
