@@ -130,14 +130,6 @@ TEST(RemoveBorder, AllFrameAndTinyPages) {
     EXPECT_EQ(RemoveBorder(MakePage(Shape(8, 8, 4)).get(), 128, 0, 0), nullptr);
 }
 
-TEST(RemoveBorder, FrameAlongOneEdge) {
-    Block page = Sheet(600, 800, 8, [](double, double y) { return y > 100; });
-    Block out(RemoveBorder(page.get(), 128, 0, 0));
-    // Top (stored row) edge: the fourth page row is 103, plus 15.
-    EXPECT_EQ(out.header().biHeight, (800 - 4 - 15) - (103 + 15));
-    EXPECT_EQ(out.header().biWidth, 600 - 47);
-}
-
 // ---- RemoveBorder1 ------------------------------------------------------------------
 
 TEST(RemoveBorder1, UprightSheetsAreCutAndTurned) {

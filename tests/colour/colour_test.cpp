@@ -20,14 +20,7 @@ namespace {
 
 using Bgr = std::array<int, 3>;
 
-PageShape Colour(int w, int h, int bits = 24) {
-    PageShape s;
-    s.width = w;
-    s.height = h;
-    s.bitCount = bits;
-    s.palette = Palette::kNone;
-    return s;
-}
+PageShape Colour(int w, int h, int bits = 24) { return qtest::Shape(w, h, bits, Palette::kNone); }
 
 // A one-row page holding the given pixels (fourth byte 77 at 32 bits).
 Block Row(const std::vector<Bgr> &px, int bits = 24) {
@@ -41,9 +34,7 @@ Bgr At(HGLOBAL h, int x, int y = 0) {
 }
 
 Block GrayLike(int w, int h, int level) {
-    PageShape s;
-    s.width = w;
-    s.height = h;
+    PageShape s = qtest::Shape(w, h, 8);
     return MakePageWith(s, [=](int, int, int) { return level; });
 }
 
@@ -268,9 +259,7 @@ TEST(EnhanceColorEx1, BaseImageAndDarkMarkers) {
 }
 
 TEST(EnhanceColor, GrayPagesComeBackUnchanged) {
-    PageShape s;
-    s.width = 5;
-    s.height = 5;
+    PageShape s = qtest::Shape(5, 5, 8);
     Block gray = MakePage(s);
     Block out(EnhanceColor(gray.get(), nullptr, 0, 50, 0, 0, 0, 0, 0));
     ASSERT_TRUE(out);

@@ -40,10 +40,7 @@ TEST(Dib, ViewsMatchThePageAtEveryDepth) {
         const char *model;
     } cases[] = {{1, 1, 0, 1, "GRAY"}, {8, 1, 0, 8, "GRAY"}, {24, 3, 0, 8, "RGB"}, {32, 3, 1, 8, "RGB"}};
     for (const Case &c : cases) {
-        PageShape shape;
-        shape.width = 33;
-        shape.height = 3;
-        shape.bitCount = c.bits;
+        PageShape shape = qtest::Shape(33, 3, c.bits);
         Block page = qtest::MakePage(shape);
         LockedDib in(page.get());
         ASSERT_TRUE(in.ok());
@@ -65,10 +62,7 @@ TEST(Dib, ViewsMatchThePageAtEveryDepth) {
 }
 
 TEST(Dib, RewrittenResultBlocksCarryTheirNewTable) {
-    PageShape shape;
-    shape.width = 5;
-    shape.height = 2;
-    shape.bitCount = 24;
+    PageShape shape = qtest::Shape(5, 2, 24);
     Block page = qtest::MakePage(shape);
     LockedDib in(page.get());
     struct Case {
@@ -129,10 +123,7 @@ class MalformedBlocks : public ::testing::TestWithParam<Malformed> {};
 
 TEST_P(MalformedBlocks, AreRefusedWithoutTouchingTheBlock) {
     const Malformed &m = GetParam();
-    PageShape shape;
-    shape.width = 9;
-    shape.height = 4;
-    shape.bitCount = 24;
+    PageShape shape = qtest::Shape(9, 4, 24);
     Block drawn = qtest::MakePage(shape);
     std::vector<std::uint8_t> bytes = drawn.bytes();
     m.spoil(reinterpret_cast<BITMAPINFOHEADER *>(bytes.data()));
@@ -166,10 +157,7 @@ TEST(MalformedBlocks, DeadHandlesGiveNull) {
 TEST(Conversions, BitsBecomeGrayByThePalette) {
     // Entry 0 blue byte: 255 and 129 make 0 bits light; 128 makes them dark.
     for (int blue : {255, 129, 128}) {
-        PageShape shape;
-        shape.width = 10;
-        shape.height = 2;
-        shape.bitCount = 1;
+        PageShape shape = qtest::Shape(10, 2, 1);
         Block page = qtest::MakePageWith(shape, [](int x, int, int) { return x % 2; });
         {
             qtest::PageView v(page.get());
@@ -189,10 +177,7 @@ TEST(Conversions, BitsBecomeGrayByThePalette) {
 }
 
 TEST(Conversions, RegionsThresholdsAndColour) {
-    PageShape shape;
-    shape.width = 40;
-    shape.height = 30;
-    shape.bitCount = 8;
+    PageShape shape = qtest::Shape(40, 30, 8);
     Block page = qtest::MakePageWith(shape, [](int x, int y, int) { return (x + 3 * y) % 256; });
     LockedDib in(page.get());
     ImagePtr view = DibToIplImage(in.header());

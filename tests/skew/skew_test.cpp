@@ -19,66 +19,40 @@ using qtest::Palette;
 
 namespace {
 
-PageShape Gray(int w, int h) {
-    PageShape s;
-    s.width = w;
-    s.height = h;
-    return s;
-}
+PageShape Gray(int w, int h) { return qtest::Shape(w, h, 8); }
 
-PageShape Colour(int w, int h, int bits = 24) {
-    PageShape s;
-    s.width = w;
-    s.height = h;
-    s.bitCount = bits;
-    s.palette = Palette::kNone;
-    return s;
-}
+PageShape Colour(int w, int h, int bits = 24) { return qtest::Shape(w, h, bits, Palette::kNone); }
 
 // ---- Thresholds -------------------------------------------------------------
 
-TEST(Thresholds, HalfWhiteHalfBlack) {
-    Block page = MakePageWith(Colour(20, 10), [](int x, int, int) { return x < 10 ? 0 : 255; });
-    EXPECT_EQ(GetBinaryThresholdByOtsu(page.get()), 255u);  // every k ties; the first wins
-    EXPECT_EQ(GetBinaryThresholdByRidCal(page.get()), 127u);
-}
-
-TEST(Thresholds, UniformGrayPage) {
-    Block page = MakePageWith(Gray(33, 7), [](int, int, int) { return 200; });
-    EXPECT_EQ(GetBinaryThresholdByOtsu(page.get()), 255u);
-    EXPECT_EQ(GetBinaryThresholdByRidCal(page.get()), 200u);
-}
-
-TEST(Thresholds, TwoGrayLevelsThirtySeventy) {
-    // Gray 60 (ink 195) on 30 % of the page, 220 (ink 35) on the rest. Otsu's
-    // variance is flat between the levels, so k = 35; Ridler-Calvard starts
-    // at the mean ink 83 and settles at (35 + 195 + 1) / 2 = 115.
-    Block page = MakePageWith(Gray(10, 10), [](int x, int, int) { return x < 3 ? 60 : 220; });
-    EXPECT_EQ(GetBinaryThresholdByOtsu(page.get()), 255u - 35u);
-    EXPECT_EQ(GetBinaryThresholdByRidCal(page.get()), 255u - 115u);
-}
-
-TEST(Thresholds, ThreeLevelsOtsuSplitsAtTheWidestGap) {
-    // Ink 0 (50 %), 100 (25 %), 255 (25 %).
-    Block page = MakePageWith(Gray(4, 4), [](int x, int, int) { return x < 2 ? 255 : x == 2 ? 155 : 0; });
-    // Light class {0} against {100, 255}: w = 0.5, mu(k) = 0, muT = 88.75:
-    // 88.75^2 * 0.25 / 0.25 = 7876.6; {0, 100} against {255}: w = 0.75,
-    // mu = 25, (66.5625 - 25)^2 / 0.1875 = 9212.8, the larger: k = 100.
-    EXPECT_EQ(GetBinaryThresholdByOtsu(page.get()), 155u);
-}
-
-TEST(Thresholds, BitonalPages) {
-    PageShape s;
-    s.width = 64;
-    s.height = 32;
-    s.bitCount = 1;
-    s.palette = Palette::kLightFirst;  // bit 1 is black
-    Block some = MakePageWith(s, [](int x, int y, int) { return (x + y) % 7 == 0 ? 1 : 0; });
-    EXPECT_EQ(GetBinaryThresholdByOtsu(some.get()), 255u);
-    EXPECT_EQ(GetBinaryThresholdByRidCal(some.get()), 127u);
-    // Almost all black: the rounded mean ink is already 255.
-    Block black = MakePageWith(s, [](int x, int y, int) { return x == 0 && y == 0 ? 0 : 1; });
-    EXPECT_EQ(GetBinaryThresholdByRidCal(black.get()), 0u);
+TEST(Thresholds, PagesOfKnownHistograms) {
+    // Both answers are 255 minus a threshold on ink (255 - level).
+    PageShape bits = qtest::Shape(64, 32, 1, Palette::kLightFirst);  // bit 1 is black
+    const struct {
+        const char *what;
+        Block page;
+        unsigned otsu, ridler;
+    } cases[] = {
+        // Every k ties and the first wins; the means of 0 and 255 meet at 127.
+        {"half black", MakePageWith(Colour(20, 10), [](int x, int, int) { return x < 10 ? 0 : 255; }), 255, 127},
+        {"uniform", MakePageWith(Gray(33, 7), [](int, int, int) { return 200; }), 255, 200},
+        // Ink 195 on 30 %, 35 on the rest: Otsu's variance is flat between
+        // the levels, so k = 35; Ridler-Calvard starts at the mean ink 83 and
+        // settles at (35 + 195 + 1) / 2 = 115.
+        {"30/70", MakePageWith(Gray(10, 10), [](int x, int, int) { return x < 3 ? 60 : 220; }), 255 - 35, 255 - 115},
+        // Ink 0 (50 %), 100 (25 %), 255 (25 %): {0, 100} against {255} has
+        // the larger between-class variance (9212.8 against 7876.6); the
+        // class means 0 and 177.5 keep Ridler-Calvard at the mean ink 89.
+        {"three levels", MakePageWith(Gray(4, 4), [](int x, int, int) { return x < 2 ? 255 : x == 2 ? 155 : 0; }), 155,
+         255 - 89},
+        {"sparse bits", MakePageWith(bits, [](int x, int y, int) { return (x + y) % 7 == 0; }), 255, 127},
+        // Almost all black: the rounded mean ink is already 255.
+        {"black bits", MakePageWith(bits, [](int x, int y, int) { return x != 0 || y != 0; }), 255, 0},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(GetBinaryThresholdByOtsu(c.page.get()), c.otsu) << c.what;
+        EXPECT_EQ(GetBinaryThresholdByRidCal(c.page.get()), c.ridler) << c.what;
+    }
 }
 
 TEST(Thresholds, RegionsRestrictTheHistogram) {
@@ -125,11 +99,7 @@ TEST(Raster, DecodesEveryDepthTopRowFirst) {
     // 1 bit, 10 wide: the second byte's top two bits are pixels 8 and 9; the
     // colours come from the table, whichever order it has.
     for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
-        PageShape s;
-        s.width = 10;
-        s.height = 1;
-        s.bitCount = 1;
-        s.palette = p;
+        PageShape s = qtest::Shape(10, 1, 1, p);
         Block b = MakePageWith(s, [p](int x, int, int) {
             const bool black = x == 0 || x == 9;
             return (p == Palette::kLightFirst) == black ? 1 : 0;
@@ -142,10 +112,7 @@ TEST(Raster, DecodesEveryDepthTopRowFirst) {
 }
 
 TEST(Raster, FourBitPages) {
-    PageShape f;
-    f.width = 3;
-    f.height = 1;
-    f.bitCount = 4;
+    PageShape f = qtest::Shape(3, 1, 4);
     Block four = MakePage(f);  // gray ramp of 16 entries: index i is 17 i
     {
         qtest::PageView v(four.get());
