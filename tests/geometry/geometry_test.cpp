@@ -206,10 +206,14 @@ TEST(Crop, ContentSearchStopsAtTheFifthDarkLineAndBacksOffSix) {
     EXPECT_EQ(p.right, 91);
     EXPECT_EQ(p.top, 18);
     EXPECT_EQ(p.bottom, 81);
-    // Mode 1 (and unknown modes) search inside the caller's region.
-    RECT inside{0, 0, 100, 100};
+    // Mode 1 (and unknown modes) search inside the caller's region: rows 2..
+    // 91 from the top are stored rows 8..97, so the print starts 32 rows in.
+    RECT inside{10, 2, 90, 92};
     Block seven(Crop(page.get(), &inside, 7, 2));
     EXPECT_EQ(inside.left, 18);
+    EXPECT_EQ(inside.top, 38);
+    EXPECT_EQ(inside.right, 71);
+    EXPECT_EQ(inside.bottom, 71);
     EXPECT_EQ(seven.header().biWidth, 53 + 4);
 }
 

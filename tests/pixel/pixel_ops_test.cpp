@@ -288,6 +288,20 @@ TEST(ConvertMode, EveryPairOfDepths) {
             if (to <= 8) {
                 EXPECT_EQ(out.bytes()[44], to == 1 ? 255 : 1);  // black then white; a gray ramp
             }
+            // Every pixel: gray is the rounded luminance, colour repeats gray,
+            // colour to colour keeps blue, green, red (a new fourth byte 255).
+            PageView in(page.get()), res(out.get());
+            for (int y = 0; y < 5; ++y)
+                for (int x = 0; x < 13; ++x) {
+                    int bgr[3];
+                    for (int c = 0; c < 3; ++c) bgr[c] = from == 1 ? 255 * in.get(x, y) : in.get(x, y, from == 8 ? 0 : c);
+                    const int gray = static_cast<int>(0.212671 * bgr[2] + 0.715160 * bgr[1] + 0.072169 * bgr[0] + 0.5);
+                    if (to <= 8) {
+                        ASSERT_EQ(res.get(x, y), to == 1 ? gray >= 128 : gray) << from << "->" << to << " at " << x;
+                    }
+                    for (int c = 0; to >= 24 && c < to / 8; ++c)
+                        ASSERT_EQ(res.get(x, y, c), c == 3 ? (from == 32 ? in.get(x, y, 3) : 255) : bgr[c]) << from << "->" << to;
+                }
         }
     }
     EXPECT_EQ(ConvertMode(MakePage(Shape(4, 4, 8)).get(), 4, 128), nullptr);
