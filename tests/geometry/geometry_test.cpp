@@ -290,16 +290,4 @@ TEST(Crop, OutOfRangeArgumentsAreClippedOrRefused) {
     EXPECT_EQ(Crop(page.get(), nullptr, 2, 0), nullptr);
 }
 
-TEST(Geometry, DeskewARealScan) {
-    // Rows are stored bottom-up, so the page turns back by the opposite of
-    // its measured angle; the result measures close to 0.
-    Block scan = qtest::LoadScan("deskew-2.png");
-    const double angle = GetObliquity(scan.get());
-    ASSERT_GT(std::fabs(angle), 1.0);
-    const BITMAPINFOHEADER h = scan.header();
-    Block straight(RotateEx(scan.get(), -angle, h.biWidth / 2, h.biHeight / 2, 1));
-    ASSERT_TRUE(straight);
-    EXPECT_NEAR(GetObliquity(straight.get()), 0.0, 0.2);
-}
-
 }  // namespace
