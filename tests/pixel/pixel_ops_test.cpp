@@ -5,6 +5,7 @@
 // threshold's boundary.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "pixel/pixel.h"
@@ -413,6 +414,18 @@ TEST(Resize, FittedSizesAndInterpolation) {
     Block tiny(Thumbnail(big.get(), 0, 0));
     EXPECT_EQ(tiny.header().biWidth, 1);
     EXPECT_EQ(tiny.header().biHeight, 1);
+    // Below 70 % along one axis (7 of 11 columns, though 7 of 10 rows is not)
+    // the whole page is area-averaged: stripes of 0 and 255 become the share
+    // of 255 each output column covers.
+    Block stripes = MakePageWith(Shape(11, 10, 8), [](int x, int, int) { return x % 2 * 255; });
+    Block seven(Thumbnail(stripes.get(), 100, 7));
+    ASSERT_EQ(seven.header().biWidth, 7);
+    const double step = 11.0 / 7;
+    for (int X = 0; X < 7; ++X) {
+        double covered = 0;
+        for (int x = 1; x < 11; x += 2) covered += std::max(0.0, std::min(X * step + step, x + 1.0) - std::max(X * step, 1.0 * x));
+        EXPECT_NEAR(RowValues(seven.get(), 3)[X], 255 * covered / step, 1.0) << X;
+    }
     // A 1-bit page comes back as a gray thumbnail with its ink dark.
     Block bits = MakePageWith(Shape(64, 64, 1, Palette::kLightFirst), [&](int x, int, int) { return x < 32; });
     Block gray(Thumbnail(bits.get(), 16, 16));
