@@ -283,12 +283,15 @@ TEST(Skew, ShearedProfileFollowsItsSlope) {
 // ---- Precision test -----------------------------------------------------------
 
 // A 300-dpi page with a frame of 3-pixel lines whose outer box is w x h.
-Block FramePage(int w, int h, int left = 220, int top = 200) {
+// A 3-pixel frame on a 1700 x 1700 page; `gap` display rows of its left side
+// from display row 852 are left out.
+Block FramePage(int w, int h, int left = 220, int top = 200, int gap = 0) {
     return MakePageWith(Gray(1700, 1700), [=](int x, int y, int) {
         const int dy = 1700 - 1 - y;  // display row
         const bool inBox = x >= left && x < left + w && dy >= top && dy < top + h;
         const bool inner = x >= left + 3 && x < left + w - 3 && dy >= top + 3 && dy < top + h - 3;
-        return inBox && !inner ? 0 : 255;
+        const bool cut = x < left + 3 && dy >= 852 && dy < 852 + gap;
+        return inBox && !inner && !cut ? 0 : 255;
     });
 }
 
@@ -305,6 +308,16 @@ TEST(Precision, MeasuresADrawnFrame) {
     ASSERT_EQ(TestPrecision(exact.get(), 300, &hz, &vt), 0);
     EXPECT_EQ(hz, 0.0);
     EXPECT_EQ(vt, 0.0);
+    // At 150 dpi L is 590.55 rounded: 591.
+    Block half = FramePage(592, 592, 600, 600);
+    ASSERT_EQ(TestPrecision(half.get(), 150, &hz, &vt), 0);
+    EXPECT_EQ(hz, 0.0);
+    EXPECT_EQ(vt, 0.0);
+    // A side needs ink in five of the six rows probed 5, 3 and 1 rows above
+    // and below the middle row: a gap over rows +2..+3 leaves five, over +2..+6
+    // four.
+    EXPECT_EQ(TestPrecision(FramePage(1191, 1176, 220, 200, 2).get(), 300, &hz, &vt), 0);
+    EXPECT_EQ(TestPrecision(FramePage(1191, 1176, 220, 200, 5).get(), 300, &hz, &vt), -1);
 }
 
 TEST(Precision, RefusesWhatIsNotAFrame) {
