@@ -35,33 +35,6 @@ TEST(Dib, ColourCountsPixelOffsetsAndStrides) {
     EXPECT_EQ(DibRowStride(3, 32), 12);
 }
 
-TEST(Dib, ViewsMatchThePageAtEveryDepth) {
-    struct Case {
-        int bits, channels, alpha, depth;
-        const char *model;
-    } cases[] = {{1, 1, 0, 1, "GRAY"}, {8, 1, 0, 8, "GRAY"}, {24, 3, 0, 8, "RGB"}, {32, 3, 1, 8, "RGB"}};
-    for (const Case &c : cases) {
-        PageShape shape = qtest::Shape(33, 3, c.bits);
-        Block page = qtest::MakePage(shape);
-        LockedDib in(page.get());
-        ASSERT_TRUE(in.ok());
-        ImagePtr view = DibToIplImage(in.header());
-        ASSERT_TRUE(view);
-        EXPECT_EQ(view->nChannels, c.channels);
-        EXPECT_EQ(view->alphaChannel, c.alpha);
-        EXPECT_EQ(view->depth, c.depth);
-        EXPECT_EQ(std::string(view->colorModel, 4).c_str(), std::string(c.model));
-        EXPECT_EQ(view->origin, IPL_ORIGIN_BL);
-        EXPECT_EQ(view->widthStep, DibRowStride(33, c.bits));
-        EXPECT_EQ(view->imageSize, DibRowStride(33, c.bits) * 3);
-        EXPECT_EQ(view->imageData, in.bits());
-        EXPECT_FALSE(view->ownsData);
-        // An allocated image of the same description has the same stride.
-        ImagePtr own = CreateImageLike(*view, 33, 3, 0);
-        EXPECT_EQ(own->widthStep, view->widthStep);
-    }
-}
-
 TEST(Dib, RewrittenResultBlocksCarryTheirNewTable) {
     PageShape shape = qtest::Shape(5, 2, 24);
     Block page = qtest::MakePage(shape);
@@ -175,34 +148,6 @@ TEST(Conversions, BitsBecomeGrayByThePalette) {
         EXPECT_EQ(RowOf(*colour, 1)[3 * 1 + 2], 255 - zero);
         EXPECT_EQ(view->roi, nullptr);
     }
-}
-
-TEST(Conversions, RegionsThresholdsAndColour) {
-    PageShape shape = qtest::Shape(40, 30, 8);
-    Block page = qtest::MakePageWith(shape, [](int x, int y, int) { return (x + 3 * y) % 256; });
-    LockedDib in(page.get());
-    ImagePtr view = DibToIplImage(in.header());
-    IplROI margin{0, 10, 10, 20, 10};
-    ImagePtr gray = MakeGrayImage(view.get(), &margin, in.header());
-    ASSERT_EQ(gray->width, 20);
-    ASSERT_EQ(gray->height, 10);
-    EXPECT_EQ(RowOf(*gray, 0)[0], (10 + 30) % 256);
-    EXPECT_EQ(view->roi, nullptr);
-
-    // Threshold 128: 127 gives a 0 bit, 128 a 1 bit.
-    ImagePtr bitonal = MakeBitonalImage(view.get(), nullptr, in.header(), 128);
-    qtest::PageView v(page.get());
-    for (int y = 0; y < 30; ++y)
-        for (int x = 0; x < 40; ++x)
-            ASSERT_EQ((RowOf(*bitonal, y)[x >> 3] >> (7 - (x & 7))) & 1, v.get(x, y) >= 128 ? 1 : 0);
-
-    ImagePtr colour = MakeColorImage(view.get(), nullptr, in.header(), 32);
-    EXPECT_EQ(colour->widthStep, 160);
-    EXPECT_EQ(RowOf(*colour, 2)[4 * 5 + 0], (5 + 6) % 256);
-    EXPECT_EQ(RowOf(*colour, 2)[4 * 5 + 2], (5 + 6) % 256);
-
-    IplROI outside{0, 30, 0, 20, 5};
-    EXPECT_FALSE(MakeGrayImage(view.get(), &outside, in.header()));
 }
 
 TEST(Conversions, ColourToGrayAndBitonalExpansion) {
