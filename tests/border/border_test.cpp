@@ -39,13 +39,7 @@ std::function<bool(double, double)> Turned(double cx, double cy, double sw, doub
     };
 }
 
-int Dark(HGLOBAL h) {
-    PageView v(h);
-    int n = 0;
-    for (int y = 0; y < v.height(); ++y)
-        for (int x = 0; x < v.width(); ++x) n += v.get(x, y) < 128;
-    return n;
-}
+int Dark(HGLOBAL h) { return qtest::DarkCount(h); }
 
 // ---- RemoveBorder ------------------------------------------------------------------
 

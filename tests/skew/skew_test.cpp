@@ -191,7 +191,7 @@ TEST_P(SkewAngles, FindsTheTurnOfDrawnText) {
 // angle, 5 degrees at a time; a full page of long lines keeps that rise
 // within about 12 degrees.
 INSTANTIATE_TEST_SUITE_P(Degrees, SkewAngles,
-                         ::testing::Values(-12.0, -7.0, -3.0, -0.6, 0.0, 0.35, 2.0, 4.5, 9.25, 12.0),
+                         ::testing::Values(-12.0, -3.0, -0.6, 0.35, 4.5, 12.0),
                          [](const auto &info) {
                              std::string n = std::to_string(info.param);
                              for (char &ch : n) ch = (ch == '-') ? 'm' : (ch == '.' ? '_' : ch);
