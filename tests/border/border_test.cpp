@@ -9,13 +9,7 @@
 
 #include "support/pages.h"
 
-using qtest::Block;
-using qtest::MakePage;
-using qtest::MakePageWith;
-using qtest::PageShape;
-using qtest::Shape;
-using qtest::PageView;
-using qtest::Palette;
+using namespace qtest;
 
 namespace {
 

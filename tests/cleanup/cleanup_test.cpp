@@ -9,14 +9,7 @@
 
 #include "support/pages.h"
 
-using qtest::Block;
-using qtest::DarkCount;
-using qtest::MakePage;
-using qtest::MakePageWith;
-using qtest::PageShape;
-using qtest::Shape;
-using qtest::PageView;
-using qtest::Palette;
+using namespace qtest;
 
 namespace {
 

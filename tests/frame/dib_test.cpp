@@ -13,8 +13,7 @@
 namespace {
 
 using namespace quarvel;
-using qtest::Block;
-using qtest::PageShape;
+using namespace qtest;
 
 TEST(Dib, ColourCountsPixelOffsetsAndStrides) {
     struct Case {

@@ -8,12 +8,7 @@
 
 #include "support/pages.h"
 
-using qtest::Block;
-using qtest::MakePage;
-using qtest::MakePageWith;
-using qtest::PageView;
-using qtest::Palette;
-using qtest::Shape;
+using namespace qtest;
 
 namespace {
 

@@ -11,13 +11,7 @@
 #include "pixel/pixel.h"
 #include "support/pages.h"
 
-using qtest::Block;
-using qtest::MakePage;
-using qtest::MakePageWith;
-using qtest::PageView;
-using qtest::Palette;
-using qtest::RowValues;
-using qtest::Shape;
+using namespace qtest;
 
 namespace {
 

@@ -11,11 +11,7 @@
 #include "support/pages.h"
 #include "text_pages.h"
 
-using qtest::Block;
-using qtest::MakePage;
-using qtest::MakePageWith;
-using qtest::PageShape;
-using qtest::Palette;
+using namespace qtest;
 
 namespace {
 
