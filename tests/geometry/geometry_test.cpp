@@ -4,6 +4,7 @@
 // the boundaries of its content search.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 
 #include "support/pages.h"
@@ -21,6 +22,9 @@ Block Numbered(int w, int h, int bits) {
 }
 
 int Channels(int bits) { return bits >= 24 ? bits / 8 : 1; }
+
+using Box = std::array<LONG, 4>;
+Box Edges(const RECT &r) { return {r.left, r.top, r.right, r.bottom}; }
 
 // Every pixel of `in` at (x, y) equals `out` at to(x, y) where that lies on
 // the result.
@@ -168,10 +172,7 @@ TEST(Crop, Mode0CutsTheRegionWithABorder) {
         EXPECT_EQ(out.header().biWidth, 61);
         EXPECT_EQ(out.header().biHeight, 40);
         // Written back in stored rows: rows 40..69 from the bottom.
-        EXPECT_EQ(r.left, 10);
-        EXPECT_EQ(r.top, 40);
-        EXPECT_EQ(r.right, 61);
-        EXPECT_EQ(r.bottom, 70);
+        EXPECT_EQ(Edges(r), (Box{10, 40, 61, 70}));
         ExpectMoved(page.get(), out.get(), [](int x, int y) {
             return x >= 10 && x < 61 && y >= 40 && y < 70 ? std::pair{x - 5, y - 35} : std::pair{-1, -1};
         }, "mode 0");
@@ -185,10 +186,7 @@ TEST(Crop, ContentSearchStopsAtTheFifthDarkLineAndBacksOffSix) {
     RECT r{0, 0, 0, 0};
     Block out(Crop(page.get(), &r, 2, 0));
     ASSERT_TRUE(out);
-    EXPECT_EQ(r.left, 18);
-    EXPECT_EQ(r.top, 38);
-    EXPECT_EQ(r.right, 71);
-    EXPECT_EQ(r.bottom, 71);
+    EXPECT_EQ(Edges(r), (Box{18, 38, 71, 71}));
     EXPECT_EQ(out.header().biWidth, 53);
     EXPECT_EQ(out.header().biHeight, 33);
     // Lines count as dark with two dark pixels; a plus of bars two wide.
@@ -197,18 +195,12 @@ TEST(Crop, ContentSearchStopsAtTheFifthDarkLineAndBacksOffSix) {
     });
     RECT p{0, 0, 0, 0};
     ASSERT_TRUE(Block(Crop(plus.get(), &p, 2, 0)));
-    EXPECT_EQ(p.left, 8);
-    EXPECT_EQ(p.right, 91);
-    EXPECT_EQ(p.top, 18);
-    EXPECT_EQ(p.bottom, 81);
+    EXPECT_EQ(Edges(p), (Box{8, 18, 91, 81}));
     // Mode 1 (and unknown modes) search inside the caller's region: rows 2..
     // 91 from the top are stored rows 8..97, so the print starts 32 rows in.
     RECT inside{10, 2, 90, 92};
     Block seven(Crop(page.get(), &inside, 7, 2));
-    EXPECT_EQ(inside.left, 18);
-    EXPECT_EQ(inside.top, 38);
-    EXPECT_EQ(inside.right, 71);
-    EXPECT_EQ(inside.bottom, 71);
+    EXPECT_EQ(Edges(inside), (Box{18, 38, 71, 71}));
     EXPECT_EQ(seven.header().biWidth, 53 + 4);
 }
 
@@ -255,18 +247,12 @@ TEST(Crop, Mode3BordersPerSideAndModes4And5FitTheTarget) {
         ASSERT_TRUE(fitted);
         EXPECT_EQ(fitted.header().biWidth, std::abs(k.target.right - k.target.left));
         EXPECT_EQ(fitted.header().biHeight, std::abs(k.target.bottom - k.target.top));
-        EXPECT_EQ(r.left, k.box.left);
-        EXPECT_EQ(r.top, k.box.top);
-        EXPECT_EQ(r.right, k.box.right);
-        EXPECT_EQ(r.bottom, k.box.bottom);
+        EXPECT_EQ(Edges(r), (Box{k.box.left, k.box.top, k.box.right, k.box.bottom}));
         EXPECT_EQ(PageView(fitted.get()).get(k.atX, k.atY), PageView(page.get()).get(r.left, r.top)) << k.target.right;
     }
     RECT target{0, 0, 70, 70};
     Block fitted(Crop(printed.get(), &target, 4, 0));  // mode 4 fits the content box
-    EXPECT_EQ(target.left, 10);  // the box {18, 38, 71, 71} grown evenly to 70
-    EXPECT_EQ(target.top, 20);
-    EXPECT_EQ(target.right, 79);
-    EXPECT_EQ(target.bottom, 89);
+    EXPECT_EQ(Edges(target), (Box{10, 20, 79, 89}));  // the box {18, 38, 71, 71} grown evenly to 70
     EXPECT_EQ(fitted.header().biWidth, 70);
 }
 
