@@ -332,6 +332,12 @@ TEST(RemoveHole, CountRules) {
     // More holes wanted than there are candidates: nothing painted.
     Block none(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 100, 5, 9, 20, 60, 0.5));
     EXPECT_EQ(none.bytes(), page.bytes());
+    // Solid squares have density 1: only candidates above the density count,
+    // so at 1.0 just the fewest holes (one) are painted.
+    Block squares = MakePageWith(Shape(400, 500, 8), [](int x, int y, int) {
+        return x >= 20 && x < 50 && (y % 150) >= 50 && (y % 150) < 80 ? 0 : 255;
+    });
+    EXPECT_EQ(Dark(Block(RemoveHole(squares.get(), TRUE, FALSE, FALSE, FALSE, 80, 1, 5, 20, 40, 1.0)).get()), 2 * 900);
     // A density above every candidate: the fewest holes are painted anyway.
     Block least(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 100, 3, 9, 20, 60, 0.9));
     EXPECT_EQ(Dark(least.get()), Dark(page.get()) / 4);

@@ -120,6 +120,13 @@ TEST(JudgeColorMode, ThirtyTwoBitPagesUseTheirOwnPixels) {
         return c < 3 && x >= 100 && x < 120 && y >= 100 && y < 120 ? std::array<int, 3>{40, 40, 200}[c] : 255;
     });
     EXPECT_EQ(JudgeColorMode(red.get(), 10), 24);
+    // The scan leaves out a hundredth of each side: 3 columns of a 300-wide
+    // page, so a red bar in columns 4..9 counts (6 x 60 pixels, 12 per 10,000).
+    Block edge = MakePageWith(Colour(300, 1000), [](int x, int y, int c) {
+        return x >= 4 && x < 10 && y >= 400 && y < 460 ? std::array<int, 3>{40, 40, 200}[c] : 255;
+    });
+    EXPECT_EQ(JudgeColorMode(edge.get(), 10), 24);
+    EXPECT_EQ(JudgeColorMode(edge.get(), 12), 1);
 }
 
 // ---- ConvertHongTou ----------------------------------------------------------------
@@ -198,6 +205,10 @@ TEST(EnhanceColor, BlueRuleAndRectangle) {
     Block out(EnhanceColor(page.get(), &top, 0, 0, 0, 0, 0, 100, 20));
     EXPECT_EQ(At(out.get(), 0, 1), (Bgr{220, 30, 40}));
     EXPECT_EQ(At(out.get(), 0, 0), (Bgr{200, 50, 60}));
+    // The blue rule needs blue at 60 or more.
+    Block faint = Row({{60, 0, 0}, {59, 0, 0}});
+    EXPECT_EQ(At(Block(EnhanceColor(faint.get(), nullptr, 0, 0, 0, 0, 0, 50, 20)).get(), 0), (Bgr{80, 0, 0}));
+    EXPECT_EQ(At(Block(EnhanceColor(faint.get(), nullptr, 0, 0, 0, 0, 0, 50, 20)).get(), 1), (Bgr{59, 0, 0}));
     // A rectangle reaching outside the page: an unchanged copy.
     RECT outside{0, 0, 3, 2};
     Block copy(EnhanceColor(page.get(), &outside, 0, 0, 0, 0, 0, 100, 20));

@@ -41,6 +41,8 @@ TEST(Thresholds, PagesOfKnownHistograms) {
         // class means 0 and 177.5 keep Ridler-Calvard at the mean ink 89.
         {"three levels", MakePageWith(Gray(4, 4), [](int x, int, int) { return x < 2 ? 255 : x == 2 ? 155 : 0; }), 155,
          255 - 89},
+        // Ink 0, 100 and 3 x 255: the squared class distance puts k at 100.
+        {"1:1:3", MakePageWith(Gray(5, 1), [](int x, int, int) { return x == 0 ? 255 : x == 1 ? 155 : 0; }), 155, 102},
         {"sparse bits", MakePageWith(bits, [](int x, int y, int) { return (x + y) % 7 == 0; }), 255, 127},
         // Almost all black: the rounded mean ink is already 255.
         {"black bits", MakePageWith(bits, [](int x, int y, int) { return x != 0 || y != 0; }), 255, 0},
