@@ -81,6 +81,14 @@ void ReduceBitonalCells(const IplImage &src, const Region &rs, IplImage &dst, co
 
 }  // namespace
 
+bool BitonalResizeFits(int srcW, int srcH, long long outW, long long outH, int interpolate) {
+    if (srcW <= 0 || srcH <= 0 || outW <= 0 || outH <= 0 || outW > INT_MAX || outH > INT_MAX) return false;
+    const int fx = WholeFactor(srcW, static_cast<int>(outW)), fy = WholeFactor(srcH, static_cast<int>(outH));
+    if (CvMode(interpolate) == cv::INTER_AREA && fx > 0 && fy > 0) return true;
+    const long long bytes = static_cast<long long>(srcW) * srcH + outW * outH;  // both at most 2^62
+    return bytes <= kMaxBitonalResizeBytes;
+}
+
 void iplResize(IplImage *src, IplImage *dst, int xDst, int xSrc, int yDst, int ySrc, int interpolate) {
     if (src == nullptr || dst == nullptr || !SameFormat(*src, *dst)) return;
     if (xDst <= 0 || xSrc <= 0 || yDst <= 0 || ySrc <= 0) return;
@@ -94,6 +102,7 @@ void iplResize(IplImage *src, IplImage *dst, int xDst, int xSrc, int yDst, int y
     const int mode = CvMode(interpolate);
 
     if (FormatOf(*src) == PixelFormat::kBitonal) {
+        if (!BitonalResizeFits(rs.width, rs.height, outW, outH, interpolate)) return;
         const int fx = WholeFactor(rs.width, static_cast<int>(outW)), fy = WholeFactor(rs.height, static_cast<int>(outH));
         if (mode == cv::INTER_AREA && fx > 0 && fy > 0) {
             ReduceBitonalCells(*src, rs, *dst, rd, fx, fy, w, h);

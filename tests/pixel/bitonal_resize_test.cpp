@@ -44,4 +44,16 @@ TEST(BitonalResize, EqualsTheThresholdedGrayResize) {
     EXPECT_GT(wholeFactors, 50);
 }
 
+// A 1-bit resize that would hold more than the intermediate limit in gray
+// levels is refused before anything is allocated; whole-factor reductions
+// need no gray copy and are never refused.
+TEST(BitonalResize, GrayIntermediateIsLimited) {
+    Block big = qtest::MakePage(qtest::Shape(6000, 6000, 1));
+    ASSERT_TRUE(big);
+    EXPECT_EQ(Resize(big.get(), 33000, 33000), nullptr);  // 0.036 + 1.089 billion gray levels
+    Block cells(Resize(big.get(), 3000, 3000));            // cells of 2 x 2 counted on bits
+    ASSERT_TRUE(cells);
+    EXPECT_EQ(PageView(cells.get()).width(), 3000);
+}
+
 }  // namespace
