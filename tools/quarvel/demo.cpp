@@ -243,7 +243,7 @@ std::string CleanRealScan(const RealScan &scan, const std::filesystem::path &in,
     auto add = [&changed](const std::string &what) { changed += (changed.empty() ? "" : ", ") + what; };
     if (turned) add(Printf("straightened by %.2f deg", r.skew_angle));
     if (r.hole_count > 0) add(std::to_string(r.hole_count) + (r.hole_count == 1 ? " hole" : " holes") + " filled");
-    add("specks removed");
+    add("despeckled");
     return "  " + name + ": " + std::to_string(r.width) + " x " + std::to_string(r.height) + " at " +
            std::to_string(r.dpi) + " dpi; skew " + Printf("%+.2f deg (confidence %.2f)", r.skew_angle, r.skew_confidence) +
            ", frame " + Sides(r.frame_sides) + ", " + std::to_string(r.hole_count) + " holes, " + ModeName(r.mode) +
