@@ -1,11 +1,16 @@
 # Quarvel's two commands for a fresh Debian machine:
 #   make demo   installs what is missing, builds, and runs the demo
 #   make test   installs what is missing, builds, and runs every test suite
-# Also: make build, make bench, make check-asan, make clean,
+# Also: make build, make bench, make quality, make check-asan, make check-tsan,
+#       make fuzz, make fuzz-replay, make clean,
 #       make install PREFIX=/usr/local (tool, library, headers, pkg-config, CMake package).
 
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
+TSAN_BUILD ?= build-tsan
+FUZZ_BUILD ?= build-fuzz
+FUZZ_TIME  ?= 60
+FUZZ_TARGETS := ops scan read_bmp read_png read_tiff read_jpeg read_pnm
 PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 DEMO_OUT   ?= demo-out
@@ -13,7 +18,7 @@ DEMO_OUT   ?= demo-out
 LAUNCHER   := $(if $(shell command -v ccache 2>/dev/null),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 export CCACHE_BASEDIR ?= $(CURDIR)
 
-.PHONY: all deps build test demo bench quality check-asan clean install
+.PHONY: all deps build test demo bench quality check-asan check-tsan fuzz-build fuzz fuzz-replay clean install
 
 all: build
 
@@ -52,5 +57,26 @@ check-asan: deps
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
 
+# The concurrency suite under ThreadSanitizer: every operation from several
+# threads at once, the block cache included.
+check-tsan: deps
+	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(LAUNCHER) -DQUARVEL_TSAN=ON -DQUARVEL_BUILD_BENCH=OFF
+	cmake --build $(TSAN_BUILD) -j $(JOBS) --target test_threads
+	TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $(TSAN_BUILD)/tests/test_threads
+
+# libFuzzer targets (clang, ASan and UBSan); see fuzz/README.md.
+fuzz-build: deps
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang-14 \
+		-DCMAKE_CXX_COMPILER=clang++-14 $(LAUNCHER) -DQUARVEL_FUZZ=ON -DQUARVEL_BUILD_TESTS=OFF -DQUARVEL_BUILD_BENCH=OFF
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target $(addprefix fuzz_,$(FUZZ_TARGETS))
+
+# Each target for FUZZ_TIME seconds, growing $(FUZZ_BUILD)/corpus.
+fuzz: fuzz-build
+	fuzz/run fuzz $(FUZZ_BUILD) $(FUZZ_TIME) $(FUZZ_TARGETS)
+
+# Replays the seed corpora and every saved reproducer (fuzz/regressions).
+fuzz-replay: fuzz-build
+	fuzz/run replay $(FUZZ_BUILD) 0 $(FUZZ_TARGETS)
+
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(DEMO_OUT)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD) $(DEMO_OUT)

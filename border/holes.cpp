@@ -40,7 +40,7 @@ HGLOBAL RemoveHole(HGLOBAL hDib, const HoleSearch &s) {
     int m = s.margin;
     const int third = std::min(w, h) / 3;
     if (m >= third) m = third;
-    if (m <= 0) return out.Release();  // no band to search
+    if (m < 0) return out.Release();  // a band of negative width: nothing to search
 
     ImagePtr search = MakeGrayImage(view.get(), nullptr, in.header());
     ImagePtr counts = MakeGrayImage(view.get(), nullptr, in.header());

@@ -65,7 +65,7 @@ HGLOBAL Clean(HGLOBAL hDib, const RECT *area, int n) {
     const int w = in.width(), h = in.height();
     RECT work{0, 0, w, h};
     if (area != nullptr) {
-        const RECT asked{area->left, h - area->bottom, area->right, h - area->top};
+        const RECT asked = FlipRows(*area, h);
         if (!IntersectRect(&work, &asked, &work)) work = RECT{0, 0, 0, 0};
     }
 

@@ -11,7 +11,7 @@
 namespace quarvel::colour {
 
 HGLOBAL DeColorize(HGLOBAL hDib, const RECT *rect, int redThreshold, int blueThreshold, int greenThreshold) {
-    LockedDib in(hDib, kAllDepths);
+    LockedDib in(hDib, kBelowColourToo);
     BlockCopy out(in);
     if (!out) return nullptr;
     if (in.bitCount() < 24) return out.Release();

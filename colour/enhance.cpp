@@ -8,8 +8,9 @@
 // (blue byte: blue excess, green byte: mean level, red byte: red excess),
 // which EnhanceColorEx returns when called without one.
 //
-// Every sum and difference is clamped to 0..255, so negative amounts work
-// the other way round instead of wrapping.
+// Every sum and difference is taken in 64 bits and clamped to 0..255, so
+// negative amounts work the other way round instead of wrapping, and no
+// amount overflows.
 #include <algorithm>
 
 #include "colour/colour.h"
@@ -66,7 +67,7 @@ private:
 
 Decision OwnValues(const std::uint8_t *px, int splitLevel) {
     const int b = px[0], g = px[1], r = px[2];
-    return Decision{r - std::max(g, b), b - std::max(g, r), b + g + r < 3 * splitLevel};
+    return Decision{r - std::max(g, b), b - std::max(g, r), b + g + r < 3LL * splitLevel};
 }
 
 Decision FromMap(const std::uint8_t *m, int splitLevel) { return Decision{m[2], m[0], m[1] < splitLevel}; }
@@ -94,7 +95,7 @@ void ForSpan(const Span &s, const ColourRows &rows, F f) {
 }  // namespace
 
 HGLOBAL EnhanceColor(HGLOBAL hDib, const RECT *rect, const EnhanceParams &p) {
-    LockedDib in(hDib, kAllDepths);
+    LockedDib in(hDib, kBelowColourToo);
     BlockCopy out(in);
     if (!out) return nullptr;
     Span span;
@@ -111,7 +112,7 @@ HGLOBAL EnhanceColor(HGLOBAL hDib, const RECT *rect, const EnhanceParams &p) {
 }
 
 HGLOBAL EnhanceColorEx(HGLOBAL hDib, HGLOBAL hMap, const RECT *rect, const EnhanceParams &p) {
-    LockedDib in(hDib, kAllDepths);
+    LockedDib in(hDib, kBelowColourToo);
     BlockCopy out(in);
     if (!out) return nullptr;
     Span span;
@@ -137,10 +138,10 @@ HGLOBAL EnhanceColorEx(HGLOBAL hDib, HGLOBAL hMap, const RECT *rect, const Enhan
 }
 
 HGLOBAL EnhanceColorEx1(HGLOBAL hDib, HGLOBAL hBaseDib, HGLOBAL hMap, const RECT *rect, const EnhanceParams &p) {
-    LockedDib page(hDib, kAllDepths);
+    LockedDib page(hDib, kBelowColourToo);
     if (!page.ok()) return nullptr;
     const bool withBase = hBaseDib != nullptr && hMap != nullptr;
-    LockedDib base(withBase ? hBaseDib : nullptr, kAllDepths);
+    LockedDib base(withBase ? hBaseDib : nullptr, kBelowColourToo);
     if (withBase && !base.ok()) return nullptr;
     BlockCopy out(withBase ? base : page);
     if (!out) return nullptr;

@@ -11,7 +11,7 @@
 namespace quarvel::colour {
 
 HGLOBAL ConvertHongTou(HGLOBAL hColorDib, HGLOBAL hGrayDib, int colorDiff, int minLevel, bool keepBlue) {
-    LockedDib colour(hColorDib, kAllDepths);
+    LockedDib colour(hColorDib, kBelowColourToo);
     if (!colour.ok()) return nullptr;
     BlockCopy out(colour);
     if (!out) return nullptr;

@@ -1,5 +1,7 @@
 #include "frame/dib.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <limits>
 
 namespace quarvel {
@@ -48,8 +50,14 @@ unsigned DepthBit(int bitCount) {
         case 16: return kDepth16;
         case 24: return kDepth24;
         case 32: return kDepth32;
-        default: return 0;
+        default: return bitCount >= 0 && bitCount < 24 ? static_cast<unsigned>(kOtherDepthsBelow24) : 0u;
     }
+}
+
+bool ResultSizeAllowed(long long width, long long height, int pageWidth, int pageHeight) {
+    if (width <= 0 || height <= 0 || width > INT32_MAX || height > INT32_MAX) return false;
+    const long long page = static_cast<long long>(std::max(pageWidth, 0)) * std::max(pageHeight, 0);
+    return width * height <= std::max(64 * page, 1LL << 24);
 }
 
 DibError CheckDib(const BITMAPINFOHEADER *header, std::size_t blockSize, unsigned depths) {

@@ -45,8 +45,18 @@ enum DepthSet : unsigned {
     kImageDepths = kDepth1 | kDepth8 | kDepth24 | kDepth32,
     kColorDepths = kDepth24 | kDepth32,
     kAllDepths = kDepth1 | kDepth4 | kDepth8 | kDepth16 | kDepth24 | kDepth32,
+    // Any other depth below 24 (0, 2, 3, 5 ...): for the colour operations,
+    // which hand such pages back as unchanged copies.
+    kOtherDepthsBelow24 = 1u << 6,
+    kBelowColourToo = kAllDepths | kOtherDepthsBelow24,
 };
 unsigned DepthBit(int bitCount);
+
+// Whether a result whose size comes from an operation's arguments (Resize,
+// Thumbnail, Crop's canvas, the canvases of RotateEx and RotateEx1) may have
+// width x height pixels: at most 64 times the page's pixels, and always up to
+// 2^24 (4096 x 4096), so a small page cannot be blown up to gigabytes.
+bool ResultSizeAllowed(long long width, long long height, int pageWidth, int pageHeight);
 
 // Why a block cannot be read as a page.
 enum class DibError {

@@ -114,14 +114,15 @@ void iplBitonalToGray(IplImage *src, IplImage *dst, int zeroScale, int oneScale)
 // Filters, geometry and per-pixel functions.
 void iplMinFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY);
 void iplMaxFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY);
-namespace plain {
-// The 1-bit minimum (or maximum) filter a byte at a time: the oracle of the
-// word-wise one behind iplMinFilter and iplMaxFilter.
-void BitonalFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY, bool minimum);
-}  // namespace plain
 void iplFixedFilter(IplImage *src, IplImage *dst, int filter);
 void iplMirror(IplImage *src, IplImage *dst, int flipAxis);
 void iplResize(IplImage *src, IplImage *dst, int xDst, int xSrc, int yDst, int ySrc, int interpolate);
+// Whether iplResize can scale a 1-bit region of srcW x srcH pixels to
+// outW x outH: a super-sampled reduction by whole factors works on the packed
+// bits and always can; every other case holds the region and its scaled copy
+// as gray levels, at most kMaxBitonalResizeBytes of them.
+constexpr long long kMaxBitonalResizeBytes = 1LL << 30;
+bool BitonalResizeFits(int srcW, int srcH, long long outW, long long outH, int interpolate);
 void iplRotate(IplImage *src, IplImage *dst, double angle, double xShift, double yShift, int interpolate);
 // iplRotate; with plainBitonal, 1-bit images take the plain per-pixel path,
 // the oracle of the run-copying one.

@@ -92,7 +92,7 @@ void iplAddS(IplImage *src, IplImage *dst, int value) {
     for (int v = 0; v < 256; ++v) {
         std::uint8_t *e = lut.ptr<std::uint8_t>(0) + v * channels;
         for (int c = 0; c < channels; ++c)
-            e[c] = c == 3 ? static_cast<std::uint8_t>(v) : static_cast<std::uint8_t>(std::clamp(v + value, 0, 255));
+            e[c] = c == 3 ? static_cast<std::uint8_t>(v) : static_cast<std::uint8_t>(std::clamp<long long>(static_cast<long long>(v) + value, 0, 255));
     }
     cv::Mat out = MatOf(*dst, rd);
     cv::LUT(MatOf(*src, rs), lut, out);

@@ -106,8 +106,14 @@ IplImage *iplCreateImageHeader(int nChannels, int alphaChannel, int depth, const
     const std::int64_t alignBytes = align > 0 ? align : IPL_ALIGN_DWORD;
     const std::int64_t rowBits = static_cast<std::int64_t>(width) * BitsPerPixel(*image);
     const std::int64_t step = (rowBits + alignBytes * 8 - 1) / (alignBytes * 8) * alignBytes;
+    // Checked by division first: step * height can pass 2^63 for int sizes.
+    const std::int64_t maxSize = std::numeric_limits<int>::max();
+    if (step > maxSize / height) {
+        delete image;
+        return nullptr;
+    }
     const std::int64_t size = step * height;
-    if (size > std::numeric_limits<int>::max()) {
+    if (size > maxSize) {
         delete image;
         return nullptr;
     }

@@ -4,11 +4,12 @@
 // y .. y + m - 1. The region is the whole image to the filter: cells beyond
 // it are left out of the minimum or maximum (nothing outside is read).
 // 8-bit images run on OpenCV's erode and dilate; 1-bit images AND (minimum)
-// or OR (maximum) shifted copies of their rows, 64 bits a word (the byte-wise
-// form stays in `plain` as the tests' oracle).
-#include <opencv2/imgproc.hpp>
+// or OR (maximum) shifted copies of their packed rows. With the anchor at
+// cell 0 the spans double, so a side of n costs log2(n) passes per axis: on
+// 1-bit rows always, on 8-bit images for sides beyond 128 (below that,
+// OpenCV's erosion and dilation are faster).
 #include <algorithm>
-#include <cstring>
+#include <opencv2/imgproc.hpp>
 #include <vector>
 
 #include "frame/bits.h"
@@ -31,9 +32,19 @@ void ShiftBits(const std::vector<std::uint8_t> &in, std::vector<std::uint8_t> &o
     }
 }
 
-}  // namespace
-
-namespace plain {
+// row(x) becomes op over row(x .. x + n - 1), cells past the end being the
+// identity: spans double (1, 2, 4 ...) until they reach n, so a pass costs
+// log2(n) shifts of the row instead of n.
+void Spread(std::vector<std::uint8_t> &row, std::vector<std::uint8_t> &shifted, int n, bool minimum,
+            std::uint8_t identity) {
+    const long long limit = static_cast<long long>(row.size()) * 8;
+    for (long long have = 1; have < n && have < limit;) {
+        const int step = static_cast<int>(std::min<long long>(have, n - have));
+        ShiftBits(row, shifted, step, identity);
+        for (std::size_t i = 0; i < row.size(); ++i) row[i] = minimum ? (row[i] & shifted[i]) : (row[i] | shifted[i]);
+        have += step;
+    }
+}
 
 void BitonalFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY, bool minimum) {
     Region rs, rd;
@@ -51,6 +62,11 @@ void BitonalFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int ancho
     std::vector<std::uint8_t> row(bytes + 1), shifted(bytes + 1), acc(bytes + 1);
     for (int y = 0; y < h; ++y) {
         load(y, row);
+        if (anchorX == 0) {
+            horiz[y] = row;
+            Spread(horiz[y], shifted, nCols, minimum, identity);
+            continue;
+        }
         std::fill(acc.begin(), acc.end(), identity);
         for (int dx = 0; dx < nCols; ++dx) {
             const int k = dx - anchorX;
@@ -64,7 +80,19 @@ void BitonalFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int ancho
         }
         horiz[y] = acc;
     }
-    // Vertical pass over stored rows y - anchorY .. y - anchorY + nRows - 1.
+    // Vertical pass over stored rows y - anchorY .. y - anchorY + nRows - 1;
+    // with the anchor at 0, by doubling spans as in the horizontal pass.
+    if (anchorY == 0) {
+        for (long long have = 1; have < nRows && have < h;) {
+            const int step = static_cast<int>(std::min<long long>(have, nRows - have));
+            for (int y = 0; y + step < h; ++y)
+                for (std::size_t i = 0; i < acc.size(); ++i)
+                    horiz[y][i] = minimum ? (horiz[y][i] & horiz[y + step][i]) : (horiz[y][i] | horiz[y + step][i]);
+            have += step;
+        }
+        for (int y = 0; y < h; ++y) bits::Copy(horiz[y].data(), 0, RowOf(*dst, rd.y + y), rd.x, w);
+        return;
+    }
     for (int y = 0; y < h; ++y) {
         std::fill(acc.begin(), acc.end(), identity);
         for (int dy = 0; dy < nRows; ++dy) {
@@ -77,69 +105,39 @@ void BitonalFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int ancho
     }
 }
 
-}  // namespace plain
+// Beyond this side OpenCV's rectangle erosion, which costs the side per
+// pixel and axis, gives way to doubling spans.
+constexpr int kLargeSide = 128;
 
-namespace {
-
-// The same filter on 64-bit words: each region row is held as big-endian
-// words (bit x of the row in word x / 64, most significant first), padded
-// with the identity; a shift by k bits is two word shifts, and the shifted
-// copies and then the rows are combined a word at a time.
-void BitonalFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY, bool minimum) {
-    Region rs, rd;
-    if (!CommonRegions(*src, *dst, &rs, &rd)) return;
-    const int w = rs.width, h = rs.height;
-    const std::uint64_t identity = minimum ? ~0ull : 0ull;
-    const std::size_t words = static_cast<std::size_t>(w + 63) / 64;
-    // Rows with `pad` identity words on each side, so every shift reads inside.
-    const long long reach = std::max<long long>(nCols - 1 - anchorX, anchorX);
-    const std::size_t pad = static_cast<std::size_t>(reach / 64 + 1);
-    std::vector<std::uint64_t> row(words + 2 * pad), horiz(words * static_cast<std::size_t>(h));
-    std::vector<std::uint8_t> packed(words * 8);
-    const int tail = w & 63;
-    const std::uint64_t tailMask = tail == 0 ? ~0ull : ~0ull << (64 - tail);  // the row's own bits in its last word
-    for (int y = 0; y < h; ++y) {
-        std::fill(packed.begin(), packed.end(), 0);
-        bits::Copy(RowOf(*src, rs.y + y), rs.x, packed.data(), 0, w);
-        std::fill(row.begin(), row.end(), identity);
-        for (std::size_t i = 0; i < words; ++i) {
-            std::uint64_t v;
-            std::memcpy(&v, &packed[8 * i], 8);
-            row[pad + i] = __builtin_bswap64(v);
-        }
-        row[pad + words - 1] = (row[pad + words - 1] & tailMask) | (identity & ~tailMask);
-        std::uint64_t *acc = &horiz[static_cast<std::size_t>(y) * words];
-        std::fill(acc, acc + words, identity);
-        for (int dx = 0; dx < nCols; ++dx) {
-            // Bit x of the shifted copy is row bit x + k.
-            const long long k = dx - anchorX;
-            const long long q = k >= 0 ? k / 64 : -((-k + 63) / 64);
-            const int r = static_cast<int>(k - q * 64);
-            const std::uint64_t *base = row.data() + pad + q;
-            for (std::size_t i = 0; i < words; ++i) {
-                const std::uint64_t v = r == 0 ? base[i] : (base[i] << r) | (base[i + 1] >> (64 - r));
-                acc[i] = minimum ? (acc[i] & v) : (acc[i] | v);
-            }
-        }
+// The minimum (maximum) over columns x .. x + nCols - 1 and rows
+// y .. y + nRows - 1 of an 8-bit image, cells past its end left out: spans
+// double per axis (each step combines the image with itself shifted by the
+// span so far), log2 of the side in passes of the image.
+void SpreadGray(const cv::Mat &in, cv::Mat &out, int nCols, int nRows, bool minimum) {
+    cv::Mat a = in.clone(), b(in.size(), in.type());
+    const auto combine = [minimum](const cv::Mat &x, const cv::Mat &y, cv::Mat to) {
+        if (minimum)
+            cv::min(x, y, to);
+        else
+            cv::max(x, y, to);
+    };
+    // Each step writes into the other buffer: the combined head, then the
+    // tail that has no partner yet.
+    for (long long have = 1; have < nCols && have < a.cols;) {
+        const int step = static_cast<int>(std::min<long long>(have, nCols - have)), keep = a.cols - step;
+        combine(a.colRange(0, keep), a.colRange(step, a.cols), b.colRange(0, keep));
+        a.colRange(keep, a.cols).copyTo(b.colRange(keep, a.cols));
+        std::swap(a, b);
+        have += step;
     }
-    std::vector<std::uint64_t> acc(words);
-    for (int y = 0; y < h; ++y) {
-        std::fill(acc.begin(), acc.end(), identity);
-        const int y0 = std::max(0, y - anchorY), y1 = std::min(h - 1, y - anchorY + nRows - 1);
-        for (int yy = y0; yy <= y1; ++yy) {
-            const std::uint64_t *hr = &horiz[static_cast<std::size_t>(yy) * words];
-            if (minimum) {
-                for (std::size_t i = 0; i < words; ++i) acc[i] &= hr[i];
-            } else {
-                for (std::size_t i = 0; i < words; ++i) acc[i] |= hr[i];
-            }
-        }
-        for (std::size_t i = 0; i < words; ++i) {
-            const std::uint64_t v = __builtin_bswap64(acc[i]);
-            std::memcpy(&packed[8 * i], &v, 8);
-        }
-        bits::Copy(packed.data(), 0, RowOf(*dst, rd.y + y), rd.x, w);
+    for (long long have = 1; have < nRows && have < a.rows;) {
+        const int step = static_cast<int>(std::min<long long>(have, nRows - have)), keep = a.rows - step;
+        combine(a.rowRange(0, keep), a.rowRange(step, a.rows), b.rowRange(0, keep));
+        a.rowRange(keep, a.rows).copyTo(b.rowRange(keep, a.rows));
+        std::swap(a, b);
+        have += step;
     }
+    a.copyTo(out);
 }
 
 void Filter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY, bool minimum) {
@@ -155,6 +153,10 @@ void Filter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int
     if (!CommonRegions(*src, *dst, &rs, &rd)) return;
     const cv::Mat in = MatOf(*src, rs);
     cv::Mat out = MatOf(*dst, rd);
+    if (anchorX == 0 && anchorY == 0 && std::max(nCols, nRows) > kLargeSide) {
+        SpreadGray(in, out, nCols, nRows, minimum);
+        return;
+    }
     const cv::Mat kernel = cv::Mat::ones(nRows, nCols, CV_8U);
     const int border = cv::BORDER_CONSTANT | cv::BORDER_ISOLATED;
     if (minimum)

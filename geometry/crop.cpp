@@ -103,7 +103,7 @@ HGLOBAL Crop(HGLOBAL hDib, RECT *rect, int mode, int border) {
 
     RECT r = page;
     if (mode == 0 || mode == 1) {
-        const RECT asked{rect->left, h - rect->bottom, rect->right, h - rect->top};
+        const RECT asked = FlipRows(*rect, h);
         if (!IntersectRect(&r, &asked, &page)) return nullptr;
     }
     if ((mode <= 2 && border < 0) ||
@@ -134,7 +134,7 @@ HGLOBAL Crop(HGLOBAL hDib, RECT *rect, int mode, int border) {
         canvasW = boxW + 2LL * border, canvasH = boxH + 2LL * border;
         offX = offY = border;
     }
-    if (canvasW <= 0 || canvasH <= 0 || canvasW > INT32_MAX || canvasH > INT32_MAX) return nullptr;
+    if (!ResultSizeAllowed(canvasW, canvasH, w, h)) return nullptr;
 
     *rect = box;
     ResultBlock out = ResultBlock::Rewritten(in, FormatOf(*view), static_cast<int>(canvasW), static_cast<int>(canvasH),

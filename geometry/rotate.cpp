@@ -26,6 +26,13 @@ constexpr double kRadiansPerDegree = 0.0174532925;
 
 enum class Fill { kBackground, kOpposite };
 
+// The longest canvas side RotateEx and RotateEx1 make: 4 (w + h) + 64. A turn
+// about any centre within a page's width and height of the page keeps every
+// corner within twice the diagonal of it, well inside; a centre far off the
+// page (a billion rows away) would ask for a canvas of millions of pixels a
+// side from a page of one, and is refused.
+long long MaxCanvasSide(int w, int h) { return 4LL * (static_cast<long long>(w) + h) + 64; }
+
 HGLOBAL RotateInto(HGLOBAL hDib, double angle, int xCenter, int yCenter, int interpolate, bool enlarge, Fill fill) {
     LockedDib in(hDib, kImageDepths);
     if (!in.ok()) return nullptr;
@@ -34,6 +41,8 @@ HGLOBAL RotateInto(HGLOBAL hDib, double angle, int xCenter, int yCenter, int int
     const int w = in.width(), h = in.height();
     int newW = w, newH = h;
     if (enlarge && !RotatedCanvas(w, h, angle, xCenter, yCenter, &newW, &newH)) return nullptr;
+    if (enlarge && (newW > MaxCanvasSide(w, h) || newH > MaxCanvasSide(w, h) || !ResultSizeAllowed(newW, newH, w, h)))
+        return nullptr;
     PixelFormat format = FormatOf(*view);
     ResultBlock out = ResultBlock::Rewritten(in, format, newW, newH, NewTable::kKeep);
     if (!out) return nullptr;

@@ -20,7 +20,7 @@ HGLOBAL Paint(HGLOBAL hDib, const RECT *rect, int value, bool outside) {
     if (!view || !out) return nullptr;
     const int written = in.bitCount() == 1 && IsLightFirst(in.header()) ? 255 - value : value;
 
-    const RECT asked{rect->left, in.height() - rect->bottom, rect->right, in.height() - rect->top};
+    const RECT asked = FlipRows(*rect, in.height());
     const RECT page{0, 0, in.width(), in.height()};
     RECT r;
     const bool any = IntersectRect(&r, &asked, &page);

@@ -47,10 +47,12 @@ HGLOBAL Thumbnail(HGLOBAL hDib, int maxWidth, int maxHeight) {
         return nullptr;
     fitW = std::max(fitW, 1);
     fitH = std::max(fitH, 1);
+    if (!ResultSizeAllowed(fitW, fitH, in.width(), in.height())) return nullptr;
     ImagePtr view = DibToIplImage(in.header());
     if (!view) return nullptr;
     const int mode = Interpolation(fitW, fitH, in.width(), in.height());
     if (in.bitCount() == 1) {
+        if (!BitonalResizeFits(in.width(), in.height(), fitW, fitH, mode)) return nullptr;
         ImagePtr gray = MakeGrayImage(view.get(), nullptr, in.header());
         if (!gray) return nullptr;
         ResultBlock out = ResultBlock::Rewritten(in, PixelFormat::kGray, fitW, fitH, NewTable::kGray);
@@ -67,9 +69,12 @@ HGLOBAL Thumbnail(HGLOBAL hDib, int maxWidth, int maxHeight) {
 HGLOBAL Resize(HGLOBAL hDib, int width, int height) {
     if (width <= 0 || height <= 0) return nullptr;
     LockedDib in(hDib, kImageDepths);
-    if (!in.ok()) return nullptr;
+    if (!in.ok() || !ResultSizeAllowed(width, height, in.width(), in.height())) return nullptr;
     int fitW = 0, fitH = 0;
     if (!FittedSize(in.width(), in.height(), width, height, &fitW, &fitH)) return nullptr;
+    const int mode = Interpolation(fitW, fitH, in.width(), in.height());
+    if (in.bitCount() == 1 && fitW > 0 && fitH > 0 && !BitonalResizeFits(in.width(), in.height(), fitW, fitH, mode))
+        return nullptr;
     ImagePtr view = DibToIplImage(in.header());
     if (!view) return nullptr;
     ResultBlock out = ResultBlock::Rewritten(in, FormatOf(*view), width, height, NewTable::kKeep);
@@ -79,8 +84,7 @@ HGLOBAL Resize(HGLOBAL hDib, int width, int height) {
         RoiPtr roi(iplCreateROI(0, (width - fitW) / 2, (height - fitH) / 2, fitW, fitH));
         if (!roi) return nullptr;
         RoiScope scope(out.image(), roi.get());
-        iplResize(view.get(), out.image(), fitW, in.width(), fitH, in.height(),
-                  Interpolation(fitW, fitH, in.width(), in.height()));
+        iplResize(view.get(), out.image(), fitW, in.width(), fitH, in.height(), mode);
     }
     return out.Release();
 }

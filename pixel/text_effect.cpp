@@ -1,7 +1,7 @@
 // TextEffect and TextEffectRect on 1 and 8-bit pages: a minimum filter over
 // (n + 1) x (n + 1) cells thickens dark strokes for a level n > 0, a maximum
 // filter over (1 - n) x (1 - n) cells thins them for n < 0 (level 0 is a
-// copy). The neighbourhood of a pixel reaches right and up the page (its
+// copy), whatever the level. The neighbourhood of a pixel reaches right and up the page (its
 // anchor is cell (0, 0) on bottom-up rows). TextEffectRect filters only the
 // rectangle, clipped to the page, and treats it as the whole image: cells
 // beyond it are left out.
@@ -16,30 +16,37 @@ namespace quarvel::pixel {
 namespace {
 
 constexpr unsigned kTextDepths = kDepth1 | kDepth8;
-// Larger neighbourhoods would only blacken or whiten the page; this bound
-// keeps a level from costing more than the page is worth.
-constexpr int kMaxLevel = 255;
 
-void Filter(IplImage *view, IplImage *result, int level) {
+// The neighbourhood side of a level (n + 1 for n > 0, 1 - n otherwise), in
+// 64 bits so that no level overflows.
+long long Side(int level) { return level > 0 ? 1LL + level : 1LL - level; }
+
+// Filters a w x h image or region. Cells beyond it are left out, so a side
+// longer than the region gives the same result as the region's own length:
+// the side is capped at it per axis, which bounds the work by the page
+// whatever the level.
+void Filter(IplImage *view, IplImage *result, int level, int w, int h) {
+    const int cols = static_cast<int>(std::min<long long>(Side(level), std::max(w, 1)));
+    const int rows = static_cast<int>(std::min<long long>(Side(level), std::max(h, 1)));
     if (level > 0)
-        iplMinFilter(view, result, level + 1, level + 1, 0, 0);
+        iplMinFilter(view, result, cols, rows, 0, 0);
     else
-        iplMaxFilter(view, result, 1 - level, 1 - level, 0, 0);
+        iplMaxFilter(view, result, cols, rows, 0, 0);
 }
 
 HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
-    if (level < -kMaxLevel || level > kMaxLevel || (!whole && rect == nullptr)) return nullptr;
+    if (!whole && rect == nullptr) return nullptr;
     LockedDib in(hDib, kTextDepths);
     if (!in.ok()) return nullptr;
     ImagePtr view = DibToIplImage(in.header());
     ResultBlock out = ResultBlock::CopiedHeader(in);
     if (!view || !out) return nullptr;
     if (whole) {
-        Filter(view.get(), out.image(), level);
+        Filter(view.get(), out.image(), level, in.width(), in.height());
         return out.Release();
     }
     iplCopy(view.get(), out.image());
-    const RECT asked{rect->left, in.height() - rect->bottom, rect->right, in.height() - rect->top};
+    const RECT asked = FlipRows(*rect, in.height());
     const RECT page{0, 0, in.width(), in.height()};
     RECT r;
     if (!IntersectRect(&r, &asked, &page)) return out.Release();  // nothing of the page to filter
@@ -47,7 +54,7 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
     if (!roi) return nullptr;
     {
         RoiScope a(view.get(), roi.get()), b(out.image(), roi.get());
-        Filter(view.get(), out.image(), level);
+        Filter(view.get(), out.image(), level, r.right - r.left, r.bottom - r.top);
     }  // the regions come off before the block is handed over
     return out.Release();
 }

@@ -56,13 +56,16 @@ void ContrastAboutPivot(int b, int k, int t[256]) {
 // caller's rows into the result block.
 HGLOBAL Tone(HGLOBAL hDib, bool brighten, int brightness, bool contrastTable, int contrast) {
     int table[256];
-    if (contrastTable && !ContrastTable(brightness, contrast, brighten, table)) return nullptr;
+    // With brightness, contrast 0 is the brightness change alone: no table,
+    // so no pivot to keep inside the levels.
+    const bool useTable = contrastTable && !(brighten && contrast == 0);
+    if (useTable && !ContrastTable(brightness, contrast, brighten, table)) return nullptr;
     LockedDib in(hDib, kToneDepths);
     if (!in.ok()) return nullptr;
     ImagePtr view = DibToIplImage(in.header());
     ResultBlock out = ResultBlock::CopiedHeader(in, true);  // every pixel is written
     if (!view || !out) return nullptr;
-    const bool lookup = contrastTable && !(brighten && contrast == 0);
+    const bool lookup = useTable;
     std::uint8_t fused[256];
     for (int v = 0; v < 256; ++v) {
         const int b = brighten ? static_cast<int>(std::clamp<long long>(static_cast<long long>(v) + brightness, 0, 255)) : v;

@@ -102,6 +102,11 @@ public:
         return b == nullptr ? 0 : b->size;
     }
 
+    std::size_t count() {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return blocks_.size();
+    }
+
     bool remove(HGLOBAL h) {
         void *data = nullptr;
         {
@@ -117,7 +122,9 @@ public:
 
 private:
     // Keeps a large buffer for reuse; returns what must be freed instead (the
-    // buffer itself, or an older one it displaces).
+    // buffer itself, or an older one it displaces). With every slot taken the
+    // next slot in turn is displaced, but only when the new buffer then fits
+    // the total; otherwise the kept buffers stay as they are.
     void *keepOrEvict(void *data, std::size_t capacity) {
         if (data == nullptr || capacity < kCacheMin || capacity > kCacheMax) return data;
         Spare *slot = nullptr;
@@ -127,18 +134,13 @@ private:
                 break;
             }
         }
-        void *evicted = nullptr;
-        if (slot == nullptr) {
-            slot = &spares_[next_++ % kCacheSlots];
-            evicted = slot->data;
-            cached_ -= slot->capacity;
-        }
-        if (cached_ + capacity > kCacheMax) {
-            std::free(evicted);
-            return data;
-        }
+        const bool displace = slot == nullptr;
+        if (displace) slot = &spares_[next_ % kCacheSlots];
+        if (cached_ - slot->capacity + capacity > kCacheMax) return data;
+        if (displace) ++next_;
+        void *evicted = slot->data;
+        cached_ = cached_ - slot->capacity + capacity;
         *slot = Spare{data, capacity};
-        cached_ += capacity;
         return evicted;
     }
 
@@ -203,6 +205,11 @@ HGLOBAL AllocateBlock(std::size_t bytes, bool zeroed) {
         std::free(data);
         return nullptr;
     }
+}
+
+std::size_t LiveBlockCount() {
+    BlockTable *t = table();
+    return t == nullptr ? 0 : t->count();
 }
 
 }  // namespace quarvel

@@ -12,4 +12,8 @@ namespace quarvel {
 // `zeroed` it is GlobalAlloc.
 HGLOBAL AllocateBlock(std::size_t bytes, bool zeroed);
 
+// Blocks allocated and not yet freed, for tests and fuzz targets that check
+// an operation leaves none behind.
+std::size_t LiveBlockCount();
+
 }  // namespace quarvel

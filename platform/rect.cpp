@@ -1,6 +1,7 @@
 #include "platform/rect.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace quarvel {
 
@@ -22,6 +23,14 @@ bool IntersectRect(RECT *out, const RECT *a, const RECT *b) {
     }
     *out = r;
     return true;
+}
+
+RECT FlipRows(const RECT &r, int height) {
+    const auto flip = [height](LONG v) {
+        const long long f = static_cast<long long>(height) - v;
+        return static_cast<LONG>(std::clamp<long long>(f, std::numeric_limits<LONG>::min(), std::numeric_limits<LONG>::max()));
+    };
+    return RECT{r.left, flip(r.bottom), r.right, flip(r.top)};
 }
 
 }  // namespace quarvel

@@ -174,9 +174,16 @@ HGLOBAL CleanPage(const ScanPage &page, const QuarvelScanOptions &options, Analy
         cv::warpAffine(frameGrow, paperMask, compose(toOut, scaleUp), keep.size(), cv::INTER_NEAREST, cv::BORDER_CONSTANT,
                        cv::Scalar(0));
         if (a.hasContent) {
+            // Inside the guard only the frame itself goes, not the grown
+            // rim: content ink was only ever looked for on the sheet, clear
+            // of the frame, so a dark corner or finger reaching into the
+            // content box is painted without touching a mark.
+            cv::Mat frameOnly;
+            cv::warpAffine(a.sheet.paper, frameOnly, compose(toOut, scaleUp), keep.size(), cv::INTER_NEAREST,
+                           cv::BORDER_CONSTANT, cv::Scalar(255));
             const cv::Rect g = cv::Rect(guard.x - keep.x, guard.y - keep.y, guard.width, guard.height) &
                                cv::Rect(0, 0, out.cols, out.rows);
-            paperMask(g).setTo(255);
+            frameOnly(g).copyTo(paperMask(g));
         }
         out.setTo(paper, paperMask == 0);
     }

@@ -8,7 +8,12 @@
 // candidate region that touches such a side, so a dark photo or a line of
 // text reaching one edge is never taken for background, and it must meet the
 // paper at a clear step (shading darkens gradually) and be dark on the
-// whole, at most half the paper level. The sheet is the
+// whole, at most half the paper level. Failing that, a light bed (a gray
+// scanner lid or table round a book) is tried the same way: when the page's
+// outer ring is flat (interquartile spread under a quarter of the gap) and
+// has a median level clearly below the paper's (12 % at least) yet not
+// dark (old paper's browned edges vary far more), candidates are pixels nearer that level than the paper's,
+// and the step across the frame's edge must be most of the gap. The sheet is the
 // bounding box of the largest paper region left, on framed sides only: a side
 // without a frame keeps the page edge, so a page without a frame is not
 // trimmed at all. A skewed sheet gives its axis-aligned bounding box.
@@ -29,6 +34,9 @@ constexpr double kMinStep = 0.33;     // contrast across the frame's edge, share
 constexpr double kMaxFrameLevel = 0.5; // a frame's mean level, share of the paper level
 constexpr double kStray = 0.02;       // sheet rows/columns with less paper than this share are trimmed
 constexpr double kMinPaperShare = 0.2;  // a "sheet" smaller than this share of the page is not one
+constexpr double kMinBedGap = 0.12;   // a light bed lies at least this share of the paper level below it,
+constexpr double kBedStep = 0.6;      // meets the paper at a step of this share of the gap,
+constexpr double kBedSpread = 0.25;   // and is flat: its ring's interquartile spread is at most this share
 
 int PaperLevel(const cv::Mat &g) {
     const cv::Mat mid = g(cv::Rect(g.cols / 4, g.rows / 4, std::max(1, g.cols / 2), std::max(1, g.rows / 2)));
@@ -43,6 +51,66 @@ int PaperLevel(const cv::Mat &g) {
         if (seen * 10 >= total * 9) return std::max(v, 1);
     }
     return 255;
+}
+
+// The median of the grid's outermost two lines all round, and their
+// interquartile spread.
+int RingLevel(const cv::Mat &g, int *spread) {
+    int hist[256] = {};
+    long total = 0;
+    for (int y = 0; y < g.rows; ++y)
+        for (int x = 0; x < g.cols; ++x)
+            if (x < 2 || y < 2 || x >= g.cols - 2 || y >= g.rows - 2) {
+                ++hist[g.at<std::uint8_t>(y, x)];
+                ++total;
+            }
+    int q[3] = {255, 255, 255};
+    long seen = 0;
+    for (int v = 255; v >= 0; --v) {
+        seen += hist[v];
+        for (int k = 0; k < 3; ++k)
+            if (q[k] == 255 && seen * 4 >= total * (k + 1)) q[k] = v;
+    }
+    *spread = q[0] - q[2];
+    return q[1];
+}
+
+// The frame from candidate pixels: sides whose two outermost lines are
+// mostly candidates, then every candidate region touching such a side; it
+// must meet the paper at a mean step of at least `minStep` (3-pixel
+// gradient, about 2 mm: shading darkens gradually) and average at most
+// `maxLevel`. Fills `framed` and the paper grid (255 off the frame).
+bool FindFrame(const cv::Mat &g, cv::Mat dark, double minStep, double maxLevel, const cv::Rect edges[4], bool framed[4],
+               cv::Mat *paperGrid) {
+    // Strokes of text near the edge are thinner than any frame: opened away,
+    // they cannot join the frame and be cut with it.
+    cv::morphologyEx(dark, dark, cv::MORPH_OPEN, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3)));
+    bool any = false;
+    for (int i = 0; i < 4; ++i) {
+        framed[i] = cv::countNonZero(dark(edges[i])) >= kSideCover * edges[i].area();
+        any = any || framed[i];
+    }
+    if (!any) return false;
+    cv::Mat labels;
+    const int n = cv::connectedComponents(dark, labels, 8, CV_32S);
+    std::vector<char> frame(static_cast<std::size_t>(n), 0);
+    for (int i = 0; i < 4; ++i) {
+        if (!framed[i]) continue;
+        const cv::Mat l = labels(edges[i]);
+        for (int y = 0; y < l.rows; ++y)
+            for (int x = 0; x < l.cols; ++x) frame[static_cast<std::size_t>(l.at<int>(y, x))] = 1;
+    }
+    frame[0] = 0;
+    cv::Mat &p = *paperGrid;
+    p.create(g.size(), CV_8UC1);
+    for (int y = 0; y < g.rows; ++y)
+        for (int x = 0; x < g.cols; ++x) p.at<std::uint8_t>(y, x) = frame[static_cast<std::size_t>(labels.at<int>(y, x))] ? 0 : 255;
+    cv::Mat gradient, rim;
+    cv::morphologyEx(g, gradient, cv::MORPH_GRADIENT, cv::Mat());
+    cv::dilate(p, rim, cv::Mat());
+    rim &= ~p;
+    if (cv::countNonZero(rim) > 0 && cv::mean(gradient, rim)[0] < minStep) return false;
+    return cv::mean(g, ~p)[0] <= maxLevel;
 }
 
 }  // namespace
@@ -62,47 +130,22 @@ Sheet FindSheet(const ScanPage &page) {
                g, cv::Size(gw, gh), 0, 0, cv::INTER_AREA);
     s.paperLevel = PaperLevel(g);
     if (gw < 8 || gh < 8) return s;
-    cv::Mat dark = g < kDarkFraction * s.paperLevel;
-    // Strokes of text near the edge are thinner than any frame: opened away,
-    // they cannot join the frame and be cut with it.
-    cv::morphologyEx(dark, dark, cv::MORPH_OPEN, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3)));
-
-    // Sides whose two outermost lines are mostly candidates.
     const cv::Rect edges[4] = {cv::Rect(0, 0, 2, gh), cv::Rect(0, 0, gw, 2), cv::Rect(gw - 2, 0, 2, gh),
                                cv::Rect(0, gh - 2, gw, 2)};
     const unsigned sideBits[4] = {QUARVEL_SIDE_LEFT, QUARVEL_SIDE_TOP, QUARVEL_SIDE_RIGHT, QUARVEL_SIDE_BOTTOM};
     bool framed[4];
-    bool any = false;
-    for (int i = 0; i < 4; ++i) {
-        framed[i] = cv::countNonZero(dark(edges[i])) >= kSideCover * edges[i].area();
-        any = any || framed[i];
+    cv::Mat paperGrid;
+    // A dark frame first (black bed, book edges, strips); failing that a
+    // light one: a gray bed whose level the page's outer ring holds.
+    if (!FindFrame(g, g < kDarkFraction * s.paperLevel, kMinStep * s.paperLevel, kMaxFrameLevel * s.paperLevel, edges,
+                   framed, &paperGrid)) {
+        int spread = 0;
+        const int bed = RingLevel(g, &spread);
+        const double gap = s.paperLevel - bed;
+        if (gap < kMinBedGap * s.paperLevel || bed < kDarkFraction * s.paperLevel || spread > kBedSpread * gap) return s;
+        const double split = bed + gap / 2;
+        if (!FindFrame(g, g < split, kBedStep * gap, split, edges, framed, &paperGrid)) return s;
     }
-    if (!any) return s;
-
-    // The frame: candidate regions touching a framed side.
-    cv::Mat labels;
-    const int n = cv::connectedComponents(dark, labels, 8, CV_32S);
-    std::vector<char> frame(static_cast<std::size_t>(n), 0);
-    for (int i = 0; i < 4; ++i) {
-        if (!framed[i]) continue;
-        const cv::Mat l = labels(edges[i]);
-        for (int y = 0; y < l.rows; ++y)
-            for (int x = 0; x < l.cols; ++x) frame[static_cast<std::size_t>(l.at<int>(y, x))] = 1;
-    }
-    frame[0] = 0;
-    cv::Mat paperGrid(gh, gw, CV_8UC1);
-    for (int y = 0; y < gh; ++y)
-        for (int x = 0; x < gw; ++x) paperGrid.at<std::uint8_t>(y, x) = frame[static_cast<std::size_t>(labels.at<int>(y, x))] ? 0 : 255;
-
-    // A frame meets the paper at a step; shading darkens it gradually. The
-    // mean contrast across the boundary (3-pixel gradient, about 2 mm) must
-    // be a good part of the paper level.
-    cv::Mat gradient, rim;
-    cv::morphologyEx(g, gradient, cv::MORPH_GRADIENT, cv::Mat());
-    cv::dilate(paperGrid, rim, cv::Mat());
-    rim &= ~paperGrid;
-    if (cv::countNonZero(rim) > 0 && cv::mean(gradient, rim)[0] < kMinStep * s.paperLevel) return s;
-    if (cv::mean(g, ~paperGrid)[0] > kMaxFrameLevel * s.paperLevel) return s;
 
     // The largest paper region (4-connected, so a thin paper bridge along
     // the frame does not join stray bright spots to the sheet).

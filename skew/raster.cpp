@@ -59,9 +59,10 @@ bool DibBlock::Readable() const {
     if (hd == nullptr || hd->biSize < kHeaderSize || hd->biSize > Size()) return false;
     if (hd->biWidth <= 0 || hd->biHeight <= 0 || hd->biCompression != 0) return false;
     const std::uint64_t pixels = static_cast<std::uint64_t>(hd->biWidth) * static_cast<std::uint64_t>(hd->biHeight);
-    if (pixels > INT32_MAX) return false;
+    if (pixels > kMaxRasterPixels || pixels > 8ull * Size()) return false;
     const std::uint64_t rows = DibRowStride64(hd->biWidth, hd->biBitCount) * static_cast<std::uint64_t>(hd->biHeight);
-    const std::uint64_t need = hd->biSize + 4ull * GetColorCount() + rows;
+    const std::uint64_t table = hd->biBitCount == 16 ? 0 : 4 * GetColorCount();
+    const std::uint64_t need = std::uint64_t{hd->biSize} + table + rows;
     return need <= Size();
 }
 
@@ -76,18 +77,10 @@ std::uint16_t DibBlock::GetBitCount() const {
     return hd != nullptr ? hd->biBitCount : 0;
 }
 
-std::uint32_t DibBlock::GetColorCount() const {
+std::uint64_t DibBlock::GetColorCount() const {
     const BITMAPINFOHEADER *hd = header();
-    if (hd == nullptr) return 0;
-    if (hd->biClrUsed != 0) return hd->biClrUsed;
-    switch (hd->biBitCount) {
-    case 1:
-    case 4:
-    case 8:
-        return 1u << hd->biBitCount;
-    default:
-        return 0;
-    }
+    if (hd == nullptr || hd->biBitCount == 24 || hd->biBitCount == 32) return 0;
+    return std::uint64_t{1} << std::min<unsigned>(hd->biBitCount, 40);
 }
 
 const RGBQUAD *DibBlock::GetColorTable() const {
@@ -97,7 +90,10 @@ const RGBQUAD *DibBlock::GetColorTable() const {
 
 const std::uint8_t *DibBlock::GetBits() const {
     const BITMAPINFOHEADER *hd = header();
-    return hd != nullptr ? Data() + hd->biSize + 4u * GetColorCount() : nullptr;
+    if (hd == nullptr) return nullptr;
+    // Offsets beyond the block are cut to its end; Readable() refuses them.
+    const std::uint64_t table = hd->biBitCount == 16 ? 0 : 4 * GetColorCount();
+    return Data() + std::min<std::uint64_t>(std::uint64_t{hd->biSize} + table, Size());
 }
 
 bool PageRaster::Resize(std::int32_t w, std::int32_t h) {
@@ -121,7 +117,7 @@ inline std::uint8_t InkOf(unsigned b, unsigned g, unsigned r) { return static_ca
 // Ink of every colour-table entry; indices beyond a short table read white.
 void TableInks(const DibBlock &block, int bits, std::uint8_t *inks) {
     const unsigned entries = 1u << bits;
-    const std::uint32_t count = block.GetColorCount();
+    const std::uint64_t count = block.GetColorCount();
     const RGBQUAD *table = block.GetColorTable();
     for (unsigned i = 0; i < entries; ++i)
         inks[i] = i < count ? InkOf(table[i].rgbBlue, table[i].rgbGreen, table[i].rgbRed) : 0;

@@ -39,6 +39,10 @@ private:
 };
 
 // The analysis' copy of one packed DIB, as many bytes as GlobalSize reports.
+// The largest raster a measurement decodes: 2^28 pixels (256 MiB), more than
+// an A2 sheet at 600 dpi (9,921 x 14,031).
+constexpr std::uint64_t kMaxRasterPixels = std::uint64_t{1} << 28;
+
 class DibBlock {
 public:
     virtual ~DibBlock() = default;
@@ -56,16 +60,19 @@ public:
     // True when the copy holds a page this family can decode without reading
     // past its end: a header of at least 40 bytes, width and height above 0
     // (top-down pages are not read), uncompressed rows, a colour table and
-    // rows that fit in the copy, and at most 2^31 - 1 pixels.
+    // rows that fit in the copy, and a raster of at most kMaxRasterPixels
+    // pixels and at most 8 per byte of the copy (what 1-bit rows hold), so a
+    // header without rows cannot ask for a large raster.
     bool Readable() const;
 
     // (biWidth, biHeight); (0, 0) for an empty copy.
     void GetSize(std::int32_t *width, std::int32_t *height) const;
     std::uint16_t GetBitCount() const;
-    // Colour-table entries before the rows: biClrUsed when it is set (as
-    // everywhere in the library), otherwise 2^bits for 1, 4 and 8 bits and 0
-    // for 16, 24 and 32 bits.
-    std::uint32_t GetColorCount() const;
+    // Colour-table entries the depth implies: 0 for 24 and 32 bits, else
+    // 2^bits (65,536 for 16 bits, whose rows nevertheless follow the header
+    // directly). biClrUsed is not consulted. Saturates at 2^40 for depths
+    // beyond 40 bits, which no copy can hold.
+    std::uint64_t GetColorCount() const;
     // The table starts biSize bytes in, so a longer header is skipped.
     const RGBQUAD *GetColorTable() const;
     const std::uint8_t *GetBits() const;

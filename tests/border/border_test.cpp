@@ -3,18 +3,13 @@
 // all-frame pages, winding dark paths, and punched pages with solid discs.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 
 #include "support/pages.h"
 
-using qtest::Block;
-using qtest::MakePage;
-using qtest::MakePageWith;
-using qtest::PageShape;
-using qtest::Shape;
-using qtest::PageView;
-using qtest::Palette;
+using namespace qtest;
 
 namespace {
 
@@ -38,13 +33,7 @@ std::function<bool(double, double)> Turned(double cx, double cy, double sw, doub
     };
 }
 
-int Dark(HGLOBAL h) {
-    PageView v(h);
-    int n = 0;
-    for (int y = 0; y < v.height(); ++y)
-        for (int x = 0; x < v.width(); ++x) n += v.get(x, y) < 128;
-    return n;
-}
+int Dark(HGLOBAL h) { return qtest::DarkCount(h); }
 
 // ---- RemoveBorder ------------------------------------------------------------------
 
@@ -66,23 +55,53 @@ TEST(RemoveBorder, FramelessPagesLoseTheirMargins) {
     EXPECT_EQ(s.header().biHeight, 400 - 7);
 }
 
-TEST(RemoveBorder, CutsTheSheetOutOfItsFrame) {
-    Block page = Sheet(700, 900, 8, [](double x, double y) { return x > 100 && x < 600 && y > 150 && y < 750; });
-    Block out(RemoveBorder(page.get(), 128, 0, 0));
-    ASSERT_TRUE(out);
-    // Page lines start at column 100 and stored row 150: edges at the fourth
-    // line of the run, then moved in by 20 across and 15 along (portrait).
-    EXPECT_EQ(out.header().biWidth, (599 - 3 - 20) - (100 + 3 + 20));
-    EXPECT_EQ(out.header().biHeight, (749 - 3 - 15) - (150 + 3 + 15));
-    EXPECT_EQ(Dark(out.get()), 0);
-    // The same at 1 and 32 bits.
-    for (int bits : {1, 32}) {
-        Block other = Sheet(700, 900, bits, [](double x, double y) { return x > 100 && x < 600 && y > 150 && y < 750; });
-        Block o(RemoveBorder(other.get(), 128, 0, 0));
-        ASSERT_TRUE(o);
-        EXPECT_EQ(o.header().biWidth, out.header().biWidth) << bits;
-        EXPECT_EQ(o.header().biHeight, out.header().biHeight) << bits;
+// A 700 x 900 page: a sheet of levels 150..249 (a pattern that places every
+// pixel) in columns 100..599 and stored rows 150..749, on a frame of `frame`.
+Block FramedSheet(int bits, int frame = 0) {
+    return MakePageWith(Shape(700, 900, bits), [=](int x, int y, int c) {
+        const bool sheet = x >= 100 && x < 600 && y >= 150 && y < 750;
+        if (bits == 1) return sheet ? (x * 3 + y * 7) % 5 != 0 : 0;
+        return sheet ? 150 + (x * 3 + y * 7 + c * 11) % 100 : frame;
+    });
+}
+
+// `out` at (x, y) equals `in` at (x + dx, y + dy) wherever both exist.
+void ExpectShifted(HGLOBAL in, HGLOBAL out, int dx, int dy, const std::string &what) {
+    PageView a(in), b(out);
+    const int channels = a.bitCount() >= 24 ? 3 : 1;
+    for (int y = 0; y < b.height(); ++y)
+        for (int x = 0; x < b.width(); ++x)
+            for (int c = 0; c < channels; ++c) {
+                const int X = x + dx, Y = y + dy;
+                if (X < 0 || Y < 0 || X >= a.width() || Y >= a.height()) continue;
+                ASSERT_EQ(b.get(x, y, c), a.get(X, Y, c)) << what << " at " << x << "," << y;
+            }
+}
+
+TEST(RemoveBorder, CutsTheSheetPixelForPixel) {
+    // Edges at the fourth line of each run (103, 153, 596, 746), then moved in
+    // by 20 across and 15 along a portrait page. A frame at the threshold
+    // is not bright: only levels above it count.
+    for (int bits : {1, 8, 32}) {
+        Block page = FramedSheet(bits, 128);
+        Block out(RemoveBorder(page.get(), 128, 0, 0));
+        ASSERT_TRUE(out) << bits;
+        EXPECT_EQ(out.header().biWidth, (596 - 20) - (103 + 20)) << bits;
+        EXPECT_EQ(out.header().biHeight, (746 - 15) - (153 + 15)) << bits;
+        ExpectShifted(page.get(), out.get(), 123, 168, "RemoveBorder " + std::to_string(bits));
     }
+}
+
+TEST(RemoveBorder, EachSideMovesInByItsOwnRule) {
+    // Vertical stripes one column wide: every row qualifies, no four
+    // columns in a row do. The left scan ends on the dark last column, the
+    // right scan on the bright first one, so only the right edge moves in.
+    Block stripes = MakePageWith(Shape(600, 800, 8), [](int x, int, int) { return x % 2 == 0 ? 255 : 0; });
+    Block out(RemoveBorder(stripes.get(), 128, 0, 0));
+    ASSERT_TRUE(out);
+    EXPECT_EQ(out.header().biWidth, 599 - 20);
+    EXPECT_EQ(out.header().biHeight, (796 - 15) - (3 + 15));
+    EXPECT_EQ(PageView(out.get()).get(0, 0), 255);
 }
 
 TEST(RemoveBorder, AllFrameAndTinyPages) {
@@ -100,47 +119,57 @@ TEST(RemoveBorder, AllFrameAndTinyPages) {
     EXPECT_EQ(RemoveBorder(MakePage(Shape(8, 8, 4)).get(), 128, 0, 0), nullptr);
 }
 
-TEST(RemoveBorder, FrameAlongOneEdge) {
-    Block page = Sheet(600, 800, 8, [](double, double y) { return y > 100; });
-    Block out(RemoveBorder(page.get(), 128, 0, 0));
-    // Top (stored row) edge: the fourth page row is 103, plus 15.
-    EXPECT_EQ(out.header().biHeight, (800 - 4 - 15) - (103 + 15));
-    EXPECT_EQ(out.header().biWidth, 600 - 47);
-}
-
 // ---- RemoveBorder1 ------------------------------------------------------------------
 
-TEST(RemoveBorder1, UprightSheetMatchesRemoveBorder) {
-    Block page = Sheet(700, 900, 8, [](double x, double y) { return x > 100 && x < 600 && y > 150 && y < 750; });
-    Block plain(RemoveBorder(page.get(), 128, 0, 0));
-    Block one(RemoveBorder1(page.get(), 128, 0, 3, 4));
-    ASSERT_TRUE(one);
-    EXPECT_EQ(one.bytes(), plain.bytes());
-    Block half(RemoveBorder1(page.get(), 128, 180, 0, 0));
-    EXPECT_EQ(half.header().biWidth, plain.header().biWidth);
-    EXPECT_EQ(Dark(half.get()), 0);
-    for (int angle : {90, -90, 270, -270}) {
-        Block q(RemoveBorder1(page.get(), 128, angle, 0, 0));
-        ASSERT_TRUE(q);
-        EXPECT_EQ(q.header().biWidth, plain.header().biHeight) << angle;
-        EXPECT_EQ(q.header().biHeight, plain.header().biWidth) << angle;
-        EXPECT_LT(Dark(q.get()), q.header().biWidth * 2) << angle;
+TEST(RemoveBorder1, UprightSheetsAreCutAndTurned) {
+    // No skew: the plain cut, then the page turned. The mirrored offsets
+    // count from the page's far edge, so a turned cut lies one pixel further
+    // along the axes that turned over than the upright cut turned by
+    // RotateExpand.
+    Block page = FramedSheet(8);
+    Block plain(RemoveBorder(page.get(), 128, 0, 0)), upright(RemoveBorder1(page.get(), 128, 0, 3, 4));
+    ASSERT_TRUE(upright);
+    EXPECT_EQ(upright.bytes(), plain.bytes());
+    const struct {
+        int angle, turn, dx, dy;
+    } turns[] = {{90, 90, 0, -1}, {-270, 90, 0, -1}, {180, 180, -1, -1}, {270, 270, -1, 0}, {-90, 270, -1, 0}};
+    for (const auto &t : turns) {
+        Block turned(RemoveBorder1(page.get(), 128, t.angle, 0, 0));
+        Block expected(RotateExpand(upright.get(), t.turn, 0, 0, 0));
+        ASSERT_TRUE(turned);
+        EXPECT_EQ(turned.header().biWidth, expected.header().biWidth) << t.angle;
+        EXPECT_EQ(turned.header().biHeight, expected.header().biHeight) << t.angle;
+        ExpectShifted(expected.get(), turned.get(), t.dx, t.dy, "turn " + std::to_string(t.angle));
     }
 }
 
 TEST(RemoveBorder1, StraightensSkewedSheets) {
-    for (double degrees : {2.0, -3.0, 5.0}) {
-        Block page = Sheet(900, 1100, 8, Turned(450, 550, 600, 800, degrees));
-        Block out(RemoveBorder1(page.get(), 128, 0, 0, 0));
-        ASSERT_TRUE(out);
-        // Upright and of the sheet's size, less the finder's margins.
-        EXPECT_NEAR(out.header().biWidth, 600 - 47, 6) << degrees;
-        EXPECT_NEAR(out.header().biHeight, 800 - 37, 6) << degrees;
-        EXPECT_LT(Dark(out.get()), 600 * 4) << degrees;
-        Block turned(RemoveBorder1(page.get(), 128, 90, 0, 0));
-        ASSERT_TRUE(turned);
-        EXPECT_NEAR(turned.header().biWidth, 800 - 37, 6) << degrees;
-        EXPECT_NEAR(turned.header().biHeight, 600 - 47, 6) << degrees;
+    // A 600 x 800 sheet turned with a 500 x 3 rule across its middle: cut
+    // out upright, less the finder's margins, with the rule level (four rows
+    // with the interpolated edges) and centred, or turned upright by 90.
+    for (auto [degrees, angle] : {std::pair{2.0, 0}, {-3.0, 0}, {-3.0, 90}, {5.0, 90}}) {
+        const auto sheet = Turned(450, 550, 600, 800, degrees), rule = Turned(450, 550, 500, 3, degrees);
+        Block page = Sheet(900, 1100, 8, [&](double x, double y) { return sheet(x, y) && !rule(x, y); });
+        {
+            Block out(RemoveBorder1(page.get(), 128, angle, 0, 0));
+            ASSERT_TRUE(out);
+            PageView v(out.get());
+            const int w = angle ? v.height() : v.width(), h = angle ? v.width() : v.height();
+            EXPECT_NEAR(w, 600 - 47, 1) << degrees;
+            EXPECT_NEAR(h, 800 - 37, 1) << degrees;
+            int top = h, bottom = -1, left = w, right = -1;
+            for (int y = 0; y < v.height(); ++y)
+                for (int x = 0; x < v.width(); ++x) {
+                    if (v.get(x, y) >= 128) continue;
+                    const int across = angle ? y : x, along = angle ? x : y;
+                    top = std::min(top, along), bottom = std::max(bottom, along);
+                    left = std::min(left, across), right = std::max(right, across);
+                }
+            EXPECT_EQ(bottom - top, 3) << degrees << " turned " << angle;
+            EXPECT_NEAR((top + bottom) / 2.0, h / 2.0, 1.0) << degrees << " turned " << angle;
+            EXPECT_NEAR(left, (w - 500) / 2, 1) << degrees << " turned " << angle;
+            EXPECT_NEAR(right, left + 499, 1) << degrees << " turned " << angle;
+        }
     }
 }
 
@@ -162,11 +191,16 @@ TEST(RemoveBorderGpy, UprightAndTurnedRectangles) {
 TEST(RemoveBorderGpy, RefusesPagesWithoutASheet) {
     EXPECT_EQ(RemoveBorder_GPY(Sheet(300, 300, 8, [](double, double) { return false; }).get(), 128), nullptr);
     EXPECT_EQ(RemoveBorder_GPY(Sheet(300, 300, 8, Turned(150, 150, 40, 200, 0)).get(), 128), nullptr);
-    // A 24-bit page: outside the turned source the fill is black.
-    Block colour = Sheet(500, 500, 24, Turned(250, 250, 300, 200, 10));
-    Block out(RemoveBorder_GPY(colour.get(), 128));
-    ASSERT_TRUE(out);
-    EXPECT_NEAR(out.header().biWidth, 300, 8);
+    // A sheet running off the page: outside the turned source the fill is
+    // the frame's colour, black, which is index 255 under a light-first table.
+    for (auto [bits, p] : {std::pair{8, Palette::kDarkFirst}, {8, Palette::kLightFirst}, {24, Palette::kNone}}) {
+        Block page = MakePageWith(Shape(500, 500, bits, p), [](int x, int y, int) {
+            return Turned(250, 250, 700, 200, 10)(x + 0.5, y + 0.5) ? 200 : 0;
+        });
+        Block out(RemoveBorder_GPY(page.get(), 128));
+        ASSERT_TRUE(out);
+        EXPECT_EQ(PageView(out.get()).get(0, 0), p == Palette::kLightFirst ? 255 : 0) << bits;
+    }
 }
 
 TEST(RemoveBorderGpy, TheFirstOfEqualSheetsWins) {
@@ -194,8 +228,9 @@ TEST(RemoveBorderFill, WhitensTheFrameAndKeepsTheText) {
     Block page = MakePageWith(Shape(200, 150, 8), [](int x, int y, int) {
         const bool frame = x < 20 || y < 15 || x >= 180 || y >= 130;
         const bool letter = x >= 90 && x < 95 && y >= 60 && y < 80;
-        const bool line = y == 100 && x < 120;  // runs from the frame into the page
-        return frame || letter || line ? 0 : 240;
+        const bool line = y == 100 && x < 120;  // runs from the left frame into the page
+        const bool back = y == 110 && x > 60;   // from the right frame: reached by the backward pass
+        return frame || letter || line || back ? 0 : 240;
     });
     Block out(RemoveBorder_Fill(page.get(), 128));
     ASSERT_TRUE(out);
@@ -203,7 +238,8 @@ TEST(RemoveBorderFill, WhitensTheFrameAndKeepsTheText) {
     EXPECT_EQ(v.get(5, 5), 255);
     EXPECT_EQ(v.get(199, 149), 255);
     EXPECT_EQ(v.get(92, 70), 0);    // the letter stays
-    EXPECT_EQ(v.get(119, 100), 255);  // the line joined to the frame goes
+    EXPECT_EQ(v.get(119, 100), 255);  // the lines joined to the frame go
+    EXPECT_EQ(v.get(61, 110), 255);
     EXPECT_EQ(v.get(50, 50), 240);
     // Threshold 0: nothing is dark; above 255 everything is.
     EXPECT_EQ(Block(RemoveBorder_Fill(page.get(), 0)).bytes(), page.bytes());
@@ -254,21 +290,38 @@ Block Punched(int w, int h, int bits, std::vector<std::pair<int, int>> centres, 
     });
 }
 
-TEST(RemoveHole, PaintsDiscsInTheFlaggedBand) {
-    Block page = Punched(800, 1000, 8, {{50, 200}, {50, 500}, {50, 800}, {400, 500}}, 20);
-    Block out(RemoveHole(page.get(), TRUE, FALSE, FALSE, FALSE, 100, 1, 5, 20, 60, 0.5));
-    ASSERT_TRUE(out);
-    PageView v(out.get());
-    EXPECT_EQ(v.get(50, 1000 - 1 - 200), 255);
-    EXPECT_EQ(v.get(50, 1000 - 1 - 500), 255);
-    EXPECT_EQ(v.get(400, 1000 - 1 - 500), 0);  // the disc in the middle is no hole
-    EXPECT_EQ(Dark(out.get()), Dark(Punched(800, 1000, 8, {{400, 500}}, 20).get()));
-    // Other bands flagged only: nothing painted.
-    Block other(RemoveHole(page.get(), FALSE, TRUE, TRUE, TRUE, 100, 1, 5, 20, 60, 0.5));
-    EXPECT_EQ(other.bytes(), page.bytes());
-    // No band at all, or a margin of 0: an unchanged copy.
+TEST(RemoveHole, EachFlagSearchesItsOwnBand) {
+    // One disc in each band (display rows from the top) and one in the middle.
+    const std::vector<std::pair<int, int>> discs = {{50, 300}, {300, 50}, {550, 300}, {300, 550}, {300, 300}};
+    Block page = Punched(600, 600, 8, discs, 20);
+    const int disc = qtest::DarkCount(Punched(600, 600, 8, {{300, 300}}, 20).get());
+    struct Case {
+        BOOL left, top, right, bottom;
+        int painted;  // the disc index painted, or -1 for all four bands
+    } cases[] = {{TRUE, FALSE, FALSE, FALSE, 0}, {FALSE, TRUE, FALSE, FALSE, 1}, {FALSE, FALSE, TRUE, FALSE, 2},
+                 {FALSE, FALSE, FALSE, TRUE, 3}, {TRUE, TRUE, TRUE, TRUE, -1}};
+    for (const Case &c : cases) {
+        Block out(RemoveHole(page.get(), c.left, c.top, c.right, c.bottom, 100, 1, 5, 20, 60, 0.5));
+        ASSERT_TRUE(out);
+        PageView v(out.get());
+        for (int i = 0; i < 5; ++i) {
+            const bool gone = i < 4 && (c.painted == -1 || c.painted == i);
+            EXPECT_EQ(v.get(discs[i].first, 599 - discs[i].second), gone ? 255 : 0) << c.painted << " disc " << i;
+        }
+        EXPECT_EQ(qtest::DarkCount(out.get()), disc * (c.painted == -1 ? 1 : 4)) << c.painted;
+    }
+    // No band at all: an unchanged copy.
     EXPECT_EQ(Block(RemoveHole(page.get(), FALSE, FALSE, FALSE, FALSE, 100, 0, 5, 20, 60, 0.5)).bytes(), page.bytes());
-    EXPECT_EQ(Block(RemoveHole(page.get(), TRUE, FALSE, FALSE, FALSE, 0, 0, 5, 20, 60, 0.5)).bytes(), page.bytes());
+}
+
+TEST(RemoveHole, SizeLimitsAreInclusive) {
+    // A square blot of 30 x 30 in the left band.
+    Block page = MakePageWith(Shape(400, 500, 8), [](int x, int y, int) { return x >= 20 && x < 50 && y >= 200 && y < 230 ? 0 : 255; });
+    const int sizes[][3] = {{30, 30, 1}, {29, 30, 1}, {30, 31, 1}, {31, 40, 0}, {10, 29, 0}};
+    for (const auto &z : sizes) {
+        Block out(RemoveHole(page.get(), TRUE, FALSE, FALSE, FALSE, 80, 1, 3, z[0], z[1], 0.5));
+        EXPECT_EQ(qtest::DarkCount(out.get()), z[2] ? 0 : 900) << z[0] << ".." << z[1];
+    }
 }
 
 TEST(RemoveHole, CountRules) {
@@ -279,6 +332,12 @@ TEST(RemoveHole, CountRules) {
     // More holes wanted than there are candidates: nothing painted.
     Block none(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 100, 5, 9, 20, 60, 0.5));
     EXPECT_EQ(none.bytes(), page.bytes());
+    // Solid squares have density 1: only candidates above the density count,
+    // so at 1.0 just the fewest holes (one) are painted.
+    Block squares = MakePageWith(Shape(400, 500, 8), [](int x, int y, int) {
+        return x >= 20 && x < 50 && (y % 150) >= 50 && (y % 150) < 80 ? 0 : 255;
+    });
+    EXPECT_EQ(Dark(Block(RemoveHole(squares.get(), TRUE, FALSE, FALSE, FALSE, 80, 1, 5, 20, 40, 1.0)).get()), 2 * 900);
     // A density above every candidate: the fewest holes are painted anyway.
     Block least(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 100, 3, 9, 20, 60, 0.9));
     EXPECT_EQ(Dark(least.get()), Dark(page.get()) / 4);

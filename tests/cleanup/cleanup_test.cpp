@@ -3,31 +3,19 @@
 // watermark placement and subtraction, and every Combine layout.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <functional>
+#include <tuple>
 
 #include "support/pages.h"
 
-using qtest::Block;
-using qtest::MakePage;
-using qtest::MakePageWith;
-using qtest::PageShape;
-using qtest::Shape;
-using qtest::PageView;
-using qtest::Palette;
+using namespace qtest;
 
 namespace {
 
 // A white 8-bit page with black pixels where `ink(x, y)` holds (storage rows).
 Block Inked(int w, int h, std::function<bool(int, int)> ink) {
     return MakePageWith(Shape(w, h, 8), [&](int x, int y, int) { return ink(x, y) ? 0 : 255; });
-}
-
-int DarkCount(HGLOBAL h) {
-    PageView v(h);
-    int n = 0;
-    for (int y = 0; y < v.height(); ++y)
-        for (int x = 0; x < v.width(); ++x) n += v.get(x, y) < 128;
-    return n;
 }
 
 auto Square(int x0, int y0, int side) {
@@ -50,18 +38,24 @@ TEST(Denoise, SpeckSizesAgainstN) {
     // A 50-pixel line stays; so do specks within n of an edge.
     Block line = Inked(100, 40, [](int x, int y) { return y == 20 && x >= 20 && x < 70; });
     EXPECT_EQ(DarkCount(Block(Denoise(line.get(), 5)).get()), 50);
-    Block edge = Inked(60, 60, Square(2, 30, 1));
-    EXPECT_EQ(DarkCount(Block(Denoise(edge.get(), 3)).get()), 1);
+    for (auto [x, y, stays] : {std::tuple{2, 30, 1}, {3, 30, 0}, {56, 30, 0}, {57, 30, 1}, {30, 2, 1}, {30, 56, 0}, {30, 57, 1}}) {
+        Block edge = Inked(60, 60, Square(x, y, 1));
+        EXPECT_EQ(DarkCount(Block(Denoise(edge.get(), 3)).get()), stays) << x << "," << y;
+    }
     Block same(Denoise(Inked(60, 60, Square(20, 20, 1)).get(), 0));
     EXPECT_EQ(DarkCount(same.get()), 1);
 }
 
 TEST(Denoise, LowContrastDotsStay) {
-    // A dot 100 levels darker than the paper is not a speck; 101 is.
-    Block faint = MakePageWith(Shape(40, 40, 8), [](int x, int y, int) { return x == 20 && y == 20 ? 155 : 255; });
-    EXPECT_EQ(PageView(Block(Denoise(faint.get(), 2)).get()).get(20, 20), 155);
-    Block clear = MakePageWith(Shape(40, 40, 8), [](int x, int y, int) { return x == 20 && y == 20 ? 154 : 255; });
-    EXPECT_EQ(PageView(Block(Denoise(clear.get(), 2)).get()).get(20, 20), 255);
+    // A dot must be more than 100 levels darker than its left and lower
+    // neighbours (here 250 on white paper); an erased one takes the level of
+    // its left neighbour.
+    for (auto [dot, want] : {std::pair{150, 150}, {149, 250}, {155, 155}}) {
+        Block page = MakePageWith(Shape(40, 40, 8), [dot = dot](int x, int y, int) {
+            return x == 20 && y == 20 ? dot : (x == 19 && y == 20) || (x == 20 && y == 19) ? 250 : 255;
+        });
+        EXPECT_EQ(PageView(Block(Denoise(page.get(), 2)).get()).get(20, 20), want) << dot;
+    }
 }
 
 TEST(Denoise, BitonalPagesKeepTheirPalette) {
@@ -100,6 +94,14 @@ TEST(Denoise, ColourSmoothingInsideTheRectangleOnly) {
     // checkerboard gives 200 * 8 / 16 or 200 * 8 / 16 again: 100.
     Block whole(Denoise(page.get(), 3));
     EXPECT_EQ(PageView(whole.get()).get(15, 15, 0), 100);
+    // Above 3 the 5 x 5 kernel: one white pixel reaches two pixels away.
+    Block dot = MakePageWith(Shape(20, 20, 24), [](int x, int y, int) { return x == 10 && y == 10 ? 255 : 0; });
+    for (auto [n, reach] : {std::pair{1, 1}, {3, 1}, {4, 2}, {9, 2}}) {
+        Block out(Denoise(dot.get(), n));
+        PageView v(out.get());
+        EXPECT_GT(v.get(10 + reach, 10, 1), 0) << n;
+        EXPECT_EQ(v.get(10 + reach + 1, 10, 1), 0) << n;
+    }
 }
 
 TEST(Denoise, RectangleLimitsTheSpeckSearch) {
@@ -125,6 +127,7 @@ TEST(IsBlankPage, InkShares) {
     EXPECT_EQ(IsBlankPage(narrow.get(), 128), 500);
     EXPECT_EQ(IsBlankPage(narrow.get(), 0), 0);
     EXPECT_EQ(IsBlankPage(narrow.get(), 256), 10000);
+    EXPECT_EQ(IsBlankPage(Inked(7, 1, [](int x, int) { return x < 3; }).get(), 128), 4285);  // 3 / 7, truncated
     // 64 dark pixels in the 230 x 230 region of a 250 x 250 colour page.
     Block colour = MakePageWith(Shape(250, 250, 24), [](int x, int y, int) { return x >= 100 && x < 108 && y >= 100 && y < 108 ? 0 : 255; });
     EXPECT_EQ(IsBlankPage(colour.get(), 128), 12);
@@ -163,12 +166,15 @@ TEST(WaterMark, CentredAndStacked) {
 }
 
 TEST(WaterMark, DepthsAndLargeMarks) {
-    Block colour = MakePageWith(Shape(10, 10, 24), [](int, int, int c) { return std::array<int, 3>{30, 150, 255}[c]; });
+    // Centred with the halves truncated: columns 3..6 and rows 3..6 of 11 x 10.
+    Block colour = MakePageWith(Shape(11, 10, 24), [](int, int, int c) { return std::array<int, 3>{30, 150, 255}[c]; });
     Block out(AddWaterMark(colour.get(), Mark(4, 4, 100).get()));
     PageView v(out.get());
-    EXPECT_EQ(v.get(4, 4, 0), 0);
-    EXPECT_EQ(v.get(4, 4, 1), 50);
-    EXPECT_EQ(v.get(4, 4, 2), 155);
+    EXPECT_EQ(v.get(3, 3, 0), 0);
+    EXPECT_EQ(v.get(6, 6, 1), 50);
+    EXPECT_EQ(v.get(3, 6, 2), 155);
+    EXPECT_EQ(v.get(7, 6, 2), 255);
+    EXPECT_EQ(v.get(6, 7, 2), 255);
     // 1-bit pages: mark levels of 128 and more clear bits.
     Block bits = MakePageWith(Shape(16, 4, 1), [](int, int, int) { return 1; });
     Block marked(AddWaterMark(bits.get(), MakePageWith(Shape(16, 4, 8), [](int x, int, int) { return x < 8 ? 128 : 127; }).get()));

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -310,8 +311,25 @@ TEST(Tool, DemoMeasuresItsOwnSkew) {
     ASSERT_EQ(RunDemo(dir / "demo", &report, true), 0);
     EXPECT_NEAR(report.foundSkew, report.trueSkew, 0.2);
     EXPECT_EQ(report.colourMode, 24);
-    for (const char *f : {"1-scan.png", "2-border-deskew.png", "5-holes.png", "7-black-white.png", "overview.png"})
+    for (const char *f : {"1-scan.png", "2-border-deskew.png", "5-holes.png", "7-black-white.png", "overview.png",
+                          "scan-graph-paper-front.png", "scan-deskew-2.png", "scan-breviar.38.150.png"})
         EXPECT_TRUE(fs::exists(fs::path(dir / "demo") / f)) << f;
+    // The real scans: the three holes of the graph paper, the gray score's
+    // 2.2 degree skew straightened away, the breviary's red ink kept.
+    ASSERT_EQ(report.scans.size(), 3u);
+    EXPECT_EQ(report.scans[0].holes, 3);
+    EXPECT_NEAR(std::abs(report.scans[1].skew), 2.2, 0.3);
+    EXPECT_GE(report.scans[1].confidence, 0.5);
+    EXPECT_EQ(report.scans[2].mode, 24);
+    for (const DemoScan &s : report.scans) EXPECT_FALSE(s.blank) << s.file;
+}
+
+TEST(Tool, DemoWithoutRealScansStillRuns) {
+    TempDir dir;
+    DemoReport report;
+    ASSERT_EQ(RunDemo(dir / "demo", &report, true, dir / "no-such-folder"), 0);
+    EXPECT_TRUE(report.scans.empty());
+    EXPECT_TRUE(fs::exists(fs::path(dir / "demo") / "overview.png"));
 }
 
 }  // namespace

@@ -9,25 +9,13 @@
 
 #include "support/pages.h"
 
-using qtest::Block;
-using qtest::MakePage;
-using qtest::MakePageWith;
-using qtest::PageShape;
-using qtest::PageView;
-using qtest::Palette;
+using namespace qtest;
 
 namespace {
 
 using Bgr = std::array<int, 3>;
 
-PageShape Colour(int w, int h, int bits = 24) {
-    PageShape s;
-    s.width = w;
-    s.height = h;
-    s.bitCount = bits;
-    s.palette = Palette::kNone;
-    return s;
-}
+PageShape Colour(int w, int h, int bits = 24) { return qtest::Shape(w, h, bits, Palette::kNone); }
 
 // A one-row page holding the given pixels (fourth byte 77 at 32 bits).
 Block Row(const std::vector<Bgr> &px, int bits = 24) {
@@ -41,9 +29,7 @@ Bgr At(HGLOBAL h, int x, int y = 0) {
 }
 
 Block GrayLike(int w, int h, int level) {
-    PageShape s;
-    s.width = w;
-    s.height = h;
+    PageShape s = qtest::Shape(w, h, 8);
     return MakePageWith(s, [=](int, int, int) { return level; });
 }
 
@@ -76,7 +62,7 @@ TEST(JudgeColorMode, WholePageScanCountsDarkAndMidGray) {
     };
     EXPECT_EQ(JudgeColorMode(page(0, 1000).get(), -1), 1);
     EXPECT_EQ(JudgeColorMode(page(1, 1000).get(), -1), 1);  // 1000 dark > 1 / 2
-    EXPECT_EQ(JudgeColorMode(page(10, 4).get(), -1), 8);    // 4 is not more than 5
+    EXPECT_EQ(JudgeColorMode(page(10, 5).get(), -1), 8);    // 5 is not more than 5
     EXPECT_EQ(JudgeColorMode(page(10, 6).get(), -1), 1);
     EXPECT_EQ(JudgeColorMode(page(10, 4, {0, 0, 1}).get(), -1), 24);
     // Level 10 is mid-gray, 9 dark, 246 white.
@@ -134,6 +120,13 @@ TEST(JudgeColorMode, ThirtyTwoBitPagesUseTheirOwnPixels) {
         return c < 3 && x >= 100 && x < 120 && y >= 100 && y < 120 ? std::array<int, 3>{40, 40, 200}[c] : 255;
     });
     EXPECT_EQ(JudgeColorMode(red.get(), 10), 24);
+    // The scan leaves out a hundredth of each side: 3 columns of a 300-wide
+    // page, so a red bar in columns 4..9 counts (6 x 60 pixels, 12 per 10,000).
+    Block edge = MakePageWith(Colour(300, 1000), [](int x, int y, int c) {
+        return x >= 4 && x < 10 && y >= 400 && y < 460 ? std::array<int, 3>{40, 40, 200}[c] : 255;
+    });
+    EXPECT_EQ(JudgeColorMode(edge.get(), 10), 24);
+    EXPECT_EQ(JudgeColorMode(edge.get(), 12), 1);
 }
 
 // ---- ConvertHongTou ----------------------------------------------------------------
@@ -159,6 +152,10 @@ TEST(ConvertHongTou, RulesInOrder) {
     // R exactly 100: T = 50, so an excess of exactly 50 is not above it.
     Block e(ConvertHongTou(Row({{50, 50, 100}}).get(), GrayLike(1, 1, 7).get(), 0, 0, 0, 255));
     EXPECT_EQ(At(e.get(), 0), (Bgr{7, 7, 7}));
+    // The first rule's excess is inclusive: 90 over a limit T of 100.
+    Block edge = Row({{50, 110, 200}});
+    EXPECT_EQ(At(Block(ConvertHongTou(edge.get(), GrayLike(1, 1, 7).get(), 0, 0, 0, 90)).get(), 0), red);
+    EXPECT_EQ(At(Block(ConvertHongTou(edge.get(), GrayLike(1, 1, 7).get(), 0, 0, 0, 91)).get(), 0), (Bgr{7, 7, 7}));
     // colorDiff -255 makes every pixel at the minimum level red.
     Block f(ConvertHongTou(Row({{255, 255, 90}}).get(), GrayLike(1, 1, 7).get(), 0, 0, 0, -255));
     EXPECT_EQ(At(f.get(), 0), red);
@@ -208,6 +205,10 @@ TEST(EnhanceColor, BlueRuleAndRectangle) {
     Block out(EnhanceColor(page.get(), &top, 0, 0, 0, 0, 0, 100, 20));
     EXPECT_EQ(At(out.get(), 0, 1), (Bgr{220, 30, 40}));
     EXPECT_EQ(At(out.get(), 0, 0), (Bgr{200, 50, 60}));
+    // The blue rule needs blue at 60 or more.
+    Block faint = Row({{60, 0, 0}, {59, 0, 0}});
+    EXPECT_EQ(At(Block(EnhanceColor(faint.get(), nullptr, 0, 0, 0, 0, 0, 50, 20)).get(), 0), (Bgr{80, 0, 0}));
+    EXPECT_EQ(At(Block(EnhanceColor(faint.get(), nullptr, 0, 0, 0, 0, 0, 50, 20)).get(), 1), (Bgr{59, 0, 0}));
     // A rectangle reaching outside the page: an unchanged copy.
     RECT outside{0, 0, 3, 2};
     Block copy(EnhanceColor(page.get(), &outside, 0, 0, 0, 0, 0, 100, 20));
@@ -264,9 +265,7 @@ TEST(EnhanceColorEx1, BaseImageAndDarkMarkers) {
 }
 
 TEST(EnhanceColor, GrayPagesComeBackUnchanged) {
-    PageShape s;
-    s.width = 5;
-    s.height = 5;
+    PageShape s = qtest::Shape(5, 5, 8);
     Block gray = MakePage(s);
     Block out(EnhanceColor(gray.get(), nullptr, 0, 50, 0, 0, 0, 0, 0));
     ASSERT_TRUE(out);
@@ -295,6 +294,21 @@ TEST(DeColorize, WholePageAndRectangle) {
     RECT full{0, 0, 4, 1};
     Block d(DeColorize(page.get(), &full, 50, 50, 50));
     EXPECT_EQ(At(d.get(), 1), (Bgr{90, 90, 90}));
+    // Over the whole page each threshold keeps only its own colour, from an
+    // excess equal to it: red, blue, green, then a green just short.
+    Block marks = Row({{40, 60, 110}, {110, 60, 40}, {40, 110, 60}, {40, 109, 60}});
+    const struct {
+        int red, blue, green;
+        bool kept[4];
+    } cases[] = {{50, 0, 0, {true, false, false, false}},
+                 {0, 50, 0, {false, true, false, false}},
+                 {0, 0, 50, {false, false, true, false}},
+                 {51, 51, 51, {false, false, false, false}}};
+    for (const auto &k : cases) {
+        Block out(DeColorize(marks.get(), &whole, k.red, k.blue, k.green));
+        for (int x = 0; x < 4; ++x)
+            EXPECT_EQ(At(out.get(), x) == At(marks.get(), x), k.kept[x]) << k.red << k.blue << k.green << " at " << x;
+    }
 }
 
 }  // namespace

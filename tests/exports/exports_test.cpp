@@ -1,9 +1,12 @@
 // The shared library as a host sees it: exactly the operations of quarvel.h
 // and the global-memory functions are exported, the export lists agree with
-// the header, and a host that loads the library with dlopen can run a page
-// through it.
+// the header, a host that loads the library with dlopen can run a page
+// through it, and every export hands its arguments, all different, to its
+// family's function in order.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+
+#include <functional>
 
 #include <cstdio>
 #include <cstring>
@@ -12,6 +15,14 @@
 #include <set>
 #include <sstream>
 #include <string>
+
+#include "border/border.h"
+#include "cleanup/cleanup.h"
+#include "colour/colour.h"
+#include "geometry/geometry.h"
+#include "pixel/pixel.h"
+#include "skew/skew.h"
+#include "support/pages.h"
 
 namespace {
 
@@ -138,6 +149,99 @@ TEST(Exports, AHostLoadsTheLibraryAndMirrorsAPage) {
     release(page);
     EXPECT_EQ(mirror(page), nullptr);  // freed handle
     dlclose(lib);
+}
+
+// A colour page with a gradient, a red and a blue patch, and a dark blot in
+// each edge band; `shift` moves the blots and patches right; `blotsOnly`
+// leaves only the blots on white.
+qtest::Block Page(int bits, int shift = 0, bool blotsOnly = false) {
+    return qtest::MakePageWith(qtest::Shape(64, 48, bits), [=](int x, int y, int c) {
+        auto in = [&](int x0, int y0, int n) { return x >= x0 + shift && x < x0 + shift + n && y >= y0 && y < y0 + n; };
+        if (in(2, 20, 6) || in(30, 40, 6) || in(56, 10, 6) || in(12, 2, 6)) return 0;
+        if (blotsOnly) return 255;
+        if (in(20, 20, 8)) return c == 2 ? 220 : 40;
+        if (in(36, 20, 8)) return c == 0 ? 200 : 70;
+        return 90 + (x * 2 + y * 3 + c * 20) % 160;
+    });
+}
+
+TEST(Exports, EachPassesItsArgumentsInOrder) {
+    namespace q = quarvel;
+    using qtest::Block;
+    Block c = Page(24), g = Page(8), g2 = Page(8, 1), holes = Page(8, 0, true), mark = qtest::MakePageWith(qtest::Shape(20, 9, 8), [](int x, int y, int) {
+        return (x * 9 + y * 40) % 256;
+    });
+    Block map(EnhanceColorEx(c.get(), nullptr, nullptr, 0, 0, 0, 0, 0, 0, 0));
+    RECT r{3, 5, 40, 30};
+    const q::colour::EnhanceParams e{100, 20, 30, 40, 50, 60, 70};
+    const q::border::HoleSearch h1{true, true, false, false, 12, 1, 3, 2, 9, 0.4}, h2{true, false, true, false, 12, 1, 3, 2, 9, 0.4};
+    using Call = std::function<HGLOBAL()>;
+    const std::vector<std::tuple<const char *, Call, Call>> calls = {
+        {"AdjustBrightness", [&] { return AdjustBrightness(c.get(), 17); }, [&] { return q::pixel::AdjustBrightness(c.get(), 17); }},
+        {"AdjustContrast", [&] { return AdjustContrast(c.get(), 23); }, [&] { return q::pixel::AdjustContrast(c.get(), 23); }},
+        {"AdjustBrightnessAndContrast", [&] { return AdjustBrightnessAndContrast(c.get(), 40, -30); },
+         [&] { return q::pixel::AdjustBrightnessAndContrast(c.get(), 40, -30); }},
+        {"TextEffect", [&] { return TextEffect(g.get(), 2); }, [&] { return q::pixel::TextEffect(g.get(), 2); }},
+        {"TextEffectRect", [&] { return TextEffectRect(g.get(), &r, -1); }, [&] { return q::pixel::TextEffectRect(g.get(), &r, -1); }},
+        {"Fill", [&] { return Fill(g.get(), &r, 77); }, [&] { return q::pixel::Fill(g.get(), &r, 77); }},
+        {"FillOutside", [&] { return FillOutside(g.get(), &r, 77); }, [&] { return q::pixel::FillOutside(g.get(), &r, 77); }},
+        {"ImageOr", [&] { return ImageOr(g.get(), g2.get(), 2, 3, 9, 1, 20, 11); },
+         [&] { return q::pixel::ImageOr(g.get(), g2.get(), 2, 3, 9, 1, 20, 11); }},
+        {"GetLess", [&] { return GetLess(g.get(), g2.get()); }, [&] { return q::pixel::GetLess(g.get(), g2.get()); }},
+        {"ConvertMode", [&] { return ConvertMode(c.get(), 1, 100); }, [&] { return q::pixel::ConvertMode(c.get(), 1, 100); }},
+        {"ConvertModeToGrayEx", [&] { return ConvertModeToGrayEx(c.get(), 30, 90); },
+         [&] { return q::pixel::ConvertModeToGrayEx(c.get(), 30, 90); }},
+        {"Thumbnail", [&] { return Thumbnail(c.get(), 40, 20); }, [&] { return q::pixel::Thumbnail(c.get(), 40, 20); }},
+        {"Resize", [&] { return Resize(c.get(), 50, 30); }, [&] { return q::pixel::Resize(c.get(), 50, 30); }},
+        {"Rotate", [&] { return Rotate(c.get(), 7.5, 20, 9, 1); }, [&] { return q::geometry::Rotate(c.get(), 7.5, 20, 9, 1); }},
+        {"RotateEx", [&] { return RotateEx(c.get(), 7.5, 20, 9, 1); }, [&] { return q::geometry::RotateEx(c.get(), 7.5, 20, 9, 1); }},
+        {"RotateEx1", [&] { return RotateEx1(c.get(), 7.5, 20, 9, 1); }, [&] { return q::geometry::RotateEx1(c.get(), 7.5, 20, 9, 1); }},
+        {"RotateExpand", [&] { return RotateExpand(c.get(), 90, 3, 4, 2); }, [&] { return q::geometry::RotateExpand(c.get(), 90); }},
+        {"RemoveBorder", [&] { return RemoveBorder(g.get(), 100, 5, 6); }, [&] { return q::border::RemoveBorder(g.get(), 100); }},
+        {"RemoveBorder1", [&] { return RemoveBorder1(g.get(), 100, 90, 5, 6); }, [&] { return q::border::RemoveBorder1(g.get(), 100, 90); }},
+        {"RemoveBorder_GPY", [&] { return RemoveBorder_GPY(g.get(), 100); }, [&] { return q::border::RemoveBorderGpy(g.get(), 100); }},
+        {"RemoveBorder_Fill", [&] { return RemoveBorder_Fill(g.get(), 100); }, [&] { return q::border::RemoveBorderFill(g.get(), 100); }},
+        {"RemoveHole", [&] { return RemoveHole(holes.get(), TRUE, TRUE, FALSE, FALSE, 12, 1, 3, 2, 9, 0.4); },
+         [&] { return q::border::RemoveHole(holes.get(), h1); }},
+        {"RemoveHole", [&] { return RemoveHole(holes.get(), TRUE, FALSE, TRUE, FALSE, 12, 1, 3, 2, 9, 0.4); },
+         [&] { return q::border::RemoveHole(holes.get(), h2); }},
+        {"Denoise", [&] { return Denoise(g.get(), 3); }, [&] { return q::cleanup::Denoise(g.get(), 3); }},
+        {"DenoiseRect", [&] { return DenoiseRect(c.get(), &r, 4); }, [&] { return q::cleanup::DenoiseRect(c.get(), &r, 4); }},
+        {"AddWaterMark", [&] { return AddWaterMark(c.get(), mark.get()); }, [&] { return q::cleanup::AddWaterMark(c.get(), mark.get()); }},
+        {"AddWaterMarkEx", [&] { return AddWaterMarkEx(c.get(), mark.get()); },
+         [&] { return q::cleanup::AddWaterMarkEx(c.get(), mark.get()); }},
+        {"Combine", [&] { return Combine(c.get(), mark.get(), 1); }, [&] { return q::cleanup::Combine(c.get(), mark.get(), 1); }},
+        {"ConvertHongTou", [&] { return ConvertHongTou(c.get(), g.get(), 1, 2, 3, 40); },
+         [&] { return q::colour::ConvertHongTou(c.get(), g.get(), 40, 90, false); }},
+        {"ConvertHongTouEx", [&] { return ConvertHongTouEx(c.get(), g.get(), 1, 2, 3, 40, 70); },
+         [&] { return q::colour::ConvertHongTou(c.get(), g.get(), 40, 70, true); }},
+        {"EnhanceColor", [&] { return EnhanceColor(c.get(), &r, 100, 20, 30, 40, 50, 60, 70); },
+         [&] { return q::colour::EnhanceColor(c.get(), &r, e); }},
+        {"EnhanceColorEx", [&] { return EnhanceColorEx(c.get(), map.get(), &r, 100, 20, 30, 40, 50, 60, 70); },
+         [&] { return q::colour::EnhanceColorEx(c.get(), map.get(), &r, e); }},
+        {"EnhanceColorEx1", [&] { return EnhanceColorEx1(c.get(), g2.get(), map.get(), &r, 100, 20, 30, 40, 50, 60, 70); },
+         [&] { return q::colour::EnhanceColorEx1(c.get(), g2.get(), map.get(), &r, e); }},
+        {"DeColorize", [&] { RECT w{0, 0, 0, 0}; return DeColorize(c.get(), &w, 30, 60, 90); },
+         [&] { RECT w{0, 0, 0, 0}; return q::colour::DeColorize(c.get(), &w, 30, 60, 90); }},
+    };
+    EXPECT_EQ(qtest::DarkCount(Block(q::border::RemoveHole(holes.get(), h1)).get()), 2 * 36);  // two bands painted
+    for (const auto &[name, viaAbi, direct] : calls) {
+        Block a(viaAbi()), b(direct());
+        ASSERT_TRUE(b || std::string(name) == "RemoveBorder_GPY") << name;  // no sheet of 50 pixels: refused
+        EXPECT_EQ(a.bytes(), b.bytes()) << name;
+    }
+    // ImageAnd writes page 1, and Crop the rectangle: each on its own copies.
+    Block p1(ImageAnd(g.get(), g2.get(), 2, 3, 9, 1, 20, 11)), g3 = Page(8), p2(q::pixel::ImageAnd(g3.get(), g2.get(), 2, 3, 9, 1, 20, 11));
+    EXPECT_EQ(p1.bytes(), p2.bytes());
+    RECT c1{2, 3, 5, 7}, c2 = c1;
+    EXPECT_EQ(Block(Crop(c.get(), &c1, 3, 4)).bytes(), Block(q::geometry::Crop(c.get(), &c2, 3, 4)).bytes());
+    EXPECT_EQ(c1.left, c2.left);
+    EXPECT_EQ(c1.bottom, c2.bottom);
+    EXPECT_EQ(IsBlankPage(g.get(), 140), q::cleanup::IsBlankPage(g.get(), 140));
+    EXPECT_EQ(JudgeColorMode(c.get(), 5), q::colour::JudgeColorMode(c.get(), 5));
+    EXPECT_EQ(GetBinaryThresholdByOtsu(g.get()), q::skew::GetBinaryThresholdByOtsu(g.get()));
+    EXPECT_EQ(GetBinaryThresholdByRidCal(g.get()), q::skew::GetBinaryThresholdByRidCal(g.get()));
+    EXPECT_EQ(GetObliquity(g.get()), q::skew::GetObliquity(g.get()));
 }
 
 }  // namespace

@@ -165,34 +165,6 @@ TEST(Kernels, BitonalRotationRunsMatchThePlainPath) {
     }
 }
 
-// 1-bit minimum and maximum filters on words against the byte-wise oracle:
-// neighbourhoods wider than a word, every anchor corner, odd regions.
-TEST(Kernels, BitonalFiltersMatchThePlainPath) {
-    using namespace quarvel;
-    std::mt19937 g(6);
-    for (int size : {37, 203}) {
-        ImagePtr src = CreateImage(PixelFormat::kBitonal, size, size * 3 / 4, 0);
-        for (int i = 0; i < src->imageSize; ++i) reinterpret_cast<std::uint8_t *>(src->imageData)[i] = static_cast<std::uint8_t>(g() | g());
-        for (const auto &[n, m] : {std::pair{1, 1}, {3, 2}, {8, 5}, {70, 3}}) {
-            for (int corner = 0; corner < 4; ++corner) {
-                const int ax = corner & 1 ? n - 1 : 0, ay = corner & 2 ? m - 1 : 0;
-                for (bool minimum : {true, false}) {
-                    SCOPED_TRACE(size * 10000 + n * 100 + corner * 10 + minimum);
-                    ImagePtr fast = CreateImage(PixelFormat::kBitonal, size + 13, size + 5, 1), slow = CreateImage(PixelFormat::kBitonal, size + 13, size + 5, 1);
-                    IplROI roi{0, 3, 2, size - 5, size / 2};
-                    src->roi = fast->roi = &roi;
-                    (minimum ? iplMinFilter : iplMaxFilter)(src.get(), fast.get(), n, m, ax, ay);
-                    src->roi = fast->roi = nullptr;
-                    slow->roi = src->roi = &roi;
-                    plain::BitonalFilter(src.get(), slow.get(), n, m, ax, ay, minimum);
-                    src->roi = slow->roi = nullptr;
-                    EXPECT_EQ(0, std::memcmp(fast->imageData, slow->imageData, static_cast<std::size_t>(fast->imageSize)));
-                }
-            }
-        }
-    }
-}
-
 // Bit spans filled and copied a byte at a time in the middle, against
 // bit-by-bit loops, at every offset pair; bits outside the span keep theirs.
 TEST(Kernels, BitSpansMatchBitByBitLoops) {

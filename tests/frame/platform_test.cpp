@@ -1,10 +1,7 @@
 // Global-memory handles and rectangle arithmetic.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstring>
-#include <thread>
-#include <vector>
 
 #include "platform/rect.h"
 #include "quarvel/win32.h"
@@ -59,25 +56,6 @@ TEST(GlobalMemory, ReusedLargeBlocksComeBackZeroed) {
         GlobalUnlock(h);
         GlobalFree(h);
     }
-}
-
-TEST(GlobalMemory, ThreadsAllocateLockAndFreeAtOnce) {
-    std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 2000; ++i) {
-                HGLOBAL h = GlobalAlloc(GHND, 64 + (i % 7) * 1000 + t);
-                auto *p = static_cast<unsigned char *>(GlobalLock(h));
-                if (p == nullptr || p[0] != 0) ++failures;
-                if (p != nullptr) p[0] = static_cast<unsigned char>(t + 1);
-                GlobalUnlock(h);
-                if (GlobalFree(h) != nullptr) ++failures;
-            }
-        });
-    }
-    for (auto &th : threads) th.join();
-    EXPECT_EQ(failures.load(), 0);
 }
 
 TEST(Rectangles, IntersectAndEmptiness) {

@@ -1,32 +1,72 @@
-// Tone, text effect, fill, arithmetic, mode conversion and resize through
-// the C API, with the contrast tables checked entry by entry.
+// The pixel operations through the C API: mirror, flip and invert pixel by
+// pixel over every depth and padded widths, contrast tables entry by entry,
+// exact neighbourhoods and rectangles, arithmetic against a per-pixel model
+// with rectangles placed differently on each page, and the values at every
+// threshold's boundary.
 #include <gtest/gtest.h>
 
-#include <thread>
+#include <algorithm>
 #include <vector>
 
 #include "pixel/pixel.h"
 #include "support/pages.h"
 
-using qtest::Block;
-using qtest::MakePage;
-using qtest::MakePageWith;
-using qtest::PageShape;
-using qtest::Shape;
-using qtest::PageView;
-using qtest::Palette;
+using namespace qtest;
 
 namespace {
 
 // A 256 x 1 gray page holding every level once.
 Block Ramp() { return MakePageWith(Shape(256, 1, 8), [](int x, int, int) { return x; }); }
 
-std::vector<int> Levels(HGLOBAL h) {
-    PageView v(h);
-    std::vector<int> out;
-    for (int x = 0; x < v.width(); ++x) out.push_back(v.get(x, 0));
-    return out;
+std::vector<int> Levels(HGLOBAL h) { return RowValues(h); }
+
+// ---- Mirror, flip and invert ---------------------------------------------------
+
+struct Dims {
+    int bitCount, width, height;
+};
+
+class SamePageOps : public ::testing::TestWithParam<Dims> {
+protected:
+    Block Draw() const {
+        const Dims d = GetParam();
+        return qtest::MakePageWith(qtest::Shape(d.width, d.height, d.bitCount), [&](int x, int y, int c) {
+            return d.bitCount == 1 ? ((x * 7 + y * 3) % 5 < 2) : (x * 31 + y * 17 + c * 101) % 256;
+        });
+    }
+};
+
+TEST_P(SamePageOps, EveryPixelMovesOrComplements) {
+    Block page = Draw();
+    const auto before = page.bytes();
+    Block mirrored(Mirror(page.get())), flipped(Flip(page.get())), inverted(Invert(page.get()));
+    ASSERT_TRUE(mirrored && flipped && inverted);
+    PageView in(page.get()), m(mirrored.get()), f(flipped.get()), n(inverted.get());
+    const int w = in.width(), h = in.height(), bits = in.bitCount();
+    const int channels = bits >= 24 ? bits / 8 : 1, max = bits == 1 ? 1 : 255;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < channels; ++c) {
+                const int v = in.get(x, y, c);
+                ASSERT_EQ(m.get(w - 1 - x, y, c), v) << x << "," << y;
+                ASSERT_EQ(f.get(x, h - 1 - y, c), v) << x << "," << y;
+                ASSERT_EQ(n.get(x, y, c), c == 3 ? v : max - v) << x << "," << y;  // the fourth byte is kept
+            }
+    for (HGLOBAL out : {mirrored.get(), flipped.get(), inverted.get()}) EXPECT_EQ(qtest::DirtyPaddingRow(out), -1);
+    for (auto op : {Mirror, Flip, Invert}) {
+        Block once(op(page.get()));
+        EXPECT_EQ(Block(op(once.get())).bytes(), before);
+    }
+    EXPECT_EQ(page.bytes(), before);
 }
+
+INSTANTIATE_TEST_SUITE_P(Depths, SamePageOps,
+                         ::testing::Values(Dims{1, 33, 5}, Dims{1, 64, 3}, Dims{1, 1, 1}, Dims{1, 7, 9}, Dims{8, 5, 4},
+                                           Dims{8, 1, 1}, Dims{24, 5, 3}, Dims{24, 4, 2}, Dims{32, 3, 3}),
+                         [](const auto &info) {
+                             return std::to_string(info.param.bitCount) + "bit_" + std::to_string(info.param.width) +
+                                    "x" + std::to_string(info.param.height);
+                         });
 
 // ---- Brightness and contrast ---------------------------------------------------
 
@@ -53,109 +93,74 @@ TEST(Contrast, SampleTablesEntryByEntry) {
 TEST(Contrast, ThroughTheApiOnEveryLevel) {
     Block ramp = Ramp();
     int t[256];
-    for (int k : {-100, -37, 0, 13, 50, 99, 100}) {
-        ASSERT_TRUE(quarvel::pixel::ContrastTable(0, k, false, t));
-        Block out(AdjustContrast(ramp.get(), k));
-        ASSERT_TRUE(out);
-        EXPECT_EQ(Levels(out.get()), std::vector<int>(t, t + 256)) << k;
-    }
+    ASSERT_TRUE(quarvel::pixel::ContrastTable(0, 13, false, t));
+    EXPECT_EQ(Levels(Block(AdjustContrast(ramp.get(), 13)).get()), std::vector<int>(t, t + 256));
     const std::vector<int> hard = Levels(Block(AdjustContrast(ramp.get(), 100)).get());
     EXPECT_EQ(hard[126], 0);
     EXPECT_EQ(hard[127], 255);
     EXPECT_EQ(Levels(Block(AdjustContrast(ramp.get(), -100)).get()), std::vector<int>(256, 127));
-    EXPECT_EQ(Levels(Block(AdjustContrast(ramp.get(), 0)).get()), Levels(ramp.get()));
-    // Brightness with contrast 0 is brightness alone; the pivot table with
-    // brightness 0 is the plain table.
+    // Contrast 0 with both is brightness alone; brightness 0 with both is the
+    // plain table; otherwise brightness first, then the table about the pivot.
     EXPECT_EQ(Levels(Block(AdjustBrightnessAndContrast(ramp.get(), 33, 0)).get()),
               Levels(Block(AdjustBrightness(ramp.get(), 33)).get()));
     EXPECT_EQ(Levels(Block(AdjustBrightnessAndContrast(ramp.get(), 0, 50)).get()),
               Levels(Block(AdjustContrast(ramp.get(), 50)).get()));
-    // Brightness then the pivot table.
     ASSERT_TRUE(quarvel::pixel::ContrastTable(-40, 30, true, t));
     const std::vector<int> both = Levels(Block(AdjustBrightnessAndContrast(ramp.get(), -40, 30)).get());
-    for (int v = 0; v < 256; ++v) ASSERT_EQ(both[v], t[std::max(0, v - 40)]);
+    for (int v = 0; v < 256; ++v) ASSERT_EQ(both[v], t[std::max(0, v - 40)]) << v;
 }
 
-TEST(Brightness, SaturatesAndKeepsTheFourthByte) {
+TEST(Tone, SaturatesKeepsTheFourthByteAndRefuses) {
     EXPECT_EQ(Levels(Block(AdjustBrightness(Ramp().get(), 300)).get()), std::vector<int>(256, 255));
     EXPECT_EQ(Levels(Block(AdjustBrightness(Ramp().get(), -300)).get()), std::vector<int>(256, 0));
-    Block page = MakePageWith(Shape(3, 2, 32), [](int x, int, int c) { return c == 3 ? 200 + x : 10 * c; });
-    Block out(AdjustContrast(page.get(), 50));
-    Block bright(AdjustBrightness(page.get(), 20));
-    for (int x = 0; x < 3; ++x) {
-        EXPECT_EQ(PageView(out.get()).get(x, 1, 3), 200 + x);
-        EXPECT_EQ(PageView(bright.get()).get(x, 1, 2), 40);
-        EXPECT_EQ(PageView(bright.get()).get(x, 1, 3), 200 + x);
-    }
-}
-
-TEST(Tone, RefusesBitonalPagesAndOutOfRangeArguments) {
-    Block bits = MakePage(Shape(8, 8, 1));
-    EXPECT_EQ(AdjustBrightness(bits.get(), 10), nullptr);
-    EXPECT_EQ(AdjustContrast(bits.get(), 10), nullptr);
-    EXPECT_EQ(AdjustBrightnessAndContrast(bits.get(), 10, 10), nullptr);
+    Block page = MakePageWith(Shape(3, 2, 32), [](int x, int, int c) { return c == 3 ? 200 + x : 10 + 100 * c; });
+    Block out(AdjustContrast(page.get(), 50)), bright(AdjustBrightness(page.get(), 20));
+    EXPECT_EQ(RowValues(out.get(), 1, 3), (std::vector<int>{200, 201, 202}));
+    EXPECT_EQ(RowValues(bright.get(), 1, 3), (std::vector<int>{200, 201, 202}));
+    EXPECT_EQ(RowValues(bright.get(), 1, 0), (std::vector<int>{30, 30, 30}));
+    EXPECT_EQ(RowValues(bright.get(), 1, 2), (std::vector<int>{230, 230, 230}));
+    EXPECT_EQ(AdjustBrightnessAndContrast(MakePage(Shape(8, 8, 1)).get(), 10, 10), nullptr);
     Block ramp = Ramp();
     EXPECT_EQ(AdjustContrast(ramp.get(), 101), nullptr);
     EXPECT_EQ(AdjustContrast(ramp.get(), -101), nullptr);
-    EXPECT_EQ(AdjustBrightnessAndContrast(ramp.get(), 516, 10), nullptr);
+    EXPECT_EQ(AdjustBrightnessAndContrast(ramp.get(), 516, 10), nullptr);  // the pivot leaves 0..255
     EXPECT_EQ(AdjustBrightnessAndContrast(ramp.get(), -512, 10), nullptr);
-    EXPECT_NE(Block(AdjustBrightnessAndContrast(ramp.get(), 515, -100)).get(), nullptr);
-    EXPECT_NE(Block(AdjustBrightnessAndContrast(ramp.get(), -511, 100)).get(), nullptr);
-}
-
-TEST(Contrast, ConcurrentCallsGetTheirOwnTables) {
-    Block page = MakePageWith(Shape(300, 200, 24), [](int x, int y, int c) { return (x + y * 3 + c * 50) % 256; });
-    const auto want40 = Block(AdjustContrast(page.get(), 40)).bytes();
-    const auto wantMinus60 = Block(AdjustBrightnessAndContrast(page.get(), 20, -60)).bytes();
-    bool ok1 = true, ok2 = true;
-    std::thread a([&] {
-        for (int i = 0; i < 40; ++i) ok1 = ok1 && Block(AdjustContrast(page.get(), 40)).bytes() == want40;
-    });
-    std::thread b([&] {
-        for (int i = 0; i < 40; ++i)
-            ok2 = ok2 && Block(AdjustBrightnessAndContrast(page.get(), 20, -60)).bytes() == wantMinus60;
-    });
-    a.join();
-    b.join();
-    EXPECT_TRUE(ok1);
-    EXPECT_TRUE(ok2);
+    EXPECT_TRUE(Block(AdjustBrightnessAndContrast(ramp.get(), 515, -100)));
+    EXPECT_TRUE(Block(AdjustBrightnessAndContrast(ramp.get(), -511, 100)));
 }
 
 // ---- Text effect ----------------------------------------------------------------
 
 TEST(TextEffect, NeighbourhoodReachesRightAndUp) {
-    // One dark pixel at column 5, storage row 5 of a white page.
+    // One dark pixel at column 5, storage row 5 of a white page; output (x, y)
+    // is the minimum over columns x..x+n and stored rows y..y+n, so the dot
+    // grows toward lower columns and stored rows.
     Block page = MakePageWith(Shape(12, 12, 8), [](int x, int y, int) { return x == 5 && y == 5 ? 0 : 255; });
-    Block thick(TextEffect(page.get(), 1));
-    ASSERT_TRUE(thick);
-    PageView v(thick.get());
-    // Output (x, y) = min over columns x..x+1, stored rows y..y+1: the dot
-    // grows left and down (toward lower columns and stored rows).
-    for (int y = 0; y < 12; ++y)
-        for (int x = 0; x < 12; ++x)
-            ASSERT_EQ(v.get(x, y), (x == 4 || x == 5) && (y == 4 || y == 5) ? 0 : 255) << x << "," << y;
-    Block thin(TextEffect(page.get(), -1));
-    PageView t(thin.get());
-    for (int y = 0; y < 12; ++y)
-        for (int x = 0; x < 12; ++x) ASSERT_EQ(t.get(x, y), 255);
-    Block same(TextEffect(page.get(), 0));
-    EXPECT_TRUE(qtest::SamePixels(same.get(), page.get()));
+    for (int level : {1, 2}) {
+        Block thick(TextEffect(page.get(), level));
+        ASSERT_TRUE(thick);
+        PageView v(thick.get());
+        for (int y = 0; y < 12; ++y)
+            for (int x = 0; x < 12; ++x) {
+                const bool dark = x >= 5 - level && x <= 5 && y >= 5 - level && y <= 5;
+                ASSERT_EQ(v.get(x, y), dark ? 0 : 255) << level << " at " << x << "," << y;
+            }
+    }
+    EXPECT_EQ(qtest::DarkCount(Block(TextEffect(page.get(), -1)).get()), 0);
+    EXPECT_TRUE(qtest::SamePixels(Block(TextEffect(page.get(), 0)).get(), page.get()));
+    EXPECT_EQ(TextEffect(MakePage(Shape(8, 8, 24)).get(), 1), nullptr);
 }
 
-TEST(TextEffect, BitonalPagesByPalette) {
+TEST(TextEffect, BitonalPagesSpreadZeroBits) {
+    // The minimum spreads 0 bits whatever the palette: ink grows into the
+    // 3 x 3 cells left of and below it on a dark-first page and vanishes on a
+    // light-first one.
     for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
-        // Ink is bit 0 on a dark-first page, bit 1 on a light-first page.
         const int ink = p == Palette::kDarkFirst ? 0 : 1;
         Block page = MakePageWith(Shape(37, 9, 1, p), [&](int x, int y, int) { return x == 20 && y == 4 ? ink : 1 - ink; });
         Block out(TextEffect(page.get(), 2));
-        ASSERT_TRUE(out);
-        PageView v(out.get());
-        int inked = 0;
-        for (int y = 0; y < 9; ++y)
-            for (int x = 0; x < 37; ++x) inked += v.get(x, y) == ink;
-        // The minimum spreads 0 bits: ink grows on the dark-first page,
-        // vanishes on the light-first one.
-        EXPECT_EQ(inked, p == Palette::kDarkFirst ? 9 : 0);
+        EXPECT_EQ(qtest::DarkCount(out.get()), ink == 0 ? 9 : 37 * 9);
+        EXPECT_EQ(PageView(out.get()).get(18, 2), 0);
     }
 }
 
@@ -166,113 +171,143 @@ TEST(TextEffect, RectangleFiltersOnlyInside) {
     RECT part{10, 5, 20, 15};  // storage rows 15..24
     Block out(TextEffectRect(page.get(), &part, -2));
     PageView in(page.get()), res(out.get());
+    int changed = 0;
     for (int y = 0; y < 30; ++y)
-        for (int x = 0; x < 40; ++x)
-            if (x < 10 || x >= 20 || y < 15 || y >= 25) {
-                ASSERT_EQ(res.get(x, y), in.get(x, y));
+        for (int x = 0; x < 40; ++x) {
+            const bool inside = x >= 10 && x < 20 && y >= 15 && y < 25;
+            if (!inside) {
+                ASSERT_EQ(res.get(x, y), in.get(x, y)) << x << "," << y;
             }
+            changed += inside && res.get(x, y) != in.get(x, y);
+        }
+    EXPECT_GT(changed, 50);
     RECT outside{100, 100, 120, 120};
     EXPECT_TRUE(qtest::SamePixels(Block(TextEffectRect(page.get(), &outside, 3)).get(), page.get()));
-    EXPECT_EQ(TextEffect(MakePage(Shape(8, 8, 24)).get(), 1), nullptr);
     EXPECT_EQ(TextEffectRect(page.get(), nullptr, 1), nullptr);
 }
 
 // ---- Fill -------------------------------------------------------------------------
 
-TEST(Fill, ValuesByPaletteAndDepth) {
+TEST(Fill, RowsFromTheTopValuesByPaletteAndClipping) {
     for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
         Block page = MakePage(Shape(20, 10, 1, p));
         RECT r{2, 0, 10, 4};  // top rows: storage rows 6..9
         Block white(Fill(page.get(), &r, 255)), black(Fill(page.get(), &r, 0));
         const int whiteBit = p == Palette::kDarkFirst ? 1 : 0;
         EXPECT_EQ(PageView(white.get()).get(2, 9), whiteBit);
+        EXPECT_EQ(PageView(white.get()).get(1, 9), 0);
         EXPECT_EQ(PageView(black.get()).get(9, 6), 1 - whiteBit);
-        EXPECT_EQ(PageView(black.get()).get(9, 5), 0);  // outside: untouched zero bits
+        EXPECT_EQ(PageView(white.get()).get(9, 5), 0);  // outside: untouched zero bits
     }
-    Block colour = MakePage(Shape(10, 10, 24));
-    RECT r{0, 0, 10, 10};
-    Block gray(Fill(colour.get(), &r, 128));
-    EXPECT_EQ(PageView(gray.get()).get(3, 3, 2), 128);
-}
-
-TEST(Fill, OutsideAndClipping) {
     Block page = MakePageWith(Shape(16, 12, 8), [](int x, int y, int) { return x + y; });
-    RECT whole{0, 0, 16, 12};
+    RECT corner{0, 0, 10, 3};
+    Block top(Fill(page.get(), &corner, 200)), rest(FillOutside(page.get(), &corner, 7));
+    for (int y = 0; y < 12; ++y)
+        for (int x = 0; x < 16; ++x) {
+            const bool inside = x < 10 && y >= 9;
+            ASSERT_EQ(PageView(top.get()).get(x, y), inside ? 200 : x + y);
+            ASSERT_EQ(PageView(rest.get()).get(x, y), inside ? x + y : 7);
+        }
+    RECT beyond{-5, -5, 10, 3}, whole{0, 0, 16, 12}, inverted{10, 10, 2, 2};
+    EXPECT_EQ(Block(FillOutside(page.get(), &beyond, 7)).bytes(), rest.bytes());
     EXPECT_TRUE(qtest::SamePixels(Block(FillOutside(page.get(), &whole, 9)).get(), page.get()));
-    RECT corner{0, 0, 10, 10};
-    Block top(Fill(page.get(), &corner, 200));
-    EXPECT_EQ(PageView(top.get()).get(0, 11), 200);  // the top row is the last stored row
-    EXPECT_EQ(PageView(top.get()).get(0, 1), 1);
-    RECT beyond{-5, -5, 100, 3};
-    Block clipped(FillOutside(page.get(), &beyond, 7));
-    ASSERT_TRUE(clipped);
-    EXPECT_EQ(PageView(clipped.get()).get(15, 11), 15 + 11);
-    EXPECT_EQ(PageView(clipped.get()).get(15, 8), 7);
-    RECT inverted{10, 10, 2, 2};
     EXPECT_TRUE(qtest::SamePixels(Block(Fill(page.get(), &inverted, 0)).get(), page.get()));
+    Block colour = MakePage(Shape(4, 4, 24));
+    EXPECT_EQ(RowValues(Block(Fill(colour.get(), &whole, 128)).get(), 3, 2), std::vector<int>(4, 128));
     EXPECT_EQ(Fill(page.get(), &whole, 256), nullptr);
     EXPECT_EQ(Fill(page.get(), nullptr, 0), nullptr);
 }
 
 // ---- Image arithmetic -----------------------------------------------------------
 
-// 1-bit pages (bit 0 black) whose four quarters hold the four bit pairs.
-Block Quarter(int which) {
-    return MakePageWith(Shape(16, 2, 1), [which](int x, int, int) { return which == 0 ? (x / 4) & 1 : (x / 8) & 1; });
+// Page 1 combined with page 2 by a per-pixel model: the rectangle of w x h at
+// (x1, y1) on page 1 meets the one at (x2, y2) on page 2 (rows from the top)
+// wherever both points lie on their pages; a 32-bit pixel keeps page 1's
+// fourth byte.
+std::vector<int> Combined(HGLOBAL p1, HGLOBAL p2, const int r[6], bool andOp) {
+    PageView a(p1), b(p2);
+    const int channels = a.bitCount() >= 24 ? a.bitCount() / 8 : 1;
+    std::vector<int> out;
+    for (int Y = 0; Y < a.height(); ++Y)
+        for (int X = 0; X < a.width(); ++X)
+            for (int c = 0; c < channels; ++c) {
+                int v = a.get(X, a.height() - 1 - Y, c);
+                const int u = X - r[0] + r[2], w = Y - r[1] + r[3];
+                if (c < 3 && X >= r[0] && X < r[0] + r[4] && Y >= r[1] && Y < r[1] + r[5] && u >= 0 && u < b.width() && w >= 0 &&
+                    w < b.height()) {
+                    const int q = b.get(u, b.height() - 1 - w, c);
+                    v = andOp ? (v & q) : (v | q);
+                }
+                out.push_back(v);
+            }
+    return out;
 }
 
-TEST(Arithmetic, TruthTables) {
-    Block a = Quarter(0), b = Quarter(1);
-    const auto before = a.bytes();
-    Block orr(ImageOr(a.get(), b.get(), 0, 0, 0, 0, 16, 2));
-    EXPECT_EQ(a.bytes(), before);
-    Block andd(ImageAnd(a.get(), b.get(), 0, 0, 0, 0, 16, 2));
-    PageView o(orr.get()), n(andd.get()), pa(a.get());
-    for (int x = 0; x < 16; ++x) {
-        const int p = (x / 4) & 1, q = (x / 8) & 1;
-        EXPECT_EQ(o.get(x, 0), p | q);
-        EXPECT_EQ(n.get(x, 0), p & q);
-        EXPECT_EQ(pa.get(x, 0), p & q);  // page 1's own block holds the result too
+std::vector<int> TopDown(HGLOBAL h) {
+    static const int none[6] = {0, 0, 0, 0, 0, 0};
+    return Combined(h, h, none, false);
+}
+
+Block CopyOf(const Block &b) {
+    const std::vector<std::uint8_t> bytes = b.bytes();
+    Block copy(GlobalAlloc(GHND, bytes.size()));
+    std::copy(bytes.begin(), bytes.end(), static_cast<std::uint8_t *>(GlobalLock(copy.get())));
+    GlobalUnlock(copy.get());
+    return copy;
+}
+
+TEST(Arithmetic, RectanglesPlacedDifferentlyOnEachPage) {
+    // x1, y1, x2, y2, width, height
+    const int rects[][6] = {{0, 0, 9, 4, 5, 3},   {7, 2, 0, 0, 6, 4}, {-3, 1, 2, -2, 9, 7},
+                            {25, 14, 1, 2, 9, 9}, {2, 3, 30, 1, 8, 5}, {1, 0, -4, 2, 9, 5}, {0, 0, 0, 0, 40, 40}};
+    for (int bits : {1, 8, 24, 32}) {
+        Block p1 = MakePageWith(Shape(29, 17, bits), [&](int x, int y, int c) {
+            return bits == 1 ? (x * 3 + y) % 4 != 0 : (x * 37 + y * 11 + c * 5) % 256;
+        });
+        Block p2 = MakePageWith(Shape(35, 13, bits, Palette::kLightFirst), [&](int x, int y, int c) {
+            return bits == 1 ? (x + y * 5) % 3 == 0 : (x * 53 + y * 29 + c * 7) % 256;
+        });
+        for (const auto &r : rects) {
+            const auto before = p1.bytes();
+            Block orr(ImageOr(p1.get(), p2.get(), r[0], r[1], r[2], r[3], r[4], r[5]));
+            ASSERT_TRUE(orr);
+            EXPECT_EQ(p1.bytes(), before) << "ImageOr keeps page 1";
+            EXPECT_EQ(TopDown(orr.get()), Combined(p1.get(), p2.get(), r, false)) << bits << " bits, " << r[0] << "," << r[1];
+            if (bits < 24) {
+                EXPECT_EQ(orr.bytes()[40], 255) << "page 2's table comes with the result";
+            }
+            const auto wantAnd = Combined(p1.get(), p2.get(), r, true);
+            Block target = CopyOf(p1);
+            Block andd(ImageAnd(target.get(), p2.get(), r[0], r[1], r[2], r[3], r[4], r[5]));
+            ASSERT_TRUE(andd);
+            EXPECT_EQ(TopDown(andd.get()), wantAnd) << bits << " bits, " << r[0] << "," << r[1];
+            EXPECT_EQ(TopDown(target.get()), wantAnd) << "ImageAnd writes page 1 too";
+        }
     }
-    Block less(GetLess(Quarter(0).get(), Quarter(1).get()));
-    PageView l(less.get());
-    for (int x = 0; x < 16; ++x) EXPECT_EQ(l.get(x, 1), ((x / 4) & 1) > ((x / 8) & 1) ? 1 : 0);
-    Block self(GetLess(b.get(), b.get()));
-    PageView s(self.get());
-    for (int x = 0; x < 16; ++x) EXPECT_EQ(s.get(x, 0), 0);
+    Block gray = MakePage(Shape(10, 10, 8));
+    EXPECT_EQ(ImageAnd(gray.get(), MakePage(Shape(10, 10, 24)).get(), 0, 0, 0, 0, 5, 5), nullptr);
 }
 
-TEST(Arithmetic, RectanglesAtDifferentPlacesAndHeaders) {
-    Block p1 = MakePageWith(Shape(120, 80, 8), [](int, int, int) { return 0xF0; });
-    Block p2 = MakePageWith(Shape(200, 100, 8, Palette::kLightFirst), [](int x, int y, int) {
-        const int row = 99 - y;
-        return x >= 100 && x < 110 && row >= 50 && row < 60 ? 0x3C : 0xFF;
-    });
-    Block out(ImageOr(p1.get(), p2.get(), 0, 0, 100, 50, 10, 10));
-    ASSERT_TRUE(out);
-    EXPECT_EQ(out.header().biWidth, 120);
-    PageView v(out.get());
-    EXPECT_EQ(v.get(0, 79), 0xFC);  // page 1's top-left corner
-    EXPECT_EQ(v.get(9, 70), 0xFC);
-    EXPECT_EQ(v.get(10, 79), 0xF0);
-    EXPECT_EQ(v.get(0, 69), 0xF0);
-    // Page 2's colour table comes with the result.
-    EXPECT_GT(v.header()->biSize, 0u);
-    const auto *table = reinterpret_cast<const RGBQUAD *>(reinterpret_cast<const std::uint8_t *>(v.header()) + 40);
-    EXPECT_EQ(table[0].rgbBlue, 255);
-    // Rectangles reaching outside are clipped; depths must agree.
-    Block clipped(ImageOr(p1.get(), p2.get(), 115, -5, 195, 95, 50, 50));
-    EXPECT_TRUE(clipped);
-    EXPECT_EQ(ImageAnd(p1.get(), MakePage(Shape(10, 10, 24)).get(), 0, 0, 0, 0, 5, 5), nullptr);
-    EXPECT_EQ(GetLess(p1.get(), p2.get()), nullptr);  // sizes differ
-}
-
-TEST(Arithmetic, GetLessOnGrayPages) {
-    Block a = MakePageWith(Shape(4, 1, 8), [](int x, int, int) { return x * 10; });
-    Block b = MakePageWith(Shape(4, 1, 8), [](int, int, int) { return 15; });
-    Block out(GetLess(a.get(), b.get()));
-    ASSERT_TRUE(out);
-    EXPECT_EQ(Levels(out.get()), (std::vector<int>{0, 0, 255, 255}));
+TEST(Arithmetic, GetLessMarksStrictlyGreaterPixels) {
+    // 1 bit: 1 where page 1 has 1 and page 2 has 0.
+    Block a = MakePageWith(Shape(16, 2, 1), [](int x, int, int) { return (x / 4) & 1; });
+    Block b = MakePageWith(Shape(16, 2, 1), [](int x, int, int) { return (x / 8) & 1; });
+    Block bits(GetLess(a.get(), b.get()));
+    for (int x = 0; x < 16; ++x) EXPECT_EQ(PageView(bits.get()).get(x, 1), ((x / 4) & 1) > ((x / 8) & 1)) << x;
+    // Deeper pages: 255 where any colour channel is greater, 0 where equal.
+    Block g1 = MakePageWith(Shape(4, 1, 8), [](int x, int, int) { return x * 10; });
+    Block g2 = MakePageWith(Shape(4, 1, 8), [](int, int, int) { return 20; });
+    EXPECT_EQ(Levels(Block(GetLess(g1.get(), g2.get())).get()), (std::vector<int>{0, 0, 0, 255}));
+    const int c1[3][4] = {{5, 9, 9, 200}, {5, 9, 9, 0}, {5, 9, 10, 7}}, c2[3][4] = {{5, 9, 9, 0}, {5, 9, 9, 255},
+                                                                                   {5, 10, 9, 7}};
+    for (int bitsPer : {24, 32}) {
+        Block x1 = MakePageWith(Shape(3, 1, bitsPer), [&](int x, int, int c) { return c1[x][c]; });
+        Block x2 = MakePageWith(Shape(3, 1, bitsPer), [&](int x, int, int c) { return c2[x][c]; });
+        Block out(GetLess(x1.get(), x2.get()));
+        ASSERT_TRUE(out);
+        for (int c = 0; c < 3; ++c) EXPECT_EQ(RowValues(out.get(), 0, c), (std::vector<int>{0, 0, 255})) << bitsPer;
+    }
+    EXPECT_EQ(GetLess(g1.get(), MakePage(Shape(4, 2, 8)).get()), nullptr);  // sizes differ
 }
 
 // ---- Mode conversion ---------------------------------------------------------------
@@ -285,110 +320,134 @@ TEST(ConvertMode, EveryPairOfDepths) {
         for (int to : {1, 8, 24, 32}) {
             Block out(ConvertMode(page.get(), to, 128));
             ASSERT_TRUE(out) << from << "->" << to;
-            const BITMAPINFOHEADER h = out.header();
-            EXPECT_EQ(h.biBitCount, to);
-            EXPECT_EQ(h.biWidth, 13);
-            EXPECT_EQ(h.biClrUsed, 0u);
-            EXPECT_EQ(h.biSizeImage, static_cast<DWORD>(quarvel::DibRowStride(13, to) * 5));
-            const std::size_t table = to == 1 ? 2 : to == 8 ? 256 : 0;
-            EXPECT_EQ(GlobalSize(out.get()), 40 + 4 * table + h.biSizeImage);
+            EXPECT_EQ(out.header().biBitCount, to);
+            EXPECT_EQ(out.header().biClrUsed, 0u);
+            if (to <= 8) {
+                EXPECT_EQ(out.bytes()[44], to == 1 ? 255 : 1);  // black then white; a gray ramp
+            }
+            // Every pixel: gray is the rounded luminance, colour repeats gray,
+            // colour to colour keeps blue, green, red (a new fourth byte 255).
+            PageView in(page.get()), res(out.get());
+            for (int y = 0; y < 5; ++y)
+                for (int x = 0; x < 13; ++x) {
+                    int bgr[3];
+                    for (int c = 0; c < 3; ++c) bgr[c] = from == 1 ? 255 * in.get(x, y) : in.get(x, y, from == 8 ? 0 : c);
+                    const int gray = static_cast<int>(0.212671 * bgr[2] + 0.715160 * bgr[1] + 0.072169 * bgr[0] + 0.5);
+                    if (to <= 8) {
+                        ASSERT_EQ(res.get(x, y), to == 1 ? gray >= 128 : gray) << from << "->" << to << " at " << x;
+                    }
+                    for (int c = 0; to >= 24 && c < to / 8; ++c)
+                        ASSERT_EQ(res.get(x, y, c), c == 3 ? (from == 32 ? in.get(x, y, 3) : 255) : bgr[c]) << from << "->" << to;
+                }
         }
     }
     EXPECT_EQ(ConvertMode(MakePage(Shape(4, 4, 8)).get(), 4, 128), nullptr);
 }
 
-TEST(ConvertMode, PaletteRules) {
-    // A light-first 1-bit page to mode 1 keeps its bits under a
-    // black-then-white table: its colours are exchanged.
+TEST(ConvertMode, PaletteAndThresholdRules) {
+    // A light-first 1-bit page keeps its bits under a black-then-white table.
     Block light = MakePageWith(Shape(9, 1, 1, Palette::kLightFirst), [](int x, int, int) { return x & 1; });
-    Block bw(ConvertMode(light.get(), 1, 128));
-    PageView v(bw.get());
-    for (int x = 0; x < 9; ++x) EXPECT_EQ(v.get(x, 0), x & 1);
+    EXPECT_EQ(RowValues(Block(ConvertMode(light.get(), 1, 128)).get()), RowValues(light.get()));
     // An 8-bit page to mode 8 keeps its values under a gray ramp.
     Block gray = MakePageWith(Shape(4, 1, 8, Palette::kLightFirst), [](int x, int, int) { return x * 50; });
     Block g(ConvertMode(gray.get(), 8, 0));
     EXPECT_EQ(Levels(g.get()), (std::vector<int>{0, 50, 100, 150}));
-    const auto *table = reinterpret_cast<const RGBQUAD *>(reinterpret_cast<const std::uint8_t *>(PageView(g.get()).header()) + 40);
-    EXPECT_EQ(table[200].rgbRed, 200);
-    // Luminance 127 is black, 128 white at threshold 128.
-    Block colour = MakePageWith(Shape(2, 1, 24), [](int x, int, int) { return 127 + x; });
-    Block b(ConvertMode(colour.get(), 1, 128));
-    EXPECT_EQ(PageView(b.get()).get(0, 0), 0);
-    EXPECT_EQ(PageView(b.get()).get(1, 0), 1);
+    EXPECT_EQ(g.bytes()[40 + 4 * 200 + 2], 200);
+    // Luminance 0.2127 R + 0.7152 G + 0.0722 B, rounded; at threshold t a
+    // level t is white and t - 1 black.
+    const int bgr[4][3] = {{127, 127, 127}, {128, 128, 128}, {0, 0, 255}, {255, 0, 0}};
+    Block colour = MakePageWith(Shape(4, 1, 24), [&](int x, int, int c) { return bgr[x][c]; });
+    EXPECT_EQ(Levels(Block(ConvertMode(colour.get(), 8, 0)).get()), (std::vector<int>{127, 128, 54, 18}));
+    EXPECT_EQ(Levels(Block(ConvertMode(colour.get(), 1, 128)).get()), (std::vector<int>{0, 1, 0, 0}));
+    EXPECT_EQ(Levels(Block(ConvertMode(colour.get(), 1, 54)).get()), (std::vector<int>{1, 1, 1, 0}));
+    Block steps = MakePageWith(Shape(3, 1, 8), [](int x, int, int) { return 99 + x; });
+    EXPECT_EQ(Levels(Block(ConvertMode(steps.get(), 1, 100)).get()), (std::vector<int>{0, 1, 1}));
 }
 
 TEST(ConvertModeToGrayEx, RedAndBlueBecomeBlack) {
-    const int px[4][3] = {{20, 30, 200}, {20, 30, 59}, {150, 30, 210}, {170, 30, 210}};
+    // Red: r >= 60 and r - max(g, b) >= redDelta; blue likewise with b.
+    const int px[6][3] = {{20, 30, 200}, {20, 30, 59}, {0, 10, 60}, {150, 30, 210}, {200, 30, 20}, {60, 10, 0}};
+    struct Case {
+        int red, blue;
+        bool black[6];
+    } cases[] = {{50, 0, {true, false, true, true, false, false}},
+                 {0, 50, {false, false, false, false, true, true}},
+                 {61, 51, {true, false, false, false, true, false}},
+                 {50, 180, {true, false, true, true, false, false}},
+                 {0, 0, {false, false, false, false, false, false}}};
     for (int bits : {24, 32}) {
-        Block page = MakePageWith(Shape(4, 1, bits), [&](int x, int, int c) { return c < 3 ? px[x][c] : 0; });
-        Block out(ConvertModeToGrayEx(page.get(), 50, 0));
-        ASSERT_TRUE(out);
-        const std::vector<int> g = Levels(out.get());
+        Block page = MakePageWith(Shape(6, 1, bits), [&](int x, int, int c) { return c < 3 ? px[x][c] : 0; });
         const std::vector<int> plain = Levels(Block(ConvertMode(page.get(), 8, 0)).get());
-        EXPECT_EQ(g[0], 0);
-        EXPECT_EQ(g[1], plain[1]);
-        EXPECT_EQ(g[2], 0);
-        EXPECT_EQ(g[3], plain[3]);
-        EXPECT_EQ(Block(ConvertModeToGrayEx(page.get(), 0, 0)).bytes(), Block(ConvertMode(page.get(), 8, 0)).bytes());
-        Block blue(ConvertModeToGrayEx(page.get(), 0, 100));
-        EXPECT_EQ(Levels(blue.get()), plain);
+        for (const Case &k : cases) {
+            const std::vector<int> g = Levels(Block(ConvertModeToGrayEx(page.get(), k.red, k.blue)).get());
+            for (int x = 0; x < 6; ++x) EXPECT_EQ(g[x], k.black[x] ? 0 : plain[x]) << k.red << "/" << k.blue << " px " << x;
+        }
     }
 }
 
 // ---- Resize and thumbnail ----------------------------------------------------------
 
 TEST(Resize, FittedSizesAndInterpolation) {
-    int w = 0, h = 0;
-    ASSERT_TRUE(quarvel::pixel::FittedSize(2000, 1000, 200, 200, &w, &h));
-    EXPECT_EQ(w, 200);
-    EXPECT_EQ(h, 100);
-    ASSERT_TRUE(quarvel::pixel::FittedSize(100, 100, 300, 200, &w, &h));
-    EXPECT_EQ(w, 200);
-    EXPECT_EQ(h, 200);
-    Block big = MakePageWith(Shape(2000, 1000, 8), [](int x, int, int) { return x < 1000 ? 0 : 200; });
-    Block thumb(Thumbnail(big.get(), 200, 200));
+    const int fits[][6] = {{2000, 1000, 200, 200, 200, 100}, {100, 100, 300, 200, 200, 200}, {300, 100, 100, 90, 100, 33}};
+    for (const auto &f : fits) {
+        int w = 0, h = 0;
+        ASSERT_TRUE(quarvel::pixel::FittedSize(f[0], f[1], f[2], f[3], &w, &h));
+        EXPECT_EQ(w, f[4]);
+        EXPECT_EQ(h, f[5]);
+    }
+    Block big = MakePageWith(Shape(2000, 1000, 8), [](int x, int, int) { return x < 1001 ? 0 : 200; });
+    Block thumb(Thumbnail(big.get(), 200, 150));
     ASSERT_TRUE(thumb);
     EXPECT_EQ(thumb.header().biWidth, 200);
     EXPECT_EQ(thumb.header().biHeight, 100);
-    // Super-sampling averages: the column at the boundary is a mix.
-    EXPECT_EQ(PageView(thumb.get()).get(50, 50), 0);
-    EXPECT_EQ(PageView(thumb.get()).get(150, 50), 200);
+    // Super-sampling averages: the column over the edge is a mix.
+    const std::vector<int> row = RowValues(thumb.get(), 50);
+    EXPECT_EQ(row[99], 0);
+    EXPECT_EQ(row[100], 180);
+    EXPECT_EQ(row[101], 200);
     Block tiny(Thumbnail(big.get(), 0, 0));
     EXPECT_EQ(tiny.header().biWidth, 1);
     EXPECT_EQ(tiny.header().biHeight, 1);
-}
-
-TEST(Resize, ThumbnailOfABitonalPageIsGray) {
-    for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
-        const int ink = p == Palette::kDarkFirst ? 0 : 1;
-        Block page = MakePageWith(Shape(64, 64, 1, p), [&](int x, int, int) { return x < 32 ? ink : 1 - ink; });
-        Block out(Thumbnail(page.get(), 16, 16));
-        ASSERT_TRUE(out);
-        EXPECT_EQ(out.header().biBitCount, 8);
-        EXPECT_EQ(out.header().biClrUsed, 256u);
-        EXPECT_EQ(PageView(out.get()).get(2, 2), 0);  // ink stays dark
-        EXPECT_EQ(PageView(out.get()).get(13, 2), 255);
+    // Below 70 % along one axis (7 of 11 columns, though 7 of 10 rows is not)
+    // the whole page is area-averaged: stripes of 0 and 255 become the share
+    // of 255 each output column covers.
+    Block stripes = MakePageWith(Shape(11, 10, 8), [](int x, int, int) { return x % 2 * 255; });
+    Block seven(Thumbnail(stripes.get(), 100, 7));
+    ASSERT_EQ(seven.header().biWidth, 7);
+    const double step = 11.0 / 7;
+    for (int X = 0; X < 7; ++X) {
+        double covered = 0;
+        for (int x = 1; x < 11; x += 2) covered += std::max(0.0, std::min(X * step + step, x + 1.0) - std::max(X * step, 1.0 * x));
+        EXPECT_NEAR(RowValues(seven.get(), 3)[X], 255 * covered / step, 1.0) << X;
     }
+    // A 1-bit page comes back as a gray thumbnail with its ink dark.
+    Block bits = MakePageWith(Shape(64, 64, 1, Palette::kLightFirst), [&](int x, int, int) { return x < 32; });
+    Block gray(Thumbnail(bits.get(), 16, 16));
+    ASSERT_EQ(gray.header().biBitCount, 8);
+    EXPECT_EQ(gray.header().biClrUsed, 256u);
+    EXPECT_EQ(RowValues(gray.get(), 2)[2], 0);
+    EXPECT_EQ(RowValues(gray.get(), 2)[13], 255);
 }
 
 TEST(Resize, CentresOnWhiteMargins) {
     Block page = MakePageWith(Shape(2000, 1000, 24), [](int, int, int) { return 10; });
-    Block out(Resize(page.get(), 500, 500));
+    Block out(Resize(page.get(), 500, 501));  // 500 x 250 inside: 125 rows below, 126 above
     ASSERT_TRUE(out);
     PageView v(out.get());
-    EXPECT_EQ(v.get(250, 124), 255);
-    EXPECT_EQ(v.get(250, 125), 10);
-    EXPECT_EQ(v.get(250, 374), 10);
-    EXPECT_EQ(v.get(250, 375), 255);
-    Block exact = MakePageWith(Shape(1000, 500, 8), [](int, int, int) { return 10; });
-    Block full(Resize(exact.get(), 500, 250));
-    EXPECT_EQ(PageView(full.get()).get(0, 0), 10);
-    EXPECT_EQ(PageView(full.get()).get(499, 249), 10);
-    Block bits = MakePageWith(Shape(100, 50, 1), [](int x, int, int) { return x < 50 ? 0 : 1; });
-    Block halved(Resize(bits.get(), 50, 25));
-    ASSERT_TRUE(halved);
-    EXPECT_EQ(PageView(halved.get()).get(10, 10), 0);
-    EXPECT_EQ(PageView(halved.get()).get(40, 10), 1);
+    for (int c = 0; c < 3; ++c) {
+        EXPECT_EQ(v.get(250, 124, c), 255);
+        EXPECT_EQ(v.get(250, 125, c), 10);
+        EXPECT_EQ(v.get(250, 374, c), 10);
+        EXPECT_EQ(v.get(250, 375, c), 255);
+    }
+    Block wide(Resize(page.get(), 503, 100));  // 200 x 100 inside: 151 columns left
+    EXPECT_EQ(RowValues(wide.get(), 50)[150], 255);
+    EXPECT_EQ(RowValues(wide.get(), 50)[151], 10);
+    EXPECT_EQ(RowValues(wide.get(), 50)[350], 10);
+    EXPECT_EQ(RowValues(wide.get(), 50)[351], 255);
+    Block bits = MakePageWith(Shape(100, 50, 1), [](int x, int, int) { return x >= 50; });
+    EXPECT_EQ(RowValues(Block(Resize(bits.get(), 50, 25)).get(), 10)[24], 0);
+    EXPECT_EQ(RowValues(Block(Resize(bits.get(), 50, 25)).get(), 10)[25], 1);
     EXPECT_EQ(Resize(page.get(), 0, 10), nullptr);
     EXPECT_EQ(Resize(page.get(), 10, -1), nullptr);
 }

@@ -83,21 +83,24 @@ TEST(ScanOrientation, QuarterTurnsAreUndone) {
     }
 }
 
-// A dark frame of known widths on given sides; the sheet is the paper, the
-// content box the text's, and a page without a frame is not trimmed.
+// A frame of known widths on given sides, dark or a light gray bed; the sheet
+// is the paper, the content box the text's, and a page without a frame is
+// not trimmed.
 TEST(ScanSheet, FramesOnGivenSides) {
     struct Case {
         int left, top, right, bottom;
         unsigned sides;
+        int bed;
     };
-    const Case cases[] = {{0, 0, 0, 0, 0},
-                          {90, 0, 0, 0, QUARVEL_SIDE_LEFT},
-                          {0, 0, 120, 70, QUARVEL_SIDE_RIGHT | QUARVEL_SIDE_BOTTOM},
-                          {60, 80, 100, 40, 0xf}};
+    const Case cases[] = {{0, 0, 0, 0, 0, 25},
+                          {90, 0, 0, 0, QUARVEL_SIDE_LEFT, 25},
+                          {0, 0, 120, 70, QUARVEL_SIDE_RIGHT | QUARVEL_SIDE_BOTTOM, 25},
+                          {60, 80, 100, 40, 0xf, 25},
+                          {70, 50, 110, 90, 0xf, 180}};
     const cv::Rect text(300, 300, 640, 900);
     for (const Case &c : cases) {
         SCOPED_TRACE(c.sides);
-        cv::Mat img(1754, 1240, CV_8UC1, cv::Scalar(25));
+        cv::Mat img(1754, 1240, CV_8UC1, cv::Scalar(c.bed));
         const cv::Rect paper(c.left, c.top, 1240 - c.left - c.right, 1754 - c.top - c.bottom);
         img(paper).setTo(235);
         DrawText(&img, text);

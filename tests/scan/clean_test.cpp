@@ -8,10 +8,14 @@ using namespace qtest;
 
 namespace {
 
-// A sheet of text turned by 3 degrees on a dark scanner bed.
-cv::Mat FramedSkewedPage() {
+// A sheet of text turned by 3 degrees on a dark scanner bed; with a finger,
+// a dark bar from the bed reaches over the sheet's left margin into the
+// text block's blank left part.
+cv::Mat FramedSkewedPage(bool finger = false) {
     cv::Mat sheet(1600, 1100, CV_8UC1, cv::Scalar(235));
-    DrawText(&sheet, cv::Rect(120, 140, 860, 1300));
+    DrawText(&sheet, cv::Rect(120, 140, 860, 660));
+    DrawText(&sheet, cv::Rect(320, 800, 660, 640));
+    if (finger) sheet(cv::Rect(0, 900, 260, 90)).setTo(20);
     cv::Mat bed(1754, 1240, CV_8UC1, cv::Scalar(20));
     sheet.copyTo(bed(cv::Rect(70, 77, 1100, 1600)));
     cv::Mat mask(1754, 1240, CV_8UC1, cv::Scalar(0));
@@ -49,6 +53,12 @@ TEST(ScanClean, CropsFrameAndKeepsEveryMark) {
         const cv::Rect edges[] = {{0, 0, band, clean.rows}, {0, 0, clean.cols, band},
                                   {clean.cols - band, 0, band, clean.rows}, {0, clean.rows - band, clean.cols, band}};
         for (const cv::Rect &e : edges) EXPECT_LT(cv::countNonZero(clean(e) < 80), 0.01 * e.area());
+        // A finger touching the content box goes with the frame: the clean
+        // page holds no more ink with it than without it.
+        const Block fingered(QuarvelCleanPage(PageFromMat(FramedSkewedPage(true), 150).get(), &o, nullptr));
+        const cv::Mat withFinger = MatFromPage(fingered.get());
+        EXPECT_LE(InkCount(withFinger, cv::Rect(0, 0, withFinger.cols, withFinger.rows)),
+                  InkCount(clean, cv::Rect(0, 0, clean.cols, clean.rows)) + 200);
         if (steps & QUARVEL_CLEAN_WHITEN) {
             EXPECT_EQ(clean.cols, img.cols);
             EXPECT_EQ(clean.rows, img.rows);

@@ -196,4 +196,44 @@ bool SamePixels(HGLOBAL a, HGLOBAL b) {
     return true;
 }
 
+std::vector<int> RowValues(HGLOBAL h, int y, int channel) {
+    PageView v(h);
+    std::vector<int> out;
+    for (int x = 0; x < v.width(); ++x) out.push_back(v.get(x, y, channel));
+    return out;
+}
+
+int DarkCount(HGLOBAL h) {
+    PageView v(h);
+    const int channels = v.bitCount() >= 24 ? 3 : 1;
+    int n = 0;
+    for (int y = 0; y < v.height(); ++y)
+        for (int x = 0; x < v.width(); ++x) {
+            bool dark = false;
+            for (int c = 0; c < channels; ++c) dark = dark || v.get(x, y, c) < (v.bitCount() == 1 ? 1 : 128);
+            n += dark;
+        }
+    return n;
+}
+
+int DirtyPaddingRow(HGLOBAL h) {
+    PageView v(h);
+    const int used = v.width() * v.bitCount();
+    for (int y = 0; y < v.height(); ++y)
+        for (int b = used; b < v.stride() * 8; ++b)
+            if ((v.row(y)[b >> 3] >> (7 - (b & 7))) & 1) return y;
+    return -1;
+}
+
+void DirtyTheHeap(std::size_t bytes, std::uint8_t value) {
+    std::vector<HGLOBAL> blocks;
+    for (int i = 0; i < 8; ++i) {
+        HGLOBAL b = GlobalAlloc(GHND, bytes);
+        std::memset(GlobalLock(b), value, bytes);
+        GlobalUnlock(b);
+        blocks.push_back(b);
+    }
+    for (HGLOBAL b : blocks) GlobalFree(b);
+}
+
 }  // namespace qtest

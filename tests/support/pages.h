@@ -107,6 +107,17 @@ Block LoadScan(const std::string &name);
 // Pixel rows of a page (without padding bits) equal to another's.
 bool SamePixels(HGLOBAL a, HGLOBAL b);
 
+// Storage row y of an 8-bit page (or channel c of a colour page) as values.
+std::vector<int> RowValues(HGLOBAL h, int y = 0, int channel = 0);
+// Pixels (any channel) darker than 128, or 0 bits on a 1-bit page.
+int DarkCount(HGLOBAL h);
+// The first row whose padding bits or bytes are not zero, or -1.
+int DirtyPaddingRow(HGLOBAL h);
+// Frees eight blocks of `bytes` filled with `value`. The memory of freed
+// blocks of 1 MiB and more is kept and handed to the next results of about
+// that size, so those show any byte they forget to write.
+void DirtyTheHeap(std::size_t bytes, std::uint8_t value = 0xA5);
+
 template <class F>
 Block MakePageWith(const PageShape &shape, F f) {
     Block page = MakePage(shape);

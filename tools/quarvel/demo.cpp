@@ -4,16 +4,25 @@
 // deskew, colour-mode judgement, gray conversion, a contrast stretch that
 // whitens the paper, punch-hole removal, despeckling and a black-and-white
 // version at Otsu's threshold.
+//
+// Then real scans from the source tree (tests/data; the folder is compiled
+// in and the part is skipped when it is missing): each cleaned with
+// QuarvelCleanPage's default steps and written as one picture, the input
+// scaled down beside the result, with one line of what analysis found and
+// what cleaning changed.
 #include "demo.h"
 
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <utility>
 #include <vector>
 
 #include "formats.h"
 #include "page.h"
+#include "quarvel/scan.h"
 
 namespace qtool {
 
@@ -37,6 +46,10 @@ const Glyph kFont[] = {
     {'3', {30, 1, 1, 14, 1, 1, 30}},     {'4', {2, 6, 10, 18, 31, 2, 2}},     {'5', {31, 16, 30, 1, 1, 17, 14}},
     {'6', {6, 8, 16, 30, 17, 17, 14}},   {'7', {31, 1, 2, 4, 8, 8, 8}},       {'M', {17, 27, 21, 21, 17, 17, 17}},
     {'U', {17, 17, 17, 17, 17, 17, 14}}, {'F', {31, 16, 16, 30, 16, 16, 16}}, {'X', {17, 17, 10, 4, 10, 17, 17}},
+    {'V', {17, 17, 17, 17, 17, 10, 4}},  {'J', {7, 2, 2, 2, 2, 18, 12}},      {'Q', {14, 17, 17, 17, 21, 18, 13}},
+    {'Z', {31, 1, 2, 4, 8, 16, 31}},     {'0', {14, 17, 19, 21, 25, 17, 14}}, {'8', {14, 17, 17, 14, 17, 17, 14}},
+    {'9', {14, 17, 17, 15, 1, 2, 12}},   {'.', {0, 0, 0, 0, 0, 12, 12}},      {',', {0, 0, 0, 0, 12, 4, 8}},
+    {':', {0, 12, 12, 0, 12, 12, 0}},    {'-', {0, 0, 0, 31, 0, 0, 0}},       {'+', {0, 4, 4, 31, 4, 4, 0}},
 };
 
 // Draws text (top-left at x, y in display coordinates) on a 24-bit page.
@@ -46,7 +59,7 @@ void Label(const Page &page, int x0, int y0, const std::string &text, int scale)
     for (char c : text) {
         const Glyph *g = nullptr;
         for (const Glyph &k : kFont)
-            if (k.c == c) g = &k;
+            if (k.c == std::toupper(static_cast<unsigned char>(c))) g = &k;
         if (g != nullptr) {
             for (int r = 0; r < 7; ++r)
                 for (int b = 0; b < 5; ++b)
@@ -141,9 +154,114 @@ Page DrawScan() {
     return page;
 }
 
+// Real scans from the source tree cleaned with QuarvelCleanPage's default
+// steps: each written as one picture, the input beside the result.
+struct RealScan {
+    const char *file, *title;
+};
+const RealScan kRealScans[] = {
+    {"graph-paper-front.jpg", "GRAPH PAPER, 300 DPI, PUNCH HOLES"},
+    {"deskew-2.png", "SKEWED GRAY SCAN OF A SCORE"},
+    {"breviar.38.150.jpg", "COLOUR BOOK PAGE, 150 DPI"},
+};
+constexpr int kPanelW = 560, kPanelH = 720, kGap = 30, kTitle = 4, kSub = 3;
+
+void Fill(const Page &page, int x0, int y0, int w, int h, std::uint8_t level) {
+    Locked p(page.get());
+    for (int y = std::max(y0, 0); y < std::min(y0 + h, p.height()); ++y) {
+        const int from = std::max(x0, 0), to = std::min(x0 + w, p.width());
+        if (from < to) std::memset(p.displayRow(y) + 3 * from, level, static_cast<std::size_t>(to - from) * 3);
+    }
+}
+
+// The page fitted into a panel, as 24 bits, drawn centred at the top of the
+// panel whose top-left corner is (x0, y0), with a thin gray outline.
+void DrawPanel(const Page &canvas, HGLOBAL page, int x0, int y0) {
+    Page thumb(Thumbnail(page, kPanelW, kPanelH));
+    Page colour(ConvertMode(thumb.get(), 24, 0));
+    if (!colour) throw FormatError("the demo could not scale a page");
+    Locked t(colour.get());
+    const int x = x0 + (kPanelW - t.width()) / 2;
+    Fill(canvas, x - 1, y0 - 1, t.width() + 2, t.height() + 2, 150);
+    Locked c(canvas.get());
+    for (int y = 0; y < t.height(); ++y)
+        std::memcpy(c.displayRow(y0 + y) + 3 * x, t.displayRow(y), static_cast<std::size_t>(t.width()) * 3);
+}
+
+std::string Sides(std::uint32_t sides) {
+    std::string out;
+    const std::pair<std::uint32_t, const char *> names[] = {
+        {QUARVEL_SIDE_LEFT, "left"}, {QUARVEL_SIDE_TOP, "top"}, {QUARVEL_SIDE_RIGHT, "right"}, {QUARVEL_SIDE_BOTTOM, "bottom"}};
+    for (const auto &[bit, name] : names)
+        if (sides & bit) {
+            if (!out.empty()) out += ' ';
+            out += name;
+        }
+    return out.empty() ? "none" : out;
+}
+
+const char *ModeName(int mode) {
+    return mode == QUARVEL_MODE_COLOR ? "colour" : mode == QUARVEL_MODE_GRAY ? "gray" : "black and white";
+}
+
+std::string Printf(const char *fmt, double a, double b = 0) {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, fmt, std::abs(a) < 0.005 ? 0.0 : a, b);  // no "-0.00"
+    return buf;
+}
+
+// Cleans one real scan, writes its before/after picture and returns what
+// detection found and cleaning did, in one line.
+std::string CleanRealScan(const RealScan &scan, const std::filesystem::path &in, const std::string &outDir,
+                          DemoScan *result) {
+    std::vector<Page> pages = ReadImage(in.string());
+    QuarvelScanOptions options;
+    QuarvelDefaultOptions(&options);
+    QuarvelPageReport r{};
+    r.size = sizeof r;
+    Page clean(QuarvelCleanPage(pages.front().get(), &options, &r));
+    if (!clean || !r.usable) throw FormatError(in.string() + ": the page could not be cleaned");
+    const Locked after(clean.get());
+    *result = DemoScan{scan.file, r.skew_angle, r.skew_confidence, r.hole_count, r.mode, r.blank != 0,
+                       r.width, r.height, after.width(), after.height()};
+
+    const int width = 3 * kGap + 2 * kPanelW, top = kGap + 7 * kTitle + 24, panels = top + 7 * kSub + 14;
+    Page canvas = NewPage(width, panels + kPanelH + kGap, 24, {});
+    if (!canvas) throw FormatError("out of memory");
+    Fill(canvas, 0, 0, width, panels + kPanelH + kGap, 236);
+    Label(canvas, kGap, kGap, scan.title, kTitle);
+    Label(canvas, kGap, top, "BEFORE " + std::to_string(r.width) + " X " + std::to_string(r.height), kSub);
+    Label(canvas, 2 * kGap + kPanelW, top,
+          "AFTER " + std::to_string(after.width()) + " X " + std::to_string(after.height()), kSub);
+    DrawPanel(canvas, pages.front().get(), kGap, panels);
+    DrawPanel(canvas, clean.get(), 2 * kGap + kPanelW, panels);
+    const std::string name = "scan-" + in.stem().string() + ".png";
+    WriteImage((std::filesystem::path(outDir) / name).string(), {&canvas});
+
+    const bool turned = r.skew_confidence >= options.min_skew_confidence && std::abs(r.skew_angle) >= 0.02;
+    std::string changed;
+    auto add = [&changed](const std::string &what) { changed += (changed.empty() ? "" : ", ") + what; };
+    if (turned) add(Printf("straightened by %.2f deg", r.skew_angle));
+    if (r.hole_count > 0) add(std::to_string(r.hole_count) + (r.hole_count == 1 ? " hole" : " holes") + " filled");
+    add("despeckled");
+    return "  " + name + ": " + std::to_string(r.width) + " x " + std::to_string(r.height) + " at " +
+           std::to_string(r.dpi) + " dpi; skew " + Printf("%+.2f deg (confidence %.2f)", r.skew_angle, r.skew_confidence) +
+           ", frame " + Sides(r.frame_sides) + ", " + std::to_string(r.hole_count) + " holes, " + ModeName(r.mode) +
+           (r.blank ? ", blank" : ", not blank") + "\n      cleaned to " + std::to_string(after.width()) + " x " +
+           std::to_string(after.height()) + ": " + changed;
+}
+
 }  // namespace
 
-int RunDemo(const std::string &outDir, DemoReport *report, bool quiet) {
+std::string DemoScanFolder() {
+#ifdef QUARVEL_DEMO_SCANS
+    return QUARVEL_DEMO_SCANS;
+#else
+    return {};
+#endif
+}
+
+int RunDemo(const std::string &outDir, DemoReport *report, bool quiet, const std::string &scans) {
     std::error_code ec;
     std::filesystem::create_directories(outDir, ec);
     if (ec) {
@@ -200,6 +318,24 @@ int RunDemo(const std::string &outDir, DemoReport *report, bool quiet) {
         std::fprintf(stderr, "quarvel: demo: %s\n", e.what());
         return 4;
     }
+
+    // Real scans, when the source tree's test pages are at hand.
+    std::vector<std::string> scanLines;
+    if (scans.empty() || !std::filesystem::is_directory(scans)) {
+        scanLines.push_back("  skipped: the real scans of the source tree (tests/data) are not at " +
+                            (scans.empty() ? std::string("hand") : scans));
+    } else {
+        for (const RealScan &scan : kRealScans) {
+            const std::filesystem::path in = std::filesystem::path(scans) / scan.file;
+            try {
+                DemoScan result;
+                scanLines.push_back(CleanRealScan(scan, in, outDir, &result));
+                report->scans.push_back(result);
+            } catch (const std::exception &e) {
+                scanLines.push_back(std::string("  skipped ") + scan.file + ": " + e.what());
+            }
+        }
+    }
     if (!quiet) {
         std::printf("Quarvel demo: a drawn scan cleaned step by step, written to %s/\n", outDir.c_str());
         for (const Shot &s : shots) std::printf("  %s\n", s.file.c_str());
@@ -211,6 +347,8 @@ int RunDemo(const std::string &outDir, DemoReport *report, bool quiet) {
                                               : "black and white");
         std::printf("thresholds: Otsu %u, Ridler-Calvard %u\n", report->otsu, report->ridcal);
         std::printf("ink share at Otsu's threshold: %.2f %%\n", report->blankShare / 100.0);
+        std::printf("\nReal scans cleaned by QuarvelCleanPage (default steps), before beside after:\n");
+        for (const std::string &line : scanLines) std::printf("%s\n", line.c_str());
     }
     return 0;
 }

@@ -1,0 +1,178 @@
+// Helpers the content analyses share (scan/paper.h).
+#include "scan/paper.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <opencv2/imgproc.hpp>
+#include <vector>
+
+namespace quarvel::scan {
+
+int PaperDpi(const ScanPage &page) {
+    const double longSide = std::max(page.width, page.height);
+    // A3 is 16.5 inches long; anything past 18 inches at the stated
+    // resolution is a wrong header, not a sheet.
+    if (page.dpi > 0 && longSide / page.dpi <= 18.0) return page.dpi;
+    return std::clamp(static_cast<int>(std::lround(longSide / 11.5)), 50, 1200);
+}
+
+cv::Mat Shrink(const cv::Mat &image, int factor) {
+    if (factor <= 1 || image.cols < factor || image.rows < factor || factor > 16) return image;
+    // Block means; the last partial blocks are dropped. Rows of a block are
+    // summed into 16-bit column totals (a loop the compiler vectorises),
+    // then each block's columns are added.
+    const int ch = image.channels();
+    const int w = image.cols / factor, h = image.rows / factor;
+    cv::Mat out(h, w, image.type());
+    std::vector<std::uint16_t> acc(static_cast<std::size_t>(w) * factor * ch);
+    const int n = w * factor * ch;
+    const int area = factor * factor, half = area / 2;
+    for (int y = 0; y < h; ++y) {
+        std::fill(acc.begin(), acc.end(), 0);
+        for (int k = 0; k < factor; ++k) {
+            const std::uint8_t *p = image.ptr<std::uint8_t>(y * factor + k);
+            std::uint16_t *a = acc.data();
+            for (int i = 0; i < n; ++i) a[i] = static_cast<std::uint16_t>(a[i] + p[i]);
+        }
+        std::uint8_t *o = out.ptr<std::uint8_t>(y);
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < ch; ++c) {
+                int sum = 0;
+                const std::uint16_t *a = acc.data() + x * factor * ch + c;
+                for (int k = 0; k < factor; ++k) sum += a[k * ch];
+                o[x * ch + c] = static_cast<std::uint8_t>((sum + half) / area);
+            }
+    }
+    return out;
+}
+
+namespace {
+
+template <int Ch>
+void SparseRows(const cv::Mat &image, int factor, cv::Mat *out) {
+    const int at = factor / 2 - 1;
+    const int step = factor * Ch;
+    for (int y = 0; y < out->rows; ++y) {
+        const std::uint8_t *p0 = image.ptr<std::uint8_t>(y * factor + at) + at * Ch;
+        const std::uint8_t *p1 = image.ptr<std::uint8_t>(y * factor + at + 1) + at * Ch;
+        std::uint8_t *o = out->ptr<std::uint8_t>(y);
+        for (int x = 0; x < out->cols; ++x, p0 += step, p1 += step, o += Ch)
+            for (int c = 0; c < Ch; ++c)
+                o[c] = static_cast<std::uint8_t>((p0[c] + p0[c + Ch] + p1[c] + p1[c + Ch] + 2) >> 2);
+    }
+}
+
+}  // namespace
+
+cv::Mat ShrinkSparse(const cv::Mat &image, int factor) {
+    if (factor <= 2 || image.cols < factor || image.rows < factor) return Shrink(image, factor);
+    cv::Mat out(image.rows / factor, image.cols / factor, image.type());
+    if (image.channels() == 3) {
+        SparseRows<3>(image, factor, &out);
+    } else {
+        SparseRows<1>(image, factor, &out);
+    }
+    return out;
+}
+
+cv::Mat CellMax(const cv::Mat &gray, int cell) {
+    cell = std::max(1, cell);
+    const int gw = (gray.cols + cell - 1) / cell, gh = (gray.rows + cell - 1) / cell;
+    cv::Mat grid(gh, gw, CV_8U);
+    std::vector<std::uint8_t> acc(gray.cols);
+    for (int gy = 0; gy < gh; ++gy) {
+        std::fill(acc.begin(), acc.end(), 0);
+        for (int y = gy * cell; y < std::min(gray.rows, (gy + 1) * cell); ++y) {
+            const std::uint8_t *p = gray.ptr<std::uint8_t>(y);
+            std::uint8_t *a = acc.data();
+            for (int x = 0; x < gray.cols; ++x) a[x] = std::max(a[x], p[x]);
+        }
+        std::uint8_t *g = grid.ptr<std::uint8_t>(gy);
+        for (int gx = 0; gx < gw; ++gx) {
+            std::uint8_t m = 0;
+            for (int x = gx * cell; x < std::min(gray.cols, (gx + 1) * cell); ++x) m = std::max(m, acc[x]);
+            g[gx] = m;
+        }
+    }
+    return grid;
+}
+
+cv::Mat PaperLevel(const cv::Mat &gray, int cell, int window) {
+    cell = std::max(1, cell);
+    cv::Mat grid = CellMax(gray, cell);
+    const int gw = grid.cols, gh = grid.rows;
+    const int n = std::max(3, window / cell) | 1;
+    const cv::Mat box = cv::getStructuringElement(cv::MORPH_RECT, cv::Size(n, n));
+    cv::dilate(grid, grid, box, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+    cv::blur(grid, grid, cv::Size(n, n), cv::Point(-1, -1), cv::BORDER_REPLICATE);
+    cv::Mat out;
+    cv::resize(grid, out, cv::Size(gw * cell, gh * cell), 0, 0, cv::INTER_LINEAR);
+    return out(cv::Rect(0, 0, gray.cols, gray.rows));
+}
+
+int LabelBlobs(const cv::Mat &mask, cv::Mat *labels, cv::Mat *stats) {
+    const int n = cv::connectedComponents(mask, *labels, 8, CV_32S);
+    std::vector<int> x0(n, mask.cols), y0(n, mask.rows), x1(n, -1), y1(n, -1), area(n, 0);
+    for (int y = 0; y < labels->rows; ++y) {
+        const int *l = labels->ptr<int>(y);
+        for (int x = 0; x < labels->cols; ++x) {
+            const int i = l[x];
+            if (i == 0) continue;
+            x0[i] = std::min(x0[i], x);
+            x1[i] = std::max(x1[i], x);
+            y0[i] = std::min(y0[i], y);
+            y1[i] = y;
+            ++area[i];
+        }
+    }
+    *stats = cv::Mat(n, cv::CC_STAT_MAX, CV_32S, cv::Scalar(0));
+    for (int i = 1; i < n; ++i) {
+        int *row = stats->ptr<int>(i);
+        row[cv::CC_STAT_LEFT] = x0[i];
+        row[cv::CC_STAT_TOP] = y0[i];
+        row[cv::CC_STAT_WIDTH] = x1[i] - x0[i] + 1;
+        row[cv::CC_STAT_HEIGHT] = y1[i] - y0[i] + 1;
+        row[cv::CC_STAT_AREA] = area[i];
+    }
+    return n;
+}
+
+cv::Rect PaperBox(const cv::Mat &gray, const cv::Rect &within) {
+    const cv::Rect r = within & cv::Rect(0, 0, gray.cols, gray.rows);
+    if (r.width < 8 || r.height < 8) return r;
+    std::array<int, 256> hist{};
+    std::vector<std::int64_t> colSum(r.width, 0), rowSum(r.height, 0);
+    for (int y = 0; y < r.height; ++y) {
+        const std::uint8_t *p = gray.ptr<std::uint8_t>(r.y + y) + r.x;
+        std::int64_t s = 0;
+        for (int x = 0; x < r.width; ++x) {
+            ++hist[p[x]];
+            colSum[x] += p[x];
+            s += p[x];
+        }
+        rowSum[y] = s;
+    }
+    int paper = 255;
+    for (int acc = 0; paper > 0 && (acc += hist[paper]) * 10 < r.area();) --paper;
+    const double dark = 0.6 * paper;
+    auto cut = [dark](const std::vector<std::int64_t> &sums, int lineLength, bool fromEnd) {
+        const int n = static_cast<int>(sums.size()), most = n * 15 / 100;
+        int k = 0;
+        while (k < most && sums[fromEnd ? n - 1 - k : k] < dark * lineLength) ++k;
+        return k;
+    };
+    const int left = cut(colSum, r.height, false), right = cut(colSum, r.height, true);
+    const int top = cut(rowSum, r.width, false), bottom = cut(rowSum, r.width, true);
+    return cv::Rect(r.x + left, r.y + top, r.width - left - right, r.height - top - bottom);
+}
+
+cv::Rect ShrinkRect(const cv::Rect &r, int factor, cv::Size size) {
+    factor = std::max(1, factor);
+    const int x0 = r.x / factor, y0 = r.y / factor;
+    const int x1 = (r.x + r.width) / factor, y1 = (r.y + r.height) / factor;
+    return cv::Rect(x0, y0, std::max(0, x1 - x0), std::max(0, y1 - y0)) & cv::Rect(0, 0, size.width, size.height);
+}
+
+}  // namespace quarvel::scan
