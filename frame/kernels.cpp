@@ -649,16 +649,24 @@ int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread
     return plain::NextSpread(row, from, to, bpp, minSpread);
 }
 
-// Whole bytes by population count, the partial first and last bytes masked.
+// Bytes counted through a 256-entry table (the baseline processor has no
+// population-count instruction), the partial first and last bytes masked.
+struct OnesTable {
+    std::uint8_t n[256];
+    constexpr OnesTable() : n{} {
+        for (int v = 0; v < 256; ++v) n[v] = static_cast<std::uint8_t>((v & 1) + (v >> 1 & 1) + (v >> 2 & 1) + (v >> 3 & 1) + (v >> 4 & 1) +
+                                                                      (v >> 5 & 1) + (v >> 6 & 1) + (v >> 7 & 1));
+    }
+};
+constexpr OnesTable kOnes;
+
 int CountOnes(const std::uint8_t *row, int x, int n) {
     if (n <= 0) return 0;
     const int first = x >> 3, last = (x + n - 1) >> 3;
     const unsigned head = 0xFFu >> (x & 7), tail = 0xFF00u >> (((x + n - 1) & 7) + 1) & 0xFFu;
-    if (first == last) return __builtin_popcount(row[first] & head & tail);
-    int ones = __builtin_popcount(row[first] & head) + __builtin_popcount(row[last] & tail);
-    int j = first + 1;
-    for (; j + 8 <= last; j += 8) ones += __builtin_popcountll(Load64(row + j));
-    for (; j < last; ++j) ones += __builtin_popcount(row[j]);
+    if (first == last) return kOnes.n[row[first] & head & tail];
+    int ones = kOnes.n[row[first] & head] + kOnes.n[row[last] & tail];
+    for (int j = first + 1; j < last; ++j) ones += kOnes.n[row[j]];
     return ones;
 }
 

@@ -16,7 +16,7 @@ HGLOBAL Paint(HGLOBAL hDib, const RECT *rect, int value, bool outside) {
     LockedDib in(hDib, kImageDepths);
     if (!in.ok()) return nullptr;
     ImagePtr view = DibToIplImage(in.header());
-    ResultBlock out = ResultBlock::CopiedHeader(in);
+    ResultBlock out = ResultBlock::CopiedHeader(in, true);  // every pixel is written
     if (!view || !out) return nullptr;
     const int written = in.bitCount() == 1 && IsLightFirst(in.header()) ? 255 - value : value;
 

@@ -39,7 +39,7 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
     LockedDib in(hDib, kTextDepths);
     if (!in.ok()) return nullptr;
     ImagePtr view = DibToIplImage(in.header());
-    ResultBlock out = ResultBlock::CopiedHeader(in);
+    ResultBlock out = ResultBlock::CopiedHeader(in, true);  // every pixel is written
     if (!view || !out) return nullptr;
     if (whole) {
         Filter(view.get(), out.image(), level, in.width(), in.height());

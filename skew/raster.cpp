@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "frame/dib.h"
+#include "frame/kernels.h"
 #include "skew/skew.h"
 
 namespace quarvel::skew {
@@ -218,16 +219,19 @@ bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k) {
             std::uint32_t *col = columns.data();
             switch (bits) {
             case 1:
-                for (int x = 0; x < used; ++x) col[x] += tables.inks[(src[x >> 3] >> (7 - (x & 7))) & 1];
+                // A block's k pixels add ones * ink(1) + (k - ones) * ink(0),
+                // kept in the block's first column.
+                for (int i = 0; i < rw; ++i) {
+                    const auto ones = static_cast<std::uint32_t>(kernels::CountOnes(src, i * k, k));
+                    col[static_cast<std::size_t>(i) * k] += ones * tables.inks[1] + (static_cast<std::uint32_t>(k) - ones) * tables.inks[0];
+                }
                 break;
             case 8:
                 for (int x = 0; x < used; ++x) col[x] += tables.inks[src[x]];
                 break;
             case 24:
-                for (int x = 0; x < used; ++x, src += 3) col[x] += tables.bySum[src[0] + src[1] + src[2]];
-                break;
             case 32:
-                for (int x = 0; x < used; ++x, src += 4) col[x] += tables.bySum[src[0] + src[1] + src[2]];
+                kernels::AddInkRow(src, used, bits / 8, col);
                 break;
             default:
                 DecodeRow(src, line.data(), used, bits, tables);
