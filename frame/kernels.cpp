@@ -350,7 +350,7 @@ __attribute__((target("avx2"))) int ColourToGrayAvx2(const std::uint8_t *src, st
     const __m256i mr = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
     const __m256i wr = _mm256_set1_epi32(892007), wg = _mm256_set1_epi32(2999598), wb = _mm256_set1_epi32(302699);
     const __m256i half = _mm256_set1_epi32(2097133), floor59 = _mm256_set1_epi32(59);
-    const __m256i rd = _mm256_set1_epi32(redDelta - 1), bd = _mm256_set1_epi32(blueDelta - 1);
+    const __m256i rd = _mm256_set1_epi32(redDelta > 0 ? redDelta - 1 : 0), bd = _mm256_set1_epi32(blueDelta > 0 ? blueDelta - 1 : 0);
     const __m256i useRed = _mm256_set1_epi32(redDelta > 0 ? -1 : 0), useBlue = _mm256_set1_epi32(blueDelta > 0 ? -1 : 0);
     const __m256i gather = _mm256_setr_epi32(0, 4, 1, 1, 1, 1, 1, 1);
     int x = 0;
@@ -531,7 +531,7 @@ __attribute__((target("avx2"))) int DecolourAvx2(std::uint8_t *p, int n, int bpp
     // Bytes the shuffle back leaves empty (the fourth byte, the overlap) keep the source.
     const __m256i untouched = _mm256_cmpgt_epi8(_mm256_setzero_si256(), back);
     const __m256i floor59 = _mm256_set1_epi32(59), repeat = _mm256_set1_epi32(0x010101);
-    const __m256i rd = _mm256_set1_epi32(redDelta - 1), bd = _mm256_set1_epi32(blueDelta - 1), gd = _mm256_set1_epi32(greenDelta - 1);
+    const __m256i rd = _mm256_set1_epi32(redDelta > 0 ? redDelta - 1 : 0), bd = _mm256_set1_epi32(blueDelta > 0 ? blueDelta - 1 : 0), gd = _mm256_set1_epi32(greenDelta > 0 ? greenDelta - 1 : 0);
     const __m256i useRed = _mm256_set1_epi32(keepDistinct && redDelta > 0 ? -1 : 0);
     const __m256i useBlue = _mm256_set1_epi32(keepDistinct && blueDelta > 0 ? -1 : 0);
     const __m256i useGreen = _mm256_set1_epi32(keepDistinct && greenDelta > 0 ? -1 : 0);
