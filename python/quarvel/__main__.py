@@ -103,8 +103,7 @@ def _run(args) -> int:
         for page in range(1, f.pages + 1):
             where = f"{given}[{page}]" if f.pages > 1 else given
             if page in reasons:
-                print(f"quarvel: {where}: {reasons[page]} (skipped)", file=sys.stderr)
-                failed += 1
+                print(f"quarvel: {where}: {reasons[page]}; {given} not written", file=sys.stderr)
             for p, name, value in f.measures:
                 if p != page:
                     continue
@@ -114,16 +113,20 @@ def _run(args) -> int:
                           f'"value": {js}}}')
                 else:
                     print(f"{where}: {name} {text}")
-    written = 0
+    written = pages_done = 0
     for f in summary.files:
         if 0 in dict(f.failed):
             print(f"quarvel: {dict(f.failed)[0]}", file=sys.stderr)
+        if f.written:
+            written += 1
+            pages_done += f.done
+        elif not f.unreadable:
             failed += 1
-        written += 1 if f.written else 0
     secs = summary.seconds
-    print(f"quarvel: {summary.pages} pages from {len(files) - unreadable} files in {secs:.1f} s "
-          f"({summary.pages / max(secs, 1e-6):.1f} pages/s); {failed} failed, {written} files written", file=sys.stderr)
-    if summary.pages == 0 and unreadable:
+    print(f"quarvel: {pages_done} pages from {len(files)} files in {secs:.1f} s "
+          f"({pages_done / max(secs, 1e-6):.1f} pages/s); {written} files written, {unreadable} skipped, {failed} failed",
+          file=sys.stderr)
+    if unreadable == len(files):
         return 3
     return 1 if failed or unreadable else 0
 

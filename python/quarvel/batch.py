@@ -6,8 +6,9 @@ file. A task reads the file, applies the steps to every page, and writes
 ``out_dir/<stem><ext>`` itself, exactly as ``quarvel run -j 1`` names and
 writes it: the input's extension (JPEG inputs and unknown extensions as
 .png) or ``format``; a multi-page result in a single-page format as
-``<stem>-1<ext>``, ``<stem>-2<ext>``...; a page refused by a step is
-reported and left out; a file with no page left is not written. Outputs go
+``<stem>-1<ext>``, ``<stem>-2<ext>``...; a page refused by a step fails
+its whole file, which is then not written (never a file with a page
+missing, so a book's pages cannot shift). Outputs go
 to a temporary name beside the target and are renamed into place, so a task
 that dies leaves no partial file under the final name; when a Dask worker
 dies, the scheduler runs its tasks again on another worker and they rewrite
@@ -106,7 +107,7 @@ def process_file(steps: Sequence[Step], path: str, out_dir: str, format: Optiona
         except OperationError as e:
             result.failed.append((index, str(e)))
         result.measures += [(index, name, value) for name, value in measures]
-    if not outputs:
+    if result.failed or not outputs:
         return result
     out = output_path(out_dir, path, format)
     stem, ext = os.path.splitext(out)

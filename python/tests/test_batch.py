@@ -130,3 +130,13 @@ def test_cluster_batch_survives_a_lost_worker(tool_run, batch_files, tmp_path):
         assert set(client.run(os.getpid).values()).isdisjoint({next(iter(pids.values()))})
     assert seen[0] < 7 and summary.ok and summary.done == 8
     _same_tree(out, target)
+
+
+def test_a_refused_page_fails_its_whole_file(tmp_path):
+    # A 3 x 3 gray page turned colour is refused by text-effect: the file is
+    # reported and not written, as `quarvel run` does, never written short.
+    page = tmp_path / "page.pgm"
+    page.write_bytes(b"P5\n3 3\n255\n" + bytes(range(0, 90, 10)))
+    summary = batch.run("convert-mode --mode 24 | text-effect", [str(page)], str(tmp_path / "out"))
+    assert summary.written == [] and [(p, "text-effect" in why) for _, p, why in summary.failed] == [(1, True)]
+    assert not (tmp_path / "out" / "page.pgm").exists()
