@@ -15,6 +15,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "frame/dib.h"
+#include "frame/kernels.h"
 
 namespace quarvel::scan {
 namespace {
@@ -273,44 +274,38 @@ HGLOBAL NewBlock(const ScanPage &like, int w, int h, int bits, int entries, std:
 
 }  // namespace
 
-HGLOBAL MakeGrayPage(const cv::Mat &gray, const ScanPage &like) {
-    if (gray.empty() || gray.type() != CV_8UC1) return nullptr;
+namespace {
+
+// A new page of the image's size at `bits`, each stored row written by
+// `row(source row, destination)` from the image row it shows as.
+template <class Row>
+HGLOBAL WritePage(const cv::Mat &image, int type, const ScanPage &like, int bits, int entries, Row row) {
+    if (image.empty() || image.type() != type) return nullptr;
     std::uint8_t *rows = nullptr;
     int stride = 0;
-    HGLOBAL out = NewBlock(like, gray.cols, gray.rows, 8, 256, &rows, &stride);
+    HGLOBAL out = NewBlock(like, image.cols, image.rows, bits, entries, &rows, &stride);
     if (out == nullptr) return nullptr;
-    for (int y = 0; y < gray.rows; ++y)
-        std::memcpy(rows + static_cast<std::size_t>(gray.rows - 1 - y) * stride, gray.ptr(y), gray.cols);
+    for (int y = 0; y < image.rows; ++y) row(image.ptr(y), rows + static_cast<std::size_t>(image.rows - 1 - y) * stride);
     GlobalUnlock(out);
     return out;
+}
+
+}  // namespace
+
+HGLOBAL MakeGrayPage(const cv::Mat &gray, const ScanPage &like) {
+    const std::size_t n = static_cast<std::size_t>(gray.cols);
+    return WritePage(gray, CV_8UC1, like, 8, 256, [n](const std::uint8_t *s, std::uint8_t *d) { std::memcpy(d, s, n); });
 }
 
 HGLOBAL MakeColorPage(const cv::Mat &bgr, const ScanPage &like) {
-    if (bgr.empty() || bgr.type() != CV_8UC3) return nullptr;
-    std::uint8_t *rows = nullptr;
-    int stride = 0;
-    HGLOBAL out = NewBlock(like, bgr.cols, bgr.rows, 24, 0, &rows, &stride);
-    if (out == nullptr) return nullptr;
-    for (int y = 0; y < bgr.rows; ++y)
-        std::memcpy(rows + static_cast<std::size_t>(bgr.rows - 1 - y) * stride, bgr.ptr(y), 3 * static_cast<std::size_t>(bgr.cols));
-    GlobalUnlock(out);
-    return out;
+    const std::size_t n = 3 * static_cast<std::size_t>(bgr.cols);
+    return WritePage(bgr, CV_8UC3, like, 24, 0, [n](const std::uint8_t *s, std::uint8_t *d) { std::memcpy(d, s, n); });
 }
 
 HGLOBAL MakeBitonalPage(const cv::Mat &gray, const ScanPage &like) {
-    if (gray.empty() || gray.type() != CV_8UC1) return nullptr;
-    std::uint8_t *rows = nullptr;
-    int stride = 0;
-    HGLOBAL out = NewBlock(like, gray.cols, gray.rows, 1, 2, &rows, &stride);
-    if (out == nullptr) return nullptr;
-    for (int y = 0; y < gray.rows; ++y) {
-        const std::uint8_t *g = gray.ptr(y);
-        std::uint8_t *dst = rows + static_cast<std::size_t>(gray.rows - 1 - y) * stride;
-        for (int x = 0; x < gray.cols; ++x)
-            if (g[x] >= 128) dst[x >> 3] |= static_cast<std::uint8_t>(0x80 >> (x & 7));
-    }
-    GlobalUnlock(out);
-    return out;
+    const int w = gray.cols;
+    return WritePage(gray, CV_8UC1, like, 1, 2,
+                     [w](const std::uint8_t *s, std::uint8_t *d) { kernels::ThresholdToBits(s, d, w, 128); });
 }
 
 HGLOBAL MakePageLike(const cv::Mat &image, const ScanPage &like) {
