@@ -335,6 +335,29 @@ inline std::uint8_t Gray(unsigned b, unsigned g, unsigned r) {
     return static_cast<std::uint8_t>((892007u * r + 2999598u * g + 302699u * b + 2097133u) >> 22);
 }
 
+// Byte shuffles that spread the blue, green and red of four pixels (of bpp
+// bytes) into the 32-bit lanes of each 128-bit half, and the shuffle that
+// puts lane bytes back in pixel order (-1 where a byte has no lane value).
+struct Spread {
+    __m256i b, g, r, back;
+};
+
+__attribute__((target("avx2"))) Spread SpreadMasks(int bpp) {
+    const int lane = 4 * bpp;
+    alignas(32) std::int8_t masks[4][32];
+    for (int i = 0; i < 32; ++i) {
+        const int j = i & 15;
+        for (int c = 0; c < 3; ++c) masks[c][i] = (i & 3) == 0 ? static_cast<std::int8_t>(bpp * (j >> 2) + c) : -1;
+        masks[3][i] = j < lane && j % bpp < 3 ? static_cast<std::int8_t>(4 * (j / bpp) + j % bpp) : -1;
+    }
+    Spread m;
+    m.b = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[0]));
+    m.g = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
+    m.r = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
+    m.back = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[3]));
+    return m;
+}
+
 // Eight pixels a step in 32-bit lanes: four pixels' blue, green and red
 // spread into each 128-bit lane by byte shuffles, the same integer sum, the
 // red and blue tests as lane masks. Returns the pixels done; the loads never
@@ -342,12 +365,8 @@ inline std::uint8_t Gray(unsigned b, unsigned g, unsigned r) {
 __attribute__((target("avx2"))) int ColourToGrayAvx2(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta,
                                                      int blueDelta) {
     const int lane = 4 * bpp;
-    alignas(32) std::int8_t masks[3][32];
-    for (int c = 0; c < 3; ++c)
-        for (int i = 0; i < 32; ++i) masks[c][i] = (i & 3) == 0 ? static_cast<std::int8_t>(bpp * ((i & 15) >> 2) + c) : -1;
-    const __m256i mb = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[0]));
-    const __m256i mg = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
-    const __m256i mr = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
+    const Spread spread = SpreadMasks(bpp);
+    const __m256i mb = spread.b, mg = spread.g, mr = spread.r;
     const __m256i wr = _mm256_set1_epi32(892007), wg = _mm256_set1_epi32(2999598), wb = _mm256_set1_epi32(302699);
     const __m256i half = _mm256_set1_epi32(2097133), floor59 = _mm256_set1_epi32(59);
     const __m256i rd = _mm256_set1_epi32(redDelta > 0 ? redDelta - 1 : 0), bd = _mm256_set1_epi32(blueDelta > 0 ? blueDelta - 1 : 0);
@@ -517,17 +536,8 @@ __attribute__((target("avx2"))) inline __m256i Distinct(__m256i use, __m256i c, 
 __attribute__((target("avx2"))) int DecolourAvx2(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta,
                                                  int blueDelta, int greenDelta) {
     const int lane = 4 * bpp;
-    alignas(32) std::int8_t masks[4][32];
-    for (int i = 0; i < 32; ++i) {
-        const int j = i & 15;
-        for (int c = 0; c < 3; ++c) masks[c][i] = (i & 3) == 0 ? static_cast<std::int8_t>(bpp * (j >> 2) + c) : -1;
-        // Back to pixel order: byte j of the half from lane byte 4 (j / bpp) + j % bpp.
-        masks[3][i] = j < lane && j % bpp < 3 ? static_cast<std::int8_t>(4 * (j / bpp) + j % bpp) : -1;
-    }
-    const __m256i mb = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[0]));
-    const __m256i mg = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
-    const __m256i mr = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
-    const __m256i back = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[3]));
+    const Spread spread = SpreadMasks(bpp);
+    const __m256i mb = spread.b, mg = spread.g, mr = spread.r, back = spread.back;
     // Bytes the shuffle back leaves empty (the fourth byte, the overlap) keep the source.
     const __m256i untouched = _mm256_cmpgt_epi8(_mm256_setzero_si256(), back);
     const __m256i floor59 = _mm256_set1_epi32(59), repeat = _mm256_set1_epi32(0x010101);
@@ -573,16 +583,8 @@ void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelt
 __attribute__((target("avx2"))) int RedMarksAvx2(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int colorDiff,
                                                  int minLevel, bool keepBlue) {
     const int lane = 4 * bpp;
-    alignas(32) std::int8_t masks[4][32];
-    for (int i = 0; i < 32; ++i) {
-        const int j = i & 15;
-        for (int c = 0; c < 3; ++c) masks[c][i] = (i & 3) == 0 ? static_cast<std::int8_t>(bpp * (j >> 2) + c) : -1;
-        masks[3][i] = j < lane && j % bpp < 3 ? static_cast<std::int8_t>(4 * (j / bpp) + j % bpp) : -1;
-    }
-    const __m256i mb = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[0]));
-    const __m256i mg = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
-    const __m256i mr = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
-    const __m256i back = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[3]));
+    const Spread spread = SpreadMasks(bpp);
+    const __m256i mb = spread.b, mg = spread.g, mr = spread.r, back = spread.back;
     const __m256i untouched = _mm256_cmpgt_epi8(_mm256_setzero_si256(), back);
     const __m256i level = _mm256_set1_epi32(std::clamp(minLevel, 0, 256) - 1);
     const __m256i diff = _mm256_set1_epi32(std::clamp(colorDiff, -256, 256) - 1);
