@@ -1,5 +1,5 @@
-// Exports of the tone, text-effect, fill, arithmetic, conversion and resize
-// operations.
+// Exports of the pixel family: mirror, flip, invert, tone, text effect, fills,
+// page arithmetic, mode conversions, thumbnail and resize.
 #include "exports/export.h"
 #include "pixel/pixel.h"
 
@@ -8,6 +8,9 @@ namespace pixel = quarvel::pixel;
 
 extern "C" {
 
+HGLOBAL QUARVEL_CALL Mirror(HGLOBAL hDib) { return Guarded<HGLOBAL>(nullptr, [&] { return pixel::Mirror(hDib); }); }
+HGLOBAL QUARVEL_CALL Flip(HGLOBAL hDib) { return Guarded<HGLOBAL>(nullptr, [&] { return pixel::Flip(hDib); }); }
+HGLOBAL QUARVEL_CALL Invert(HGLOBAL hDib) { return Guarded<HGLOBAL>(nullptr, [&] { return pixel::Invert(hDib); }); }
 HGLOBAL QUARVEL_CALL AdjustBrightness(HGLOBAL hDib, int brightness) {
     return Guarded<HGLOBAL>(nullptr, [&] { return pixel::AdjustBrightness(hDib, brightness); });
 }
