@@ -1,0 +1,66 @@
+// Level kernels (tone lines, histograms, column sums) against their plain
+// twins bit for bit, and the tone line against every contrast table it
+// replaces.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+#include "frame/kernels.h"
+#include "frame/kernels_tone.h"
+#include "pixel/pixel.h"
+
+namespace {
+
+namespace k = quarvel::kernels;
+
+std::vector<std::uint8_t> Noise(std::size_t n, unsigned seed) {
+    std::mt19937 g(seed);
+    std::vector<std::uint8_t> v(n);
+    for (auto &b : v) b = static_cast<std::uint8_t>(g());
+    return v;
+}
+
+// Every contrast table (with and without brightness, the pivot anywhere in
+// 0..255) is a clamped line, except contrast 100, the hard step, which stays
+// a lookup.
+TEST(ToneLine, FitsEveryContrastTableButTheStep) {
+    for (bool both : {false, true}) {
+        for (int b = both ? -520 : 0; b <= (both ? 520 : 0); b += both ? 3 : 1) {
+            for (int c = -100; c <= 100; ++c) {
+                int t[256];
+                if ((both && c == 0) || !quarvel::pixel::ContrastTable(b, c, both, t)) continue;
+                std::uint8_t contrast[256], folded[256];
+                for (int v = 0; v < 256; ++v) contrast[v] = static_cast<std::uint8_t>(t[v]);
+                for (int v = 0; v < 256; ++v) folded[v] = contrast[both ? std::clamp(v + b, 0, 255) : v];
+                k::ToneLine line{};
+                const bool fits = k::FitToneLine(contrast, both ? 127 + b / 4 : 127, &line);
+                line.brightness = both ? std::clamp(b, -255, 255) : 0;
+                ASSERT_EQ(fits && k::ToneLineMatches(line, folded), c != 100) << b << " " << c << " " << both;
+            }
+        }
+    }
+}
+
+TEST(ToneLine, FastRowsMatchThePlainRowAndKeepTheGuards) {
+    const std::vector<k::ToneLine> lines = {{0, 127, 65536, 65536}, {-40, 117, 93623, 41000}, {255, 0, 8388607, 0},
+                                            {-300, 255, 0, 127 << 16}, {17, 200, 1, 300000}};
+    for (int n : {1, 15, 16, 33, 64, 250, 2481}) {
+        const std::vector<std::uint8_t> src = Noise(static_cast<std::size_t>(n) + 32, static_cast<unsigned>(n));
+        for (const k::ToneLine &line : lines) {
+            for (bool fourth : {false, true}) {
+                for (bool avx2 : {true, false}) {
+                    std::vector<std::uint8_t> fast = Noise(src.size(), 5), slow = fast;
+                    const bool was = k::UseAvx2(avx2);
+                    k::ToneRow(src.data() + 16, fast.data() + 16, static_cast<std::size_t>(n), line, fourth);
+                    k::UseAvx2(was);
+                    k::plain::ToneRow(src.data() + 16, slow.data() + 16, static_cast<std::size_t>(n), line, fourth);
+                    EXPECT_EQ(fast, slow) << n << " pivot " << line.pivot << " fourth " << fourth << " avx2 " << avx2;
+                }
+            }
+        }
+    }
+}
+
+}  // namespace
