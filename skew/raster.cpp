@@ -5,12 +5,13 @@
 // loads the same whichever order its two colours are in); 16-bit pixels are
 // 5-5-5; the fourth byte of a 32-bit pixel is ignored.
 #include <algorithm>
-#include <array>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <vector>
 
 #include "frame/dib.h"
+#include "frame/histogram.h"
 #include "frame/kernels.h"
 #include "skew/skew.h"
 
@@ -279,7 +280,9 @@ std::uint8_t PixelInks::at(int x, int y) const {
 }
 
 // Counts per depth: 1-bit rows by population count, indexed rows by index
-// (then folded through the table's inks), colour pixels by their ink.
+// (then folded through the table's inks), colour pixels by their B + G + R
+// sum (then folded into inks); 8-bit and colour rows by the row histogram
+// kernels, which count a run of equal values with one addition.
 bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
     std::memset(count, 0, 256 * sizeof count[0]);
     if (!block.Readable()) return false;
@@ -295,8 +298,8 @@ bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
     std::uint32_t raw[4][256] = {};
     // Colour pixels are counted by their (B + G + R) sum, folded into inks
     // at the end.
-    std::vector<std::array<std::uint32_t, 766>> sums(bits == 24 || bits == 32 ? 2 : 0);
-    for (auto &s : sums) s.fill(0);
+    const bool colour = bits == 24 || bits == 32;
+    const std::unique_ptr<std::uint32_t[][766]> sums(colour ? new std::uint32_t[2][766]() : nullptr);
     for (int j = 0; j < h; ++j) {
         const std::uint8_t *src = rows + static_cast<std::size_t>(j) * stride;
         switch (bits) {
@@ -318,12 +321,9 @@ bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
         case 4:
             for (int i = 0; i < w; ++i) ++raw[i & 3][(i & 1) ? (src[i >> 1] & 0x0F) : (src[i >> 1] >> 4)];
             break;
-        case 8: {
-            int i = 0;
-            for (; i + 4 <= w; i += 4) ++raw[0][src[i]], ++raw[1][src[i + 1]], ++raw[2][src[i + 2]], ++raw[3][src[i + 3]];
-            for (; i < w; ++i) ++raw[0][src[i]];
+        case 8:
+            kernels::CountLevelsRow(src, w, raw);
             break;
-        }
         case 16:
             for (int i = 0; i < w; ++i) {
                 const unsigned word = src[2 * i] | (src[2 * i + 1] << 8);
@@ -331,23 +331,16 @@ bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
             }
             break;
         case 24:
-        case 32: {
-            const int step = bits / 8;
-            int i = 0;
-            for (; i + 2 <= w; i += 2, src += 2 * step) {
-                ++sums[0][src[0] + src[1] + src[2]];
-                ++sums[1][src[step] + src[step + 1] + src[step + 2]];
-            }
-            if (i < w) ++sums[0][src[0] + src[1] + src[2]];
+        case 32:
+            kernels::CountSumsRow(src, w, bits / 8, sums.get());
             break;
-        }
         default:
             count[0] += static_cast<std::uint32_t>(w);
             break;
         }
     }
-    for (const auto &s : sums)
-        for (unsigned v = 0; v < 766; ++v) count[bySum[v]] += s[v];
+    if (colour)
+        for (unsigned v = 0; v < 766; ++v) count[bySum[v]] += sums[0][v] + sums[1][v];
     const bool indexed = bits == 1 || bits == 4 || bits == 8;
     for (int v = 0; v < 256; ++v) {
         const std::uint32_t n = raw[0][v] + raw[1][v] + raw[2][v] + raw[3][v];

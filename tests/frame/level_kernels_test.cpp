@@ -7,6 +7,7 @@
 #include <random>
 #include <vector>
 
+#include "frame/histogram.h"
 #include "frame/kernels.h"
 #include "frame/kernels_tone.h"
 #include "pixel/pixel.h"
@@ -59,6 +60,34 @@ TEST(ToneLine, FastRowsMatchThePlainRowAndKeepTheGuards) {
                     EXPECT_EQ(fast, slow) << n << " pivot " << line.pivot << " fourth " << fourth << " avx2 " << avx2;
                 }
             }
+        }
+    }
+}
+
+// Rows of noise broken by runs of one level or one colour (runs longer and
+// shorter than a step, starting anywhere) give the plain row's histogram.
+TEST(RowHistograms, FastRowsMatchThePlainRow) {
+    for (int n : {1, 17, 31, 32, 40, 100, 2481}) {
+        std::vector<std::uint8_t> src = Noise(4 * static_cast<std::size_t>(n), static_cast<unsigned>(n));
+        for (int at = 3; at + 40 < 4 * n; at += 90) std::fill(src.begin() + at, src.begin() + at + (at % 7) * 9, src[at]);
+        for (bool avx2 : {true, false}) {
+            const bool was = k::UseAvx2(avx2);
+            std::uint32_t fast[4][256] = {}, slow[4][256] = {};
+            k::CountLevelsRow(src.data(), n, fast);
+            k::plain::CountLevelsRow(src.data(), n, slow);
+            for (int v = 0; v < 256; ++v) EXPECT_EQ(fast[0][v] + fast[1][v] + fast[2][v] + fast[3][v], slow[0][v]) << n << " level " << v;
+            for (int bpp : {3, 4}) {
+                std::vector<std::uint8_t> colour = src;
+                // Runs of one pixel, and runs of pixels with one sum but different colours.
+                for (int x = 5; x + 20 < n; x += 37)
+                    for (int j = 0; j < 12; ++j)
+                        for (int c = 0; c < 3; ++c) colour[static_cast<std::size_t>((x + j) * bpp + c)] = static_cast<std::uint8_t>(x % 2 ? 90 + c : 90 + (c + j) % 3);
+                std::uint32_t fastSums[2][766] = {}, slowSums[2][766] = {};
+                k::CountSumsRow(colour.data(), n, bpp, fastSums);
+                k::plain::CountSumsRow(colour.data(), n, bpp, slowSums);
+                for (int v = 0; v < 766; ++v) EXPECT_EQ(fastSums[0][v] + fastSums[1][v], slowSums[0][v]) << n << " sum " << v;
+            }
+            k::UseAvx2(was);
         }
     }
 }
