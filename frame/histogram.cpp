@@ -17,6 +17,14 @@ namespace quarvel::kernels {
 
 namespace plain {
 
+void AddBytesRow(const std::uint8_t *src, int n, bool complement, std::uint16_t *col) {
+    for (int x = 0; x < n; ++x) col[x] = static_cast<std::uint16_t>(col[x] + (complement ? 255 - src[x] : src[x]));
+}
+
+void AddBitsRow(const std::uint8_t *src, int n, std::uint8_t zero, std::uint8_t one, std::uint16_t *col) {
+    for (int x = 0; x < n; ++x) col[x] = static_cast<std::uint16_t>(col[x] + ((src[x >> 3] >> (7 - (x & 7))) & 1 ? one : zero));
+}
+
 void CountLevelsRow(const std::uint8_t *src, int n, std::uint32_t count[4][256]) {
     for (int i = 0; i < n; ++i) ++count[0][src[i]];
 }
@@ -73,7 +81,58 @@ __attribute__((target("avx2"))) int CountSumsAvx2(const std::uint8_t *src, int n
     return x;
 }
 
+// 32 levels widened to 16 bits (the in-lane unpacks give columns 0-7 with
+// 16-23 and 8-15 with 24-31; one lane exchange puts them in order) and added
+// to 32 column sums.
+__attribute__((target("avx2"))) inline void AddLevels32(__m256i v, std::uint16_t *col) {
+    const __m256i zero = _mm256_setzero_si256();
+    __m256i *c = reinterpret_cast<__m256i *>(col);
+    const __m256i c0 = _mm256_loadu_si256(c), c1 = _mm256_loadu_si256(c + 1);
+    const __m256i w0 = _mm256_unpacklo_epi8(v, zero), w1 = _mm256_unpackhi_epi8(v, zero);
+    // w0 = columns 0-7 | 16-23, w1 = 8-15 | 24-31.
+    const __m256i s0 = _mm256_add_epi16(c0, _mm256_permute2x128_si256(w0, w1, 0x20));
+    const __m256i s1 = _mm256_add_epi16(c1, _mm256_permute2x128_si256(w0, w1, 0x31));
+    _mm256_storeu_si256(c, s0);
+    _mm256_storeu_si256(c + 1, s1);
+}
+
+__attribute__((target("avx2"))) int AddBytesAvx2(const std::uint8_t *src, int n, bool complement, std::uint16_t *col) {
+    const __m256i flip = _mm256_set1_epi8(complement ? -1 : 0);
+    int x = 0;
+    for (; x + 32 <= n; x += 32) AddLevels32(_mm256_xor_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + x)), flip), col + x);
+    return x;
+}
+
+// Bits to levels 32 at a time: the four source bytes repeated eight times
+// each, every byte tested against its own bit, and the test choosing `one`
+// or `zero`.
+__attribute__((target("avx2"))) int AddBitsAvx2(const std::uint8_t *src, int n, std::uint8_t zero, std::uint8_t one, std::uint16_t *col) {
+    const __m256i spread = _mm256_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2, 2, 2, 2, 3, 3, 3, 3, 3, 3, 3, 3);
+    const __m256i bit = _mm256_set1_epi64x(static_cast<long long>(0x0102040810204080ull));
+    const __m256i z = _mm256_set1_epi8(static_cast<char>(zero)), o = _mm256_set1_epi8(static_cast<char>(one));
+    int x = 0;
+    for (; x + 32 <= n; x += 32) {
+        std::int32_t four;
+        std::memcpy(&four, src + (x >> 3), 4);
+        const __m256i bytes = _mm256_shuffle_epi8(_mm256_set1_epi32(four), spread);
+        const __m256i set = _mm256_cmpeq_epi8(_mm256_and_si256(bytes, bit), bit);
+        AddLevels32(_mm256_blendv_epi8(z, o, set), col + x);
+    }
+    return x;
+}
+
 }  // namespace
+
+void AddBytesRow(const std::uint8_t *src, int n, bool complement, std::uint16_t *col) {
+    const int x = Avx2On() ? AddBytesAvx2(src, n, complement, col) : 0;
+    plain::AddBytesRow(src + x, n - x, complement, col + x);
+}
+
+void AddBitsRow(const std::uint8_t *src, int n, std::uint8_t zero, std::uint8_t one, std::uint16_t *col) {
+    const int x = Avx2On() ? AddBitsAvx2(src, n, zero, one, col) : 0;
+    // x is a multiple of 32, so the rest starts on a whole byte.
+    plain::AddBitsRow(src + (x >> 3), n - x, zero, one, col + x);
+}
 
 void CountLevelsRow(const std::uint8_t *src, int n, std::uint32_t count[4][256]) {
     int i = 0;

@@ -209,41 +209,45 @@ bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k) {
     const std::uint8_t *rows = block.GetBits();
     const InkTables tables(block, bits);
     const int used = rw * k;
-    std::vector<std::uint8_t> line(static_cast<std::size_t>(w));
-    std::vector<std::uint32_t> columns(static_cast<std::size_t>(used));
     const unsigned area = static_cast<unsigned>(k) * static_cast<unsigned>(k);
+    // 1- and 8-bit rows sum in 16 bits (k rows of levels up to 255 fit while
+    // k <= 257) through the column kernels; an 8-bit page whose inks are the
+    // complements of its indices (a rising gray ramp) needs no lookup.
+    bool ramp = bits == 8;
+    for (int v = 0; ramp && v < 256; ++v) ramp = tables.inks[v] == 255 - v;
+    const bool narrow = (bits == 1 || bits == 8) && k <= 257;
+    std::vector<std::uint8_t> line(static_cast<std::size_t>(w));
+    std::vector<std::uint32_t> columns(narrow ? 0 : static_cast<std::size_t>(used));
+    std::vector<std::uint16_t> narrowColumns(narrow ? static_cast<std::size_t>(used) : 0);
     for (int j = 0; j < rh; ++j) {
         std::fill(columns.begin(), columns.end(), 0u);
+        std::fill(narrowColumns.begin(), narrowColumns.end(), std::uint16_t{0});
         for (int dy = 0; dy < k; ++dy) {
             const int stored = h - 1 - (j * k + dy);
             const std::uint8_t *src = rows + static_cast<std::size_t>(stored) * stride;
-            std::uint32_t *col = columns.data();
-            switch (bits) {
-            case 1:
-                // A block's k pixels add ones * ink(1) + (k - ones) * ink(0),
-                // kept in the block's first column.
-                for (int i = 0; i < rw; ++i) {
-                    const auto ones = static_cast<std::uint32_t>(kernels::CountOnes(src, i * k, k));
-                    col[static_cast<std::size_t>(i) * k] += ones * tables.inks[1] + (static_cast<std::uint32_t>(k) - ones) * tables.inks[0];
-                }
-                break;
-            case 8:
-                for (int x = 0; x < used; ++x) col[x] += tables.inks[src[x]];
-                break;
-            case 24:
-            case 32:
-                kernels::AddInkRow(src, used, bits / 8, col);
-                break;
-            default:
+            if (narrow && bits == 1) {
+                kernels::AddBitsRow(src, used, tables.inks[0], tables.inks[1], narrowColumns.data());
+            } else if (narrow && ramp) {
+                kernels::AddBytesRow(src, used, true, narrowColumns.data());
+            } else if (narrow) {
+                kernels::LookupRow(src, line.data(), static_cast<std::size_t>(used), tables.inks);
+                kernels::AddBytesRow(line.data(), used, false, narrowColumns.data());
+            } else if (bits == 24 || bits == 32) {
+                kernels::AddInkRow(src, used, bits / 8, columns.data());
+            } else {
                 DecodeRow(src, line.data(), used, bits, tables);
-                for (int x = 0; x < used; ++x) col[x] += line[x];
-                break;
+                for (int x = 0; x < used; ++x) columns[static_cast<std::size_t>(x)] += line[static_cast<std::size_t>(x)];
             }
         }
         std::uint8_t *out = target.data() + static_cast<std::size_t>(j) * static_cast<std::size_t>(rw);
         for (int i = 0; i < rw; ++i) {
             std::uint32_t s = 0;
-            for (int dx = 0; dx < k; ++dx) s += columns[static_cast<std::size_t>(i) * k + dx];
+            const std::size_t at = static_cast<std::size_t>(i) * static_cast<std::size_t>(k);
+            if (narrow) {
+                for (int dx = 0; dx < k; ++dx) s += narrowColumns[at + static_cast<std::size_t>(dx)];
+            } else {
+                for (int dx = 0; dx < k; ++dx) s += columns[at + static_cast<std::size_t>(dx)];
+            }
             out[i] = static_cast<std::uint8_t>(s / area);
         }
     }

@@ -92,4 +92,25 @@ TEST(RowHistograms, FastRowsMatchThePlainRow) {
     }
 }
 
+TEST(ColumnSums, FastRowsMatchThePlainRow) {
+    for (int n : {1, 31, 32, 33, 95, 2481}) {
+        const std::vector<std::uint8_t> src = Noise(static_cast<std::size_t>(n) + 8, static_cast<unsigned>(n));
+        for (bool avx2 : {true, false}) {
+            const bool was = k::UseAvx2(avx2);
+            const std::vector<std::uint16_t> start(static_cast<std::size_t>(n) + 16, 65000);
+            for (bool complement : {false, true}) {
+                std::vector<std::uint16_t> fast = start, slow = start;
+                k::AddBytesRow(src.data(), n, complement, fast.data());
+                k::plain::AddBytesRow(src.data(), n, complement, slow.data());
+                EXPECT_EQ(fast, slow) << n << " complement " << complement;
+            }
+            std::vector<std::uint16_t> fast = start, slow = start;
+            k::AddBitsRow(src.data(), n, 3, 250, fast.data());
+            k::plain::AddBitsRow(src.data(), n, 3, 250, slow.data());
+            EXPECT_EQ(fast, slow) << n << " bits";
+            k::UseAvx2(was);
+        }
+    }
+}
+
 }  // namespace
