@@ -1,9 +1,10 @@
 // Row histograms (see histogram.h). Levels: 32 bytes a step (AVX2) or 16
 // (SSE2) compared with the step's first byte; a step of one level adds its
 // length once, any other counts its bytes into four tables in turn. Colour
-// sums: eight pixels a step spread into 32-bit lanes (the byte shuffles of
-// the colour kernels), B + G + R summed there; eight equal sums add 8 once,
-// else the eight sums are counted into two tables in turn.
+// sums: sixteen equal pixels add 16 once; else eight pixels a step spread
+// into 32-bit lanes (the byte shuffles of the colour kernels), B + G + R
+// summed there; eight equal sums add 8 once, else the eight sums are counted
+// into two tables in turn. Column sums: see AddLevels32 and AddBitsAvx2.
 #include "frame/histogram.h"
 
 #include <emmintrin.h>
@@ -64,9 +65,33 @@ __attribute__((target("avx2"))) int CountSumsAvx2(const std::uint8_t *src, int n
     const __m256i mg = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
     const __m256i mr = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
     alignas(32) std::uint32_t s[8];
+    const __m256i low3 = _mm256_set1_epi32(0x00FFFFFF);
     int x = 0;
     for (; (n - x) * bpp >= lane + 16; x += 8) {
         const std::uint8_t *q = src + static_cast<std::ptrdiff_t>(x) * bpp;
+        // Sixteen equal pixels (the next step's eight too): 3-byte pixels as
+        // bytes repeating every three (byte i against byte i + 3 for i < 45),
+        // 4-byte pixels as equal dwords without their fourth bytes.
+        if ((n - x) * bpp >= 16 * bpp + 8) {
+            bool same;
+            if (bpp == 3) {
+                const __m256i a = _mm256_cmpeq_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(q)),
+                                                    _mm256_loadu_si256(reinterpret_cast<const __m256i *>(q + 3)));
+                const __m256i b = _mm256_cmpeq_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(q + 13)),
+                                                    _mm256_loadu_si256(reinterpret_cast<const __m256i *>(q + 16)));
+                same = _mm256_movemask_epi8(_mm256_and_si256(a, b)) == -1;
+            } else {
+                const __m256i first = _mm256_set1_epi32(static_cast<int>(q[0] | q[1] << 8 | q[2] << 16));
+                const __m256i a = _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(q)), low3);
+                const __m256i b = _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(q + 32)), low3);
+                same = _mm256_movemask_epi8(_mm256_and_si256(_mm256_cmpeq_epi32(a, first), _mm256_cmpeq_epi32(b, first))) == -1;
+            }
+            if (same) {
+                sums[0][q[0] + q[1] + q[2]] += 16;
+                x += 8;
+                continue;
+            }
+        }
         const __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
                                                   _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + lane)), 1);
         const __m256i sum = _mm256_add_epi32(_mm256_add_epi32(_mm256_shuffle_epi8(v, mb), _mm256_shuffle_epi8(v, mg)), _mm256_shuffle_epi8(v, mr));
