@@ -26,6 +26,10 @@ void AddBitsRow(const std::uint8_t *src, int n, std::uint8_t zero, std::uint8_t 
     for (int x = 0; x < n; ++x) col[x] = static_cast<std::uint16_t>(col[x] + ((src[x >> 3] >> (7 - (x & 7))) & 1 ? one : zero));
 }
 
+void AddColourInkRow(const std::uint8_t *src, int n, int bpp, std::uint16_t *col) {
+    for (int x = 0; x < n; ++x, src += bpp) col[x] = static_cast<std::uint16_t>(col[x] + 255 - (src[0] + src[1] + src[2]) / 3);
+}
+
 void CountLevelsRow(const std::uint8_t *src, int n, std::uint32_t count[4][256]) {
     for (int i = 0; i < n; ++i) ++count[0][src[i]];
 }
@@ -146,7 +150,41 @@ __attribute__((target("avx2"))) int AddBitsAvx2(const std::uint8_t *src, int n, 
     return x;
 }
 
+// Sixteen pixels a step: two groups of eight summed in 32-bit lanes (as the
+// colour sums are), packed to 16 bits and put back in order by one
+// permutation; s / 3 is the high half of s * 21846, exact for s <= 765
+// (the error, s * 2 / (3 * 65536), stays below 1/3).
+__attribute__((target("avx2"))) int AddColourInkAvx2(const std::uint8_t *src, int n, int bpp, std::uint16_t *col) {
+    const int lane = 4 * bpp;
+    alignas(32) std::int8_t masks[3][32];
+    for (int i = 0; i < 32; ++i)
+        for (int c = 0; c < 3; ++c) masks[c][i] = (i & 3) == 0 ? static_cast<std::int8_t>(bpp * ((i & 15) >> 2) + c) : -1;
+    const __m256i mb = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[0]));
+    const __m256i mg = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
+    const __m256i mr = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
+    const __m256i third = _mm256_set1_epi16(21846), white = _mm256_set1_epi16(255);
+    auto sums = [&](const std::uint8_t *q) __attribute__((target("avx2"))) {
+        const __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
+                                                  _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + lane)), 1);
+        return _mm256_add_epi32(_mm256_add_epi32(_mm256_shuffle_epi8(v, mb), _mm256_shuffle_epi8(v, mg)), _mm256_shuffle_epi8(v, mr));
+    };
+    int x = 0;
+    for (; (n - x) * bpp >= 8 * bpp + lane + 16; x += 16) {
+        const std::uint8_t *q = src + static_cast<std::ptrdiff_t>(x) * bpp;
+        const __m256i s = _mm256_permute4x64_epi64(_mm256_packus_epi32(sums(q), sums(q + 8 * bpp)), 0xD8);
+        const __m256i ink = _mm256_sub_epi16(white, _mm256_mulhi_epu16(s, third));
+        __m256i *c = reinterpret_cast<__m256i *>(col + x);
+        _mm256_storeu_si256(c, _mm256_add_epi16(_mm256_loadu_si256(c), ink));
+    }
+    return x;
+}
+
 }  // namespace
+
+void AddColourInkRow(const std::uint8_t *src, int n, int bpp, std::uint16_t *col) {
+    const int x = Avx2On() && (bpp == 3 || bpp == 4) ? AddColourInkAvx2(src, n, bpp, col) : 0;
+    plain::AddColourInkRow(src + static_cast<std::ptrdiff_t>(x) * bpp, n - x, bpp, col + x);
+}
 
 void AddBytesRow(const std::uint8_t *src, int n, bool complement, std::uint16_t *col) {
     const int x = Avx2On() ? AddBytesAvx2(src, n, complement, col) : 0;

@@ -24,8 +24,11 @@ void CountSumsRow(const std::uint8_t *src, int n, int bpp, std::uint32_t sums[2]
 // packed row (most significant bit first) is set or not, for n bits.
 void AddBytesRow(const std::uint8_t *src, int n, bool complement, std::uint16_t *col);
 void AddBitsRow(const std::uint8_t *src, int n, std::uint8_t zero, std::uint8_t one, std::uint16_t *col);
+// col[x] += 255 - (B + G + R) / 3 for n colour pixels of `bpp` bytes (3 or 4).
+void AddColourInkRow(const std::uint8_t *src, int n, int bpp, std::uint16_t *col);
 
 namespace plain {
+void AddColourInkRow(const std::uint8_t *src, int n, int bpp, std::uint16_t *col);
 void AddBytesRow(const std::uint8_t *src, int n, bool complement, std::uint16_t *col);
 void AddBitsRow(const std::uint8_t *src, int n, std::uint8_t zero, std::uint8_t one, std::uint16_t *col);
 void CountLevelsRow(const std::uint8_t *src, int n, std::uint32_t count[4][256]);

@@ -210,12 +210,13 @@ bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k) {
     const InkTables tables(block, bits);
     const int used = rw * k;
     const unsigned area = static_cast<unsigned>(k) * static_cast<unsigned>(k);
-    // 1- and 8-bit rows sum in 16 bits (k rows of levels up to 255 fit while
-    // k <= 257) through the column kernels; an 8-bit page whose inks are the
-    // complements of its indices (a rising gray ramp) needs no lookup.
+    // 1-, 8-, 24- and 32-bit rows sum in 16 bits (k rows of inks up to 255
+    // fit while k <= 257) through the column kernels; an 8-bit page whose
+    // inks are the complements of its indices (a rising gray ramp) needs no
+    // lookup.
     bool ramp = bits == 8;
     for (int v = 0; ramp && v < 256; ++v) ramp = tables.inks[v] == 255 - v;
-    const bool narrow = (bits == 1 || bits == 8) && k <= 257;
+    const bool narrow = (bits == 1 || bits == 8 || bits == 24 || bits == 32) && k <= 257;
     std::vector<std::uint8_t> line(static_cast<std::size_t>(w));
     std::vector<std::uint32_t> columns(narrow ? 0 : static_cast<std::size_t>(used));
     std::vector<std::uint16_t> narrowColumns(narrow ? static_cast<std::size_t>(used) : 0);
@@ -227,6 +228,8 @@ bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k) {
             const std::uint8_t *src = rows + static_cast<std::size_t>(stored) * stride;
             if (narrow && bits == 1) {
                 kernels::AddBitsRow(src, used, tables.inks[0], tables.inks[1], narrowColumns.data());
+            } else if (narrow && bits >= 24) {
+                kernels::AddColourInkRow(src, used, bits / 8, narrowColumns.data());
             } else if (narrow && ramp) {
                 kernels::AddBytesRow(src, used, true, narrowColumns.data());
             } else if (narrow) {

@@ -108,6 +108,13 @@ TEST(ColumnSums, FastRowsMatchThePlainRow) {
             k::AddBitsRow(src.data(), n, 3, 250, fast.data());
             k::plain::AddBitsRow(src.data(), n, 3, 250, slow.data());
             EXPECT_EQ(fast, slow) << n << " bits";
+            for (int bpp : {3, 4}) {
+                const std::vector<std::uint8_t> colour = Noise(static_cast<std::size_t>(n * bpp), static_cast<unsigned>(n + bpp));
+                fast = slow = start;
+                k::AddColourInkRow(colour.data(), n, bpp, fast.data());
+                k::plain::AddColourInkRow(colour.data(), n, bpp, slow.data());
+                EXPECT_EQ(fast, slow) << n << " ink " << bpp;
+            }
             k::UseAvx2(was);
         }
     }
