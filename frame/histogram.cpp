@@ -1,6 +1,6 @@
-// Row histograms (see histogram.h). Levels: 32 bytes a step (AVX2) or 16
-// (SSE2) compared with the step's first byte; a step of one level adds its
-// length once, any other counts its bytes into four tables in turn. Colour
+// Row histograms (see histogram.h). Levels: 32 bytes a step compared with
+// the step's first byte (SSE2); a step of one level adds 32 once, any other
+// counts its sixteen pairs into the pair tables. Colour
 // sums: sixteen equal pixels add 16 once; else eight pixels a step spread
 // into 32-bit lanes (the byte shuffles of the colour kernels), B + G + R
 // summed there; eight equal sums add 8 once, else the eight sums are counted
@@ -11,6 +11,7 @@
 #include <immintrin.h>
 
 #include <cstring>
+#include <new>
 
 #include "frame/kernels.h"
 
@@ -30,8 +31,8 @@ void AddColourInkRow(const std::uint8_t *src, int n, int bpp, std::uint16_t *col
     for (int x = 0; x < n; ++x, src += bpp) col[x] = static_cast<std::uint16_t>(col[x] + 255 - (src[0] + src[1] + src[2]) / 3);
 }
 
-void CountLevelsRow(const std::uint8_t *src, int n, std::uint32_t count[4][256]) {
-    for (int i = 0; i < n; ++i) ++count[0][src[i]];
+void CountLevels(const std::uint8_t *src, int n, std::uint32_t count[256]) {
+    for (int i = 0; i < n; ++i) ++count[src[i]];
 }
 
 void CountSumsRow(const std::uint8_t *src, int n, int bpp, std::uint32_t sums[2][766]) {
@@ -41,24 +42,6 @@ void CountSumsRow(const std::uint8_t *src, int n, int bpp, std::uint32_t sums[2]
 }  // namespace plain
 
 namespace {
-
-inline void CountFour(const std::uint8_t *s, int n, std::uint32_t count[4][256]) {
-    for (int k = 0; k < n; k += 4) ++count[0][s[k]], ++count[1][s[k + 1]], ++count[2][s[k + 2]], ++count[3][s[k + 3]];
-}
-
-__attribute__((target("avx2"))) int CountLevelsAvx2(const std::uint8_t *src, int n, std::uint32_t count[4][256]) {
-    int i = 0;
-    for (; i + 32 <= n; i += 32) {
-        const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + i));
-        const __m256i first = _mm256_broadcastb_epi8(_mm256_castsi256_si128(v));
-        if (_mm256_movemask_epi8(_mm256_cmpeq_epi8(v, first)) == -1) {
-            count[0][src[i]] += 32;
-        } else {
-            CountFour(src + i, 32, count);
-        }
-    }
-    return i;
-}
 
 __attribute__((target("avx2"))) int CountSumsAvx2(const std::uint8_t *src, int n, int bpp, std::uint32_t sums[2][766]) {
     const int lane = 4 * bpp;
@@ -197,21 +180,47 @@ void AddBitsRow(const std::uint8_t *src, int n, std::uint8_t zero, std::uint8_t 
     plain::AddBitsRow(src + (x >> 3), n - x, zero, one, col + x);
 }
 
-void CountLevelsRow(const std::uint8_t *src, int n, std::uint32_t count[4][256]) {
+LevelCounter::LevelCounter(bool pairs) {
+    if (pairs) pairs_.reset(new (std::nothrow) std::uint32_t[2 * 65536]());
+}
+
+void LevelCounter::AddRow(const std::uint8_t *src, int n) {
+    if (!pairs_) {
+        plain::CountLevels(src, n, single_);
+        return;
+    }
+    std::uint32_t *a = pairs_.get(), *b = a + 65536;
     int i = 0;
-    if (Avx2On()) {
-        i = CountLevelsAvx2(src, n, count);
-    } else {
-        for (; i + 16 <= n; i += 16) {
-            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i));
-            if (_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8(static_cast<char>(src[i])))) == 0xFFFF) {
-                count[0][src[i]] += 16;
-            } else {
-                CountFour(src + i, 16, count);
-            }
+    for (; i + 32 <= n; i += 32) {
+        const __m128i first = _mm_set1_epi8(static_cast<char>(src[i]));
+        const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i));
+        const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i + 16));
+        if (_mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi8(v0, first), _mm_cmpeq_epi8(v1, first))) == 0xFFFF) {
+            single_[src[i]] += 32;
+            continue;
+        }
+        for (int k = 0; k < 32; k += 8) {
+            std::uint64_t w;
+            std::memcpy(&w, src + i + k, 8);
+            ++a[w & 0xFFFF], ++b[(w >> 16) & 0xFFFF], ++a[(w >> 32) & 0xFFFF], ++b[w >> 48];
         }
     }
-    plain::CountLevelsRow(src + i, n - i, count);
+    plain::CountLevels(src + i, n - i, single_);
+}
+
+void LevelCounter::AddTo(std::uint32_t count[256]) const {
+    for (int v = 0; v < 256; ++v) count[v] += single_[v];
+    if (!pairs_) return;
+    const std::uint32_t *a = pairs_.get(), *b = a + 65536;
+    for (int second = 0; second < 256; ++second) {
+        std::uint32_t row = 0;
+        for (int first = 0; first < 256; ++first) {
+            const std::uint32_t t = a[second << 8 | first] + b[second << 8 | first];
+            row += t;
+            count[first] += t;
+        }
+        count[second] += row;
+    }
 }
 
 void CountSumsRow(const std::uint8_t *src, int n, int bpp, std::uint32_t sums[2][766]) {

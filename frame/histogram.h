@@ -8,12 +8,31 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 namespace quarvel::kernels {
 
-// count[i % 4 or any table][level] += 1 for each of n bytes: the caller adds
-// the four tables together.
-void CountLevelsRow(const std::uint8_t *src, int n, std::uint32_t count[4][256]);
+// Byte levels of many rows. A run of 32 equal bytes is counted with one
+// addition; any other 32 bytes as sixteen pairs of neighbours, each pair one
+// increment of a 65536-entry table (two tables in turn, so a pair repeated
+// next to itself does not wait for its own count), split into its two
+// levels once at the end. Half the increments of a byte-by-byte count, on
+// tables whose used entries stay in the first-level cache for a page whose
+// levels cluster (paper, ink). Without the tables (`pairs` false, or when
+// their 512 KB cannot be had) every byte is counted on its own.
+class LevelCounter {
+public:
+    explicit LevelCounter(bool pairs);
+    LevelCounter(const LevelCounter &) = delete;
+    LevelCounter &operator=(const LevelCounter &) = delete;
+    void AddRow(const std::uint8_t *src, int n);
+    // count[level] += the bytes of that level added so far.
+    void AddTo(std::uint32_t count[256]) const;
+
+private:
+    std::unique_ptr<std::uint32_t[]> pairs_;  // two tables; index = first byte | second byte << 8
+    std::uint32_t single_[256] = {};
+};
 // sums[any table][B + G + R] += 1 for each of n colour pixels of `bpp` bytes
 // (3 or 4); the caller adds the two tables together.
 void CountSumsRow(const std::uint8_t *src, int n, int bpp, std::uint32_t sums[2][766]);
@@ -31,7 +50,7 @@ namespace plain {
 void AddColourInkRow(const std::uint8_t *src, int n, int bpp, std::uint16_t *col);
 void AddBytesRow(const std::uint8_t *src, int n, bool complement, std::uint16_t *col);
 void AddBitsRow(const std::uint8_t *src, int n, std::uint8_t zero, std::uint8_t one, std::uint16_t *col);
-void CountLevelsRow(const std::uint8_t *src, int n, std::uint32_t count[4][256]);
+void CountLevels(const std::uint8_t *src, int n, std::uint32_t count[256]);
 void CountSumsRow(const std::uint8_t *src, int n, int bpp, std::uint32_t sums[2][766]);
 }  // namespace plain
 

@@ -288,8 +288,9 @@ std::uint8_t PixelInks::at(int x, int y) const {
 
 // Counts per depth: 1-bit rows by population count, indexed rows by index
 // (then folded through the table's inks), colour pixels by their B + G + R
-// sum (then folded into inks); 8-bit and colour rows by the row histogram
-// kernels, which count a run of equal values with one addition.
+// sum (then folded into inks); 8-bit rows by pairs of neighbours and colour
+// rows by the row histogram kernel, both counting a run of equal values
+// with one addition.
 bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
     std::memset(count, 0, 256 * sizeof count[0]);
     if (!block.Readable()) return false;
@@ -305,6 +306,7 @@ bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
     std::uint32_t raw[4][256] = {};
     // Colour pixels are counted by their (B + G + R) sum, folded into inks
     // at the end.
+    kernels::LevelCounter levels(bits == 8);
     const bool colour = bits == 24 || bits == 32;
     const std::unique_ptr<std::uint32_t[][766]> sums(colour ? new std::uint32_t[2][766]() : nullptr);
     for (int j = 0; j < h; ++j) {
@@ -329,7 +331,7 @@ bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
             for (int i = 0; i < w; ++i) ++raw[i & 3][(i & 1) ? (src[i >> 1] & 0x0F) : (src[i >> 1] >> 4)];
             break;
         case 8:
-            kernels::CountLevelsRow(src, w, raw);
+            levels.AddRow(src, w);
             break;
         case 16:
             for (int i = 0; i < w; ++i) {
@@ -348,6 +350,7 @@ bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
     }
     if (colour)
         for (unsigned v = 0; v < 766; ++v) count[bySum[v]] += sums[0][v] + sums[1][v];
+    levels.AddTo(raw[0]);
     const bool indexed = bits == 1 || bits == 4 || bits == 8;
     for (int v = 0; v < 256; ++v) {
         const std::uint32_t n = raw[0][v] + raw[1][v] + raw[2][v] + raw[3][v];

@@ -65,17 +65,26 @@ TEST(ToneLine, FastRowsMatchThePlainRowAndKeepTheGuards) {
 }
 
 // Rows of noise broken by runs of one level or one colour (runs longer and
-// shorter than a step, starting anywhere) give the plain row's histogram.
+// shorter than a step, starting anywhere) give the plain rows' histogram;
+// the level counter over many rows, with and without its pair tables.
 TEST(RowHistograms, FastRowsMatchThePlainRow) {
+    for (bool pairs : {true, false}) {
+        k::LevelCounter counter(pairs);
+        std::uint32_t fast[256] = {}, slow[256] = {};
+        for (int n : {1, 31, 32, 33, 100, 2481}) {
+            std::vector<std::uint8_t> src = Noise(static_cast<std::size_t>(n), static_cast<unsigned>(n));
+            for (int at = 3; at + 40 < n; at += 90) std::fill(src.begin() + at, src.begin() + std::min<int>(at + (at % 7) * 9, static_cast<int>(src.size())), src[at]);
+            counter.AddRow(src.data(), n);
+            k::plain::CountLevels(src.data(), n, slow);
+        }
+        counter.AddTo(fast);
+        EXPECT_TRUE(std::equal(fast, fast + 256, slow)) << "pairs " << pairs;
+    }
     for (int n : {1, 17, 31, 32, 40, 100, 2481}) {
         std::vector<std::uint8_t> src = Noise(4 * static_cast<std::size_t>(n), static_cast<unsigned>(n));
-        for (int at = 3; at + 40 < 4 * n; at += 90) std::fill(src.begin() + at, src.begin() + at + (at % 7) * 9, src[at]);
+        for (int at = 3; at + 40 < 4 * n; at += 90) std::fill(src.begin() + at, src.begin() + std::min<int>(at + (at % 7) * 9, static_cast<int>(src.size())), src[at]);
         for (bool avx2 : {true, false}) {
             const bool was = k::UseAvx2(avx2);
-            std::uint32_t fast[4][256] = {}, slow[4][256] = {};
-            k::CountLevelsRow(src.data(), n, fast);
-            k::plain::CountLevelsRow(src.data(), n, slow);
-            for (int v = 0; v < 256; ++v) EXPECT_EQ(fast[0][v] + fast[1][v] + fast[2][v] + fast[3][v], slow[0][v]) << n << " level " << v;
             for (int bpp : {3, 4}) {
                 std::vector<std::uint8_t> colour = src;
                 // Runs of one pixel, and runs of pixels with one sum but different colours.
