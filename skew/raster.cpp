@@ -220,10 +220,12 @@ bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k) {
     std::vector<std::uint8_t> line(static_cast<std::size_t>(w));
     std::vector<std::uint32_t> columns(narrow ? 0 : static_cast<std::size_t>(used));
     std::vector<std::uint16_t> narrowColumns(narrow ? static_cast<std::size_t>(used) : 0);
-    for (int j = 0; j < rh; ++j) {
+    // Block rows from the bottom of the page up and their rows likewise, so
+    // the stored rows are read in address order.
+    for (int j = rh - 1; j >= 0; --j) {
         std::fill(columns.begin(), columns.end(), 0u);
         std::fill(narrowColumns.begin(), narrowColumns.end(), std::uint16_t{0});
-        for (int dy = 0; dy < k; ++dy) {
+        for (int dy = k - 1; dy >= 0; --dy) {
             const int stored = h - 1 - (j * k + dy);
             const std::uint8_t *src = rows + static_cast<std::size_t>(stored) * stride;
             if (narrow && bits == 1) {
