@@ -1,10 +1,10 @@
-// Row histograms (see histogram.h). Levels: 32 bytes a step compared with
-// the step's first byte (SSE2); a step of one level adds 32 once, any other
-// counts its sixteen pairs into the pair tables. Colour
-// sums: sixteen equal pixels add 16 once; else eight pixels a step spread
-// into 32-bit lanes (the byte shuffles of the colour kernels), B + G + R
-// summed there; eight equal sums add 8 once, else the eight sums are counted
-// into two tables in turn. Column sums: see AddLevels32 and AddBitsAvx2.
+// Histograms (see histogram.h). Levels: 32 bytes a step compared with the
+// step's first byte (SSE2); a step of one level adds 32 once, any other
+// counts its sixteen pairs into the pair tables. Colour sums: sixteen equal
+// pixels add 16 once; else eight pixels a step spread into 32-bit lanes (the
+// byte shuffles of the colour kernels), B + G + R summed there; eight equal
+// sums add 8 once, else the eight sums are counted into two tables in turn.
+// Column sums: 32 levels or bits, or 16 colour pixels, a step (AVX2).
 #include "frame/histogram.h"
 
 #include <emmintrin.h>

@@ -1,10 +1,10 @@
-// Row histograms for the threshold and skew measurements, and the column
-// sums of the reduced skew raster: byte levels, and
-// colour pixels by their B + G + R sum. Runs of equal values (clipped paper,
-// solid ink) are found 32 bytes or 8 pixels at a time and counted with one
-// addition; everything else is counted one by one into interleaved tables
-// (consecutive increments of one level would otherwise wait for each other).
-// Each has a plain twin, the oracle of the tests.
+// Histograms for the threshold and skew measurements (byte levels, and
+// colour pixels by their B + G + R sum) and the column sums of the reduced
+// skew raster. Runs of equal values (clipped paper, solid ink) are found 32
+// bytes or 8-16 pixels at a time and counted with one addition; other levels
+// by pairs of neighbours, other colour sums one by one into two tables in
+// turn (consecutive increments of one entry would otherwise wait for each
+// other). Each kernel has a plain twin, the oracle of the tests.
 #pragma once
 
 #include <cstdint>
