@@ -10,86 +10,49 @@
 //
 // Every sum and difference is taken in 64 bits and clamped to 0..255, so
 // negative amounts work the other way round instead of wrapping, and no
-// amount overflows.
+// amount overflows. The rules run a row at a time in the colour kernels
+// (eight pixels a step, see frame/kernels_colour.cpp).
 #include <algorithm>
 
 #include "colour/colour.h"
+#include "frame/kernels_colour.h"
 
 namespace quarvel::colour {
 
 namespace {
 
-struct Decision {
-    int redExcess, blueExcess;
-    bool dark;
-};
-
-enum class Outcome { kRed, kBlue, kDarken, kBrighten, kNone };
-
-inline Outcome Decide(const std::uint8_t *page, const Decision &d, const EnhanceParams &p) {
-    const bool red = (p.redThreshold > 0) & (page[2] >= 60) & (d.redExcess >= p.redThreshold);
-    const bool blue = (p.blueThreshold > 0) & (page[0] >= 60) & (d.blueExcess >= p.blueThreshold);
-    const bool tone = p.brighten > 0 || p.darken > 0;
-    return red ? Outcome::kRed : blue ? Outcome::kBlue : !tone ? Outcome::kNone : d.dark ? Outcome::kDarken : Outcome::kBrighten;
-}
-
-// Every outcome adds a fixed amount to each channel and clamps, so each is
-// three 256-entry tables built once per call; a pixel then costs three
-// lookups. With darkMarkers, a boost of -255 darkens instead.
-class Outcomes {
-public:
-    Outcomes(const EnhanceParams &p, bool darkMarkers) {
-        const long long dark = -static_cast<long long>(p.darken);
-        const bool redDark = darkMarkers && p.redBoost == -255, blueDark = darkMarkers && p.blueBoost == -255;
-        const long long red = p.redBoost, blue = p.blueBoost;
-        Fill(Outcome::kRed, redDark ? dark : -red, redDark ? dark : -red, redDark ? dark : red);
-        Fill(Outcome::kBlue, blueDark ? dark : blue, blueDark ? dark : -blue, blueDark ? dark : -blue);
-        Fill(Outcome::kDarken, dark, dark, dark);
-        Fill(Outcome::kBrighten, p.brighten, p.brighten, p.brighten);
-    }
-    // Writes the outcome for page pixel `in` into `out` (which may be the
-    // same); kNone leaves `out` as it is (the base image's pixel).
-    void Write(Outcome o, const std::uint8_t *in, std::uint8_t *out) const {
-        if (o == Outcome::kNone) return;
-        const auto &t = table_[static_cast<int>(o)];
-        const std::uint8_t b = t[0][in[0]], g = t[1][in[1]], r = t[2][in[2]];
-        out[0] = b, out[1] = g, out[2] = r;
-    }
-
-private:
-    void Fill(Outcome o, long long db, long long dg, long long dr) {
-        const long long d[3] = {db, dg, dr};
-        for (int c = 0; c < 3; ++c)
-            for (int v = 0; v < 256; ++v) table_[static_cast<int>(o)][c][v] = static_cast<std::uint8_t>(std::clamp(v + d[c], 0LL, 255LL));
-    }
-    std::uint8_t table_[4][3][256];
-};
-
-Decision OwnValues(const std::uint8_t *px, int splitLevel) {
-    const int b = px[0], g = px[1], r = px[2];
-    return Decision{r - std::max(g, b), b - std::max(g, r), b + g + r < 3LL * splitLevel};
-}
-
-Decision FromMap(const std::uint8_t *m, int splitLevel) { return Decision{m[2], m[0], m[1] < splitLevel}; }
-
-void WriteMap(std::uint8_t *px) {
-    const int b = px[0], g = px[1], r = px[2];
-    px[0] = static_cast<std::uint8_t>(std::max(b - std::max(g, r), 0));
-    px[1] = static_cast<std::uint8_t>((b + g + r) / 3);
-    px[2] = static_cast<std::uint8_t>(std::max(r - std::max(g, b), 0));
+// The rules of one call as the row kernel takes them. Every outcome adds a
+// fixed amount to each channel (clamped to -255..255, which clamps the sums
+// the same way). With darkMarkers, a boost of -255 darkens instead.
+kernels::EnhanceRule RuleOf(const EnhanceParams &p, bool darkMarkers, bool fromMap) {
+    kernels::EnhanceRule rule{};
+    rule.redThreshold = p.redThreshold;
+    rule.blueThreshold = p.blueThreshold;
+    rule.darkBelow = fromMap ? p.splitLevel : 3LL * p.splitLevel;
+    rule.tone = p.brighten > 0 || p.darken > 0;
+    const long long dark = -static_cast<long long>(p.darken);
+    const bool redDark = darkMarkers && p.redBoost == -255, blueDark = darkMarkers && p.blueBoost == -255;
+    const long long red = p.redBoost, blue = p.blueBoost;
+    const long long amounts[4][3] = {{redDark ? dark : -red, redDark ? dark : -red, redDark ? dark : red},
+                                     {blueDark ? dark : blue, blueDark ? dark : -blue, blueDark ? dark : -blue},
+                                     {dark, dark, dark},
+                                     {p.brighten, p.brighten, p.brighten}};
+    for (int o = 0; o < 4; ++o)
+        for (int c = 0; c < 3; ++c) rule.delta[o][c] = static_cast<int>(std::clamp(amounts[o][c], -255LL, 255LL));
+    return rule;
 }
 
 bool SameLayout(const LockedDib &a, const LockedDib &b) {
     return a.width() == b.width() && a.height() == b.height() && a.bitCount() == b.bitCount();
 }
 
-// Calls f(pixel of rows a, pixel of rows b...) over the span.
-template <class F>
-void ForSpan(const Span &s, const ColourRows &rows, F f) {
-    for (int y = s.y0; y < s.y1; ++y) {
-        std::uint8_t *p = rows.row(y) + static_cast<std::size_t>(s.x0) * rows.bytesPerPixel;
-        for (int x = s.x0; x < s.x1; ++x, p += rows.bytesPerPixel) f(x, y, p);
-    }
+// Pixel x of stored row y.
+std::uint8_t *At(std::uint8_t *bits, std::size_t stride, int bpp, int x, int y) {
+    return bits + static_cast<std::size_t>(y) * stride + static_cast<std::size_t>(x) * static_cast<std::size_t>(bpp);
+}
+
+void WriteMaps(const Span &s, const ColourRows &rows) {
+    for (int y = s.y0; y < s.y1; ++y) kernels::ExcessMapRow(At(rows.bits, static_cast<std::size_t>(rows.stride), rows.bytesPerPixel, s.x0, y), s.x1 - s.x0, rows.bytesPerPixel);
 }
 
 }  // namespace
@@ -100,14 +63,13 @@ HGLOBAL EnhanceColor(HGLOBAL hDib, const RECT *rect, const EnhanceParams &p) {
     if (!out) return nullptr;
     Span span;
     if (in.bitCount() < 24 || !ResolveRect(rect, in.width(), in.height(), &span)) return out.Release();
-    // The lambdas take the parameters by value: writes through the pixel
-    // pointers could otherwise alias them and force a reload per pixel.
-    const Outcomes outcomes(p, false);
-    const Outcomes *o = &outcomes;
-    const EnhanceParams q = p;
-    ForSpan(span, RowsOf(out.header()), [=](int, int, std::uint8_t *px) {
-        o->Write(Decide(px, OwnValues(px, q.splitLevel), q), px, px);
-    });
+    const kernels::EnhanceRule rule = RuleOf(p, false, false);
+    const ColourRows rows = RowsOf(out.header());
+    const std::size_t stride = static_cast<std::size_t>(rows.stride);
+    for (int y = span.y0; y < span.y1; ++y) {
+        std::uint8_t *px = At(rows.bits, stride, rows.bytesPerPixel, span.x0, y);
+        kernels::EnhanceRow(px, nullptr, px, span.x1 - span.x0, rows.bytesPerPixel, rule);
+    }
     return out.Release();
 }
 
@@ -119,21 +81,18 @@ HGLOBAL EnhanceColorEx(HGLOBAL hDib, HGLOBAL hMap, const RECT *rect, const Enhan
     if (in.bitCount() < 24 || !ResolveRect(rect, in.width(), in.height(), &span)) return out.Release();
     const ColourRows rows = RowsOf(out.header());
     if (hMap == nullptr) {
-        ForSpan(span, rows, [](int, int, std::uint8_t *px) { WriteMap(px); });
+        WriteMaps(span, rows);
         return out.Release();
     }
     LockedDib map(hMap, kColorDepths);
     if (!map.ok() || !SameLayout(in, map)) return out.Release();
+    const kernels::EnhanceRule rule = RuleOf(p, false, true);
     const int bpp = rows.bytesPerPixel;
-    const Outcomes outcomes(p, false);
-    const Outcomes *o = &outcomes;
-    const EnhanceParams q = p;
-    const std::uint8_t *mapBits = map.row(0);
-    const std::size_t mapStride = static_cast<std::size_t>(map.stride());
-    ForSpan(span, rows, [=](int x, int y, std::uint8_t *px) {
-        const std::uint8_t *m = mapBits + y * mapStride + static_cast<std::size_t>(x) * bpp;
-        o->Write(Decide(px, FromMap(m, q.splitLevel), q), px, px);
-    });
+    std::uint8_t *mapBits = map.row(0);
+    for (int y = span.y0; y < span.y1; ++y) {
+        std::uint8_t *px = At(rows.bits, static_cast<std::size_t>(rows.stride), bpp, span.x0, y);
+        kernels::EnhanceRow(px, At(mapBits, static_cast<std::size_t>(map.stride()), bpp, span.x0, y), px, span.x1 - span.x0, bpp, rule);
+    }
     return out.Release();
 }
 
@@ -150,22 +109,20 @@ HGLOBAL EnhanceColorEx1(HGLOBAL hDib, HGLOBAL hBaseDib, HGLOBAL hMap, const RECT
     if (start.bitCount() < 24 || !ResolveRect(rect, start.width(), start.height(), &span)) return out.Release();
     const ColourRows rows = RowsOf(out.header());
     if (hMap == nullptr) {
-        ForSpan(span, rows, [](int, int, std::uint8_t *px) { WriteMap(px); });
+        WriteMaps(span, rows);
         return out.Release();
     }
     LockedDib map(hMap, kColorDepths);
     if (!map.ok() || !SameLayout(page, map) || (withBase && !SameLayout(page, base))) return out.Release();
+    const kernels::EnhanceRule rule = RuleOf(p, true, true);
     const int bpp = rows.bytesPerPixel;
-    const Outcomes outcomes(p, true);
-    const Outcomes *o = &outcomes;
-    const EnhanceParams q = p;
-    const std::uint8_t *mapBits = map.row(0), *pageBits = page.row(0);
-    const std::size_t mapStride = static_cast<std::size_t>(map.stride()), pageStride = static_cast<std::size_t>(page.stride());
-    ForSpan(span, rows, [=](int x, int y, std::uint8_t *px) {
-        const std::size_t at = static_cast<std::size_t>(x) * bpp;
-        const std::uint8_t *in = pageBits + y * pageStride + at;
-        o->Write(Decide(in, FromMap(mapBits + y * mapStride + at, q.splitLevel), q), in, px);
-    });
+    std::uint8_t *mapBits = map.row(0);
+    std::uint8_t *pageBits = page.row(0);
+    for (int y = span.y0; y < span.y1; ++y) {
+        const std::uint8_t *in = At(pageBits, static_cast<std::size_t>(page.stride()), bpp, span.x0, y);
+        std::uint8_t *px = At(rows.bits, static_cast<std::size_t>(rows.stride), bpp, span.x0, y);
+        kernels::EnhanceRow(in, At(mapBits, static_cast<std::size_t>(map.stride()), bpp, span.x0, y), px, span.x1 - span.x0, bpp, rule);
+    }
     return out.Release();
 }
 

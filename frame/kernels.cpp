@@ -270,6 +270,8 @@ bool UseAvx2(bool on) {
     return was;
 }
 
+bool Avx2On() { return useAvx2; }
+
 void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp) {
     int i = 0;
     if ((bpp == 1 || bpp == 4) && useAvx2) {

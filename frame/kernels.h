@@ -76,6 +76,8 @@ void AddInkRow(const std::uint8_t *src, int n, int bpp, std::uint32_t *col);
 // can run the SSE2 ones on any machine; returns the previous setting. Not
 // for use while other threads run kernels.
 bool UseAvx2(bool on);
+// Whether the AVX2 kernels are on (for kernels kept in other files).
+bool Avx2On();
 
 namespace plain {
 void AddInkRow(const std::uint8_t *src, int n, int bpp, std::uint32_t *col);

@@ -11,6 +11,7 @@
 
 #include "frame/ipl_mat.h"
 #include "frame/kernels.h"
+#include "frame/kernels_tone.h"
 #include "frame/view.h"
 #include "pixel/pixel.h"
 
@@ -53,7 +54,9 @@ void ContrastAboutPivot(int b, int k, int t[256]) {
 
 // Brightness and contrast fold into one table (the level after brightness
 // looked up in the contrast table), applied in a single pass from the
-// caller's rows into the result block.
+// caller's rows into the result block, as arithmetic where the table is a
+// clamped line about its pivot (every table of ours, checked per call over
+// all 256 levels), else as a lookup.
 HGLOBAL Tone(HGLOBAL hDib, bool brighten, int brightness, bool contrastTable, int contrast) {
     int table[256];
     // With brightness, contrast 0 is the brightness change alone: no table,
@@ -71,11 +74,25 @@ HGLOBAL Tone(HGLOBAL hDib, bool brighten, int brightness, bool contrastTable, in
         const int b = brighten ? static_cast<int>(std::clamp<long long>(static_cast<long long>(v) + brightness, 0, 255)) : v;
         fused[v] = static_cast<std::uint8_t>(lookup ? (table[b] & 0xFF) : b);
     }
+    // Contrast tables are a clamped line on each side of the pivot: where the
+    // folded table is exactly that line, it is computed instead of looked up.
+    kernels::ToneLine line{};
+    bool arithmetic = false;
+    if (lookup) {
+        std::uint8_t contrastOnly[256];
+        for (int v = 0; v < 256; ++v) contrastOnly[v] = static_cast<std::uint8_t>(table[v] & 0xFF);
+        const int pivot = brighten ? 127 + brightness / 4 : 127;
+        arithmetic = kernels::FitToneLine(contrastOnly, pivot, &line);
+        line.brightness = brighten ? std::clamp(brightness, -255, 255) : 0;
+        arithmetic = arithmetic && kernels::ToneLineMatches(line, fused);
+    }
     const int bpp = in.bitCount() / 8;
     for (int y = 0; y < view->height; ++y) {
         const std::uint8_t *s = RowOf(*view, y);
         std::uint8_t *d = RowOf(*out.image(), y);
-        if (!lookup) {
+        if (arithmetic) {
+            kernels::ToneRow(s, d, static_cast<std::size_t>(view->width) * bpp, line, bpp == 4);
+        } else if (!lookup) {
             kernels::AddSaturateRow(s, d, static_cast<std::size_t>(view->width) * bpp, brighten ? brightness : 0, bpp == 4);
         } else if (bpp == 4) {
             kernels::LookupRow32(s, d, static_cast<std::size_t>(view->width), fused);

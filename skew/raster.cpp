@@ -5,12 +5,13 @@
 // loads the same whichever order its two colours are in); 16-bit pixels are
 // 5-5-5; the fourth byte of a 32-bit pixel is ignored.
 #include <algorithm>
-#include <array>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <vector>
 
 #include "frame/dib.h"
+#include "frame/histogram.h"
 #include "frame/kernels.h"
 #include "skew/skew.h"
 
@@ -208,41 +209,50 @@ bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k) {
     const std::uint8_t *rows = block.GetBits();
     const InkTables tables(block, bits);
     const int used = rw * k;
-    std::vector<std::uint8_t> line(static_cast<std::size_t>(w));
-    std::vector<std::uint32_t> columns(static_cast<std::size_t>(used));
     const unsigned area = static_cast<unsigned>(k) * static_cast<unsigned>(k);
-    for (int j = 0; j < rh; ++j) {
+    // 1-, 8-, 24- and 32-bit rows sum in 16 bits (k rows of inks up to 255
+    // fit while k <= 257) through the column kernels; an 8-bit page whose
+    // inks are the complements of its indices (a rising gray ramp) needs no
+    // lookup.
+    bool ramp = bits == 8;
+    for (int v = 0; ramp && v < 256; ++v) ramp = tables.inks[v] == 255 - v;
+    const bool narrow = (bits == 1 || bits == 8 || bits == 24 || bits == 32) && k <= 257;
+    std::vector<std::uint8_t> line(static_cast<std::size_t>(w));
+    std::vector<std::uint32_t> columns(narrow ? 0 : static_cast<std::size_t>(used));
+    std::vector<std::uint16_t> narrowColumns(narrow ? static_cast<std::size_t>(used) : 0);
+    // Block rows from the bottom of the page up and their rows likewise, so
+    // the stored rows are read in address order.
+    for (int j = rh - 1; j >= 0; --j) {
         std::fill(columns.begin(), columns.end(), 0u);
-        for (int dy = 0; dy < k; ++dy) {
+        std::fill(narrowColumns.begin(), narrowColumns.end(), std::uint16_t{0});
+        for (int dy = k - 1; dy >= 0; --dy) {
             const int stored = h - 1 - (j * k + dy);
             const std::uint8_t *src = rows + static_cast<std::size_t>(stored) * stride;
-            std::uint32_t *col = columns.data();
-            switch (bits) {
-            case 1:
-                // A block's k pixels add ones * ink(1) + (k - ones) * ink(0),
-                // kept in the block's first column.
-                for (int i = 0; i < rw; ++i) {
-                    const auto ones = static_cast<std::uint32_t>(kernels::CountOnes(src, i * k, k));
-                    col[static_cast<std::size_t>(i) * k] += ones * tables.inks[1] + (static_cast<std::uint32_t>(k) - ones) * tables.inks[0];
-                }
-                break;
-            case 8:
-                for (int x = 0; x < used; ++x) col[x] += tables.inks[src[x]];
-                break;
-            case 24:
-            case 32:
-                kernels::AddInkRow(src, used, bits / 8, col);
-                break;
-            default:
+            if (narrow && bits == 1) {
+                kernels::AddBitsRow(src, used, tables.inks[0], tables.inks[1], narrowColumns.data());
+            } else if (narrow && bits >= 24) {
+                kernels::AddColourInkRow(src, used, bits / 8, narrowColumns.data());
+            } else if (narrow && ramp) {
+                kernels::AddBytesRow(src, used, true, narrowColumns.data());
+            } else if (narrow) {
+                kernels::LookupRow(src, line.data(), static_cast<std::size_t>(used), tables.inks);
+                kernels::AddBytesRow(line.data(), used, false, narrowColumns.data());
+            } else if (bits == 24 || bits == 32) {
+                kernels::AddInkRow(src, used, bits / 8, columns.data());
+            } else {
                 DecodeRow(src, line.data(), used, bits, tables);
-                for (int x = 0; x < used; ++x) col[x] += line[x];
-                break;
+                for (int x = 0; x < used; ++x) columns[static_cast<std::size_t>(x)] += line[static_cast<std::size_t>(x)];
             }
         }
         std::uint8_t *out = target.data() + static_cast<std::size_t>(j) * static_cast<std::size_t>(rw);
         for (int i = 0; i < rw; ++i) {
             std::uint32_t s = 0;
-            for (int dx = 0; dx < k; ++dx) s += columns[static_cast<std::size_t>(i) * k + dx];
+            const std::size_t at = static_cast<std::size_t>(i) * static_cast<std::size_t>(k);
+            if (narrow) {
+                for (int dx = 0; dx < k; ++dx) s += narrowColumns[at + static_cast<std::size_t>(dx)];
+            } else {
+                for (int dx = 0; dx < k; ++dx) s += columns[at + static_cast<std::size_t>(dx)];
+            }
             out[i] = static_cast<std::uint8_t>(s / area);
         }
     }
@@ -279,7 +289,10 @@ std::uint8_t PixelInks::at(int x, int y) const {
 }
 
 // Counts per depth: 1-bit rows by population count, indexed rows by index
-// (then folded through the table's inks), colour pixels by their ink.
+// (then folded through the table's inks), colour pixels by their B + G + R
+// sum (then folded into inks); 8-bit rows by pairs of neighbours and colour
+// rows by the row histogram kernel, both counting a run of equal values
+// with one addition.
 bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
     std::memset(count, 0, 256 * sizeof count[0]);
     if (!block.Readable()) return false;
@@ -295,8 +308,9 @@ bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
     std::uint32_t raw[4][256] = {};
     // Colour pixels are counted by their (B + G + R) sum, folded into inks
     // at the end.
-    std::vector<std::array<std::uint32_t, 766>> sums(bits == 24 || bits == 32 ? 2 : 0);
-    for (auto &s : sums) s.fill(0);
+    kernels::LevelCounter levels(bits == 8);
+    const bool colour = bits == 24 || bits == 32;
+    const std::unique_ptr<std::uint32_t[][766]> sums(colour ? new std::uint32_t[2][766]() : nullptr);
     for (int j = 0; j < h; ++j) {
         const std::uint8_t *src = rows + static_cast<std::size_t>(j) * stride;
         switch (bits) {
@@ -318,12 +332,9 @@ bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
         case 4:
             for (int i = 0; i < w; ++i) ++raw[i & 3][(i & 1) ? (src[i >> 1] & 0x0F) : (src[i >> 1] >> 4)];
             break;
-        case 8: {
-            int i = 0;
-            for (; i + 4 <= w; i += 4) ++raw[0][src[i]], ++raw[1][src[i + 1]], ++raw[2][src[i + 2]], ++raw[3][src[i + 3]];
-            for (; i < w; ++i) ++raw[0][src[i]];
+        case 8:
+            levels.AddRow(src, w);
             break;
-        }
         case 16:
             for (int i = 0; i < w; ++i) {
                 const unsigned word = src[2 * i] | (src[2 * i + 1] << 8);
@@ -331,23 +342,17 @@ bool PageInkHistogram(const DibBlock &block, std::uint32_t count[256]) {
             }
             break;
         case 24:
-        case 32: {
-            const int step = bits / 8;
-            int i = 0;
-            for (; i + 2 <= w; i += 2, src += 2 * step) {
-                ++sums[0][src[0] + src[1] + src[2]];
-                ++sums[1][src[step] + src[step + 1] + src[step + 2]];
-            }
-            if (i < w) ++sums[0][src[0] + src[1] + src[2]];
+        case 32:
+            kernels::CountSumsRow(src, w, bits / 8, sums.get());
             break;
-        }
         default:
             count[0] += static_cast<std::uint32_t>(w);
             break;
         }
     }
-    for (const auto &s : sums)
-        for (unsigned v = 0; v < 766; ++v) count[bySum[v]] += s[v];
+    if (colour)
+        for (unsigned v = 0; v < 766; ++v) count[bySum[v]] += sums[0][v] + sums[1][v];
+    levels.AddTo(raw[0]);
     const bool indexed = bits == 1 || bits == 4 || bits == 8;
     for (int v = 0; v < 256; ++v) {
         const std::uint32_t n = raw[0][v] + raw[1][v] + raw[2][v] + raw[3][v];
