@@ -86,13 +86,22 @@ inline void Copy(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX,
         return;
     }
     if ((dstX & 7) == 0 && count >= 16) {
-        // Into whole bytes from an odd bit offset: two source bytes a byte
-        // while the second still lies in the span, the rest bit-exact.
+        // Into whole bytes from an odd bit offset: eight destination bytes
+        // from nine source bytes, then two source bytes a byte, while the
+        // last source byte still lies in the span; the rest bit-exact.
         const int shift = srcX & 7;
         const std::uint8_t *s = src + (srcX >> 3);
         std::uint8_t *d = dst + (dstX >> 3);
         const int whole = (count >> 3) - 1;
-        for (int i = 0; i < whole; ++i) d[i] = static_cast<std::uint8_t>((s[i] << shift) | (s[i + 1] >> (8 - shift)));
+        int i = 0;
+        for (; i + 8 <= whole; i += 8) {
+            std::uint64_t v;
+            std::memcpy(&v, s + i, 8);
+            v = (__builtin_bswap64(v) << shift) | (s[i + 8] >> (8 - shift));
+            v = __builtin_bswap64(v);
+            std::memcpy(d + i, &v, 8);
+        }
+        for (; i < whole; ++i) d[i] = static_cast<std::uint8_t>((s[i] << shift) | (s[i + 1] >> (8 - shift)));
         Apply(src, srcX + (whole << 3), dst, dstX + (whole << 3), count - (whole << 3),
               [](std::uint8_t, std::uint8_t v) { return v; });
         return;

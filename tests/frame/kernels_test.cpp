@@ -186,3 +186,33 @@ TEST(Kernels, BitSpansMatchBitByBitLoops) {
         }
     }
 }
+
+// The word-wise 1-bit and row-wise 8-bit filters against the plain paths:
+// sides from 1 past the region, regions at odd bit offsets in both images,
+// destination pixels outside the region kept.
+TEST(Kernels, MinMaxFiltersMatchThePlainPath) {
+    using namespace quarvel;
+    std::mt19937 g(9);
+    for (PixelFormat f : {PixelFormat::kBitonal, PixelFormat::kGray}) {
+        for (int cols : {1, 2, 3, 7, 64, 65, 300}) {
+            for (int rows : {1, 2, 3, 9, 300})
+            for (int xs : {5, 8}) {
+                SCOPED_TRACE(cols * 10000 + rows * 10 + xs);
+                ImagePtr src = CreateImage(f, 211, 67, 0), fast = CreateImage(f, 203, 71, 0), slow = CreateImage(f, 203, 71, 0);
+                for (IplImage *im : {src.get(), fast.get()})
+                    for (int i = 0; i < im->imageSize; ++i) im->imageData[i] = static_cast<std::uint8_t>(g());
+                std::memcpy(slow->imageData, fast->imageData, static_cast<std::size_t>(fast->imageSize));
+                IplROI rs{0, xs, 3, 197, 60}, rd{0, 19 - xs, 2, 190, 66};
+                src->roi = &rs;
+                fast->roi = slow->roi = &rd;
+                for (bool minimum : {true, false}) {
+                    MinMaxFilter(src.get(), fast.get(), cols, rows, 0, 0, minimum, false);
+                    MinMaxFilter(src.get(), slow.get(), cols, rows, 0, 0, minimum, true);
+                    EXPECT_EQ(0, std::memcmp(fast->imageData, slow->imageData, static_cast<std::size_t>(fast->imageSize)))
+                        << static_cast<int>(f) << " " << minimum;
+                }
+                src->roi = fast->roi = slow->roi = nullptr;
+            }
+        }
+    }
+}
