@@ -5,50 +5,72 @@
 // centres one copy; AddWaterMarkEx stacks copies in a centred column from
 // (page height mod mark height) / 2 rows above the bottom edge. Only the
 // part of a copy inside the page is drawn: its lower-left part, since copies
-// are placed by their lower-left corner.
+// are placed by their lower-left corner. Every result byte is written once:
+// the page is copied around the mark's copies, each of which is subtracted
+// from the page into its own rectangle.
 #include <algorithm>
 
 #include "cleanup/cleanup.h"
+#include "frame/kernels.h"
 #include "frame/view.h"
 
 namespace quarvel::cleanup {
 
 namespace {
 
-// Copies the converted mark into the canvas at (x, y), clipped to the canvas.
-bool Place(IplImage &mark, IplImage &canvas, int x, int y) {
-    const int w = std::min(mark.width, canvas.width - x), h = std::min(mark.height, canvas.height - y);
-    if (w <= 0 || h <= 0 || x < 0 || y < 0) return true;
-    RoiPtr roi(iplCreateROI(0, x, y, w, h));
-    if (!roi) return false;
-    RoiScope scope(&canvas, roi.get());
-    iplCopy(&mark, &canvas);
-    return true;
+// Subtracts the converted mark from the page's pixels at (x, y), clipped to
+// the page, into the same pixels of the result.
+void Place(IplImage &mark, IplImage &page, IplImage &out, int x, int y) {
+    const int w = std::min(mark.width, page.width - x), h = std::min(mark.height, page.height - y);
+    if (w <= 0 || h <= 0 || x < 0 || y < 0) return;
+    IplROI roi{0, x, y, w, h};
+    RoiScope a(&page, &roi), b(&out, &roi);
+    iplSubtract(&page, &mark, &out);
 }
 
 HGLOBAL Stamp(HGLOBAL hDib, HGLOBAL hMark, bool column) {
     LockedDib page(hDib, kImageDepths), mark(hMark, kDepth8);
     if (!page.ok() || !mark.ok()) return nullptr;  // the mark must be an 8-bit page
     ImagePtr pageView = DibToIplImage(page.header()), markView = DibToIplImage(mark.header());
-    ResultBlock out = ResultBlock::CopiedHeader(page);
+    ResultBlock out = ResultBlock::CopiedHeader(page, true);  // every pixel is written
     if (!pageView || !markView || !out) return nullptr;
-    ImagePtr converted = CreateImageLike(*pageView, mark.width(), mark.height(), 255);
-    if (!converted) return nullptr;
-    switch (page.bitCount()) {
-        case 1: iplThreshold(markView.get(), converted.get(), 128); break;
-        case 8: iplCopy(markView.get(), converted.get()); break;
-        default: iplGrayToColor(markView.get(), converted.get(), 1.0f, 1.0f, 1.0f); break;
+    // The mark in the page's format; an 8-bit mark is used as it is.
+    ImagePtr converted;
+    if (page.bitCount() != 8) {
+        converted = CreateImageLike(*pageView, mark.width(), mark.height(), 255);
+        if (!converted) return nullptr;
+        if (page.bitCount() == 1)
+            iplThreshold(markView.get(), converted.get(), 128);
+        else
+            iplGrayToColor(markView.get(), converted.get(), 1.0f, 1.0f, 1.0f);
     }
-    IplImage &canvas = *out.image();  // allocated zero-filled
+    IplImage &stamp = converted ? *converted : *markView;
+    // The page copied around the copies of the mark (one rectangle, as the
+    // column's copies touch), then the mark subtracted where it lies.
     const int pw = page.width(), ph = page.height(), mw = mark.width(), mh = mark.height();
     const int xOff = std::max((pw - mw) / 2, 0);
-    if (!column) {
-        if (!Place(*converted, canvas, xOff, std::max((ph - mh) / 2, 0))) return nullptr;
-    } else {
-        for (int y = (ph % mh) / 2; y < ph; y += mh)
-            if (!Place(*converted, canvas, xOff, y)) return nullptr;
+    const int y0 = column ? (ph % mh) / 2 : std::max((ph - mh) / 2, 0);
+    const int w = std::min(mw, pw - xOff), h = column ? ph - y0 : std::min(mh, ph - y0);
+    if (w <= 0 || h <= 0) {
+        iplCopy(pageView.get(), out.image());
+        return out.Release();
     }
-    iplSubtract(pageView.get(), &canvas, &canvas);
+    if (page.bitCount() >= 8) {
+        // Row by row: the page's row around the mark, the mark's row
+        // subtracted in between.
+        const std::size_t bpp = static_cast<std::size_t>(page.bitCount() / 8), left = bpp * xOff;
+        PaintAround(pageView.get(), out.image(), xOff, y0, w, h, 0, [&](int i) {
+            kernels::SubtractSaturateRow(RowOf(*pageView, i) + left, RowOf(stamp, (i - y0) % mh),
+                                         RowOf(*out.image(), i) + left, bpp * w, bpp == 4);
+        });
+        return out.Release();
+    }
+    PaintOutside(pageView.get(), out.image(), xOff, y0, w, h, 0);
+    if (!column) {
+        Place(stamp, *pageView, *out.image(), xOff, std::max((ph - mh) / 2, 0));
+    } else {
+        for (int y = (ph % mh) / 2; y < ph; y += mh) Place(stamp, *pageView, *out.image(), xOff, y);
+    }
     return out.Release();
 }
 

@@ -50,9 +50,17 @@ inline void Apply(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX
     }
 }
 
-// The same with an 8-bit-aligned fast path for the common whole-row case.
+// The same with a whole-byte fast path when source and destination share
+// their bit phase: head bits to a byte boundary, whole bytes, tail bits.
 template <class Op>
 inline void ApplyRow(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX, int count, Op op) {
+    if ((srcX & 7) == (dstX & 7) && (dstX & 7) != 0 && count > 8) {
+        const int head = 8 - (dstX & 7);
+        Apply(src, srcX, dst, dstX, head, op);
+        srcX += head;
+        dstX += head;
+        count -= head;
+    }
     if (((srcX | dstX) & 7) == 0) {
         const int whole = count >> 3;
         const std::uint8_t *s = src + (srcX >> 3);

@@ -60,6 +60,13 @@ void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, i
     }
 }
 
+void SubtractSaturateRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth) {
+    for (std::size_t i = 0; i < n; ++i) {
+        const int v = a[i] - b[i];
+        d[i] = keepFourth && (i & 3) == 3 ? a[i] : static_cast<std::uint8_t>(v < 0 ? 0 : v);
+    }
+}
+
 void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold) {
     int x = 0;
     for (int j = 0; x < w; ++j) {
@@ -425,6 +432,17 @@ void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, i
         _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + i), _mm_or_si128(_mm_andnot_si128(fourth, r), _mm_and_si128(fourth, v)));
     }
     plain::AddSaturateRow(src + i, dst + i, n - i, value, keepFourth);
+}
+
+void SubtractSaturateRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth) {
+    const __m128i fourth = keepFourth ? _mm_set1_epi32(static_cast<int>(0xFF000000u)) : _mm_setzero_si128();
+    std::size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m128i u = _mm_loadu_si128(reinterpret_cast<const __m128i *>(a + i));
+        const __m128i r = _mm_subs_epu8(u, _mm_loadu_si128(reinterpret_cast<const __m128i *>(b + i)));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(d + i), _mm_or_si128(_mm_andnot_si128(fourth, r), _mm_and_si128(fourth, u)));
+    }
+    plain::SubtractSaturateRow(a + i, b + i, d + i, n - i, keepFourth);
 }
 
 // 32 bytes a step: the 16 sixteen-entry slices of the table looked up by

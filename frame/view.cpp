@@ -124,6 +124,10 @@ HGLOBAL CopyPixels(ResultBlock block, const IplImage &result) {
 
 }  // namespace
 
+void PaintOutside(IplImage *from, IplImage *to, int x, int y, int w, int h, int value) {
+    PaintAround(from, to, x, y, w, h, value, [](int) {});
+}
+
 HGLOBAL MakeResultBlock(const LockedDib &in, const IplImage &result) {
     if (result.width != in.width() || result.height != in.height() || BitCountOf(result) != in.bitCount()) {
         return nullptr;

@@ -3,29 +3,16 @@
 // the level is inverted, so 255 is always paper and 0 always ink. The
 // rectangle (rows counted from the top) is clipped to the page; an empty or
 // inverted one covers nothing. Every byte of the result is written once: the
-// rectangle is set (Fill) or copied (FillOutside) and the rest copied or set
-// around it.
+// rectangle's part of each row is set (Fill) or copied (FillOutside) and the
+// rest of the row copied or set around it, one pass down the rows.
+#include <cstring>
+
+#include "frame/bits.h"
 #include "frame/view.h"
 #include "pixel/pixel.h"
 #include "platform/rect.h"
 
 namespace quarvel::pixel {
-
-void PaintOutside(IplImage *from, IplImage *to, int x, int y, int w, int h, int value) {
-    const int pw = to->width, ph = to->height;
-    const int parts[4][4] = {{0, 0, pw, y}, {0, y + h, pw, ph - y - h}, {0, y, x, h}, {x + w, y, pw - x - w, h}};
-    for (const auto &p : parts) {
-        if (p[2] <= 0 || p[3] <= 0) continue;
-        IplROI roi{0, p[0], p[1], p[2], p[3]};
-        RoiScope b(to, &roi);
-        if (from == nullptr) {
-            iplSet(to, value);
-        } else {
-            RoiScope a(from, &roi);
-            iplCopy(from, to);
-        }
-    }
-}
 
 namespace {
 
@@ -49,16 +36,25 @@ HGLOBAL Paint(HGLOBAL hDib, const RECT *rect, int value, bool outside) {
             iplCopy(view.get(), out.image());
         return out.Release();
     }
-    IplROI roi{0, r.left, r.top, r.right - r.left, r.bottom - r.top};
-    PaintOutside(outside ? nullptr : view.get(), out.image(), r.left, r.top, r.right - r.left, r.bottom - r.top,
-                 written);
-    RoiScope b(out.image(), &roi);
-    if (outside) {
-        RoiScope a(view.get(), &roi);
-        iplCopy(view.get(), out.image());
-    } else {
-        iplSet(out.image(), written);
-    }
+    // One pass down the rows: the rectangle's part of each row set or
+    // copied, the rest copied or set around it.
+    const int x = r.left, w = r.right - r.left;
+    IplImage *src = view.get(), *result = out.image();
+    const std::size_t bpp = static_cast<std::size_t>(in.bitCount() / 8);
+    const auto v = static_cast<std::uint8_t>(written);
+    PaintAround(outside ? nullptr : src, result, x, r.top, w, r.bottom - r.top, written, [&](int i) {
+        std::uint8_t *d = RowOf(*result, i);
+        if (in.bitCount() == 1) {
+            if (outside)
+                bits::Copy(RowOf(*src, i), x, d, x, w);
+            else
+                bits::Fill(d, x, w, written);
+        } else if (outside) {
+            std::memcpy(d + bpp * x, RowOf(*src, i) + bpp * x, bpp * w);
+        } else {
+            std::memset(d + bpp * x, v, bpp * w);
+        }
+    });
     return out.Release();
 }
 

@@ -4,10 +4,6 @@
 
 #include "quarvel/win32.h"
 
-namespace quarvel {
-struct IplImage;
-}
-
 namespace quarvel::pixel {
 
 HGLOBAL Mirror(HGLOBAL hDib);
@@ -29,11 +25,6 @@ HGLOBAL TextEffectRect(HGLOBAL hDib, const RECT *rect, int level);
 // Region fill.
 HGLOBAL Fill(HGLOBAL hDib, const RECT *rect, int value);
 HGLOBAL FillOutside(HGLOBAL hDib, const RECT *rect, int value);
-// The pixels of `to` outside the rectangle (x, y, w, h) of stored rows, which
-// lies inside the image: copied from `from` (same size and format), or with
-// `from` null set to `value`. The rows below and above the rectangle go
-// whole, then the columns left and right of it, each byte written once.
-void PaintOutside(IplImage *from, IplImage *to, int x, int y, int w, int h, int value);
 
 // Image arithmetic.
 HGLOBAL ImageAnd(HGLOBAL hDib1, HGLOBAL hDib2, int x1, int y1, int x2, int y2, int width, int height);

@@ -70,6 +70,9 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
             k::plain::AndRowTwice(a2.data() + 16, b.data(), slow.data() + 16, 4 * static_cast<std::size_t>(n), fourth);
             EXPECT_EQ(fast, slow) << "and " << fourth;
             EXPECT_EQ(a1, a2) << "and in place " << fourth;
+            k::SubtractSaturateRow(src.data(), b.data(), fast.data() + 16, 4 * static_cast<std::size_t>(n), fourth);
+            k::plain::SubtractSaturateRow(src.data(), b.data(), slow.data() + 16, 4 * static_cast<std::size_t>(n), fourth);
+            EXPECT_EQ(fast, slow) << "subtract " << fourth;
         }
         for (int bpp : {1, 3, 4}) {
             k::ExpandBitsRow(src.data(), fast.data() + 16, n, bpp, 37, 201);
@@ -174,14 +177,19 @@ TEST(Kernels, BitSpansMatchBitByBitLoops) {
         for (int dx : {0, 3, 8}) {
             for (int count : {0, 5, 17, 90, 200}) {
                 std::vector<std::uint8_t> fast = Noise(40, 12), slow = fast, filled = fast, filledSlow = fast;
+                std::vector<std::uint8_t> masked = fast, maskedSlow = fast;
                 b::Copy(src.data(), x, fast.data(), x + dx, count);
                 b::Fill(filled.data(), x + dx, count, x & 1);
+                b::ApplyRow(src.data(), x, masked.data(), x + dx, count,
+                            [](std::uint8_t d, std::uint8_t m) { return static_cast<std::uint8_t>(d & ~m); });
                 for (int i = 0; i < count; ++i) {
                     b::Set(slow.data(), x + dx + i, b::Get(src.data(), x + i));
                     b::Set(filledSlow.data(), x + dx + i, x & 1);
+                    b::Set(maskedSlow.data(), x + dx + i, b::Get(maskedSlow.data(), x + dx + i) & !b::Get(src.data(), x + i));
                 }
                 EXPECT_EQ(fast, slow) << x << " " << dx << " " << count;
                 EXPECT_EQ(filled, filledSlow) << x << " " << dx << " " << count;
+                EXPECT_EQ(masked, maskedSlow) << x << " " << dx << " " << count;
             }
         }
     }
