@@ -35,15 +35,17 @@ bool ResultBlock::Open(std::size_t size, bool zeroed) {
 
 namespace {
 
-// A row's padding (at most 4 bytes, bar the partial byte) cleared with
+// A row's padding (at most 4 bytes with the partial byte) cleared with
 // plain stores: a memset call per row costs more than the row's copy on a
 // 1-bit page.
 inline void ZeroPadding(std::uint8_t *p, std::size_t n) {
-    if (n > 8) {
-        std::memset(p, 0, n);
-        return;
+    switch (n) {
+        case 4: p[3] = 0; [[fallthrough]];
+        case 3: p[2] = 0; [[fallthrough]];
+        case 2: p[1] = 0; [[fallthrough]];
+        case 1: p[0] = 0; break;
+        default: std::memset(p, 0, n);
     }
-    for (std::size_t k = 0; k < n; ++k) p[k] = 0;
 }
 
 }  // namespace

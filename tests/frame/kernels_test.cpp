@@ -24,7 +24,7 @@ std::vector<std::uint8_t> Noise(std::size_t n, unsigned seed) {
 TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
     std::uint8_t table[256];
     for (int i = 0; i < 256; ++i) table[i] = static_cast<std::uint8_t>((i * 37 + 11) ^ (i >> 3));
-    for (int n : {1, 5, 6, 7, 15, 16, 17, 33, 63, 64, 65, 130, 2480, 2481}) {
+    for (int n : {1, 5, 6, 7, 15, 16, 17, 33, 63, 64, 65, 130, 256, 300, 2480, 2481}) {
         SCOPED_TRACE(n);
         const std::vector<std::uint8_t> src = Noise(4 * n + 32, n);
         for (int bpp : {1, 3, 4}) {
@@ -38,9 +38,13 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
             }
         }
         std::vector<std::uint8_t> fast = Noise(4 * n + 32, 8), slow = fast;
-        k::MirrorBits(src.data() + 16, fast.data() + 16, n);
-        k::plain::MirrorBits(src.data() + 16, slow.data() + 16, n);
-        EXPECT_EQ(fast, slow) << "bits";
+        for (bool avx2 : {true, false}) {
+            const bool was = k::UseAvx2(avx2);
+            k::MirrorBits(src.data() + 16, fast.data() + 16, n);
+            k::UseAvx2(was);
+            k::plain::MirrorBits(src.data() + 16, slow.data() + 16, n);
+            EXPECT_EQ(fast, slow) << "bits avx2 " << avx2;
+        }
         for (bool avx2 : {true, false}) {
             const bool was = k::UseAvx2(avx2);
             k::LookupRow(src.data(), fast.data() + 16, static_cast<std::size_t>(n), table);
