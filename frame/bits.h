@@ -73,6 +73,28 @@ inline void ApplyRow(const std::uint8_t *src, int srcX, std::uint8_t *dst, int d
     Apply(src, srcX, dst, dstX, count, op);
 }
 
+// d bits [0, count) = op(a bits, b bits), the three rows all starting at
+// bit 0 (the whole-row case): eight bytes a step as 64-bit words, then
+// bytes, the last partial byte merged. `op` must be a bitwise operation that
+// takes 64-bit words as well as bytes. d may be a or b.
+template <class Op>
+inline void CombineAligned(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int count, Op op) {
+    const int whole = count >> 3;
+    int i = 0;
+    for (; i + 8 <= whole; i += 8) {
+        std::uint64_t x, y;
+        std::memcpy(&x, a + i, 8);
+        std::memcpy(&y, b + i, 8);
+        const std::uint64_t r = op(x, y);
+        std::memcpy(d + i, &r, 8);
+    }
+    for (; i < whole; ++i) d[i] = static_cast<std::uint8_t>(op(a[i], b[i]));
+    if ((count & 7) != 0) {
+        const unsigned mask = (0xFF00u >> (count & 7)) & 0xFFu;
+        d[whole] = static_cast<std::uint8_t>((d[whole] & ~mask) | (static_cast<unsigned>(op(a[whole], b[whole])) & mask));
+    }
+}
+
 inline void Copy(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX, int count) {
     // Bits up to the destination's next byte boundary, then whole
     // destination bytes: moved whole when the source is aligned too, else

@@ -101,7 +101,7 @@ HGLOBAL GetLess(HGLOBAL hDib1, HGLOBAL hDib2) {
         page1.height() != page2.height())
         return nullptr;
     ImagePtr view1 = DibToIplImage(page1.header()), view2 = DibToIplImage(page2.header());
-    ResultBlock out = ResultBlock::CopiedHeader(page1);
+    ResultBlock out = ResultBlock::CopiedHeader(page1, true);  // every pixel is written
     if (!view1 || !view2 || !out) return nullptr;
     if (page1.bitCount() == 1) {
         iplGreater(view1.get(), view2.get(), out.image());
