@@ -52,13 +52,13 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
         iplCopy(view.get(), out.image());
         return out.Release();
     }
-    // The page around the rectangle copied, the rectangle filtered.
-    PaintOutside(view.get(), out.image(), r.left, r.top, r.right - r.left, r.bottom - r.top, 0);
+    // The rectangle filtered, the page around it copied.
     IplROI roi{0, r.left, r.top, r.right - r.left, r.bottom - r.top};
     {
         RoiScope a(view.get(), &roi), b(out.image(), &roi);
         Filter(view.get(), out.image(), level, r.right - r.left, r.bottom - r.top);
     }  // the regions come off before the block is handed over
+    PaintOutside(view.get(), out.image(), r.left, r.top, r.right - r.left, r.bottom - r.top, 0);
     return out.Release();
 }
 
