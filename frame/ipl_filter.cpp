@@ -8,15 +8,16 @@
 // costs log2(n) steps per axis:
 // - 1-bit rows as 64-bit words (the leftmost pixel in the most significant
 //   bit), each step a shift of the whole row by the span and an AND (minimum)
-//   or OR (maximum), rows held in one scratch page; the last vertical step
-//   is combined on the way out into the destination.
+//   or OR (maximum); rows held in one scratch page, the last vertical step
+//   combined on the way out into the destination.
 // - 8-bit rows with SSE2 byte minimum or maximum, written into the
-//   destination; for sides of at most 2 rows, two row buffers roll down the
-//   page and every destination row is written once.
-// Other anchors take the plain path, which is also the oracle of the fast
-// one: 8-bit images on OpenCV's erode and dilate (doubling spans beyond a
-// side of 128), 1-bit images AND-ing or OR-ing shifted copies of their
-// packed rows a byte at a time.
+//   destination.
+// For sides of at most 2 rows, two spread rows roll down the page instead
+// and every destination row is written once. Other anchors, and an image
+// filtered onto itself, take the plain path, which is also the oracle of
+// the fast one: 8-bit images on OpenCV's erode and dilate (doubling spans
+// beyond a side of 128), 1-bit images AND-ing or OR-ing shifted copies of
+// their packed rows a byte at a time.
 #include <emmintrin.h>
 
 #include <algorithm>

@@ -100,6 +100,7 @@ void PaintAround(IplImage *from, IplImage *to, int x, int y, int w, int h, int v
     }
 }
 
+// PaintAround with the rectangle's pixels left for the caller.
 void PaintOutside(IplImage *from, IplImage *to, int x, int y, int w, int h, int value);
 
 // The result block of a separately made result image, copied-header form.
