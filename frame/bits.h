@@ -73,19 +73,30 @@ inline void ApplyRow(const std::uint8_t *src, int srcX, std::uint8_t *dst, int d
     Apply(src, srcX, dst, dstX, count, op);
 }
 
-// d bits [0, count) = op(a bits, b bits), the three rows all starting at
-// bit 0 (the whole-row case): eight bytes a step as 64-bit words, then
-// bytes, the last partial byte merged. `op` must be a bitwise operation that
-// takes 64-bit words as well as bytes. d may be a or b.
+// d bits [x, x + count) = op(a bits, b bits) at the same places, the three
+// rows sharing their bit phase (x in 0..7; 0 is the whole-row case): the head
+// bits to a byte boundary merged, then eight bytes a step as 64-bit words,
+// then bytes, the last partial byte merged; d's other bits keep their
+// values. `op` must be a bitwise operation that takes 64-bit words as well
+// as bytes. d may be a or b.
 template <class Op>
-inline void CombineAligned(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int count, Op op) {
+inline void CombineInPhase(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int count, Op op) {
+    if (count <= 0) return;
+    if (x != 0) {
+        const int n = std::min(8 - x, count);
+        const unsigned mask = (0xFFu >> x) & ~(0xFFu >> (x + n));
+        d[0] = static_cast<std::uint8_t>((d[0] & ~mask) | (static_cast<unsigned>(op(a[0], b[0])) & mask));
+        if (n == count) return;
+        ++a, ++b, ++d;
+        count -= n;
+    }
     const int whole = count >> 3;
     int i = 0;
     for (; i + 8 <= whole; i += 8) {
-        std::uint64_t x, y;
-        std::memcpy(&x, a + i, 8);
-        std::memcpy(&y, b + i, 8);
-        const std::uint64_t r = op(x, y);
+        std::uint64_t u, v;
+        std::memcpy(&u, a + i, 8);
+        std::memcpy(&v, b + i, 8);
+        const std::uint64_t r = op(u, v);
         std::memcpy(d + i, &r, 8);
     }
     for (; i < whole; ++i) d[i] = static_cast<std::uint8_t>(op(a[i], b[i]));

@@ -27,8 +27,8 @@ void Bitwise(IplImage *src1, IplImage *src2, IplImage *dst, Op op) {
         for (int i = 0; i < r1.height; ++i) {
             std::uint8_t *d = RowOf(*dst, rd.y + i);
             if (aligned) {
-                bits::CombineAligned(RowOf(*src1, r1.y + i) + (r1.x >> 3), RowOf(*src2, r2.y + i) + (r2.x >> 3),
-                                     d + (rd.x >> 3), r1.width, op);
+                bits::CombineInPhase(RowOf(*src1, r1.y + i) + (r1.x >> 3), RowOf(*src2, r2.y + i) + (r2.x >> 3),
+                                     d + (rd.x >> 3), 0, r1.width, op);
                 continue;
             }
             if (dst != src1) bits::Copy(RowOf(*src1, r1.y + i), r1.x, d, rd.x, r1.width);
@@ -70,8 +70,8 @@ void iplGreater(IplImage *srcA, IplImage *srcB, IplImage *dst) {
         for (int i = 0; i < ra.height; ++i) {
             std::uint8_t *d = RowOf(*dst, rd.y + i);
             if (aligned) {
-                bits::CombineAligned(RowOf(*srcA, ra.y + i) + (ra.x >> 3), RowOf(*srcB, rb.y + i) + (rb.x >> 3),
-                                     d + (rd.x >> 3), ra.width, [](auto a, auto b) { return static_cast<decltype(a)>(a & ~b); });
+                bits::CombineInPhase(RowOf(*srcA, ra.y + i) + (ra.x >> 3), RowOf(*srcB, rb.y + i) + (rb.x >> 3),
+                                     d + (rd.x >> 3), 0, ra.width, [](auto a, auto b) { return static_cast<decltype(a)>(a & ~b); });
                 continue;
             }
             bits::Copy(RowOf(*srcA, ra.y + i), ra.x, d, rd.x, ra.width);
