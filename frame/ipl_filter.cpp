@@ -201,20 +201,27 @@ void BitonalFilterWords(const IplImage &src, const Region &rs, IplImage &dst, co
     const std::uint64_t identity = Minimum ? ~0ull : 0ull;
     // Bits past w in the last word are the identity.
     const std::uint64_t tail = (w & 63) == 0 ? 0 : ~0ull >> (w & 63);
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(words) * 8, Minimum ? 0xFF : 0x00);
+    std::uint8_t bytes[16];
     // Region row y, its bits from bit 0 of word 0, spread along the row.
+    // Source bytes from the one holding the region's first bit to the one
+    // holding its last, and the bit phases of both images.
+    const int srcShift = rs.x & 7, dstShift = rd.x & 7;
+    const std::size_t avail = static_cast<std::size_t>(((rs.x + w - 1) >> 3) - (rs.x >> 3) + 1);
     const auto load = [&](int y, std::uint64_t *row) {
         const std::uint8_t *s = RowOf(src, rs.y + y) + (rs.x >> 3);
-        if ((rs.x & 7) != 0) {
-            bits::Copy(RowOf(src, rs.y + y), rs.x, bytes.data(), 0, w);
-            s = bytes.data();
+        std::size_t j = 0;
+        if (srcShift == 0) {
+            for (; j < whole; ++j) row[j] = LoadBig64(s + 8 * j);
+        } else {
+            // Nine source bytes a word while the ninth lies in the region's bytes.
+            for (; 8 * j + 9 <= avail && j < static_cast<std::size_t>(words); ++j)
+                row[j] = (LoadBig64(s + 8 * j) << srcShift) | (s[8 * j + 8] >> (8 - srcShift));
         }
-        for (std::size_t j = 0; j < whole; ++j) row[j] = LoadBig64(s + 8 * j);
-        if (whole < static_cast<std::size_t>(words)) {
-            std::uint8_t last8[8];
-            std::memset(last8, Minimum ? 0xFF : 0x00, 8);
-            std::memcpy(last8, s + 8 * whole, nbytes - 8 * whole);
-            row[whole] = LoadBig64(last8);
+        if (j < static_cast<std::size_t>(words)) {
+            // The last word or two, bit-exact through a buffer.
+            std::memset(bytes, Minimum ? 0xFF : 0x00, sizeof bytes);
+            bits::Copy(RowOf(src, rs.y + y), rs.x + static_cast<int>(64 * j), bytes, 0, w - static_cast<int>(64 * j));
+            for (std::size_t k = 0; j < static_cast<std::size_t>(words); ++j, ++k) row[j] = LoadBig64(bytes + 8 * k);
         }
         row[words - 1] = Minimum ? (row[words - 1] | tail) : (row[words - 1] & ~tail);
         for (long long have = 1; have < nCols && have < 64LL * words;) {
@@ -223,19 +230,31 @@ void BitonalFilterWords(const IplImage &src, const Region &rs, IplImage &dst, co
             have += step;
         }
     };
-    // Whole bytes stored straight into an aligned destination, the rest
-    // through bits::Copy, which keeps the bits past the region.
-    const bool aligned = (rd.x & 7) == 0;
+    // Whole destination bytes stored eight at a time, the edges through
+    // bits::Copy, which keeps the bits past the region.
     const auto store = [&](int y, const std::uint64_t *row) {
-        std::uint8_t *d = aligned ? RowOf(dst, rd.y + y) + (rd.x >> 3) : bytes.data();
-        const int wholeWords = aligned ? w / 64 : words;
-        for (int i = 0; i < wholeWords; ++i) StoreBig64(d + 8 * i, row[i]);
-        if (!aligned) {
-            bits::Copy(bytes.data(), 0, RowOf(dst, rd.y + y), rd.x, w);
-        } else if (wholeWords < words) {
-            std::uint8_t last8[8];
-            StoreBig64(last8, row[wholeWords]);
-            bits::Copy(last8, 0, d + 8 * wholeWords, 0, w - 64 * wholeWords);
+        std::uint8_t *line = RowOf(dst, rd.y + y), *d = line + (rd.x >> 3);
+        int done = 0;  // bits of the row stored
+        std::size_t i = 0;
+        if (dstShift == 0) {
+            for (; 64 * (i + 1) <= static_cast<std::size_t>(w); ++i) StoreBig64(d + 8 * i, row[i]);
+            done = static_cast<int>(64 * i);
+        } else {
+            // The head up to the byte boundary, then chunk i = row bits
+            // from head + 64 i on, from words i and i + 1.
+            const int head = std::min(8 - dstShift, w);
+            const std::uint8_t first = static_cast<std::uint8_t>(row[0] >> 56);
+            bits::Copy(&first, 0, line, rd.x, head);
+            for (; head + 64 * (i + 1) <= static_cast<std::size_t>(w) && i + 1 < static_cast<std::size_t>(words); ++i)
+                StoreBig64(d + 1 + 8 * i, (row[i] << head) | (row[i + 1] >> (64 - head)));
+            done = head + static_cast<int>(64 * i);
+        }
+        if (done < w) {
+            const std::size_t k = static_cast<std::size_t>(done) / 64;
+            std::uint8_t buf[16];
+            StoreBig64(buf, row[k]);
+            StoreBig64(buf + 8, k + 1 < static_cast<std::size_t>(words) ? row[k + 1] : 0);
+            bits::Copy(buf, done & 63, line, rd.x + done, w - done);
         }
     };
     const std::size_t rowWords = static_cast<std::size_t>(words);
