@@ -5,50 +5,63 @@
 // centres one copy; AddWaterMarkEx stacks copies in a centred column from
 // (page height mod mark height) / 2 rows above the bottom edge. Only the
 // part of a copy inside the page is drawn: its lower-left part, since copies
-// are placed by their lower-left corner.
+// are placed by their lower-left corner. Every result byte is written once:
+// the page is copied around the mark's copies, each of which is subtracted
+// from the page into its own rectangle.
 #include <algorithm>
 
 #include "cleanup/cleanup.h"
+#include "frame/bits.h"
+#include "frame/kernels.h"
 #include "frame/view.h"
 
 namespace quarvel::cleanup {
 
 namespace {
 
-// Copies the converted mark into the canvas at (x, y), clipped to the canvas.
-bool Place(IplImage &mark, IplImage &canvas, int x, int y) {
-    const int w = std::min(mark.width, canvas.width - x), h = std::min(mark.height, canvas.height - y);
-    if (w <= 0 || h <= 0 || x < 0 || y < 0) return true;
-    RoiPtr roi(iplCreateROI(0, x, y, w, h));
-    if (!roi) return false;
-    RoiScope scope(&canvas, roi.get());
-    iplCopy(&mark, &canvas);
-    return true;
-}
-
 HGLOBAL Stamp(HGLOBAL hDib, HGLOBAL hMark, bool column) {
     LockedDib page(hDib, kImageDepths), mark(hMark, kDepth8);
     if (!page.ok() || !mark.ok()) return nullptr;  // the mark must be an 8-bit page
     ImagePtr pageView = DibToIplImage(page.header()), markView = DibToIplImage(mark.header());
-    ResultBlock out = ResultBlock::CopiedHeader(page);
+    ResultBlock out = ResultBlock::CopiedHeader(page, true);  // every pixel is written
     if (!pageView || !markView || !out) return nullptr;
-    ImagePtr converted = CreateImageLike(*pageView, mark.width(), mark.height(), 255);
-    if (!converted) return nullptr;
-    switch (page.bitCount()) {
-        case 1: iplThreshold(markView.get(), converted.get(), 128); break;
-        case 8: iplCopy(markView.get(), converted.get()); break;
-        default: iplGrayToColor(markView.get(), converted.get(), 1.0f, 1.0f, 1.0f); break;
-    }
-    IplImage &canvas = *out.image();  // allocated zero-filled
     const int pw = page.width(), ph = page.height(), mw = mark.width(), mh = mark.height();
     const int xOff = std::max((pw - mw) / 2, 0);
-    if (!column) {
-        if (!Place(*converted, canvas, xOff, std::max((ph - mh) / 2, 0))) return nullptr;
-    } else {
-        for (int y = (ph % mh) / 2; y < ph; y += mh)
-            if (!Place(*converted, canvas, xOff, y)) return nullptr;
+    // The mark in the page's format; an 8-bit mark is used as it is, a
+    // 1-bit one starts at the page's bit phase, so their bytes line up.
+    const int phase = page.bitCount() == 1 ? xOff & 7 : 0;
+    ImagePtr converted;
+    if (page.bitCount() != 8) {
+        converted = CreateImageLike(*pageView, mw + phase, mh, 255);
+        if (!converted) return nullptr;
+        IplROI at{0, phase, 0, mw, mh};
+        RoiScope scope(converted.get(), &at);
+        if (page.bitCount() == 1)
+            iplThreshold(markView.get(), converted.get(), 128);
+        else
+            iplGrayToColor(markView.get(), converted.get(), 1.0f, 1.0f, 1.0f);
     }
-    iplSubtract(pageView.get(), &canvas, &canvas);
+    const IplImage &stamp = converted ? *converted : *markView;
+    // Row by row: the page's row copied around the copies of the mark (one
+    // rectangle, as the column's copies touch), the mark's row subtracted
+    // from the page's in between.
+    const int y0 = column ? (ph % mh) / 2 : std::max((ph - mh) / 2, 0);
+    const int w = std::min(mw, pw - xOff), h = column ? ph - y0 : std::min(mh, ph - y0);
+    if (w <= 0 || h <= 0) {
+        iplCopy(pageView.get(), out.image());
+        return out.Release();
+    }
+    IplImage &result = *out.image();
+    const std::size_t bpp = static_cast<std::size_t>(page.bitCount() / 8);
+    const std::size_t left = page.bitCount() == 1 ? static_cast<std::size_t>(xOff >> 3) : bpp * xOff;
+    PaintAround(pageView.get(), &result, xOff, y0, w, h, 0, [&](int i) {
+        const std::uint8_t *p = RowOf(*pageView, i) + left, *m = RowOf(stamp, (i - y0) % mh);
+        std::uint8_t *d = RowOf(result, i) + left;
+        if (bpp == 0)
+            bits::CombineInPhase(p, m, d, phase, w, [](auto a, auto b) { return static_cast<decltype(a)>(a & ~b); });
+        else
+            kernels::SubtractSaturateRow(p, m, d, bpp * w, bpp == 4);
+    });
     return out.Release();
 }
 

@@ -50,9 +50,17 @@ inline void Apply(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX
     }
 }
 
-// The same with an 8-bit-aligned fast path for the common whole-row case.
+// The same with a whole-byte fast path when source and destination share
+// their bit phase: head bits to a byte boundary, whole bytes, tail bits.
 template <class Op>
 inline void ApplyRow(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX, int count, Op op) {
+    if ((srcX & 7) == (dstX & 7) && (dstX & 7) != 0 && count > 8) {
+        const int head = 8 - (dstX & 7);
+        Apply(src, srcX, dst, dstX, head, op);
+        srcX += head;
+        dstX += head;
+        count -= head;
+    }
     if (((srcX | dstX) & 7) == 0) {
         const int whole = count >> 3;
         const std::uint8_t *s = src + (srcX >> 3);
@@ -63,6 +71,39 @@ inline void ApplyRow(const std::uint8_t *src, int srcX, std::uint8_t *dst, int d
         return;
     }
     Apply(src, srcX, dst, dstX, count, op);
+}
+
+// d bits [x, x + count) = op(a bits, b bits) at the same places, the three
+// rows sharing their bit phase (x in 0..7; 0 is the whole-row case): the head
+// bits to a byte boundary merged, then eight bytes a step as 64-bit words,
+// then bytes, the last partial byte merged; d's other bits keep their
+// values. `op` must be a bitwise operation that takes 64-bit words as well
+// as bytes. d may be a or b.
+template <class Op>
+inline void CombineInPhase(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int count, Op op) {
+    if (count <= 0) return;
+    if (x != 0) {
+        const int n = std::min(8 - x, count);
+        const unsigned mask = (0xFFu >> x) & ~(0xFFu >> (x + n));
+        d[0] = static_cast<std::uint8_t>((d[0] & ~mask) | (static_cast<unsigned>(op(a[0], b[0])) & mask));
+        if (n == count) return;
+        ++a, ++b, ++d;
+        count -= n;
+    }
+    const int whole = count >> 3;
+    int i = 0;
+    for (; i + 8 <= whole; i += 8) {
+        std::uint64_t u, v;
+        std::memcpy(&u, a + i, 8);
+        std::memcpy(&v, b + i, 8);
+        const std::uint64_t r = op(u, v);
+        std::memcpy(d + i, &r, 8);
+    }
+    for (; i < whole; ++i) d[i] = static_cast<std::uint8_t>(op(a[i], b[i]));
+    if ((count & 7) != 0) {
+        const unsigned mask = (0xFF00u >> (count & 7)) & 0xFFu;
+        d[whole] = static_cast<std::uint8_t>((d[whole] & ~mask) | (static_cast<unsigned>(op(a[whole], b[whole])) & mask));
+    }
 }
 
 inline void Copy(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX, int count) {
@@ -86,13 +127,22 @@ inline void Copy(const std::uint8_t *src, int srcX, std::uint8_t *dst, int dstX,
         return;
     }
     if ((dstX & 7) == 0 && count >= 16) {
-        // Into whole bytes from an odd bit offset: two source bytes a byte
-        // while the second still lies in the span, the rest bit-exact.
+        // Into whole bytes from an odd bit offset: eight destination bytes
+        // from nine source bytes, then two source bytes a byte, while the
+        // last source byte still lies in the span; the rest bit-exact.
         const int shift = srcX & 7;
         const std::uint8_t *s = src + (srcX >> 3);
         std::uint8_t *d = dst + (dstX >> 3);
         const int whole = (count >> 3) - 1;
-        for (int i = 0; i < whole; ++i) d[i] = static_cast<std::uint8_t>((s[i] << shift) | (s[i + 1] >> (8 - shift)));
+        int i = 0;
+        for (; i + 8 <= whole; i += 8) {
+            std::uint64_t v;
+            std::memcpy(&v, s + i, 8);
+            v = (__builtin_bswap64(v) << shift) | (s[i + 8] >> (8 - shift));
+            v = __builtin_bswap64(v);
+            std::memcpy(d + i, &v, 8);
+        }
+        for (; i < whole; ++i) d[i] = static_cast<std::uint8_t>((s[i] << shift) | (s[i + 1] >> (8 - shift)));
         Apply(src, srcX + (whole << 3), dst, dstX + (whole << 3), count - (whole << 3),
               [](std::uint8_t, std::uint8_t v) { return v; });
         return;

@@ -114,6 +114,10 @@ void iplBitonalToGray(IplImage *src, IplImage *dst, int zeroScale, int oneScale)
 // Filters, geometry and per-pixel functions.
 void iplMinFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY);
 void iplMaxFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY);
+// iplMinFilter (minimum) or iplMaxFilter; with `plain`, the byte-wise 1-bit
+// and OpenCV 8-bit paths, the oracle of the word-wise and row-wise ones.
+void MinMaxFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY, bool minimum,
+                  bool plain);
 void iplFixedFilter(IplImage *src, IplImage *dst, int filter);
 void iplMirror(IplImage *src, IplImage *dst, int flipAxis);
 void iplResize(IplImage *src, IplImage *dst, int xDst, int xSrc, int yDst, int ySrc, int interpolate);

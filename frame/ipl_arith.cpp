@@ -23,8 +23,14 @@ void Bitwise(IplImage *src1, IplImage *src2, IplImage *dst, Op op) {
     if (!CommonRegions(*src1, *src2, *dst, &r1, &r2, &rd)) return;
     const PixelFormat f = FormatOf(*src1);
     if (f == PixelFormat::kBitonal) {
+        const bool aligned = ((r1.x | r2.x | rd.x) & 7) == 0;
         for (int i = 0; i < r1.height; ++i) {
             std::uint8_t *d = RowOf(*dst, rd.y + i);
+            if (aligned) {
+                bits::CombineInPhase(RowOf(*src1, r1.y + i) + (r1.x >> 3), RowOf(*src2, r2.y + i) + (r2.x >> 3),
+                                     d + (rd.x >> 3), 0, r1.width, op);
+                continue;
+            }
             if (dst != src1) bits::Copy(RowOf(*src1, r1.y + i), r1.x, d, rd.x, r1.width);
             bits::ApplyRow(RowOf(*src2, r2.y + i), r2.x, d, rd.x, r1.width, op);
         }
@@ -47,11 +53,11 @@ void Bitwise(IplImage *src1, IplImage *src2, IplImage *dst, Op op) {
 }  // namespace
 
 void iplAnd(IplImage *src1, IplImage *src2, IplImage *dst) {
-    Bitwise(src1, src2, dst, [](std::uint8_t a, std::uint8_t b) { return static_cast<std::uint8_t>(a & b); });
+    Bitwise(src1, src2, dst, [](auto a, auto b) { return static_cast<decltype(a)>(a & b); });
 }
 
 void iplOr(IplImage *src1, IplImage *src2, IplImage *dst) {
-    Bitwise(src1, src2, dst, [](std::uint8_t a, std::uint8_t b) { return static_cast<std::uint8_t>(a | b); });
+    Bitwise(src1, src2, dst, [](auto a, auto b) { return static_cast<decltype(a)>(a | b); });
 }
 
 void iplGreater(IplImage *srcA, IplImage *srcB, IplImage *dst) {
@@ -60,8 +66,14 @@ void iplGreater(IplImage *srcA, IplImage *srcB, IplImage *dst) {
     Region ra, rb, rd;
     if (!CommonRegions(*srcA, *srcB, *dst, &ra, &rb, &rd)) return;
     if (FormatOf(*srcA) == PixelFormat::kBitonal) {
+        const bool aligned = ((ra.x | rb.x | rd.x) & 7) == 0;
         for (int i = 0; i < ra.height; ++i) {
             std::uint8_t *d = RowOf(*dst, rd.y + i);
+            if (aligned) {
+                bits::CombineInPhase(RowOf(*srcA, ra.y + i) + (ra.x >> 3), RowOf(*srcB, rb.y + i) + (rb.x >> 3),
+                                     d + (rd.x >> 3), 0, ra.width, [](auto a, auto b) { return static_cast<decltype(a)>(a & ~b); });
+                continue;
+            }
             bits::Copy(RowOf(*srcA, ra.y + i), ra.x, d, rd.x, ra.width);
             bits::ApplyRow(RowOf(*srcB, rb.y + i), rb.x, d, rd.x, ra.width,
                            [](std::uint8_t a, std::uint8_t b) { return static_cast<std::uint8_t>(a & ~b); });

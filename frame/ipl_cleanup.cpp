@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "frame/bits.h"
+#include "frame/kernels.h"
 #include "frame/ipl.h"
 #include "frame/ipl_mat.h"
 
@@ -65,12 +66,15 @@ void iplSubtract(IplImage *src1, IplImage *src2, IplImage *dst) {
     if (f == PixelFormat::kBitonal) {
         // 1 - 1 and 0 - x saturate to 0: a bit survives where src2 is 0.
         // src2's bits are taken before dst (which may be src2) is written.
-        std::vector<std::uint8_t> b(static_cast<std::size_t>(r1.width + 7) / 8 + 1);
+        // Its bits are lined up with dst's bit phase, so the AND-NOT runs
+        // on whole bytes.
+        const int phase = rd.x & 7;
+        std::vector<std::uint8_t> b(static_cast<std::size_t>(r1.width + 7) / 8 + 2);
         for (int i = 0; i < r1.height; ++i) {
-            bits::Copy(RowOf(*src2, r2.y + i), r2.x, b.data(), 0, r1.width);
+            bits::Copy(RowOf(*src2, r2.y + i), r2.x, b.data(), phase, r1.width);
             std::uint8_t *d = RowOf(*dst, rd.y + i);
             bits::Copy(RowOf(*src1, r1.y + i), r1.x, d, rd.x, r1.width);
-            bits::ApplyRow(b.data(), 0, d, rd.x, r1.width,
+            bits::ApplyRow(b.data(), phase, d, rd.x, r1.width,
                            [](std::uint8_t a, std::uint8_t m) { return static_cast<std::uint8_t>(a & ~m); });
         }
         return;
@@ -80,11 +84,7 @@ void iplSubtract(IplImage *src1, IplImage *src2, IplImage *dst) {
         const std::uint8_t *a = RowOf(*src1, r1.y + i) + static_cast<std::ptrdiff_t>(r1.x) * bpp;
         const std::uint8_t *b = RowOf(*src2, r2.y + i) + static_cast<std::ptrdiff_t>(r2.x) * bpp;
         std::uint8_t *d = RowOf(*dst, rd.y + i) + static_cast<std::ptrdiff_t>(rd.x) * bpp;
-        const int n = r1.width * bpp;
-        for (int k = 0; k < n; ++k) {
-            const int v = a[k] - b[k];
-            d[k] = (bpp == 4 && (k & 3) == 3) ? a[k] : static_cast<std::uint8_t>(v < 0 ? 0 : v);
-        }
+        kernels::SubtractSaturateRow(a, b, d, static_cast<std::size_t>(r1.width) * bpp, bpp == 4);
     }
 }
 

@@ -45,7 +45,11 @@ void iplSet(IplImage *image, int value) {
         for (int i = 0; i < r.height; ++i) bits::Fill(RowOf(*image, r.y + i), r.x, r.width, value);
         return;
     }
-    MatOf(*image, r).setTo(cv::Scalar::all(std::clamp(value, 0, 255)));
+    // Every byte of every pixel takes the value: one memset per row.
+    const std::size_t bpp = static_cast<std::size_t>(Traits(FormatOf(*image)).bytesPerPixel);
+    const auto v = static_cast<std::uint8_t>(std::clamp(value, 0, 255));
+    for (int i = 0; i < r.height; ++i)
+        std::memset(RowOf(*image, r.y + i) + bpp * static_cast<std::size_t>(r.x), v, bpp * static_cast<std::size_t>(r.width));
 }
 
 void iplNot(IplImage *src, IplImage *dst) {

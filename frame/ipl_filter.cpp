@@ -3,12 +3,26 @@
 // neighbourhood of (x, y) is columns x .. x + n - 1 and stored rows
 // y .. y + m - 1. The region is the whole image to the filter: cells beyond
 // it are left out of the minimum or maximum (nothing outside is read).
-// 8-bit images run on OpenCV's erode and dilate; 1-bit images AND (minimum)
-// or OR (maximum) shifted copies of their packed rows. With the anchor at
-// cell 0 the spans double, so a side of n costs log2(n) passes per axis: on
-// 1-bit rows always, on 8-bit images for sides beyond 128 (below that,
-// OpenCV's erosion and dilation are faster).
+// With the anchor at cell (0, 0) the spans double (each step combines a row
+// or the rows with themselves shifted by the span so far), so a side of n
+// costs log2(n) steps per axis:
+// - 1-bit rows as 64-bit words (the leftmost pixel in the most significant
+//   bit), each step a shift of the whole row by the span and an AND (minimum)
+//   or OR (maximum); rows held in one scratch page, the last vertical step
+//   combined on the way out into the destination.
+// - 8-bit rows with SSE2 byte minimum or maximum, written into the
+//   destination.
+// For sides of at most 2 rows, two spread rows roll down the page instead
+// and every destination row is written once. Other anchors, and an image
+// filtered onto itself, take the plain path, which is also the oracle of
+// the fast one: 8-bit images on OpenCV's erode and dilate (doubling spans
+// beyond a side of 128), 1-bit images AND-ing or OR-ing shifted copies of
+// their packed rows a byte at a time.
+#include <emmintrin.h>
+
 #include <algorithm>
+#include <cstring>
+#include <memory>
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
@@ -140,17 +154,251 @@ void SpreadGray(const cv::Mat &in, cv::Mat &out, int nCols, int nRows, bool mini
     a.copyTo(out);
 }
 
-void Filter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY, bool minimum) {
+// --- Fast paths, anchor (0, 0) ---------------------------------------------
+
+inline std::uint64_t LoadBig64(const std::uint8_t *p) {
+    std::uint64_t v;
+    std::memcpy(&v, p, 8);
+    return __builtin_bswap64(v);
+}
+
+inline void StoreBig64(std::uint8_t *p, std::uint64_t v) {
+    v = __builtin_bswap64(v);
+    std::memcpy(p, &v, 8);
+}
+
+// row word i becomes op(row word i, the row shifted left by k bits), words
+// past the end being the identity; in place, word by word upwards (each
+// word reads only itself and words above it).
+template <bool Minimum>
+void SpreadWords(std::uint64_t *row, int words, long long k, std::uint64_t identity) {
+    const auto op = [](std::uint64_t a, std::uint64_t b) { return Minimum ? (a & b) : (a | b); };
+    const int q = static_cast<int>(std::min<long long>(k >> 6, words));
+    const int r = static_cast<int>(k & 63);
+    int i = 0;
+    if (r == 0) {
+        for (; i + q < words; ++i) row[i] = op(row[i], row[i + q]);
+    } else {
+        for (; i + q + 1 < words; ++i) row[i] = op(row[i], (row[i + q] << r) | (row[i + q + 1] >> (64 - r)));
+        if (i + q < words) {
+            row[i] = op(row[i], (row[i + q] << r) | (identity >> (64 - r)));
+            ++i;
+        }
+    }
+    for (; i < words; ++i) row[i] = op(row[i], identity);
+}
+
+template <bool Minimum>
+void CombineWords(const std::uint64_t *a, const std::uint64_t *b, std::uint64_t *d, int words) {
+    for (int i = 0; i < words; ++i) d[i] = Minimum ? (a[i] & b[i]) : (a[i] | b[i]);
+}
+
+template <bool Minimum>
+void BitonalFilterWords(const IplImage &src, const Region &rs, IplImage &dst, const Region &rd, int nCols, int nRows) {
+    const int w = rs.width, h = rs.height;
+    const int words = (w + 63) / 64;
+    const std::size_t nbytes = static_cast<std::size_t>((w + 7) / 8), whole = nbytes / 8;
+    const std::uint64_t identity = Minimum ? ~0ull : 0ull;
+    // Bits past w in the last word are the identity.
+    const std::uint64_t tail = (w & 63) == 0 ? 0 : ~0ull >> (w & 63);
+    std::uint8_t bytes[16];
+    // Region row y, its bits from bit 0 of word 0, spread along the row.
+    // Source bytes from the one holding the region's first bit to the one
+    // holding its last, and the bit phases of both images.
+    const int srcShift = rs.x & 7, dstShift = rd.x & 7;
+    const std::size_t avail = static_cast<std::size_t>(((rs.x + w - 1) >> 3) - (rs.x >> 3) + 1);
+    const auto load = [&](int y, std::uint64_t *row) {
+        const std::uint8_t *s = RowOf(src, rs.y + y) + (rs.x >> 3);
+        std::size_t j = 0;
+        if (srcShift == 0) {
+            for (; j < whole; ++j) row[j] = LoadBig64(s + 8 * j);
+        } else {
+            // Nine source bytes a word while the ninth lies in the region's bytes.
+            for (; 8 * j + 9 <= avail && j < static_cast<std::size_t>(words); ++j)
+                row[j] = (LoadBig64(s + 8 * j) << srcShift) | (s[8 * j + 8] >> (8 - srcShift));
+        }
+        if (j < static_cast<std::size_t>(words)) {
+            // The last word or two, bit-exact through a buffer.
+            std::memset(bytes, Minimum ? 0xFF : 0x00, sizeof bytes);
+            bits::Copy(RowOf(src, rs.y + y), rs.x + static_cast<int>(64 * j), bytes, 0, w - static_cast<int>(64 * j));
+            for (std::size_t k = 0; j < static_cast<std::size_t>(words); ++j, ++k) row[j] = LoadBig64(bytes + 8 * k);
+        }
+        row[words - 1] = Minimum ? (row[words - 1] | tail) : (row[words - 1] & ~tail);
+        for (long long have = 1; have < nCols && have < 64LL * words;) {
+            const long long step = std::min<long long>(have, nCols - have);
+            SpreadWords<Minimum>(row, words, step, identity);
+            have += step;
+        }
+    };
+    // Whole destination bytes stored eight at a time, the edges through
+    // bits::Copy, which keeps the bits past the region.
+    const auto store = [&](int y, const std::uint64_t *row) {
+        std::uint8_t *line = RowOf(dst, rd.y + y), *d = line + (rd.x >> 3);
+        int done = 0;  // bits of the row stored
+        std::size_t i = 0;
+        if (dstShift == 0) {
+            for (; 64 * (i + 1) <= static_cast<std::size_t>(w); ++i) StoreBig64(d + 8 * i, row[i]);
+            done = static_cast<int>(64 * i);
+        } else {
+            // The head up to the byte boundary, then chunk i = row bits
+            // from head + 64 i on, from words i and i + 1.
+            const int head = std::min(8 - dstShift, w);
+            const std::uint8_t first = static_cast<std::uint8_t>(row[0] >> 56);
+            bits::Copy(&first, 0, line, rd.x, head);
+            for (; head + 64 * (i + 1) <= static_cast<std::size_t>(w) && i + 1 < static_cast<std::size_t>(words); ++i)
+                StoreBig64(d + 1 + 8 * i, (row[i] << head) | (row[i + 1] >> (64 - head)));
+            done = head + static_cast<int>(64 * i);
+        }
+        if (done < w) {
+            const std::size_t k = static_cast<std::size_t>(done) / 64;
+            std::uint8_t buf[16];
+            StoreBig64(buf, row[k]);
+            StoreBig64(buf + 8, k + 1 < static_cast<std::size_t>(words) ? row[k + 1] : 0);
+            bits::Copy(buf, done & 63, line, rd.x + done, w - done);
+        }
+    };
+    const std::size_t rowWords = static_cast<std::size_t>(words);
+    if (nRows <= 2 || h <= 2) {
+        // Two rolling rows: destination row y from the spread rows y and
+        // y + 1 (row y alone for one row, or at the top).
+        std::vector<std::uint64_t> rolling(3 * rowWords);
+        std::uint64_t *cur = rolling.data(), *next = cur + rowWords, *out = next + rowWords;
+        load(0, cur);
+        for (int y = 0; y < h; ++y) {
+            if (nRows == 1 || y + 1 == h) {
+                store(y, cur);
+                if (y + 1 < h) load(y + 1, cur);
+                continue;
+            }
+            load(y + 1, next);
+            CombineWords<Minimum>(cur, next, out, words);
+            store(y, out);
+            std::swap(cur, next);
+        }
+        return;
+    }
+    std::unique_ptr<std::uint64_t[]> page(new std::uint64_t[rowWords * h]);
+    for (int y = 0; y < h; ++y) load(y, page.get() + rowWords * y);
+    // Vertical steps but the last in place; the last one on the way out.
+    long long have = 1, last = 0;
+    while (have < nRows && have < h) {
+        const long long step = std::min<long long>(have, nRows - have);
+        have += step;
+        if (have >= nRows || have >= h) {
+            last = step;
+            break;
+        }
+        for (long long y = 0; y + step < h; ++y) {
+            std::uint64_t *a = page.get() + rowWords * y;
+            CombineWords<Minimum>(a, a + rowWords * step, a, words);
+        }
+    }
+    std::vector<std::uint64_t> out(rowWords);
+    for (int y = 0; y < h; ++y) {
+        const std::uint64_t *a = page.get() + rowWords * y;
+        if (last != 0 && y + last < h) {
+            CombineWords<Minimum>(a, a + rowWords * last, out.data(), words);
+            a = out.data();
+        }
+        store(y, a);
+    }
+}
+
+// d[x] = op(a[x], b[x]) for n bytes; d may be a.
+template <bool Minimum>
+void CombineBytes(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int n) {
+    int x = 0;
+    for (; x + 16 <= n; x += 16) {
+        const __m128i u = _mm_loadu_si128(reinterpret_cast<const __m128i *>(a + x));
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(b + x));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(d + x), Minimum ? _mm_min_epu8(u, v) : _mm_max_epu8(u, v));
+    }
+    for (; x < n; ++x) d[x] = Minimum ? std::min(a[x], b[x]) : std::max(a[x], b[x]);
+}
+
+// d = the op over columns x .. x + n - 1 of the w levels of s, cells past
+// the end left out; d may be s. Each step combines the row with itself
+// shifted by the span so far, upwards, so in place it reads only what it
+// has not yet written.
+template <bool Minimum>
+void SpreadGrayRow(const std::uint8_t *s, std::uint8_t *d, int w, int n) {
+    if (n <= 1 || w <= 1) {
+        if (d != s) std::memcpy(d, s, static_cast<std::size_t>(w));
+        return;
+    }
+    const std::uint8_t *from = s;
+    for (long long have = 1; have < n && have < w;) {
+        const int step = static_cast<int>(std::min<long long>(have, n - have));
+        CombineBytes<Minimum>(from, from + step, d, w - step);
+        if (d != from) std::memcpy(d + w - step, from + w - step, static_cast<std::size_t>(step));
+        from = d;
+        have += step;
+    }
+    if (from != d) std::memcpy(d, s, static_cast<std::size_t>(w));
+}
+
+template <bool Minimum>
+void GrayFilterRows(const IplImage &src, const Region &rs, IplImage &dst, const Region &rd, int nCols, int nRows) {
+    const int w = rs.width, h = rs.height;
+    const auto in = [&](int y) { return RowOf(src, rs.y + y) + rs.x; };
+    const auto out = [&](int y) { return RowOf(dst, rd.y + y) + rd.x; };
+    if (nRows <= 2) {
+        // Two rolling rows: destination row y from the spread rows y and y + 1.
+        std::vector<std::uint8_t> rolling(2 * static_cast<std::size_t>(w));
+        std::uint8_t *cur = rolling.data(), *next = cur + w;
+        if (nRows == 1) {
+            for (int y = 0; y < h; ++y) SpreadGrayRow<Minimum>(in(y), out(y), w, nCols);
+            return;
+        }
+        SpreadGrayRow<Minimum>(in(0), cur, w, nCols);
+        for (int y = 0; y < h; ++y) {
+            if (y + 1 == h) {
+                std::memcpy(out(y), cur, static_cast<std::size_t>(w));
+                break;
+            }
+            SpreadGrayRow<Minimum>(in(y + 1), next, w, nCols);
+            CombineBytes<Minimum>(cur, next, out(y), w);
+            std::swap(cur, next);
+        }
+        return;
+    }
+    for (int y = 0; y < h; ++y) SpreadGrayRow<Minimum>(in(y), out(y), w, nCols);
+    for (long long have = 1; have < nRows && have < h;) {
+        const int step = static_cast<int>(std::min<long long>(have, nRows - have));
+        for (int y = 0; y + step < h; ++y) CombineBytes<Minimum>(out(y), out(y + step), out(y), w);
+        have += step;
+    }
+}
+
+}  // namespace
+
+void MinMaxFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY, bool minimum,
+                  bool plain) {
     if (src == nullptr || dst == nullptr || !SameFormat(*src, *dst) || nCols <= 0 || nRows <= 0) return;
     if (anchorX < 0 || anchorY < 0 || anchorX >= nCols || anchorY >= nRows) return;
     const PixelFormat f = FormatOf(*src);
-    if (f == PixelFormat::kBitonal) {
-        BitonalFilter(src, dst, nCols, nRows, anchorX, anchorY, minimum);
-        return;
-    }
-    if (f != PixelFormat::kGray) return;
+    if (f != PixelFormat::kBitonal && f != PixelFormat::kGray) return;
     Region rs, rd;
     if (!CommonRegions(*src, *dst, &rs, &rd)) return;
+    // The fast paths read every source row before writing its destination
+    // rows, which an image filtered onto itself would overwrite first.
+    const bool fast = !plain && anchorX == 0 && anchorY == 0 && src->imageData != dst->imageData;
+    if (f == PixelFormat::kBitonal) {
+        if (!fast)
+            BitonalFilter(src, dst, nCols, nRows, anchorX, anchorY, minimum);
+        else if (minimum)
+            BitonalFilterWords<true>(*src, rs, *dst, rd, nCols, nRows);
+        else
+            BitonalFilterWords<false>(*src, rs, *dst, rd, nCols, nRows);
+        return;
+    }
+    if (fast) {
+        if (minimum)
+            GrayFilterRows<true>(*src, rs, *dst, rd, nCols, nRows);
+        else
+            GrayFilterRows<false>(*src, rs, *dst, rd, nCols, nRows);
+        return;
+    }
     const cv::Mat in = MatOf(*src, rs);
     cv::Mat out = MatOf(*dst, rd);
     if (anchorX == 0 && anchorY == 0 && std::max(nCols, nRows) > kLargeSide) {
@@ -165,14 +413,12 @@ void Filter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int
         cv::dilate(in, out, kernel, cv::Point(anchorX, anchorY), 1, border, cv::morphologyDefaultBorderValue());
 }
 
-}  // namespace
-
 void iplMinFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY) {
-    Filter(src, dst, nCols, nRows, anchorX, anchorY, true);
+    MinMaxFilter(src, dst, nCols, nRows, anchorX, anchorY, true, false);
 }
 
 void iplMaxFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchorX, int anchorY) {
-    Filter(src, dst, nCols, nRows, anchorX, anchorY, false);
+    MinMaxFilter(src, dst, nCols, nRows, anchorX, anchorY, false, false);
 }
 
 }  // namespace quarvel

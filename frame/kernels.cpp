@@ -60,6 +60,13 @@ void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, i
     }
 }
 
+void SubtractSaturateRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth) {
+    for (std::size_t i = 0; i < n; ++i) {
+        const int v = a[i] - b[i];
+        d[i] = keepFourth && (i & 3) == 3 ? a[i] : static_cast<std::uint8_t>(v < 0 ? 0 : v);
+    }
+}
+
 void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold) {
     int x = 0;
     for (int j = 0; x < w; ++j) {
@@ -246,6 +253,33 @@ __attribute__((target("ssse3"))) int ReverseBytesSsse3(const std::uint8_t *src, 
     return j;
 }
 
+// The same 32 bytes a step: bytes reversed within each lane and the lanes
+// swapped, then the nibble lookups; a row of at least 32 bytes ends with a
+// block overlapping the one before it instead of a byte tail. Returns the
+// bytes done.
+__attribute__((target("avx2"))) int ReverseBytesAvx2(const std::uint8_t *src, std::uint8_t *t, int nb) {
+    if (nb < 32) return 0;
+    const __m256i order = _mm256_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0, 15, 14, 13, 12, 11, 10,
+                                           9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+    const __m256i toHigh = _mm256_broadcastsi128_si256(
+        _mm_setr_epi8(0x00, static_cast<char>(0x80), 0x40, static_cast<char>(0xC0), 0x20, static_cast<char>(0xA0), 0x60,
+                      static_cast<char>(0xE0), 0x10, static_cast<char>(0x90), 0x50, static_cast<char>(0xD0), 0x30,
+                      static_cast<char>(0xB0), 0x70, static_cast<char>(0xF0)));
+    const __m256i toLow =
+        _mm256_broadcastsi128_si256(_mm_setr_epi8(0x0, 0x8, 0x4, 0xC, 0x2, 0xA, 0x6, 0xE, 0x1, 0x9, 0x5, 0xD, 0x3, 0xB, 0x7, 0xF));
+    const __m256i nibble = _mm256_set1_epi8(0x0F);
+    for (int j = 0;; j += 32) {
+        const bool last = j + 32 >= nb;
+        if (last) j = nb - 32;
+        const __m256i v = _mm256_permute4x64_epi64(
+            _mm256_shuffle_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + nb - 32 - j)), order), 0x4E);
+        const __m256i lo = _mm256_shuffle_epi8(toHigh, _mm256_and_si256(v, nibble));
+        const __m256i hi = _mm256_shuffle_epi8(toLow, _mm256_and_si256(_mm256_srli_epi16(v, 4), nibble));
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(t + j), _mm256_or_si256(lo, hi));
+        if (last) return nb;
+    }
+}
+
 }  // namespace
 
 // 16 levels a step: v >= t as max(v, t) == v, the byte mask's sign bits
@@ -308,7 +342,8 @@ void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w) {
     if (pad != 0 && scratch.size() < static_cast<std::size_t>(nb) + 1) scratch.resize(static_cast<std::size_t>(nb) + 1);
     std::uint8_t *t = pad == 0 ? dst : scratch.data();
     // t byte j = bit-reversed src byte nb - 1 - j.
-    int j = kHasSsse3 ? ReverseBytesSsse3(src, t, nb) : 0;
+    int j = useAvx2 ? ReverseBytesAvx2(src, t, nb) : 0;
+    if (j == 0 && kHasSsse3) j = ReverseBytesSsse3(src, t, nb);
     for (; j + 8 <= nb; j += 8) Store64(t + j, ReverseBits64(Load64(src + nb - 8 - j)));
     for (; j < nb; ++j) t[j] = bits::kReverse[src[nb - 1 - j]];
     if (pad == 0) return;
@@ -429,6 +464,17 @@ void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, i
     plain::AddSaturateRow(src + i, dst + i, n - i, value, keepFourth);
 }
 
+void SubtractSaturateRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth) {
+    const __m128i fourth = keepFourth ? _mm_set1_epi32(static_cast<int>(0xFF000000u)) : _mm_setzero_si128();
+    std::size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m128i u = _mm_loadu_si128(reinterpret_cast<const __m128i *>(a + i));
+        const __m128i r = _mm_subs_epu8(u, _mm_loadu_si128(reinterpret_cast<const __m128i *>(b + i)));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(d + i), _mm_or_si128(_mm_andnot_si128(fourth, r), _mm_and_si128(fourth, u)));
+    }
+    plain::SubtractSaturateRow(a + i, b + i, d + i, n - i, keepFourth);
+}
+
 // 32 bytes a step: the 16 sixteen-entry slices of the table looked up by
 // each byte's low nibble (one byte shuffle each), then the byte's high
 // nibble picks among them by a tree of 15 blends on its bits 4 to 7 (each
@@ -509,9 +555,23 @@ void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, s
 }
 
 // 16 bytes a step; the fourth bytes are kept by OR-ing ones into b's.
+// 64 bytes a step, stored back into a only where the AND changed one of
+// them: a block a keeps unchanged (paper AND paper) is not written, which
+// spares the memory traffic of writing it back.
 void AndRowTwice(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth) {
     const __m128i fourth = keepFourth ? _mm_set1_epi32(static_cast<int>(0xFF000000u)) : _mm_setzero_si128();
     std::size_t i = 0;
+    for (; i + 64 <= n; i += 64) {
+        __m128i v[4], changed = _mm_setzero_si128();
+        for (int k = 0; k < 4; ++k) {
+            const __m128i u = _mm_loadu_si128(reinterpret_cast<const __m128i *>(a + i + 16 * k));
+            v[k] = _mm_and_si128(u, _mm_or_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(b + i + 16 * k)), fourth));
+            changed = _mm_or_si128(changed, _mm_xor_si128(u, v[k]));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(d + i + 16 * k), v[k]);
+        }
+        if (_mm_movemask_epi8(_mm_cmpeq_epi8(changed, _mm_setzero_si128())) != 0xFFFF)
+            for (int k = 0; k < 4; ++k) _mm_storeu_si128(reinterpret_cast<__m128i *>(a + i + 16 * k), v[k]);
+    }
     for (; i + 16 <= n; i += 16) {
         const __m128i v = _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(a + i)),
                                         _mm_or_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(b + i)), fourth));

@@ -34,6 +34,10 @@ void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp,
 // over 4-byte pixels whose fourth byte is copied unchanged (n counts bytes).
 void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth);
 
+// d = a - b, saturated at 0, for n bytes; with `keepFourth`, over 4-byte
+// pixels whose fourth byte keeps a's value. d may be a or b.
+void SubtractSaturateRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth);
+
 // Packs w gray levels into (w + 7) / 8 bytes of bits, most significant
 // first: 1 where the level is at least `threshold`; bits past w are 0.
 void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold);
@@ -89,6 +93,7 @@ void AndRowTwice(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::s
 void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, std::uint8_t zero, std::uint8_t one);
 void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold);
 void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth);
+void SubtractSaturateRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth);
 void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta);
 void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp);
 void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w);

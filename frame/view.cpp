@@ -33,6 +33,23 @@ bool ResultBlock::Open(std::size_t size, bool zeroed) {
     return data_ != nullptr;
 }
 
+namespace {
+
+// A row's padding (at most 4 bytes with the partial byte) cleared with
+// plain stores: a memset call per row costs more than the row's copy on a
+// 1-bit page.
+inline void ZeroPadding(std::uint8_t *p, std::size_t n) {
+    switch (n) {
+        case 4: p[3] = 0; [[fallthrough]];
+        case 3: p[2] = 0; [[fallthrough]];
+        case 2: p[1] = 0; [[fallthrough]];
+        case 1: p[0] = 0; break;
+        default: std::memset(p, 0, n);
+    }
+}
+
+}  // namespace
+
 ResultBlock ResultBlock::CopiedHeader(const LockedDib &in, bool pixelsWritten) {
     ResultBlock out;
     PixelFormat format;
@@ -46,7 +63,7 @@ ResultBlock ResultBlock::CopiedHeader(const LockedDib &in, bool pixelsWritten) {
         const std::size_t used = static_cast<std::size_t>(in.width()) * static_cast<std::size_t>(in.bitCount()) / 8;
         std::uint8_t *rows = out.data_ + in.prefixSize();
         if (used < stride)
-            for (int y = 0; y < in.height(); ++y) std::memset(rows + y * stride + used, 0, stride - used);
+            for (int y = 0; y < in.height(); ++y) ZeroPadding(rows + y * stride + used, stride - used);
         const std::size_t end = in.prefixSize() + in.imageSize();
         std::memset(out.data_ + end, 0, in.blockSize() - end);
     }
@@ -77,7 +94,7 @@ ResultBlock ResultBlock::Rewritten(const LockedDib &in, PixelFormat format, int 
         const std::size_t stride = static_cast<std::size_t>(probe->widthStep);
         const std::size_t used = static_cast<std::size_t>(width) * static_cast<std::size_t>(Traits(format).bitCount) / 8;
         if (used < stride)
-            for (int y = 0; y < height; ++y) std::memset(out.data_ + prefix + y * stride + used, 0, stride - used);
+            for (int y = 0; y < height; ++y) ZeroPadding(out.data_ + prefix + y * stride + used, stride - used);
     }
     std::memcpy(out.data_, in.block(), table == NewTable::kKeep ? in.prefixSize() : kHeaderSize);
     BITMAPINFOHEADER *h = out.header();
@@ -123,6 +140,10 @@ HGLOBAL CopyPixels(ResultBlock block, const IplImage &result) {
 }
 
 }  // namespace
+
+void PaintOutside(IplImage *from, IplImage *to, int x, int y, int w, int h, int value) {
+    PaintAround(from, to, x, y, w, h, value, [](int) {});
+}
 
 HGLOBAL MakeResultBlock(const LockedDib &in, const IplImage &result) {
     if (result.width != in.width() || result.height != in.height() || BitCountOf(result) != in.bitCount()) {

@@ -8,7 +8,10 @@
 #pragma once
 
 #include "frame/dib.h"
+#include "frame/bits.h"
 #include "frame/ipl.h"
+
+#include <cstring>
 
 namespace quarvel {
 
@@ -59,6 +62,46 @@ private:
     std::uint8_t *data_ = nullptr;
     ImagePtr image_;
 };
+
+// The pixels of `to` outside the rectangle (x, y, w, h) of stored rows, which
+// lies inside the image: copied from `from` (same size and format), or with
+// `from` null set to `value`; `inside(i)` is called for each stored row i of
+// the rectangle between its left and right parts, to write the rectangle's
+// pixels of that row. One pass down the rows, each byte written once.
+template <class Inside>
+void PaintAround(IplImage *from, IplImage *to, int x, int y, int w, int h, int value, Inside inside) {
+    const int pw = to->width;
+    const bool bitonal = FormatOf(*to) == PixelFormat::kBitonal;
+    const std::size_t bpp = bitonal ? 0 : static_cast<std::size_t>(Traits(FormatOf(*to)).bytesPerPixel);
+    const auto v = static_cast<std::uint8_t>(value < 0 ? 0 : value > 255 ? 255 : value);
+    const auto part = [&](int row, int from0, int n) {
+        if (n <= 0) return;
+        std::uint8_t *d = RowOf(*to, row);
+        if (bitonal) {
+            if (from == nullptr)
+                bits::Fill(d, from0, n, value);
+            else
+                bits::Copy(RowOf(*from, row), from0, d, from0, n);
+        } else if (from == nullptr) {
+            std::memset(d + bpp * static_cast<std::size_t>(from0), v, bpp * static_cast<std::size_t>(n));
+        } else {
+            std::memcpy(d + bpp * static_cast<std::size_t>(from0), RowOf(*from, row) + bpp * static_cast<std::size_t>(from0),
+                        bpp * static_cast<std::size_t>(n));
+        }
+    };
+    for (int i = 0; i < to->height; ++i) {
+        if (i < y || i >= y + h) {
+            part(i, 0, pw);
+            continue;
+        }
+        part(i, 0, x);
+        inside(i);
+        part(i, x + w, pw - x - w);
+    }
+}
+
+// PaintAround with the rectangle's pixels left for the caller.
+void PaintOutside(IplImage *from, IplImage *to, int x, int y, int w, int h, int value);
 
 // The result block of a separately made result image, copied-header form.
 HGLOBAL MakeResultBlock(const LockedDib &in, const IplImage &result);

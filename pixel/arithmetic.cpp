@@ -42,21 +42,6 @@ bool ClipTogether(Rects &r, int w1, int h1, int w2, int h2) {
     return true;
 }
 
-// Copies the pixels of `from` that lie outside the stored-row rectangle
-// (x, y, w, h) into `to`, which has the same size and format.
-bool CopyOutside(IplImage *from, IplImage *to, int x, int y, int w, int h) {
-    const int pw = from->width, ph = from->height;
-    const int parts[4][4] = {{0, 0, pw, y}, {0, y + h, pw, ph - y - h}, {0, y, x, h}, {x + w, y, pw - x - w, h}};
-    for (const auto &p : parts) {
-        if (p[2] <= 0 || p[3] <= 0) continue;
-        RoiPtr roi(iplCreateROI(0, p[0], p[1], p[2], p[3]));
-        if (!roi) return false;
-        RoiScope a(from, roi.get()), b(to, roi.get());
-        iplCopy(from, to);
-    }
-    return true;
-}
-
 HGLOBAL Combine(HGLOBAL hDib1, HGLOBAL hDib2, Rects r, bool conjunction) {
     LockedDib page1(hDib1, kImageDepths), page2(hDib2, kImageDepths);
     if (!page1.ok() || !page2.ok() || page1.bitCount() != page2.bitCount()) return nullptr;
@@ -79,7 +64,7 @@ HGLOBAL Combine(HGLOBAL hDib1, HGLOBAL hDib2, Rects r, bool conjunction) {
         for (int i = 0; i < r.h; ++i)
             kernels::AndRowTwice(RowOf(*view1, y1 + i) + bytes(r.x1), RowOf(*view2, y2 + i) + bytes(r.x2),
                                  RowOf(*out.image(), y1 + i) + bytes(r.x1), static_cast<std::size_t>(bytes(r.w)), bits == 32);
-        if (!CopyOutside(view1.get(), out.image(), r.x1, y1, r.w, r.h)) return nullptr;
+        PaintOutside(view1.get(), out.image(), r.x1, y1, r.w, r.h, 0);
     } else if (conjunction) {
         if (any) {
             RoiScope a(view1.get(), roi1.get()), b(view2.get(), roi2.get());
@@ -95,7 +80,7 @@ HGLOBAL Combine(HGLOBAL hDib1, HGLOBAL hDib2, Rects r, bool conjunction) {
             RoiScope a(view1.get(), roi1.get()), b(view2.get(), roi2.get()), c(out.image(), roi1.get());
             iplOr(view1.get(), view2.get(), out.image());
         }
-        if (!CopyOutside(view1.get(), out.image(), r.x1, page1.height() - r.y1 - r.h, r.w, r.h)) return nullptr;
+        PaintOutside(view1.get(), out.image(), r.x1, page1.height() - r.y1 - r.h, r.w, r.h, 0);
     }
     return out.Release();
 }
@@ -116,7 +101,7 @@ HGLOBAL GetLess(HGLOBAL hDib1, HGLOBAL hDib2) {
         page1.height() != page2.height())
         return nullptr;
     ImagePtr view1 = DibToIplImage(page1.header()), view2 = DibToIplImage(page2.header());
-    ResultBlock out = ResultBlock::CopiedHeader(page1);
+    ResultBlock out = ResultBlock::CopiedHeader(page1, true);  // every pixel is written
     if (!view1 || !view2 || !out) return nullptr;
     if (page1.bitCount() == 1) {
         iplGreater(view1.get(), view2.get(), out.image());

@@ -4,8 +4,8 @@
 // ConvertModeToGrayEx makes strongly red and strongly blue pixels of a colour
 // page black in its gray result, so coloured marks come out as dark as ink;
 // a 32-bit page is tested with its own 4-byte pixels. Colour pages go to
-// gray, and black-and-white pages to gray or colour, in one pass straight
-// into the result block.
+// gray, black-and-white pages to gray or colour, and colour pages to 24 or
+// 32 bits, in one pass straight into the result block.
 #include <algorithm>
 #include <vector>
 
@@ -82,6 +82,17 @@ HGLOBAL ExpandedBitonal(const LockedDib &in, int mode) {
     return out.Release();
 }
 
+// A colour page to 24 or 32 bits, copied straight into the result block
+// (a 24-bit pixel gains an opaque fourth byte, a 32-bit one drops it).
+HGLOBAL ColourCopied(const LockedDib &in, IplImage *view, int mode) {
+    ResultBlock out = ResultBlock::Rewritten(in, mode == 24 ? PixelFormat::kBgr : PixelFormat::kBgra, in.width(),
+                                             in.height(), NewTable::kNone, true);
+    if (!out) return nullptr;
+    iplCopy(view, out.image());
+    out.header()->biClrUsed = 0;
+    return out.Release();
+}
+
 }  // namespace
 
 HGLOBAL ConvertMode(HGLOBAL hDib, int mode, int threshold) {
@@ -94,6 +105,7 @@ HGLOBAL ConvertMode(HGLOBAL hDib, int mode, int threshold) {
     ImagePtr view = DibToIplImage(in.header());
     if (!view) return nullptr;
     if (in.bitCount() == 8 && mode != 8) return GrayConvertedInPlace(in, view.get(), mode, threshold);
+    if (in.bitCount() >= 24 && mode >= 24) return ColourCopied(in, view.get(), mode);
     ImagePtr converted;
     NewTable table = NewTable::kNone;
     switch (mode) {

@@ -2,7 +2,12 @@
 // rectangle, with one gray level. On a 1-bit page with a light-first palette
 // the level is inverted, so 255 is always paper and 0 always ink. The
 // rectangle (rows counted from the top) is clipped to the page; an empty or
-// inverted one covers nothing.
+// inverted one covers nothing. Every byte of the result is written once: the
+// rectangle's part of each row is set (Fill) or copied (FillOutside) and the
+// rest of the row copied or set around it, one pass down the rows.
+#include <cstring>
+
+#include "frame/bits.h"
 #include "frame/view.h"
 #include "pixel/pixel.h"
 #include "platform/rect.h"
@@ -24,21 +29,32 @@ HGLOBAL Paint(HGLOBAL hDib, const RECT *rect, int value, bool outside) {
     const RECT page{0, 0, in.width(), in.height()};
     RECT r;
     const bool any = IntersectRect(&r, &asked, &page);
-    RoiPtr roi(any ? iplCreateROI(0, r.left, r.top, r.right - r.left, r.bottom - r.top) : nullptr);
-    if (any && !roi) return nullptr;
-    if (outside) {
-        iplSet(out.image(), written);
-        if (any) {
-            RoiScope a(view.get(), roi.get()), b(out.image(), roi.get());
-            iplCopy(view.get(), out.image());
-        }
-    } else {
-        iplCopy(view.get(), out.image());
-        if (any) {
-            RoiScope b(out.image(), roi.get());
+    if (!any) {
+        if (outside)
             iplSet(out.image(), written);
-        }
+        else
+            iplCopy(view.get(), out.image());
+        return out.Release();
     }
+    // One pass down the rows: the rectangle's part of each row set or
+    // copied, the rest copied or set around it.
+    const int x = r.left, w = r.right - r.left;
+    IplImage *src = view.get(), *result = out.image();
+    const std::size_t bpp = static_cast<std::size_t>(in.bitCount() / 8);
+    const auto v = static_cast<std::uint8_t>(written);
+    PaintAround(outside ? nullptr : src, result, x, r.top, w, r.bottom - r.top, written, [&](int i) {
+        std::uint8_t *d = RowOf(*result, i);
+        if (in.bitCount() == 1) {
+            if (outside)
+                bits::Copy(RowOf(*src, i), x, d, x, w);
+            else
+                bits::Fill(d, x, w, written);
+        } else if (outside) {
+            std::memcpy(d + bpp * x, RowOf(*src, i) + bpp * x, bpp * w);
+        } else {
+            std::memset(d + bpp * x, v, bpp * w);
+        }
+    });
     return out.Release();
 }
 

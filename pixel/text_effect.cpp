@@ -45,17 +45,20 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
         Filter(view.get(), out.image(), level, in.width(), in.height());
         return out.Release();
     }
-    iplCopy(view.get(), out.image());
     const RECT asked = FlipRows(*rect, in.height());
     const RECT page{0, 0, in.width(), in.height()};
     RECT r;
-    if (!IntersectRect(&r, &asked, &page)) return out.Release();  // nothing of the page to filter
-    RoiPtr roi(iplCreateROI(0, r.left, r.top, r.right - r.left, r.bottom - r.top));
-    if (!roi) return nullptr;
+    if (!IntersectRect(&r, &asked, &page)) {  // nothing of the page to filter
+        iplCopy(view.get(), out.image());
+        return out.Release();
+    }
+    // The rectangle filtered, the page around it copied.
+    IplROI roi{0, r.left, r.top, r.right - r.left, r.bottom - r.top};
     {
-        RoiScope a(view.get(), roi.get()), b(out.image(), roi.get());
+        RoiScope a(view.get(), &roi), b(out.image(), &roi);
         Filter(view.get(), out.image(), level, r.right - r.left, r.bottom - r.top);
     }  // the regions come off before the block is handed over
+    PaintOutside(view.get(), out.image(), r.left, r.top, r.right - r.left, r.bottom - r.top, 0);
     return out.Release();
 }
 

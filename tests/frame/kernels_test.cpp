@@ -24,7 +24,7 @@ std::vector<std::uint8_t> Noise(std::size_t n, unsigned seed) {
 TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
     std::uint8_t table[256];
     for (int i = 0; i < 256; ++i) table[i] = static_cast<std::uint8_t>((i * 37 + 11) ^ (i >> 3));
-    for (int n : {1, 5, 6, 7, 15, 16, 17, 33, 63, 64, 65, 130, 2480, 2481}) {
+    for (int n : {1, 5, 6, 7, 15, 16, 17, 33, 63, 64, 65, 130, 256, 300, 2480, 2481}) {
         SCOPED_TRACE(n);
         const std::vector<std::uint8_t> src = Noise(4 * n + 32, n);
         for (int bpp : {1, 3, 4}) {
@@ -38,9 +38,13 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
             }
         }
         std::vector<std::uint8_t> fast = Noise(4 * n + 32, 8), slow = fast;
-        k::MirrorBits(src.data() + 16, fast.data() + 16, n);
-        k::plain::MirrorBits(src.data() + 16, slow.data() + 16, n);
-        EXPECT_EQ(fast, slow) << "bits";
+        for (bool avx2 : {true, false}) {
+            const bool was = k::UseAvx2(avx2);
+            k::MirrorBits(src.data() + 16, fast.data() + 16, n);
+            k::UseAvx2(was);
+            k::plain::MirrorBits(src.data() + 16, slow.data() + 16, n);
+            EXPECT_EQ(fast, slow) << "bits avx2 " << avx2;
+        }
         for (bool avx2 : {true, false}) {
             const bool was = k::UseAvx2(avx2);
             k::LookupRow(src.data(), fast.data() + 16, static_cast<std::size_t>(n), table);
@@ -70,6 +74,9 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
             k::plain::AndRowTwice(a2.data() + 16, b.data(), slow.data() + 16, 4 * static_cast<std::size_t>(n), fourth);
             EXPECT_EQ(fast, slow) << "and " << fourth;
             EXPECT_EQ(a1, a2) << "and in place " << fourth;
+            k::SubtractSaturateRow(src.data(), b.data(), fast.data() + 16, 4 * static_cast<std::size_t>(n), fourth);
+            k::plain::SubtractSaturateRow(src.data(), b.data(), slow.data() + 16, 4 * static_cast<std::size_t>(n), fourth);
+            EXPECT_EQ(fast, slow) << "subtract " << fourth;
         }
         for (int bpp : {1, 3, 4}) {
             k::ExpandBitsRow(src.data(), fast.data() + 16, n, bpp, 37, 201);
@@ -174,14 +181,56 @@ TEST(Kernels, BitSpansMatchBitByBitLoops) {
         for (int dx : {0, 3, 8}) {
             for (int count : {0, 5, 17, 90, 200}) {
                 std::vector<std::uint8_t> fast = Noise(40, 12), slow = fast, filled = fast, filledSlow = fast;
+                std::vector<std::uint8_t> masked = fast, maskedSlow = fast;
                 b::Copy(src.data(), x, fast.data(), x + dx, count);
                 b::Fill(filled.data(), x + dx, count, x & 1);
+                b::ApplyRow(src.data(), x, masked.data(), x + dx, count,
+                            [](std::uint8_t d, std::uint8_t m) { return static_cast<std::uint8_t>(d & ~m); });
                 for (int i = 0; i < count; ++i) {
                     b::Set(slow.data(), x + dx + i, b::Get(src.data(), x + i));
                     b::Set(filledSlow.data(), x + dx + i, x & 1);
+                    b::Set(maskedSlow.data(), x + dx + i, b::Get(maskedSlow.data(), x + dx + i) & !b::Get(src.data(), x + i));
                 }
                 EXPECT_EQ(fast, slow) << x << " " << dx << " " << count;
                 EXPECT_EQ(filled, filledSlow) << x << " " << dx << " " << count;
+                EXPECT_EQ(masked, maskedSlow) << x << " " << dx << " " << count;
+                if (x < 8 && dx == 0) {
+                    std::vector<std::uint8_t> both = Noise(40, 13), bothSlow = both;
+                    b::CombineInPhase(src.data(), fast.data(), both.data(), x, count,
+                                      [](auto p, auto q) { return static_cast<decltype(p)>(p & ~q); });
+                    for (int i = x; i < x + count; ++i) b::Set(bothSlow.data(), i, b::Get(src.data(), i) & !b::Get(fast.data(), i));
+                    EXPECT_EQ(both, bothSlow) << x << " " << count;
+                }
+            }
+        }
+    }
+}
+
+// The word-wise 1-bit and row-wise 8-bit filters against the plain paths:
+// sides from 1 past the region, regions at odd bit offsets in both images,
+// destination pixels outside the region kept.
+TEST(Kernels, MinMaxFiltersMatchThePlainPath) {
+    using namespace quarvel;
+    std::mt19937 g(9);
+    for (PixelFormat f : {PixelFormat::kBitonal, PixelFormat::kGray}) {
+        for (int cols : {1, 2, 3, 7, 64, 65, 300}) {
+            for (int rows : {1, 2, 3, 9, 300})
+            for (int xs : {5, 8}) {
+                SCOPED_TRACE(cols * 10000 + rows * 10 + xs);
+                ImagePtr src = CreateImage(f, 211, 67, 0), fast = CreateImage(f, 203, 71, 0), slow = CreateImage(f, 203, 71, 0);
+                for (IplImage *im : {src.get(), fast.get()})
+                    for (int i = 0; i < im->imageSize; ++i) im->imageData[i] = static_cast<std::uint8_t>(g());
+                std::memcpy(slow->imageData, fast->imageData, static_cast<std::size_t>(fast->imageSize));
+                IplROI rs{0, xs, 3, xs == 5 ? 197 : 45, 60}, rd{0, 19 - xs, 2, 190, 66};
+                src->roi = &rs;
+                fast->roi = slow->roi = &rd;
+                for (bool minimum : {true, false}) {
+                    MinMaxFilter(src.get(), fast.get(), cols, rows, 0, 0, minimum, false);
+                    MinMaxFilter(src.get(), slow.get(), cols, rows, 0, 0, minimum, true);
+                    EXPECT_EQ(0, std::memcmp(fast->imageData, slow->imageData, static_cast<std::size_t>(fast->imageSize)))
+                        << static_cast<int>(f) << " " << minimum;
+                }
+                src->roi = fast->roi = slow->roi = nullptr;
             }
         }
     }
