@@ -185,6 +185,15 @@ Block LoadScan(const std::string &name) {
     return LoadJpeg(path);
 }
 
+Block Copy(HGLOBAL h) {
+    const std::size_t size = GlobalSize(h);
+    Block out(GlobalAlloc(GHND, size));
+    std::memcpy(GlobalLock(out.get()), GlobalLock(h), size);
+    GlobalUnlock(h);
+    GlobalUnlock(out.get());
+    return out;
+}
+
 bool SamePixels(HGLOBAL a, HGLOBAL b) {
     PageView va(a), vb(b);
     if (va.width() != vb.width() || va.height() != vb.height() || va.bitCount() != vb.bitCount()) return false;
