@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <vector>
 
 #include "platform/rect.h"
 #include "quarvel/win32.h"
@@ -63,10 +64,7 @@ TEST(Rectangles, IntersectAndEmptiness) {
     quarvel::SetRect(&a, 0, 0, 10, 10);
     quarvel::SetRect(&b, 5, -3, 20, 4);
     EXPECT_TRUE(quarvel::IntersectRect(&out, &a, &b));
-    EXPECT_EQ(out.left, 5);
-    EXPECT_EQ(out.top, 0);
-    EXPECT_EQ(out.right, 10);
-    EXPECT_EQ(out.bottom, 4);
+    EXPECT_EQ((std::vector<LONG>{out.left, out.top, out.right, out.bottom}), (std::vector<LONG>{5, 0, 10, 4}));
     quarvel::SetRect(&b, 10, 0, 12, 5);  // touching edges share nothing
     EXPECT_FALSE(quarvel::IntersectRect(&out, &a, &b));
     EXPECT_TRUE(quarvel::IsRectEmpty(&out));
