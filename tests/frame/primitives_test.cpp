@@ -76,17 +76,13 @@ void CheckRegionOp(PixelFormat format, const std::function<void(IplImage *, IplI
     op(src.image.get(), dst.image.get());
     src.image->roi = dst.image->roi = nullptr;
     ASSERT_TRUE(dst.guardsIntact());
-    for (int y = 0; y < 13; ++y) {
-        for (int x = 0; x < 41; ++x) {
+    for (int y = 0; y < 13; ++y)
+        for (int x = 0; x < 41; ++x)
             for (int c = 0; c < Channels(*dst.image); ++c) {
-                const bool inside = x >= rd.xOffset && x < rd.xOffset + rd.width && y >= rd.yOffset &&
-                                    y < rd.yOffset + rd.height;
-                const int want = inside ? expect(*src.image, x - rd.xOffset, y - rd.yOffset, c, rd.width, rd.height)
-                                        : Get(*original.image, x, y, c);
+                const bool inside = x >= 5 && x < 5 + 29 && y >= 4 && y < 4 + 7;
+                const int want = inside ? expect(*src.image, x - 5, y - 4, c, 29, 7) : Get(*original.image, x, y, c);
                 ASSERT_EQ(Get(*dst.image, x, y, c), want) << "pixel " << x << "," << y << " channel " << c;
             }
-        }
-    }
     // Row padding is untouched.
     const int usedBits = 41 * Traits(format).bitCount;
     for (int y = 0; y < 13; ++y)
@@ -162,8 +158,7 @@ TEST(Primitives, ThresholdToBytesAndBits) {
     }
     // In place.
     iplThreshold(gray.image.get(), gray.image.get(), 128);
-    EXPECT_EQ(RowOf(*gray.image, 0)[127], 0);
-    EXPECT_EQ(RowOf(*gray.image, 0)[128], 255);
+    EXPECT_EQ(RowOf(*gray.image, 0)[127] * 1000 + RowOf(*gray.image, 0)[128], 255);
     EXPECT_TRUE(bitsOut.guardsIntact());
 }
 
