@@ -145,6 +145,17 @@ TEST(Primitives, RegionsOutsideTheImageDoNothing) {
     EXPECT_EQ(dst.buffer, before);
 }
 
+TEST(Primitives, MirrorInPlace) {
+    for (int axis : {0, 1}) {
+        Guarded im(PixelFormat::kBgr, 5, 3), was(PixelFormat::kBgr, 5, 3);
+        Pattern(*im.image, 4), Pattern(*was.image, 4);
+        iplMirror(im.image.get(), im.image.get(), axis);
+        for (int y = 0; y < 3; ++y)
+            for (int x = 0; x < 5; ++x)
+                ASSERT_EQ(Get(*im.image, x, y, 1), Get(*was.image, axis ? 4 - x : x, axis ? y : 2 - y, 1)) << axis;
+    }
+}
+
 TEST(Primitives, ThresholdToBytesAndBits) {
     Guarded gray(PixelFormat::kGray, 256, 1), bytes(PixelFormat::kGray, 256, 1), bitsOut(PixelFormat::kBitonal, 256, 1);
     for (int x = 0; x < 256; ++x) RowOf(*gray.image, 0)[x] = static_cast<std::uint8_t>(x);
