@@ -156,6 +156,22 @@ TEST(Primitives, MirrorInPlace) {
     }
 }
 
+TEST(Primitives, BitonalFiltersAgreeWithGrayAtAnyAnchor) {
+    Guarded bits(PixelFormat::kBitonal, 23, 9), gray(PixelFormat::kGray, 23, 9);
+    Guarded outBits(PixelFormat::kBitonal, 23, 9), outGray(PixelFormat::kGray, 23, 9);
+    Pattern(*bits.image, 5);
+    for (int y = 0; y < 9; ++y)
+        for (int x = 0; x < 23; ++x) Set(*gray.image, x, y, 0, 255 * Get(*bits.image, x, y, 0));
+    for (auto [ax, ay] : {std::pair{0, 0}, {1, 2}, {2, 3}})
+        for (auto filter : {iplMinFilter, iplMaxFilter}) {
+            filter(bits.image.get(), outBits.image.get(), 3, 4, ax, ay);
+            filter(gray.image.get(), outGray.image.get(), 3, 4, ax, ay);
+            for (int y = 0; y < 9; ++y)
+                for (int x = 0; x < 23; ++x)
+                    ASSERT_EQ(255 * Get(*outBits.image, x, y, 0), Get(*outGray.image, x, y, 0)) << ax << "," << ay << " at " << x << "," << y;
+        }
+}
+
 TEST(Primitives, ThresholdToBytesAndBits) {
     Guarded gray(PixelFormat::kGray, 256, 1), bytes(PixelFormat::kGray, 256, 1), bitsOut(PixelFormat::kBitonal, 256, 1);
     for (int x = 0; x < 256; ++x) RowOf(*gray.image, 0)[x] = static_cast<std::uint8_t>(x);
