@@ -140,7 +140,7 @@ TEST(Raster, TableSizeIgnoresClrUsedAndFourBitPages) {
 // A header claiming w x h pixels of `bits` in a block of `size` bytes.
 Block Header(int w, int h, int bits, std::size_t size) {
     Block b(GlobalAlloc(GHND, size));
-    *static_cast<BITMAPINFOHEADER *>(GlobalLock(b.get())) = BITMAPINFOHEADER{40, w, h, 1, static_cast<WORD>(bits)};
+    *static_cast<BITMAPINFOHEADER *>(GlobalLock(b.get())) = BITMAPINFOHEADER{40, w, h, 1, static_cast<WORD>(bits), 0, 0, 0, 0, 0, 0};
     GlobalUnlock(b.get());
     return b;
 }
