@@ -78,13 +78,6 @@ def test_local_batch_and_cli_match_the_tool(tool_run, batch_files, tmp_path):
     _same_tree(out, tmp_path / "cli")
 
 
-def test_refused_pages_are_reported_and_left_out(batch_files, tmp_path):
-    summary = batch.run("convert-mode --mode 1 | text-effect --level 2 | rotate-expand --angle 45",
-                        batch_files[:2], tmp_path)
-    assert summary.done == 0 and len(summary.failed) == 2 and not os.listdir(tmp_path)
-    assert summary.failed[0][1:] == (1, "rotate-expand refused the page")
-
-
 def test_threads_run_in_parallel_and_agree():
     page = np.random.default_rng(1).integers(0, 256, (2400, 1800), dtype=np.uint8)
     expected = quarvel.rotate(page, angle=3.0, interpolate=2)
@@ -134,7 +127,8 @@ def test_cluster_batch_survives_a_lost_worker(tool_run, batch_files, tmp_path):
 
 def test_a_refused_page_fails_its_whole_file(tmp_path):
     # A 3 x 3 gray page turned colour is refused by text-effect: the file is
-    # reported and not written, as `quarvel run` does, never written short.
+    # reported with the refusing step and not written, as `quarvel run` does,
+    # never written short.
     page = tmp_path / "page.pgm"
     page.write_bytes(b"P5\n3 3\n255\n" + bytes(range(0, 90, 10)))
     summary = batch.run("convert-mode --mode 24 | text-effect", [str(page)], str(tmp_path / "out"))

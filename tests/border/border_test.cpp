@@ -1,9 +1,11 @@
 // Border and hole removal through the C API on drawn pages: white sheets on
 // black frames (upright, skewed, quarter-turned), frames touching one edge,
-// all-frame pages, winding dark paths, and punched pages with solid discs.
+// all-frame pages, winding dark paths, and punched pages with solid discs
+// and margins at their ends.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <functional>
 
@@ -38,21 +40,12 @@ int Dark(HGLOBAL h) { return qtest::DarkCount(h); }
 // ---- RemoveBorder ------------------------------------------------------------------
 
 TEST(RemoveBorder, FramelessPagesLoseTheirMargins) {
-    Block portrait = Sheet(600, 800, 8, [](double, double) { return true; });
-    Block p(RemoveBorder(portrait.get(), 128, 0, 0));
-    ASSERT_TRUE(p);
-    EXPECT_EQ(p.header().biWidth, 600 - 47);
-    EXPECT_EQ(p.header().biHeight, 800 - 37);
-    Block landscape = Sheet(800, 600, 24, [](double, double) { return true; });
-    Block l(RemoveBorder(landscape.get(), 128, 7, 9));
-    ASSERT_TRUE(l);
-    EXPECT_EQ(l.header().biWidth, 800 - 37);
-    EXPECT_EQ(l.header().biHeight, 600 - 47);
     // Below 510 pixels no margin: 3 in from each side, the far sides 4.
-    Block small = Sheet(300, 400, 8, [](double, double) { return true; });
-    Block s(RemoveBorder(small.get(), 128, 0, 0));
-    EXPECT_EQ(s.header().biWidth, 300 - 7);
-    EXPECT_EQ(s.header().biHeight, 400 - 7);
+    const int cases[][5] = {{600, 800, 8, 600 - 47, 800 - 37}, {800, 600, 24, 800 - 37, 600 - 47}, {300, 400, 8, 300 - 7, 400 - 7}};
+    for (const auto &c : cases) {
+        Block page = Sheet(c[0], c[1], c[2], [](double, double) { return true; });
+        EXPECT_EQ(Block(RemoveBorder(page.get(), 128, 7, 9)).size(), (std::pair{c[3], c[4]})) << c[0];
+    }
 }
 
 // A 700 x 900 page: a sheet of levels 150..249 (a pattern that places every
@@ -85,9 +78,7 @@ TEST(RemoveBorder, CutsTheSheetPixelForPixel) {
     for (int bits : {1, 8, 32}) {
         Block page = FramedSheet(bits, 128);
         Block out(RemoveBorder(page.get(), 128, 0, 0));
-        ASSERT_TRUE(out) << bits;
-        EXPECT_EQ(out.header().biWidth, (596 - 20) - (103 + 20)) << bits;
-        EXPECT_EQ(out.header().biHeight, (746 - 15) - (153 + 15)) << bits;
+        ASSERT_EQ(out.size(), (std::pair{(596 - 20) - (103 + 20), (746 - 15) - (153 + 15)})) << bits;
         ExpectShifted(page.get(), out.get(), 123, 168, "RemoveBorder " + std::to_string(bits));
     }
 }
@@ -98,24 +89,17 @@ TEST(RemoveBorder, EachSideMovesInByItsOwnRule) {
     // right scan on the bright first one, so only the right edge moves in.
     Block stripes = MakePageWith(Shape(600, 800, 8), [](int x, int, int) { return x % 2 == 0 ? 255 : 0; });
     Block out(RemoveBorder(stripes.get(), 128, 0, 0));
-    ASSERT_TRUE(out);
-    EXPECT_EQ(out.header().biWidth, 599 - 20);
-    EXPECT_EQ(out.header().biHeight, (796 - 15) - (3 + 15));
+    ASSERT_EQ(out.size(), (std::pair{599 - 20, (796 - 15) - (3 + 15)}));
     EXPECT_EQ(PageView(out.get()).get(0, 0), 255);
 }
 
 TEST(RemoveBorder, AllFrameAndTinyPages) {
     Block black = Sheet(100, 80, 8, [](double, double) { return false; });
-    Block out(RemoveBorder(black.get(), 128, 0, 0));
-    EXPECT_EQ(out.header().biWidth, 99);
-    EXPECT_EQ(out.header().biHeight, 79);
+    EXPECT_EQ(Block(RemoveBorder(black.get(), 128, 0, 0)).size(), (std::pair{99, 79}));
     Block white = Sheet(100, 80, 8, [](double, double) { return true; });
-    Block none(RemoveBorder(white.get(), 255, 0, 0));  // nothing is brighter than 255
-    EXPECT_EQ(none.header().biWidth, 99);
+    EXPECT_EQ(Block(RemoveBorder(white.get(), 255, 0, 0)).size(), (std::pair{99, 79}));  // nothing is brighter than 255
     Block tiny = Sheet(20, 15, 8, [](double, double) { return true; });
-    Block t(RemoveBorder(tiny.get(), 128, 0, 0));
-    EXPECT_EQ(t.header().biWidth, 20);
-    EXPECT_EQ(t.header().biHeight, 15);
+    EXPECT_EQ(Block(RemoveBorder(tiny.get(), 128, 0, 0)).size(), (std::pair{20, 15}));
     EXPECT_EQ(RemoveBorder(MakePage(Shape(8, 8, 4)).get(), 128, 0, 0), nullptr);
 }
 
@@ -137,8 +121,7 @@ TEST(RemoveBorder1, UprightSheetsAreCutAndTurned) {
         Block turned(RemoveBorder1(page.get(), 128, t.angle, 0, 0));
         Block expected(RotateExpand(upright.get(), t.turn, 0, 0, 0));
         ASSERT_TRUE(turned);
-        EXPECT_EQ(turned.header().biWidth, expected.header().biWidth) << t.angle;
-        EXPECT_EQ(turned.header().biHeight, expected.header().biHeight) << t.angle;
+        EXPECT_EQ(turned.size(), expected.size()) << t.angle;
         ExpectShifted(expected.get(), turned.get(), t.dx, t.dy, "turn " + std::to_string(t.angle));
     }
 }
@@ -150,26 +133,25 @@ TEST(RemoveBorder1, StraightensSkewedSheets) {
     for (auto [degrees, angle] : {std::pair{2.0, 0}, {-3.0, 0}, {-3.0, 90}, {5.0, 90}}) {
         const auto sheet = Turned(450, 550, 600, 800, degrees), rule = Turned(450, 550, 500, 3, degrees);
         Block page = Sheet(900, 1100, 8, [&](double x, double y) { return sheet(x, y) && !rule(x, y); });
-        {
-            Block out(RemoveBorder1(page.get(), 128, angle, 0, 0));
-            ASSERT_TRUE(out);
-            PageView v(out.get());
-            const int w = angle ? v.height() : v.width(), h = angle ? v.width() : v.height();
-            EXPECT_NEAR(w, 600 - 47, 1) << degrees;
-            EXPECT_NEAR(h, 800 - 37, 1) << degrees;
-            int top = h, bottom = -1, left = w, right = -1;
-            for (int y = 0; y < v.height(); ++y)
-                for (int x = 0; x < v.width(); ++x) {
-                    if (v.get(x, y) >= 128) continue;
-                    const int across = angle ? y : x, along = angle ? x : y;
-                    top = std::min(top, along), bottom = std::max(bottom, along);
-                    left = std::min(left, across), right = std::max(right, across);
-                }
-            EXPECT_EQ(bottom - top, 3) << degrees << " turned " << angle;
-            EXPECT_NEAR((top + bottom) / 2.0, h / 2.0, 1.0) << degrees << " turned " << angle;
-            EXPECT_NEAR(left, (w - 500) / 2, 1) << degrees << " turned " << angle;
-            EXPECT_NEAR(right, left + 499, 1) << degrees << " turned " << angle;
-        }
+        Block out(RemoveBorder1(page.get(), 128, angle, 0, 0));
+        ASSERT_TRUE(out);
+        PageView v(out.get());
+        const int w = angle ? v.height() : v.width(), h = angle ? v.width() : v.height();
+        EXPECT_NEAR(w, 600 - 47, 1) << degrees;
+        EXPECT_NEAR(h, 800 - 37, 1) << degrees;
+        int top = h, bottom = -1, left = w, right = -1;
+        for (int y = 0; y < v.height(); ++y)
+            for (int x = 0; x < v.width(); ++x) {
+                if (v.get(x, y) >= 128) continue;
+                const int across = angle ? y : x, along = angle ? x : y;
+                top = std::min(top, along), bottom = std::max(bottom, along);
+                left = std::min(left, across), right = std::max(right, across);
+            }
+        SCOPED_TRACE(std::to_string(degrees) + " turned " + std::to_string(angle));
+        EXPECT_EQ(bottom - top, 3);
+        EXPECT_NEAR((top + bottom) / 2.0, h / 2.0, 1.0);
+        EXPECT_NEAR(left, (w - 500) / 2, 1);
+        EXPECT_NEAR(right, left + 499, 1);
     }
 }
 
@@ -180,7 +162,7 @@ TEST(RemoveBorderGpy, UprightAndTurnedRectangles) {
         Block page = Sheet(1100, 1200, 8, Turned(550, 600, 600, 800, degrees));
         Block out(RemoveBorder_GPY(page.get(), 128));
         ASSERT_TRUE(out) << degrees;
-        int w = out.header().biWidth, h = out.header().biHeight;
+        auto [w, h] = out.size();
         if (degrees > 45) std::swap(w, h);  // 87 folds to -3: the long side lies across
         EXPECT_NEAR(w, 600, 8) << degrees;
         EXPECT_NEAR(h, 800, 8) << degrees;
@@ -234,13 +216,9 @@ TEST(RemoveBorderFill, WhitensTheFrameAndKeepsTheText) {
     });
     Block out(RemoveBorder_Fill(page.get(), 128));
     ASSERT_TRUE(out);
-    PageView v(out.get());
-    EXPECT_EQ(v.get(5, 5), 255);
-    EXPECT_EQ(v.get(199, 149), 255);
-    EXPECT_EQ(v.get(92, 70), 0);    // the letter stays
-    EXPECT_EQ(v.get(119, 100), 255);  // the lines joined to the frame go
-    EXPECT_EQ(v.get(61, 110), 255);
-    EXPECT_EQ(v.get(50, 50), 240);
+    PageView v(out.get());  // the frame and the lines joined to it go, the letter stays
+    EXPECT_EQ((std::vector<int>{v.get(5, 5), v.get(199, 149), v.get(92, 70), v.get(119, 100), v.get(61, 110), v.get(50, 50)}),
+              (std::vector<int>{255, 255, 0, 255, 255, 240}));
     // Threshold 0: nothing is dark; above 255 everything is.
     EXPECT_EQ(Block(RemoveBorder_Fill(page.get(), 0)).bytes(), page.bytes());
     EXPECT_EQ(Dark(Block(RemoveBorder_Fill(page.get(), 256)).get()), 0);
@@ -257,10 +235,8 @@ TEST(RemoveBorderFill, WindingPathsAreReachedOnlyAsFarAsThePassesGo) {
         return frame || stem || bottom || arm ? 0 : 255;
     });
     Block out(RemoveBorder_Fill(page.get(), 128));
-    PageView v(out.get());
-    EXPECT_EQ(v.get(10, 30), 255);
-    EXPECT_EQ(v.get(30, 49), 255);
-    EXPECT_EQ(v.get(40, 20), 255);  // the backward pass walks down the arm
+    PageView v(out.get());  // the backward pass walks down the arm
+    EXPECT_EQ((std::vector<int>{v.get(10, 30), v.get(30, 49), v.get(40, 20)}), std::vector<int>(3, 255));
 }
 
 TEST(RemoveBorderFill, BitonalPagesKeepTheirColours) {
@@ -272,9 +248,7 @@ TEST(RemoveBorderFill, BitonalPagesKeepTheirColours) {
         });
         Block out(RemoveBorder_Fill(page.get(), 128));
         PageView v(out.get());
-        EXPECT_EQ(v.get(1, 10), 1 - ink);
-        EXPECT_EQ(v.get(30, 20), ink);
-        EXPECT_EQ(v.get(50, 10), 1 - ink);
+        EXPECT_EQ((std::vector<int>{v.get(1, 10), v.get(30, 20), v.get(50, 10)}), (std::vector<int>{1 - ink, ink, 1 - ink}));
     }
 }
 
@@ -330,8 +304,7 @@ TEST(RemoveHole, CountRules) {
     Block two(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 100, 1, 2, 20, 60, 0.5));
     EXPECT_EQ(Dark(two.get()), Dark(page.get()) / 2);
     // More holes wanted than there are candidates: nothing painted.
-    Block none(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 100, 5, 9, 20, 60, 0.5));
-    EXPECT_EQ(none.bytes(), page.bytes());
+    EXPECT_EQ(Block(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 100, 5, 9, 20, 60, 0.5)).bytes(), page.bytes());
     // Solid squares have density 1: only candidates above the density count,
     // so at 1.0 just the fewest holes (one) are painted.
     Block squares = MakePageWith(Shape(400, 500, 8), [](int x, int y, int) {
@@ -342,11 +315,9 @@ TEST(RemoveHole, CountRules) {
     Block least(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 100, 3, 9, 20, 60, 0.9));
     EXPECT_EQ(Dark(least.get()), Dark(page.get()) / 4);
     // Discs outside the size limits are no holes.
-    Block big(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 100, 1, 9, 50, 60, 0.5));
-    EXPECT_EQ(big.bytes(), page.bytes());
+    EXPECT_EQ(Block(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 100, 1, 9, 50, 60, 0.5)).bytes(), page.bytes());
     // A margin above a third of the smaller side is lowered to it.
-    Block wide(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 5000, 1, 9, 20, 60, 0.5));
-    EXPECT_EQ(Dark(wide.get()), 0);
+    EXPECT_EQ(Dark(Block(RemoveHole(page.get(), TRUE, FALSE, TRUE, FALSE, 5000, 1, 9, 20, 60, 0.5)).get()), 0);
 }
 
 TEST(RemoveHole, BlotsTouchingTheInnerBlockStay) {
@@ -357,14 +328,26 @@ TEST(RemoveHole, BlotsTouchingTheInnerBlockStay) {
 
 TEST(RemoveHole, BitonalFillFollowsThePalette) {
     Block dark = Punched(400, 500, 1, {{40, 250}}, 15);
-    Block out(RemoveHole(dark.get(), TRUE, FALSE, FALSE, FALSE, 80, 1, 3, 10, 40, 0.5));
-    EXPECT_EQ(PageView(out.get()).get(40, 249), 1);
+    EXPECT_EQ(PageView(Block(RemoveHole(dark.get(), TRUE, FALSE, FALSE, FALSE, 80, 1, 3, 10, 40, 0.5)).get()).get(40, 249), 1);
     // Entry 0 white: the holes are painted with 0 bits.
     Block light = MakePageWith(Shape(400, 500, 1, Palette::kLightFirst), [](int x, int y, int) {
         return (x - 40) * (x - 40) + (y - 249) * (y - 249) <= 225 ? 1 : 0;
     });
-    Block lout(RemoveHole(light.get(), TRUE, FALSE, FALSE, FALSE, 80, 1, 3, 10, 40, 0.5));
-    EXPECT_EQ(PageView(lout.get()).get(40, 249), 0);
+    EXPECT_EQ(PageView(Block(RemoveHole(light.get(), TRUE, FALSE, FALSE, FALSE, 80, 1, 3, 10, 40, 0.5)).get()).get(40, 249), 0);
+}
+
+// The margin at its ends: 0 makes the inner rectangle the whole page (the
+// same as no edge flagged), so a black page is one blot; a negative margin
+// searches nothing.
+TEST(RemoveHole, MarginAtItsEnds) {
+    for (int bits : {1, 8, 24}) {
+        Block black = MakePageWith(Shape(30, 20, bits), [](int, int, int) { return 0; });
+        for (BOOL flag : {FALSE, TRUE})
+            EXPECT_TRUE(SamePixels(Block(RemoveHole(black.get(), flag, flag, flag, flag, 0, 1, 1, 1, 1000, 0.5)).get(),
+                                   Block(Invert(black.get())).get())) << bits << " flags " << flag;
+        for (int margin : {-1, INT_MIN})
+            EXPECT_EQ(Block(RemoveHole(black.get(), TRUE, TRUE, TRUE, TRUE, margin, 1, 1, 1, 1000, 0.5)).bytes(), black.bytes());
+    }
 }
 
 }  // namespace

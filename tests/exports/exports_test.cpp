@@ -22,6 +22,7 @@
 #include "geometry/geometry.h"
 #include "pixel/pixel.h"
 #include "skew/skew.h"
+#include "support/operations.h"
 #include "support/pages.h"
 
 namespace {
@@ -53,19 +54,11 @@ std::set<std::string> PublicFunctions() {
 const std::set<std::string> kGlobalFunctions = {"GlobalAlloc", "GlobalLock", "GlobalUnlock", "GlobalSize",
                                                 "GlobalFree"};
 
-// The library's operations, by their export names.
-const std::set<std::string> kOperations = {
-    "Mirror", "Flip", "Invert", "AdjustBrightness", "AdjustContrast", "AdjustBrightnessAndContrast", "TextEffect",
-    "TextEffectRect", "Fill", "FillOutside", "ImageAnd", "ImageOr", "GetLess", "ConvertMode", "ConvertModeToGrayEx",
-    "Thumbnail", "Resize", "Rotate", "RotateEx", "RotateEx1", "RotateExpand", "Crop", "RemoveBorder", "RemoveBorder1",
-    "RemoveBorder_GPY", "RemoveBorder_Fill", "RemoveHole", "Denoise", "DenoiseRect", "IsBlankPage", "AddWaterMark",
-    "AddWaterMarkEx", "Combine", "JudgeColorMode", "ConvertHongTou", "ConvertHongTouEx", "EnhanceColor",
-    "EnhanceColorEx", "EnhanceColorEx1", "DeColorize", "GetBinaryThresholdByOtsu", "GetBinaryThresholdByRidCal",
-    "GetObliquity", "TestPrecision"};
-
 TEST(Exports, HeaderDeclaresTheFortyFourOperations) {
-    EXPECT_EQ(kOperations.size(), 44u);
-    EXPECT_EQ(HeaderOperations(), kOperations);
+    std::set<std::string> table;
+    for (std::size_t k = 0; k < qtest::kOperationCount; ++k) table.insert(qtest::kOperations[k].name);
+    EXPECT_EQ(table.size(), 44u);
+    EXPECT_EQ(HeaderOperations(), table);
 }
 
 TEST(Exports, DynamicSymbolsAreExactlyTheOperationsAndGlobalFunctions) {
@@ -172,62 +165,55 @@ TEST(Exports, EachPassesItsArgumentsInOrder) {
         return (x * 9 + y * 40) % 256;
     });
     Block map(EnhanceColorEx(c.get(), nullptr, nullptr, 0, 0, 0, 0, 0, 0, 0));
-    RECT r{3, 5, 40, 30};
+    RECT r{3, 5, 40, 30}, w1{0, 0, 0, 0}, w2 = w1;
     const q::colour::EnhanceParams e{100, 20, 30, 40, 50, 60, 70};
     const q::border::HoleSearch h1{true, true, false, false, 12, 1, 3, 2, 9, 0.4}, h2{true, false, true, false, 12, 1, 3, 2, 9, 0.4};
     using Call = std::function<HGLOBAL()>;
-    const std::vector<std::tuple<const char *, Call, Call>> calls = {
-        {"AdjustBrightness", [&] { return AdjustBrightness(c.get(), 17); }, [&] { return q::pixel::AdjustBrightness(c.get(), 17); }},
-        {"AdjustContrast", [&] { return AdjustContrast(c.get(), 23); }, [&] { return q::pixel::AdjustContrast(c.get(), 23); }},
-        {"AdjustBrightnessAndContrast", [&] { return AdjustBrightnessAndContrast(c.get(), 40, -30); },
-         [&] { return q::pixel::AdjustBrightnessAndContrast(c.get(), 40, -30); }},
-        {"TextEffect", [&] { return TextEffect(g.get(), 2); }, [&] { return q::pixel::TextEffect(g.get(), 2); }},
-        {"TextEffectRect", [&] { return TextEffectRect(g.get(), &r, -1); }, [&] { return q::pixel::TextEffectRect(g.get(), &r, -1); }},
-        {"Fill", [&] { return Fill(g.get(), &r, 77); }, [&] { return q::pixel::Fill(g.get(), &r, 77); }},
-        {"FillOutside", [&] { return FillOutside(g.get(), &r, 77); }, [&] { return q::pixel::FillOutside(g.get(), &r, 77); }},
-        {"ImageOr", [&] { return ImageOr(g.get(), g2.get(), 2, 3, 9, 1, 20, 11); },
-         [&] { return q::pixel::ImageOr(g.get(), g2.get(), 2, 3, 9, 1, 20, 11); }},
-        {"GetLess", [&] { return GetLess(g.get(), g2.get()); }, [&] { return q::pixel::GetLess(g.get(), g2.get()); }},
-        {"ConvertMode", [&] { return ConvertMode(c.get(), 1, 100); }, [&] { return q::pixel::ConvertMode(c.get(), 1, 100); }},
-        {"ConvertModeToGrayEx", [&] { return ConvertModeToGrayEx(c.get(), 30, 90); },
-         [&] { return q::pixel::ConvertModeToGrayEx(c.get(), 30, 90); }},
-        {"Thumbnail", [&] { return Thumbnail(c.get(), 40, 20); }, [&] { return q::pixel::Thumbnail(c.get(), 40, 20); }},
-        {"Resize", [&] { return Resize(c.get(), 50, 30); }, [&] { return q::pixel::Resize(c.get(), 50, 30); }},
-        {"Rotate", [&] { return Rotate(c.get(), 7.5, 20, 9, 1); }, [&] { return q::geometry::Rotate(c.get(), 7.5, 20, 9, 1); }},
-        {"RotateEx", [&] { return RotateEx(c.get(), 7.5, 20, 9, 1); }, [&] { return q::geometry::RotateEx(c.get(), 7.5, 20, 9, 1); }},
-        {"RotateEx1", [&] { return RotateEx1(c.get(), 7.5, 20, 9, 1); }, [&] { return q::geometry::RotateEx1(c.get(), 7.5, 20, 9, 1); }},
-        {"RotateExpand", [&] { return RotateExpand(c.get(), 90, 3, 4, 2); }, [&] { return q::geometry::RotateExpand(c.get(), 90); }},
-        {"RemoveBorder", [&] { return RemoveBorder(g.get(), 100, 5, 6); }, [&] { return q::border::RemoveBorder(g.get(), 100); }},
-        {"RemoveBorder1", [&] { return RemoveBorder1(g.get(), 100, 90, 5, 6); }, [&] { return q::border::RemoveBorder1(g.get(), 100, 90); }},
-        {"RemoveBorder_GPY", [&] { return RemoveBorder_GPY(g.get(), 100); }, [&] { return q::border::RemoveBorderGpy(g.get(), 100); }},
-        {"RemoveBorder_Fill", [&] { return RemoveBorder_Fill(g.get(), 100); }, [&] { return q::border::RemoveBorderFill(g.get(), 100); }},
-        {"RemoveHole", [&] { return RemoveHole(holes.get(), TRUE, TRUE, FALSE, FALSE, 12, 1, 3, 2, 9, 0.4); },
-         [&] { return q::border::RemoveHole(holes.get(), h1); }},
-        {"RemoveHole", [&] { return RemoveHole(holes.get(), TRUE, FALSE, TRUE, FALSE, 12, 1, 3, 2, 9, 0.4); },
-         [&] { return q::border::RemoveHole(holes.get(), h2); }},
-        {"Denoise", [&] { return Denoise(g.get(), 3); }, [&] { return q::cleanup::Denoise(g.get(), 3); }},
-        {"DenoiseRect", [&] { return DenoiseRect(c.get(), &r, 4); }, [&] { return q::cleanup::DenoiseRect(c.get(), &r, 4); }},
-        {"AddWaterMark", [&] { return AddWaterMark(c.get(), mark.get()); }, [&] { return q::cleanup::AddWaterMark(c.get(), mark.get()); }},
-        {"AddWaterMarkEx", [&] { return AddWaterMarkEx(c.get(), mark.get()); },
-         [&] { return q::cleanup::AddWaterMarkEx(c.get(), mark.get()); }},
-        {"Combine", [&] { return Combine(c.get(), mark.get(), 1); }, [&] { return q::cleanup::Combine(c.get(), mark.get(), 1); }},
-        {"ConvertHongTou", [&] { return ConvertHongTou(c.get(), g.get(), 1, 2, 3, 40); },
-         [&] { return q::colour::ConvertHongTou(c.get(), g.get(), 40, 90, false); }},
-        {"ConvertHongTouEx", [&] { return ConvertHongTouEx(c.get(), g.get(), 1, 2, 3, 40, 70); },
-         [&] { return q::colour::ConvertHongTou(c.get(), g.get(), 40, 70, true); }},
-        {"EnhanceColor", [&] { return EnhanceColor(c.get(), &r, 100, 20, 30, 40, 50, 60, 70); },
-         [&] { return q::colour::EnhanceColor(c.get(), &r, e); }},
-        {"EnhanceColorEx", [&] { return EnhanceColorEx(c.get(), map.get(), &r, 100, 20, 30, 40, 50, 60, 70); },
-         [&] { return q::colour::EnhanceColorEx(c.get(), map.get(), &r, e); }},
-        {"EnhanceColorEx1", [&] { return EnhanceColorEx1(c.get(), g2.get(), map.get(), &r, 100, 20, 30, 40, 50, 60, 70); },
-         [&] { return q::colour::EnhanceColorEx1(c.get(), g2.get(), map.get(), &r, e); }},
-        {"DeColorize", [&] { RECT w{0, 0, 0, 0}; return DeColorize(c.get(), &w, 30, 60, 90); },
-         [&] { RECT w{0, 0, 0, 0}; return q::colour::DeColorize(c.get(), &w, 30, 60, 90); }},
+    // The export's call, then the same through the family's function.
+#define SAME(abi, ...) {#abi, [&] { return abi; }, [&] { return __VA_ARGS__; }}
+    const std::vector<std::tuple<std::string, Call, Call>> calls = {
+        SAME(AdjustBrightness(c.get(), 17), q::pixel::AdjustBrightness(c.get(), 17)),
+        SAME(AdjustContrast(c.get(), 23), q::pixel::AdjustContrast(c.get(), 23)),
+        SAME(AdjustBrightnessAndContrast(c.get(), 40, -30), q::pixel::AdjustBrightnessAndContrast(c.get(), 40, -30)),
+        SAME(TextEffect(g.get(), 2), q::pixel::TextEffect(g.get(), 2)),
+        SAME(TextEffectRect(g.get(), &r, -1), q::pixel::TextEffectRect(g.get(), &r, -1)),
+        SAME(Fill(g.get(), &r, 77), q::pixel::Fill(g.get(), &r, 77)),
+        SAME(FillOutside(g.get(), &r, 77), q::pixel::FillOutside(g.get(), &r, 77)),
+        SAME(ImageOr(g.get(), g2.get(), 2, 3, 9, 1, 20, 11), q::pixel::ImageOr(g.get(), g2.get(), 2, 3, 9, 1, 20, 11)),
+        SAME(GetLess(g.get(), g2.get()), q::pixel::GetLess(g.get(), g2.get())),
+        SAME(ConvertMode(c.get(), 1, 100), q::pixel::ConvertMode(c.get(), 1, 100)),
+        SAME(ConvertModeToGrayEx(c.get(), 30, 90), q::pixel::ConvertModeToGrayEx(c.get(), 30, 90)),
+        SAME(Thumbnail(c.get(), 40, 20), q::pixel::Thumbnail(c.get(), 40, 20)),
+        SAME(Resize(c.get(), 50, 30), q::pixel::Resize(c.get(), 50, 30)),
+        SAME(Rotate(c.get(), 7.5, 20, 9, 1), q::geometry::Rotate(c.get(), 7.5, 20, 9, 1)),
+        SAME(RotateEx(c.get(), 7.5, 20, 9, 1), q::geometry::RotateEx(c.get(), 7.5, 20, 9, 1)),
+        SAME(RotateEx1(c.get(), 7.5, 20, 9, 1), q::geometry::RotateEx1(c.get(), 7.5, 20, 9, 1)),
+        SAME(RotateExpand(c.get(), 90, 3, 4, 2), q::geometry::RotateExpand(c.get(), 90)),
+        SAME(RemoveBorder(g.get(), 100, 5, 6), q::border::RemoveBorder(g.get(), 100)),
+        SAME(RemoveBorder1(g.get(), 100, 90, 5, 6), q::border::RemoveBorder1(g.get(), 100, 90)),
+        SAME(RemoveBorder_GPY(g.get(), 100), q::border::RemoveBorderGpy(g.get(), 100)),
+        SAME(RemoveBorder_Fill(g.get(), 100), q::border::RemoveBorderFill(g.get(), 100)),
+        SAME(RemoveHole(holes.get(), TRUE, TRUE, FALSE, FALSE, 12, 1, 3, 2, 9, 0.4), q::border::RemoveHole(holes.get(), h1)),
+        SAME(RemoveHole(holes.get(), TRUE, FALSE, TRUE, FALSE, 12, 1, 3, 2, 9, 0.4), q::border::RemoveHole(holes.get(), h2)),
+        SAME(Denoise(g.get(), 3), q::cleanup::Denoise(g.get(), 3)),
+        SAME(DenoiseRect(c.get(), &r, 4), q::cleanup::DenoiseRect(c.get(), &r, 4)),
+        SAME(AddWaterMark(c.get(), mark.get()), q::cleanup::AddWaterMark(c.get(), mark.get())),
+        SAME(AddWaterMarkEx(c.get(), mark.get()), q::cleanup::AddWaterMarkEx(c.get(), mark.get())),
+        SAME(Combine(c.get(), mark.get(), 1), q::cleanup::Combine(c.get(), mark.get(), 1)),
+        SAME(ConvertHongTou(c.get(), g.get(), 1, 2, 3, 40), q::colour::ConvertHongTou(c.get(), g.get(), 40, 90, false)),
+        SAME(ConvertHongTouEx(c.get(), g.get(), 1, 2, 3, 40, 70), q::colour::ConvertHongTou(c.get(), g.get(), 40, 70, true)),
+        SAME(EnhanceColor(c.get(), &r, 100, 20, 30, 40, 50, 60, 70), q::colour::EnhanceColor(c.get(), &r, e)),
+        SAME(EnhanceColorEx(c.get(), map.get(), &r, 100, 20, 30, 40, 50, 60, 70),
+             q::colour::EnhanceColorEx(c.get(), map.get(), &r, e)),
+        SAME(EnhanceColorEx1(c.get(), g2.get(), map.get(), &r, 100, 20, 30, 40, 50, 60, 70),
+             q::colour::EnhanceColorEx1(c.get(), g2.get(), map.get(), &r, e)),
+        SAME(DeColorize(c.get(), &w1, 30, 60, 90), q::colour::DeColorize(c.get(), &w2, 30, 60, 90)),
     };
+#undef SAME
     EXPECT_EQ(qtest::DarkCount(Block(q::border::RemoveHole(holes.get(), h1)).get()), 2 * 36);  // two bands painted
     for (const auto &[name, viaAbi, direct] : calls) {
         Block a(viaAbi()), b(direct());
-        ASSERT_TRUE(b || std::string(name) == "RemoveBorder_GPY") << name;  // no sheet of 50 pixels: refused
+        ASSERT_TRUE(b || name.rfind("RemoveBorder_GPY", 0) == 0) << name;  // no sheet of 50 pixels: refused
         EXPECT_EQ(a.bytes(), b.bytes()) << name;
     }
     // ImageAnd writes page 1, and Crop the rectangle: each on its own copies.

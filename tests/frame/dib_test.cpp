@@ -28,10 +28,8 @@ TEST(Dib, ColourCountsPixelOffsetsAndStrides) {
         EXPECT_EQ(DibPixelBits(&h) - reinterpret_cast<std::uint8_t *>(&h), static_cast<std::ptrdiff_t>(c.offset))
             << c.bits << " bits, biClrUsed " << c.clrUsed;
     }
-    EXPECT_EQ(DibRowStride(33, 1), 8);
-    EXPECT_EQ(DibRowStride(5, 24), 16);
-    EXPECT_EQ(DibRowStride(5, 8), 8);
-    EXPECT_EQ(DibRowStride(3, 32), 12);
+    EXPECT_EQ((std::vector<int>{DibRowStride(33, 1), DibRowStride(5, 24), DibRowStride(5, 8), DibRowStride(3, 32)}),
+              (std::vector<int>{8, 16, 8, 12}));
 }
 
 TEST(Dib, RewrittenResultBlocksCarryTheirNewTable) {
@@ -52,21 +50,14 @@ TEST(Dib, RewrittenResultBlocksCarryTheirNewTable) {
         ASSERT_TRUE(out);
         Block block(out.Release());
         const BITMAPINFOHEADER h = block.header();
-        EXPECT_EQ(h.biWidth, 7);
-        EXPECT_EQ(h.biHeight, 4);
-        EXPECT_EQ(h.biBitCount, c.bits);
-        EXPECT_EQ(h.biClrUsed, c.entries);
+        EXPECT_EQ(block.size(), (std::pair{7, 4}));
+        EXPECT_EQ(h.biBitCount * 1000 + h.biClrUsed, c.bits * 1000 + c.entries);
         EXPECT_EQ(h.biXPelsPerMeter, 11811);  // carried over
         EXPECT_EQ(h.biSizeImage, static_cast<DWORD>(DibRowStride(7, c.bits) * 4));
         EXPECT_EQ(GlobalSize(block.get()), 40 + 4 * c.entries + h.biSizeImage);
         const auto bytes = block.bytes();
-        if (c.entries == 2) {
-            EXPECT_EQ(bytes[40], 0);
-            EXPECT_EQ(bytes[44], 255);
-        }
-        if (c.entries == 256) {
-            EXPECT_EQ(bytes[40 + 4 * 77 + 1], 77);
-        }
+        const std::size_t last = 40 + 4 * (c.entries - 1) + 2;  // black first, then a ramp to white
+        EXPECT_TRUE(c.entries == 0 || (bytes[40] == 0 && bytes[45] == 255 / (c.entries - 1) && bytes[last] == 255)) << c.bits;
     }
 }
 
@@ -119,14 +110,6 @@ TEST_P(MalformedBlocks, AreRefusedWithoutTouchingTheBlock) {
 INSTANTIATE_TEST_SUITE_P(Frame, MalformedBlocks, ::testing::ValuesIn(kMalformed),
                          [](const auto &info) { return std::string(info.param.name); });
 
-TEST(MalformedBlocks, DeadHandlesGiveNull) {
-    HGLOBAL freed = GlobalAlloc(GHND, 100);
-    GlobalFree(freed);
-    for (HGLOBAL h : {HGLOBAL{nullptr}, freed, reinterpret_cast<HGLOBAL>(0x40)}) {
-        for (auto op : {Mirror, Flip, Invert}) EXPECT_EQ(op(h), nullptr);
-    }
-}
-
 TEST(Conversions, BitsBecomeGrayByThePalette) {
     // Entry 0 blue byte: 255 and 129 make 0 bits light; 128 makes them dark.
     for (int blue : {255, 129, 128}) {
@@ -141,8 +124,7 @@ TEST(Conversions, BitsBecomeGrayByThePalette) {
         ImagePtr view = DibToIplImage(in.header());
         ImagePtr gray = MakeGrayImage(view.get(), nullptr, in.header());
         const int zero = blue > 128 ? 255 : 0;
-        EXPECT_EQ(RowOf(*gray, 0)[0], zero) << blue;
-        EXPECT_EQ(RowOf(*gray, 0)[1], 255 - zero) << blue;
+        EXPECT_EQ(RowOf(*gray, 0)[0] * 1000 + RowOf(*gray, 0)[1], zero * 1000 + 255 - zero) << blue;
         ImagePtr colour = MakeColorImage(view.get(), nullptr, in.header(), 24);
         EXPECT_EQ(RowOf(*colour, 1)[3 * 1 + 2], 255 - zero);
         EXPECT_EQ(view->roi, nullptr);
@@ -156,14 +138,10 @@ TEST(Conversions, ColourToGrayAndBitonalExpansion) {
         LockedDib in(page.get());
         ImagePtr view = DibToIplImage(in.header());
         ImagePtr expanded = ExpandBitonalToGray(view.get(), in.header());
-        EXPECT_EQ(RowOf(*expanded, 0)[0], 90);  // max(blue, red); green ignored
-        EXPECT_EQ(RowOf(*expanded, 0)[1], 255);
-        EXPECT_EQ(RowOf(*expanded, 0)[2], 200);
+        EXPECT_EQ(std::vector<int>(RowOf(*expanded, 0), RowOf(*expanded, 0) + 3), (std::vector<int>{90, 255, 200}));  // max(B, R)
         // 0.212671 R + 0.715160 G + 0.072169 B, rounded.
         ImagePtr gray = MakeGrayImage(view.get(), nullptr, in.header());
-        EXPECT_EQ(RowOf(*gray, 0)[0], 200);
-        EXPECT_EQ(RowOf(*gray, 0)[1], 255);
-        EXPECT_EQ(RowOf(*gray, 0)[2], 43);
+        EXPECT_EQ(std::vector<int>(RowOf(*gray, 0), RowOf(*gray, 0) + 3), (std::vector<int>{200, 255, 43}));
     }
 }
 

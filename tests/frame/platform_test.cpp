@@ -1,7 +1,8 @@
-// Global-memory handles and rectangle arithmetic.
+// Global-memory handles, the spare-block cache, and rectangle arithmetic.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <vector>
 
 #include "platform/rect.h"
 #include "quarvel/win32.h"
@@ -58,15 +59,33 @@ TEST(GlobalMemory, ReusedLargeBlocksComeBackZeroed) {
     }
 }
 
+// The spare-block cache behind GlobalAlloc/GlobalFree never hands a kept
+// buffer to two live blocks, whatever the order of sizes.
+TEST(BlockCache, FullCacheNeverHandsOutAFreedBuffer) {
+    // Growing sizes never reuse a kept buffer, so 1, 60, 70 and 80 MB fill
+    // the four slots; 90 MB does not fit the total even after displacing the
+    // oldest one, so nothing may be displaced.
+    for (std::size_t mb : {1, 60, 70, 80, 90}) ASSERT_EQ(GlobalFree(GlobalAlloc(GHND, mb << 20)), nullptr);
+    const std::size_t size = 1u << 20;
+    HGLOBAL a = GlobalAlloc(GHND, size), b = GlobalAlloc(GHND, size);
+    auto *pa = static_cast<unsigned char *>(GlobalLock(a));
+    auto *pb = static_cast<unsigned char *>(GlobalLock(b));
+    ASSERT_TRUE(pa != nullptr && pb != nullptr);
+    EXPECT_TRUE(pa + size <= pb || pb + size <= pa);
+    std::memset(pa, 0x5A, size);
+    for (std::size_t i = 0; i < size; i += 4099) ASSERT_EQ(pb[i], 0) << i;
+    GlobalUnlock(a);
+    GlobalUnlock(b);
+    GlobalFree(a);
+    GlobalFree(b);
+}
+
 TEST(Rectangles, IntersectAndEmptiness) {
     RECT a, b, out;
     quarvel::SetRect(&a, 0, 0, 10, 10);
     quarvel::SetRect(&b, 5, -3, 20, 4);
     EXPECT_TRUE(quarvel::IntersectRect(&out, &a, &b));
-    EXPECT_EQ(out.left, 5);
-    EXPECT_EQ(out.top, 0);
-    EXPECT_EQ(out.right, 10);
-    EXPECT_EQ(out.bottom, 4);
+    EXPECT_EQ((std::vector<LONG>{out.left, out.top, out.right, out.bottom}), (std::vector<LONG>{5, 0, 10, 4}));
     quarvel::SetRect(&b, 10, 0, 12, 5);  // touching edges share nothing
     EXPECT_FALSE(quarvel::IntersectRect(&out, &a, &b));
     EXPECT_TRUE(quarvel::IsRectEmpty(&out));

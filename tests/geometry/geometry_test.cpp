@@ -1,11 +1,14 @@
 // Geometry through the C API: where every pixel lands under a turn, canvas
 // sizes and the centre's place on them, fill values by palette and depth, the
-// quarter-turn table, and every Crop mode with its written-back rectangle at
-// the boundaries of its content search.
+// quarter-turn table (1-bit turns checked against each other), every Crop
+// mode with its written-back rectangle at the boundaries of its content
+// search, and the canvases that arguments may ask for.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cmath>
+#include <cstring>
+#include <random>
 
 #include "support/pages.h"
 
@@ -58,23 +61,18 @@ TEST_P(Depths, TurnsMoveEveryPixel) {
     // RotateEx at 0 frames the page with one pixel left and below, two right
     // and above.
     Block framed(RotateEx(page.get(), 0.0, 3, 3, 0));
-    ASSERT_TRUE(framed);
-    EXPECT_EQ(framed.header().biWidth, 27);
-    EXPECT_EQ(framed.header().biHeight, 19);
+    ASSERT_EQ(framed.size(), (std::pair{27, 19}));
     ExpectMoved(page.get(), framed.get(), [](int x, int y) { return std::pair{x + 1, y + 1}; }, "RotateEx 0");
     for (auto [x, y] : {std::pair{0, 0}, {25, 17}, {26, 18}}) EXPECT_EQ(PageView(framed.get()).get(x, y), fill);
     // RotateExpand's table: exact quarter turns at every depth.
     const int w = 24, h = 16;
-    ExpectMoved(page.get(), Block(RotateExpand(page.get(), 90, 3, 4, 2)).get(),
-                [&](int x, int y) { return std::pair{y, w - 1 - x}; }, "90");
-    ExpectMoved(page.get(), Block(RotateExpand(page.get(), 450, 3, 4, 2)).get(),
-                [&](int x, int y) { return std::pair{y, w - 1 - x}; }, "450");
-    ExpectMoved(page.get(), Block(RotateExpand(page.get(), 180, 3, 4, 2)).get(),
-                [&](int x, int y) { return std::pair{w - 1 - x, h - 1 - y}; }, "180");
-    for (double a : {270.0, -90.0}) {
-        Block turned(RotateExpand(page.get(), a, 0, 0, 0));
-        ASSERT_EQ(turned.header().biWidth, h);
-        ExpectMoved(page.get(), turned.get(), [&](int x, int y) { return std::pair{h - 1 - y, x}; }, "270");
+    for (double a : {90.0, 450.0, 180.0, 270.0, -90.0}) {
+        Block turned(RotateExpand(page.get(), a, 3, 4, 2));
+        const int q = (static_cast<int>(a) + 360) % 360 / 90;
+        ASSERT_EQ(turned.size(), (q == 2 ? std::pair{w, h} : std::pair{h, w})) << a;
+        ExpectMoved(page.get(), turned.get(), [&](int x, int y) {
+            return q == 1 ? std::pair{y, w - 1 - x} : q == 2 ? std::pair{w - 1 - x, h - 1 - y} : std::pair{h - 1 - y, x};
+        }, "RotateExpand");
     }
     // A hair past a quarter turn takes the interpolating path with the
     // table's shifts: nearest neighbour gives the exact turn's pixels.
@@ -113,9 +111,7 @@ TEST(RotateEx, CanvasSizesAndTheCentresPlace) {
     } cases[] = {{90.0, 103, 103, 41, 46}, {30.0, 119, 104, 49, 47}, {-30.0, 119, 104, 49, 47}};
     for (const Case &k : cases) {
         Block out(RotateEx(page.get(), k.angle, 40, 25, 0));
-        ASSERT_TRUE(out);
-        EXPECT_EQ(out.header().biWidth, k.w) << k.angle;
-        EXPECT_EQ(out.header().biHeight, k.h) << k.angle;
+        ASSERT_EQ(out.size(), (std::pair{k.w, k.h})) << k.angle;
         EXPECT_EQ(PageView(out.get()).get(k.cx, k.cy), 7) << k.angle;
     }
     Block far(RotateEx(page.get(), 10.0, 1000, -500, 1));  // the canvas still holds the corners
@@ -147,8 +143,7 @@ TEST(RotateExpand, FractionalUnknownAndRefusedTurns) {
     // 90.6 uses the 90-degree row but turns a little further: pixels leave
     // the frame and the uncovered ones are 0.
     Block out(RotateExpand(page.get(), 90.6, 0, 0, 0));
-    ASSERT_TRUE(out);
-    EXPECT_EQ(out.header().biWidth, 60);
+    ASSERT_EQ(out.size(), (std::pair{60, 100}));
     EXPECT_GT(qtest::DarkCount(out.get()), 0);
     EXPECT_TRUE(qtest::SamePixels(page.get(), Block(RotateExpand(page.get(), 0.0, 0, 0, 0)).get()));
     for (double a : {-270.0, -180.0, 45.0, double(NAN)}) EXPECT_EQ(RotateExpand(page.get(), a, 0, 0, 0), nullptr) << a;
@@ -174,9 +169,7 @@ TEST(Crop, Mode0CutsTheRegionWithABorder) {
         Block page = Numbered(100, 90, bits);
         RECT r{10, 20, 61, 50};
         Block out(Crop(page.get(), &r, 0, 5));
-        ASSERT_TRUE(out);
-        EXPECT_EQ(out.header().biWidth, 61);
-        EXPECT_EQ(out.header().biHeight, 40);
+        ASSERT_EQ(out.size(), (std::pair{61, 40}));
         // Written back in stored rows: rows 40..69 from the bottom.
         EXPECT_EQ(Edges(r), (Box{10, 40, 61, 70}));
         ExpectMoved(page.get(), out.get(), [](int x, int y) {
@@ -191,10 +184,8 @@ TEST(Crop, ContentSearchStopsAtTheFifthDarkLineAndBacksOffSix) {
     Block page = Printed(100, 100, 20, 70, 30, 60);
     RECT r{0, 0, 0, 0};
     Block out(Crop(page.get(), &r, 2, 0));
-    ASSERT_TRUE(out);
     EXPECT_EQ(Edges(r), (Box{18, 38, 71, 71}));
-    EXPECT_EQ(out.header().biWidth, 53);
-    EXPECT_EQ(out.header().biHeight, 33);
+    EXPECT_EQ(out.size(), (std::pair{53, 33}));
     // Lines count as dark with two dark pixels; a plus of bars two wide.
     Block plus = MakePageWith(Shape(100, 100, 8), [](int x, int y, int) {
         return (x >= 40 && x < 42 && y >= 20 && y < 80) || (y >= 50 && y < 52 && x >= 10 && x < 90) ? 0 : 255;
@@ -216,25 +207,20 @@ TEST(Crop, BoxesUnder15PixelsFallBackToTheRegion) {
     for (int rows : {11, 12}) {
         Block page = Printed(80, 50, 10, 70, 20, 20 + rows);
         RECT r{};
-        Block out(Crop(page.get(), &r, 2, 0));
-        ASSERT_TRUE(out);
-        EXPECT_EQ(r.bottom - r.top, rows == 12 ? 15 : 50) << rows;
-        EXPECT_EQ(r.right - r.left, rows == 12 ? 63 : 80) << rows;
+        ASSERT_TRUE(Block(Crop(page.get(), &r, 2, 0)));
+        EXPECT_EQ((std::pair{r.right - r.left, r.bottom - r.top}), (rows == 12 ? std::pair{63, 15} : std::pair{80, 50}));
     }
     Block white = MakePageWith(Shape(80, 50, 8), [](int, int, int) { return 255; });
     RECT r{};
     ASSERT_TRUE(Block(Crop(white.get(), &r, 2, 0)));
-    EXPECT_EQ(r.right, 79);
-    EXPECT_EQ(r.bottom, 49);
+    EXPECT_EQ((std::pair{r.right, r.bottom}), (std::pair{79, 49}));
 }
 
 TEST(Crop, Mode3BordersPerSideAndModes4And5FitTheTarget) {
     Block printed = Printed(100, 100, 20, 70, 30, 60);
     RECT sides{1, 2, 3, 4};  // left, bottom (first stored rows), right, top
     Block out(Crop(printed.get(), &sides, 3, 99));
-    ASSERT_TRUE(out);
-    EXPECT_EQ(out.header().biWidth, 53 + 1 + 3);
-    EXPECT_EQ(out.header().biHeight, 33 + 2 + 4);
+    ASSERT_EQ(out.size(), (std::pair{53 + 1 + 3, 33 + 2 + 4}));
     EXPECT_EQ(PageView(out.get()).get(1 + 2, 2 + 2), 0);  // print starts 2 inside the box
     EXPECT_EQ(PageView(out.get()).get(1 + 1, 2 + 2), 255);
     Block page = Numbered(101, 61, 8);
@@ -251,9 +237,7 @@ TEST(Crop, Mode3BordersPerSideAndModes4And5FitTheTarget) {
     for (const Case &k : cases) {
         RECT r = k.target;
         Block fitted(Crop(page.get(), &r, 5, 0));
-        ASSERT_TRUE(fitted);
-        EXPECT_EQ(fitted.header().biWidth, std::abs(k.target.right - k.target.left));
-        EXPECT_EQ(fitted.header().biHeight, std::abs(k.target.bottom - k.target.top));
+        ASSERT_EQ(fitted.size(), (std::pair<int, int>{std::abs(k.target.right - k.target.left), std::abs(k.target.bottom - k.target.top)}));
         EXPECT_EQ(Edges(r), (Box{k.box.left, k.box.top, k.box.right, k.box.bottom}));
         EXPECT_EQ(PageView(fitted.get()).get(k.atX, k.atY), PageView(page.get()).get(r.left, r.top)) << k.target.right;
     }
@@ -266,16 +250,75 @@ TEST(Crop, Mode3BordersPerSideAndModes4And5FitTheTarget) {
 TEST(Crop, OutOfRangeArgumentsAreClippedOrRefused) {
     Block page = Numbered(50, 40, 24);
     RECT partly{-10, -10, 20, 15};  // clipped to columns 0..19, rows 0..14 from the top
-    Block out(Crop(page.get(), &partly, 0, 0));
-    ASSERT_TRUE(out);
-    EXPECT_EQ(out.header().biWidth, 20);
-    EXPECT_EQ(out.header().biHeight, 15);
+    EXPECT_EQ(Block(Crop(page.get(), &partly, 0, 0)).size(), (std::pair{20, 15}));
     RECT outside{60, 0, 80, 10}, r{0, 0, 10, 10}, negative{-1, 0, 0, 0}, empty{5, 5, 5, 9};
     EXPECT_EQ(Crop(page.get(), &outside, 0, 0), nullptr);
     EXPECT_EQ(Crop(page.get(), &r, 0, -1), nullptr);
     EXPECT_EQ(Crop(page.get(), &negative, 3, 0), nullptr);
     EXPECT_EQ(Crop(page.get(), &empty, 5, 0), nullptr);
     EXPECT_EQ(Crop(page.get(), nullptr, 2, 0), nullptr);
+}
+
+// Canvases sized by arguments are limited by the page: centres of RotateEx
+// and RotateEx1 up to a page's width and height off the page turn as always,
+// a centre a billion rows away is refused; Crop's canvas may have 64 times
+// the page's pixels or 4096 x 4096, no more.
+TEST(CanvasLimits, FarCentresAreRefusedNearOnesTurn) {
+    Block one = qtest::MakePage(qtest::Shape(1, 1, 1));
+    Block page = qtest::MakePage(qtest::Shape(40, 30, 8));
+    for (auto rotate : {RotateEx, RotateEx1}) {
+        EXPECT_EQ(rotate(one.get(), -0.044, 256, 2147483407, 1), nullptr);
+        EXPECT_EQ(rotate(page.get(), 30.0, -2000000000, 15, 0), nullptr);
+        for (auto [x, y] : {std::pair{-40, -30}, std::pair{80, 60}, std::pair{20, 15}})
+            for (double angle : {45.0, -135.0, 90.0}) EXPECT_NE(Block(rotate(page.get(), angle, x, y, 0)).get(), nullptr);
+    }
+}
+
+TEST(CanvasLimits, CropCanvasesBeyondTheLimitAreRefusedAndKeepTheRectangle) {
+    Block page = qtest::MakePage(qtest::Shape(10, 10, 8));
+    struct Case {
+        RECT rect;
+        int mode, border;
+        bool made;
+    } cases[] = {
+        {{2043, 2043, 2043, 2043}, 3, 0, true},    // 4096 x 4096
+        {{2044, 2043, 2043, 2043}, 3, 0, false},   // one column more
+        {{0, 0, 4096, 4096}, 4, 0, true},
+        {{0, 0, 5000, 4000}, 5, 0, false},
+        {{0, 0, 10, 10}, 1, 1 << 29, false},
+    };
+    for (const Case &c : cases) {
+        RECT r = c.rect;
+        Block out(Crop(page.get(), &r, c.mode, c.border));
+        EXPECT_EQ(static_cast<bool>(out), c.made) << c.mode << " " << c.rect.left;
+        if (!c.made) {
+            EXPECT_EQ(std::memcmp(&r, &c.rect, sizeof r), 0);
+        }
+    }
+}
+
+// 1-bit quarter turns move 8 x 8 blocks of bits; three turns by 90 degrees
+// must equal one by 270 (and by -90) on random bits, for heights that are and
+// are not multiples of 8, widths that leave padding, both palettes.
+TEST(QuarterTurns, BitonalBlocksMatchThreeTurnsBy90) {
+    std::mt19937 g(9);
+    for (int w : {8, 37, 64}) {
+        for (int h : {8, 40, 45}) {
+            for (qtest::Palette p : {qtest::Palette::kDarkFirst, qtest::Palette::kLightFirst}) {
+                SCOPED_TRACE(w * 1000 + h);
+                Block page = qtest::MakePageWith(qtest::Shape(w, h, 1, p), [&](int, int, int) { return static_cast<int>(g() & 1); });
+                Block once(RotateExpand(page.get(), 270.0, 0, 0, 0)), minus(RotateExpand(page.get(), -90.0, 0, 0, 0));
+                Block a(RotateExpand(page.get(), 90.0, 0, 0, 0));
+                Block b(RotateExpand(a.get(), 90.0, 0, 0, 0));
+                Block thrice(RotateExpand(b.get(), 90.0, 0, 0, 0));
+                ASSERT_TRUE(once && thrice && minus);
+                EXPECT_EQ(once.bytes(), thrice.bytes());
+                EXPECT_EQ(minus.bytes(), thrice.bytes());
+                qtest::PageView in(page.get()), turned(a.get());
+                EXPECT_EQ(turned.get(h - 1, w - 1), in.get(0, h - 1));  // top-left corner goes to the top right
+            }
+        }
+    }
 }
 
 }  // namespace

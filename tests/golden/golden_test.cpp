@@ -21,6 +21,7 @@
 namespace {
 
 using qtest::Block;
+using qtest::Copy;
 using qtest::Palette;
 using qtest::PageView;
 
@@ -87,16 +88,6 @@ Block PrecisionSheet() {
         const bool horizontal = (y >= b && y < b + 3) || (y >= b + s - 1 && y < b + s + 2);
         return (vertical && y >= b && y < b + s + 2) || (horizontal && x >= l && x < l + s + 3) ? 10 : 240;
     });
-}
-
-Block Copy(HGLOBAL h) {
-    Block b(h);
-    const std::vector<std::uint8_t> bytes = b.bytes();
-    b.release();
-    Block out(GlobalAlloc(GHND, bytes.size()));
-    std::memcpy(GlobalLock(out.get()), bytes.data(), bytes.size());
-    GlobalUnlock(out.get());
-    return out;
 }
 
 // A 24-bit page from an 8-bit one, tinted so the colour rules have work.

@@ -119,36 +119,21 @@ Block LoadPng(const std::string &path) {
     const int h = static_cast<int>(png_get_image_height(png, info));
     const int depth = png_get_bit_depth(png, info);
     const int type = png_get_color_type(png, info);
-    int bitCount = 8;
-    Palette palette = Palette::kDarkFirst;
-    if (depth == 1 && (type == PNG_COLOR_TYPE_GRAY || type == PNG_COLOR_TYPE_PALETTE)) {
-        bitCount = 1;
-        if (type == PNG_COLOR_TYPE_PALETTE) {
-            png_colorp colors;
-            int n = 0;
-            png_get_PLTE(png, info, &colors, &n);
-            if (n > 0 && colors[0].blue > 128) palette = Palette::kLightFirst;
-        }
-    } else {
-        if (type == PNG_COLOR_TYPE_PALETTE) png_set_palette_to_rgb(png);
-        if (depth == 16) png_set_strip_16(png);
-        if (depth < 8 && type == PNG_COLOR_TYPE_GRAY) png_set_expand_gray_1_2_4_to_8(png);
-        png_set_strip_alpha(png);
-        if (type == PNG_COLOR_TYPE_GRAY_ALPHA) png_set_strip_alpha(png);
-        if (type == PNG_COLOR_TYPE_PALETTE || (type & PNG_COLOR_MASK_COLOR)) {
-            png_set_bgr(png);
-            bitCount = 24;
-        }
-    }
+    // The test scans are 1-bit (gray, or with a two-colour table) or 8-bit gray.
+    const bool known = type == PNG_COLOR_TYPE_GRAY ? depth == 1 || depth == 8 : type == PNG_COLOR_TYPE_PALETTE && depth == 1;
+    png_colorp colors;
+    int n = 0;
+    const bool lightFirst = type == PNG_COLOR_TYPE_PALETTE && png_get_PLTE(png, info, &colors, &n) && n > 0 && colors[0].blue > 128;
     png_read_update_info(png, info);
     const std::size_t rowBytes = png_get_rowbytes(png, info);
     std::vector<std::uint8_t> rows(rowBytes * h);
     std::vector<png_bytep> pointers(h);
     for (int y = 0; y < h; ++y) pointers[y] = &rows[y * rowBytes];
-    png_read_image(png, pointers.data());
+    if (known) png_read_image(png, pointers.data());
     png_destroy_read_struct(&png, &info, nullptr);
     std::fclose(f);
-    return PageFromRows(w, h, bitCount, rows, rowBytes, palette);
+    if (!known) throw std::runtime_error("unsupported png " + path);
+    return PageFromRows(w, h, depth, rows, rowBytes, lightFirst ? Palette::kLightFirst : Palette::kDarkFirst);
 }
 
 Block LoadJpeg(const std::string &path) {
@@ -183,6 +168,15 @@ Block LoadScan(const std::string &name) {
     const std::string path = DataPath(name);
     if (name.size() > 4 && name.substr(name.size() - 4) == ".png") return LoadPng(path);
     return LoadJpeg(path);
+}
+
+Block Copy(HGLOBAL h) {
+    const std::size_t size = GlobalSize(h);
+    Block out(GlobalAlloc(GHND, size));
+    std::memcpy(GlobalLock(out.get()), GlobalLock(h), size);
+    GlobalUnlock(h);
+    GlobalUnlock(out.get());
+    return out;
 }
 
 bool SamePixels(HGLOBAL a, HGLOBAL b) {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "frame/dib.h"
@@ -39,6 +40,7 @@ public:
     // Snapshot of the whole block.
     std::vector<std::uint8_t> bytes() const;
     BITMAPINFOHEADER header() const;
+    std::pair<int, int> size() const { return {header().biWidth, header().biHeight}; }
 
 private:
     HGLOBAL h_ = nullptr;
@@ -104,6 +106,8 @@ private:
 // gives it), 8-bit gray or 24-bit colour. PNG and JPEG.
 Block LoadScan(const std::string &name);
 
+// A new block holding the same bytes.
+Block Copy(HGLOBAL h);
 // Pixel rows of a page (without padding bits) equal to another's.
 bool SamePixels(HGLOBAL a, HGLOBAL b);
 
