@@ -131,19 +131,6 @@ HGLOBAL ConvertModeToGrayEx(HGLOBAL hDib, int redDelta, int blueDelta) {
     if (!view) return nullptr;
     ImagePtr gray = MakeGrayImage(view.get(), nullptr, in.header());
     if (!gray) return nullptr;
-    if (in.bitCount() >= 24 && (redDelta > 0 || blueDelta > 0)) {
-        const int bpp = in.bitCount() / 8;
-        for (int y = 0; y < in.height(); ++y) {
-            const std::uint8_t *p = in.row(y);
-            std::uint8_t *g = RowOf(*gray, y);
-            for (int x = 0; x < in.width(); ++x, p += bpp) {
-                const int b = p[0], gr = p[1], r = p[2];
-                const bool red = redDelta > 0 && r >= 60 && r - std::max(gr, b) >= redDelta;
-                const bool blue = !red && blueDelta > 0 && b >= 60 && b - std::max(gr, r) >= blueDelta;
-                if (red || blue) g[x] = 0;
-            }
-        }
-    }
     return Emit(in, *gray, NewTable::kGray);
 }
 
