@@ -39,6 +39,8 @@ constexpr double kMarginMm = 3.0;     // sheet edge left out (frame edges, shado
 constexpr double kRiseNone = 5.0;     // peak rise over the median read as no lines
 constexpr double kRiseFull = 40.0;    // and as certain lines
 constexpr double kMinInkShare = 0.0005; // less ink than this share of the sheet: no lines
+constexpr double kMinLineMm = 0.8;    // shorter runs of the profile are rules, not text lines
+constexpr double kFullLines = 8.0;    // lines for full confidence
 
 // Row counts per vertical strip: counts[s * rows + y].
 struct Strips {
@@ -139,28 +141,46 @@ Best Sweep(const Strips &s, double lo, double hi, double step, std::vector<doubl
     return b;
 }
 
+// Text lines in the profile of `s` at `degrees`, whole-row shifts: runs of
+// rows above a fifth of the 90th percentile of the inked rows, at least
+// `minLine` rows long.
+int CountLines(const Strips &s, double degrees, int minLine) {
+    const double t = std::tan(degrees * kPi / 180.0);
+    double reach = 0;
+    for (double c : s.centre) reach = std::max(reach, std::abs(c * t));
+    const int pad = static_cast<int>(std::ceil(reach)) + 1;
+    std::vector<int> profile(static_cast<std::size_t>(s.rows + 2 * pad + 1), 0);
+    for (int i = 0; i < s.strips; ++i) {
+        const long shift = std::lround(pad - s.centre[static_cast<std::size_t>(i)] * t);
+        const int *c = &s.counts[static_cast<std::size_t>(i) * s.rows];
+        for (int y = 0; y < s.rows; ++y) profile[static_cast<std::size_t>(y + shift)] += c[y];
+    }
+    std::vector<int> inked;
+    for (int v : profile)
+        if (v > 0) inked.push_back(v);
+    if (inked.empty()) return 0;
+    std::nth_element(inked.begin(), inked.begin() + inked.size() * 9 / 10, inked.end());
+    const double floor = 0.2 * inked[inked.size() * 9 / 10];
+    int lines = 0, run = 0;
+    for (int v : profile) {
+        if (v > floor) {
+            ++run;
+            continue;
+        }
+        lines += run >= minLine;
+        run = 0;
+    }
+    return lines + (run >= minLine);
+}
+
 }  // namespace
 
-Skew FindSkew(const ScanPage &page, const Sheet &sheet, double maxSkew) {
+Skew FindInkSkew(const cv::Mat &ink, const ScanPage &page, double maxSkew) {
     Skew result;
-    if (page.ink.empty()) return result;
     maxSkew = std::clamp(maxSkew, 1.0, 45.0);
-
-    // The ink on the sheet, away from its edges.
     const int f = page.reduction;
-    const int margin = std::max(1, MmToPixels(page, kMarginMm) / f);
-    cv::Rect area(sheet.box.x / f, sheet.box.y / f, sheet.box.width / f, sheet.box.height / f);
-    area = cv::Rect(area.x + margin, area.y + margin, area.width - 2 * margin, area.height - 2 * margin);
-    area &= cv::Rect(0, 0, page.ink.cols, page.ink.rows);
-    if (area.width < 16 || area.height < 16) return result;
-    cv::Mat ink = page.ink(area).clone();
-    if (sheet.sides != 0) {
-        cv::Mat paper;
-        cv::erode(sheet.paper(area), paper, cv::Mat(), cv::Point(-1, -1), margin);
-        ink &= paper;
-    }
     const int inkCount = cv::countNonZero(ink);
-    if (inkCount < kMinInkShare * area.area() || inkCount < 200) return result;
+    if (inkCount < kMinInkShare * ink.total() || inkCount < 200) return result;
 
     // Coarse: every degree.
     std::vector<double> coarse;
@@ -174,11 +194,13 @@ Skew FindSkew(const ScanPage &page, const Sheet &sheet, double maxSkew) {
 
     // Fine: on the ink turned back by the coarse angle when it is large.
     double base = std::round(best.angle);
-    cv::Mat fineInk = ink;
+    // A new image for the turned ink: the caller's is only read.
+    cv::Mat fineInk;
     if (std::abs(base) > kTurnAbove) {
         const cv::Mat turn = cv::getRotationMatrix2D(cv::Point2f(ink.cols / 2.0f, ink.rows / 2.0f), base, 1.0);
         cv::warpAffine(ink, fineInk, turn, ink.size(), cv::INTER_NEAREST, cv::BORDER_CONSTANT, cv::Scalar(0));
     } else {
+        fineInk = ink;
         base = 0;
     }
     const double centre = std::abs(base) > 0 ? 0.0 : best.angle;
@@ -190,11 +212,35 @@ Skew FindSkew(const ScanPage &page, const Sheet &sheet, double maxSkew) {
     if (std::abs(angle) > maxSkew) angle = std::clamp(angle, -maxSkew, maxSkew);
 
     result.angle = angle;
+    result.rise = rise;
+    result.lines = CountLines(fine, last.angle, std::max(2, MmToPixels(page, kMinLineMm) / f));
     // Body text lifts the peak 20 to 200 times its height above the median;
     // the same pages turned a quarter (no lines across) 1 to 5 times. On a
-    // log scale, 5 reads as nothing and 40 and more as certain.
-    result.confidence = rise > kRiseNone ? std::clamp(std::log(rise / kRiseNone) / std::log(kRiseFull / kRiseNone), 0.0, 1.0) : 0.0;
+    // log scale, 5 reads as nothing and 40 and more as certain. A handful of
+    // lines (a title page, a caption under a drawing) gives a sharp peak
+    // too, but too little to trust: full confidence needs kFullLines.
+    const double sharp = rise > kRiseNone ? std::clamp(std::log(rise / kRiseNone) / std::log(kRiseFull / kRiseNone), 0.0, 1.0) : 0.0;
+    result.confidence = sharp * std::min(1.0, result.lines / kFullLines);
     return result;
+}
+
+Skew FindSkew(const ScanPage &page, const Sheet &sheet, double maxSkew) {
+    if (page.ink.empty()) return Skew{};
+
+    // The ink on the sheet, away from its edges.
+    const int f = page.reduction;
+    const int margin = std::max(1, MmToPixels(page, kMarginMm) / f);
+    cv::Rect area(sheet.box.x / f, sheet.box.y / f, sheet.box.width / f, sheet.box.height / f);
+    area = cv::Rect(area.x + margin, area.y + margin, area.width - 2 * margin, area.height - 2 * margin);
+    area &= cv::Rect(0, 0, page.ink.cols, page.ink.rows);
+    if (area.width < 16 || area.height < 16) return Skew{};
+    cv::Mat ink = page.ink(area).clone();
+    if (sheet.sides != 0) {
+        cv::Mat paper;
+        cv::erode(sheet.paper(area), paper, cv::Mat(), cv::Point(-1, -1), margin);
+        ink &= paper;
+    }
+    return FindInkSkew(ink, page, maxSkew);
 }
 
 }  // namespace quarvel::scan
