@@ -57,12 +57,13 @@ struct Lines {
     double balance = 0;   // (above - below) / (above + below)
     double agreement = 0; // |lines leaning up - lines leaning down| / lines leaning
     double edge = 0;      // (baseline step - top step) / both
+    double inLines = 0;   // share of the ink in lines
     std::vector<Line> found;
 };
 
 Lines MeasureLines(const cv::Mat &ink, int strip, int minLine, int maxLine) {
     Lines out;
-    double above = 0, below = 0, topStep = 0, baseStep = 0;
+    double above = 0, below = 0, topStep = 0, baseStep = 0, total = 0, lineInk = 0;
     int up = 0, down = 0;
     std::vector<int> profile(static_cast<std::size_t>(ink.rows) + 1, 0);
     auto at = [&](int y) { return profile[static_cast<std::size_t>(y)]; };
@@ -73,6 +74,7 @@ Lines MeasureLines(const cv::Mat &ink, int strip, int minLine, int maxLine) {
             int n = 0;
             for (int x = x0; x < x1; ++x) n += p[x] != 0;
             profile[static_cast<std::size_t>(y)] = n;
+            total += n;
         }
         for (int y = 0; y < ink.rows;) {
             if (at(y) == 0) {
@@ -80,7 +82,11 @@ Lines MeasureLines(const cv::Mat &ink, int strip, int minLine, int maxLine) {
                 continue;
             }
             int end = y, peak = 0;
-            while (at(end) > 0) peak = std::max(peak, at(end++));
+            double sum = 0;
+            for (; at(end) > 0; ++end) {
+                peak = std::max(peak, at(end));
+                sum += at(end);
+            }
             const int h = end - y;
             if (h >= minLine && h <= maxLine) {
                 int c0 = y, c1 = end - 1;
@@ -95,6 +101,7 @@ Lines MeasureLines(const cv::Mat &ink, int strip, int minLine, int maxLine) {
                 down += b > kLean * a;
                 topStep += at(c0) - (c0 > y ? at(c0 - 1) : 0);
                 baseStep += at(c1) - at(c1 + 1);
+                lineInk += sum;
                 out.found.push_back(Line{x0, x1, y, end, c0, c1});
             }
             y = end;
@@ -102,6 +109,7 @@ Lines MeasureLines(const cv::Mat &ink, int strip, int minLine, int maxLine) {
     }
     out.balance = above + below > 0 ? (above - below) / (above + below) : 0.0;
     out.agreement = up + down > 0 ? std::abs(up - down) / static_cast<double>(up + down) : 0.0;
+    out.inLines = total > 0 ? lineInk / total : 0.0;
     out.edge = topStep + baseStep > 0 ? (baseStep - topStep) / (topStep + baseStep) : 0.0;
     return out;
 }
@@ -231,11 +239,12 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     cv::Mat turned;
     cv::rotate(ink, turned, cv::ROTATE_90_CLOCKWISE);
     const Skew across = skew;
-    const Skew down = FindInkSkew(turned, page, maxSkew);
+    Skew down = FindInkSkew(turned, page, maxSkew, false);
     const bool vertical = down.rise > across.rise;
+    if (vertical) down = FindInkSkew(turned, page, maxSkew);
     const Skew &lines = vertical ? down : across;
     const double weaker = std::max(1.0, std::min(across.rise, down.rise));
-    const double direction = std::clamp(std::log(std::max(across.rise, down.rise) / weaker) / std::log(kFullDirection), 0.0, 1.0);
+    double direction = std::clamp(std::log(std::max(across.rise, down.rise) / weaker) / std::log(kFullDirection), 0.0, 1.0);
     const cv::Mat &level = vertical ? turned : ink;
     cv::Mat upright = level;
     if (lines.rise > 0 && std::abs(lines.angle) > 0.2) {
@@ -248,6 +257,13 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     const int minLine = std::max(2, static_cast<int>(kMinLineMm * px));
     const int maxLine = std::max(minLine + 1, static_cast<int>(kMaxLineMm * px));
     const Lines l = MeasureLines(upright, strip, minLine, maxLine);
+    // A second opinion on the direction: the share of the ink that falls
+    // into lines along it and across it. Forms and tables can lift the
+    // profile across the text (long rules); where the shares disagree with
+    // the rises, the direction is only as sure as the shares' difference
+    // allows.
+    const Lines other = MeasureLines(vertical ? ink : turned, strip, minLine, maxLine);
+    if (other.inLines > l.inLines) direction *= 1.0 - (other.inLines - l.inLines) / other.inLines;
     const Margins m = MeasureMargins(upright, px);
     const Marks k = MeasureMarks(upright, l, strip);
 
@@ -268,7 +284,12 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     // lines; a script without them (or text read the wrong way up) is not
     // trusted as far.
     const double marks = (sum >= 0 ? k.above : k.below) / std::max(1.0, count);
-    result.confidence = evidence * direction * std::min(1.0, count / kFullLines) * std::min(1.0, marks / kFullMarks);
+    // The ascender balance is the cue the others stand beside: a call it
+    // does not back is halved, one it opposes fades out. (Hebrew's balance
+    // swings with the scale it is read at while its sharp top line and
+    // right-aligned lines both read as Latin upside down.)
+    const double backed = std::clamp(0.5 + (sum >= 0 ? votes[0] : -votes[0]), 0.0, 1.0);
+    result.confidence = evidence * direction * backed * std::min(1.0, count / kFullLines) * std::min(1.0, marks / kFullMarks);
     if (result.confidence < kCallUpright) return result;
     result.angle = vertical ? (sum > 0 ? 90 : 270) : (sum > 0 ? 0 : 180);
     return result;

@@ -62,8 +62,10 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet);
 bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hole> &holes, cv::Rect *box);
 // Skew of the text lines within +-maxSkew degrees (skew.cpp).
 Skew FindSkew(const ScanPage &page, const Sheet &sheet, double maxSkew);
-// The same search on any ink image at the page's reduced scale.
-Skew FindInkSkew(const cv::Mat &ink, const ScanPage &page, double maxSkew);
+// The same search on any ink image at the page's reduced scale; with `fine`
+// false only the whole-degree sweep runs (angle to the degree, rise; no
+// confidence or lines).
+Skew FindInkSkew(const cv::Mat &ink, const ScanPage &page, double maxSkew, bool fine = true);
 // Quarter-turn orientation (orientation.cpp).
 // `skew` is the page's own (FindSkew with the same maxSkew).
 Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew &skew, double maxSkew);

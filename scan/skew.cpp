@@ -175,22 +175,36 @@ int CountLines(const Strips &s, double degrees, int minLine) {
 
 }  // namespace
 
-Skew FindInkSkew(const cv::Mat &ink, const ScanPage &page, double maxSkew) {
+Skew FindInkSkew(const cv::Mat &ink, const ScanPage &page, double maxSkew, bool fine) {
     Skew result;
     maxSkew = std::clamp(maxSkew, 1.0, 45.0);
     const int f = page.reduction;
     const int inkCount = cv::countNonZero(ink);
     if (inkCount < kMinInkShare * ink.total() || inkCount < 200) return result;
 
-    // Coarse: every degree.
+    // Coarse: every degree; for the rise alone, every third degree and
+    // the degrees either side of the best of those.
     std::vector<double> coarse;
     const Strips pooled = PooledStrips(ink, std::clamp(ink.cols / 100, 2, kCoarsePool));
     const double span = std::floor(maxSkew);
-    Best best = Sweep(pooled, -span, span, 1.0, &coarse);
+    const double step = fine || span < 6 ? 1.0 : 3.0;
+    Best best = Sweep(pooled, -span, span, step, &coarse);
+    if (step > 1) {
+        std::vector<std::int32_t> scratch;
+        for (const double a : {best.angle - 1, best.angle + 1}) {
+            const double score = Score(pooled, std::round(a), scratch);
+            if (score > best.score) best = Best{std::round(a), score};
+        }
+    }
     std::vector<double> sorted = coarse;
     std::nth_element(sorted.begin(), sorted.begin() + sorted.size() / 2, sorted.end());
     const double median = sorted[sorted.size() / 2];
     const double rise = median > 0 ? (best.score - median) / median : 0.0;
+    if (!fine) {
+        result.angle = best.angle;
+        result.rise = rise;
+        return result;
+    }
 
     // Fine: on the ink turned back by the coarse angle when it is large.
     double base = std::round(best.angle);
@@ -205,15 +219,15 @@ Skew FindInkSkew(const cv::Mat &ink, const ScanPage &page, double maxSkew) {
     }
     const double centre = std::abs(base) > 0 ? 0.0 : best.angle;
     const int strip = std::max(4, MmToPixels(page, kStripMm) / f);
-    const Strips fine = MakeStrips(fineInk, strip);
-    Best mid = Sweep(fine, centre - 0.7, centre + 0.7, 0.1);
-    Best last = Sweep(fine, mid.angle - 0.1, mid.angle + 0.1, 0.02);
+    const Strips narrow = MakeStrips(fineInk, strip);
+    Best mid = Sweep(narrow, centre - 0.7, centre + 0.7, 0.1);
+    Best last = Sweep(narrow, mid.angle - 0.1, mid.angle + 0.1, 0.02);
     double angle = base + last.angle;
     if (std::abs(angle) > maxSkew) angle = std::clamp(angle, -maxSkew, maxSkew);
 
     result.angle = angle;
     result.rise = rise;
-    result.lines = CountLines(fine, last.angle, std::max(2, MmToPixels(page, kMinLineMm) / f));
+    result.lines = CountLines(narrow, last.angle, std::max(2, MmToPixels(page, kMinLineMm) / f));
     // Body text lifts the peak 20 to 200 times its height above the median;
     // the same pages turned a quarter (no lines across) 1 to 5 times. On a
     // log scale, 5 reads as nothing and 40 and more as certain. A handful of
