@@ -40,6 +40,7 @@ constexpr double kRiseNone = 5.0;     // peak rise over the median read as no li
 constexpr double kRiseFull = 40.0;    // and as certain lines
 constexpr double kMinInkShare = 0.0005; // less ink than this share of the sheet: no lines
 constexpr double kMinLineMm = 0.8;    // shorter runs of the profile are rules, not text lines
+constexpr double kMaxLineMm = 12.0;   // and longer ones blocks
 constexpr double kFullLines = 8.0;    // lines for full confidence
 
 // Row counts per vertical strip: counts[s * rows + y].
@@ -141,16 +142,17 @@ Best Sweep(const Strips &s, double lo, double hi, double step, std::vector<doubl
     return b;
 }
 
-// Text lines in the profile of `s` at `degrees`, whole-row shifts: runs of
-// rows above a fifth of the 90th percentile of the inked rows, at least
-// `minLine` rows long.
-int CountLines(const Strips &s, double degrees, int minLine) {
+// Text lines in the profile of strips [first, last) of `s` at `degrees`,
+// whole-row shifts: runs of rows above a fifth of the 90th percentile of
+// the inked rows, `minLine` to `maxLine` rows long (longer runs are
+// photos, drawings or lines of two columns out of step).
+int CountLines(const Strips &s, int first, int last, double degrees, int minLine, int maxLine) {
     const double t = std::tan(degrees * kPi / 180.0);
     double reach = 0;
     for (double c : s.centre) reach = std::max(reach, std::abs(c * t));
     const int pad = static_cast<int>(std::ceil(reach)) + 1;
     std::vector<int> profile(static_cast<std::size_t>(s.rows + 2 * pad + 1), 0);
-    for (int i = 0; i < s.strips; ++i) {
+    for (int i = first; i < last; ++i) {
         const long shift = std::lround(pad - s.centre[static_cast<std::size_t>(i)] * t);
         const int *c = &s.counts[static_cast<std::size_t>(i) * s.rows];
         for (int y = 0; y < s.rows; ++y) profile[static_cast<std::size_t>(y + shift)] += c[y];
@@ -167,10 +169,10 @@ int CountLines(const Strips &s, double degrees, int minLine) {
             ++run;
             continue;
         }
-        lines += run >= minLine;
+        lines += run >= minLine && run <= maxLine;
         run = 0;
     }
-    return lines + (run >= minLine);
+    return lines + (run >= minLine && run <= maxLine);
 }
 
 }  // namespace
@@ -227,7 +229,13 @@ Skew FindInkSkew(const cv::Mat &ink, const ScanPage &page, double maxSkew, bool 
 
     result.angle = angle;
     result.rise = rise;
-    result.lines = CountLines(narrow, last.angle, std::max(2, MmToPixels(page, kMinLineMm) / f));
+    // Lines over the whole width, or over either half where two columns'
+    // lines fall out of step.
+    const int minLine = std::max(2, MmToPixels(page, kMinLineMm) / f), maxLine = MmToPixels(page, kMaxLineMm) / f;
+    const int half = narrow.strips / 2;
+    result.lines = std::max({CountLines(narrow, 0, narrow.strips, last.angle, minLine, maxLine),
+                             CountLines(narrow, 0, half, last.angle, minLine, maxLine),
+                             CountLines(narrow, half, narrow.strips, last.angle, minLine, maxLine)});
     // Body text lifts the peak 20 to 200 times its height above the median;
     // the same pages turned a quarter (no lines across) 1 to 5 times. On a
     // log scale, 5 reads as nothing and 40 and more as certain. A handful of
