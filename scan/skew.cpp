@@ -88,9 +88,10 @@ Strips PooledStrips(const cv::Mat &ink, int cell) {
     return s;
 }
 
-// Score of the profile at `degrees`: the sum of squares of its differences
-// one row apart, taken at every 1/kSub row; `scratch` is reused.
-double Score(const Strips &s, double degrees, std::vector<std::int32_t> &scratch) {
+// Score of the profile at `degrees`, taken at every 1/kSub row: with
+// `edges`, the sum of squares of its differences one row apart, else the
+// sum of squares of the profile itself; `scratch` is reused.
+double Score(const Strips &s, double degrees, std::vector<std::int32_t> &scratch, bool edges = true) {
     const double t = std::tan(degrees * kPi / 180.0);
     double reach = 0;
     for (double c : s.centre) reach = std::max(reach, std::abs(c * t));
@@ -114,7 +115,7 @@ double Score(const Strips &s, double degrees, std::vector<std::int32_t> &scratch
     for (std::int32_t &v : scratch) v = (run += v);
     double sum = 0;
     for (std::size_t i = kSub; i < bins; ++i) {
-        const double d = scratch[i] - scratch[i - kSub];
+        const double d = edges ? scratch[i] - scratch[i - kSub] : scratch[i];
         sum += d * d;
     }
     return sum / kSub;
@@ -126,11 +127,11 @@ struct Best {
 
 // Every `step` from lo to hi; the best, refined by a parabola through it
 // and its neighbours.
-Best Sweep(const Strips &s, double lo, double hi, double step, std::vector<double> *all = nullptr) {
+Best Sweep(const Strips &s, double lo, double hi, double step, std::vector<double> *all = nullptr, bool edges = true) {
     std::vector<std::int32_t> scratch;
     std::vector<double> scores;
     const int n = static_cast<int>(std::lround((hi - lo) / step)) + 1;
-    for (int i = 0; i < n; ++i) scores.push_back(Score(s, lo + i * step, scratch));
+    for (int i = 0; i < n; ++i) scores.push_back(Score(s, lo + i * step, scratch, edges));
     const int k = static_cast<int>(std::max_element(scores.begin(), scores.end()) - scores.begin());
     Best b{lo + k * step, scores[static_cast<std::size_t>(k)]};
     if (k > 0 && k + 1 < n) {
@@ -223,7 +224,7 @@ Skew FindInkSkew(const cv::Mat &ink, const ScanPage &page, double maxSkew, bool 
     const int strip = std::max(4, MmToPixels(page, kStripMm) / f);
     const Strips narrow = MakeStrips(fineInk, strip);
     Best mid = Sweep(narrow, centre - 0.7, centre + 0.7, 0.1);
-    Best last = Sweep(narrow, mid.angle - 0.1, mid.angle + 0.1, 0.02);
+    Best last = Sweep(narrow, mid.angle - 0.1, mid.angle + 0.1, 0.02, nullptr, false);
     double angle = base + last.angle;
     if (std::abs(angle) > maxSkew) angle = std::clamp(angle, -maxSkew, maxSkew);
 
