@@ -4,10 +4,12 @@
 // Line direction first: the skew search (skew.cpp) runs on the sheet's ink
 // as it stands and turned a quarter; the direction whose best projection
 // profile stands higher above its sweep (its "rise") holds the lines, and
-// the ratio of the two rises says how sure that is (4 and more: certain).
-// The ink is then turned so the lines run across and straightened by that
-// direction's angle, which leaves it upright or upside down; four
-// independent cues vote on which:
+// the ratio of the two rises says how sure that is (4 and more: certain),
+// less where the share of the ink lying in lines along each direction
+// points the other way (the long rules of a form). The ink is then turned
+// so the lines run across and straightened by that direction's angle,
+// which leaves it upright or upside down; four independent cues vote on
+// which:
 // - ascenders: strips about 20 mm wide, each strip's row profile cut into
 //   lines at empty rows; a line's core (x-height band) is its rows with at
 //   least 40 % of its fullest row. Latin and most alphabetic scripts put
@@ -18,13 +20,19 @@
 //   aligned on the left and end ragged on the right in left-to-right text;
 // - marks: small marks clear of the core (dots of i and j, accents) sit
 //   above it, hardly ever below.
-// Each cue gives a signed vote in -1..1; the call follows their sum and the
-// confidence is the support left after counting every opposing vote twice,
-// times the direction's certainty and the number of lines (12 and more for
-// full). A script whose cues disagree (Hebrew: descenders, a sharp top line
-// and right-aligned lines, yet no marks below) or a page of capitals gets a
-// low confidence rather than a confident wrong turn. Unsure pages are
-// called upright, the likeliest answer for a scanner's output.
+// Each cue gives a signed vote in -1..1 and the call follows their sum.
+// The evidence is the support left after counting every opposing vote
+// twice; the confidence is that evidence times the direction's certainty,
+// the number of lines (12 and more for full) and two checks that the text
+// is of the kind the cues were tuned on: the ascender vote must back the
+// call (a call it does not back is halved, one it opposes fades out), and
+// the side the call puts above the lines must carry marks (0.12 a line for
+// full). Hebrew, whose sharp top line, final-letter descenders and
+// right-aligned lines all read as Latin upside down, has few marks and an
+// ascender balance that changes sign with the scale it is read at, so it
+// reads unsure rather than confidently wrong; a page of capitals reads
+// near zero. Unsure pages (under 0.2) are called upright, the likeliest
+// answer for a scanner's output.
 #include <algorithm>
 #include <cmath>
 #include <vector>
