@@ -35,9 +35,8 @@
 // answer for a scanner's output.
 #include <algorithm>
 #include <cmath>
-#include <vector>
-
 #include <opencv2/imgproc.hpp>
+#include <vector>
 
 #include "scan/scan.h"
 
@@ -47,13 +46,13 @@ namespace {
 constexpr double kStripMm = 20.0;
 constexpr double kMinLineMm = 0.8, kMaxLineMm = 12.0;
 constexpr double kCoreShare = 0.4;
-constexpr double kLean = 1.5;          // a line leans one way with this much more ink on that side
-constexpr double kFullAgreement = 0.45; // surplus of leaning lines for a full ascender vote
-constexpr double kFullBalance = 0.25;  // ascender balance for a full vote
-constexpr double kFullEdge = 0.08;     // baseline step surplus for a full vote
+constexpr double kLean = 1.5;            // a line leans one way with this much more ink on that side
+constexpr double kFullAgreement = 0.45;  // surplus of leaning lines for a full ascender vote
+constexpr double kFullBalance = 0.25;    // ascender balance for a full vote
+constexpr double kFullEdge = 0.08;       // baseline step surplus for a full vote
 constexpr double kFullLines = 12.0;
-constexpr double kFullDirection = 4.0; // rise ratio of the two directions for certainty
-constexpr double kFullMarks = 0.12;   // marks per line above the call's core for full trust
+constexpr double kFullDirection = 4.0;  // rise ratio of the two directions for certainty
+constexpr double kFullMarks = 0.12;     // marks per line above the call's core for full trust
 constexpr double kCallUpright = 0.2;
 
 // One text line of a strip: rows [top, bottom), core rows [core0, core1].
@@ -62,10 +61,10 @@ struct Line {
 };
 
 struct Lines {
-    double balance = 0;   // (above - below) / (above + below)
-    double agreement = 0; // |lines leaning up - lines leaning down| / lines leaning
-    double edge = 0;      // (baseline step - top step) / both
-    double inLines = 0;   // share of the ink in lines
+    double balance = 0;    // (above - below) / (above + below)
+    double agreement = 0;  // |lines leaning up - lines leaning down| / lines leaning
+    double edge = 0;       // (baseline step - top step) / both
+    double inLines = 0;    // share of the ink in lines
     std::vector<Line> found;
 };
 
@@ -136,7 +135,8 @@ struct Margins {
 Margins MeasureMargins(const cv::Mat &ink, double px) {
     Margins out;
     cv::Mat joined;
-    cv::dilate(ink, joined, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(std::max(3, static_cast<int>(2.5 * px)), 1)));
+    cv::dilate(ink, joined,
+               cv::getStructuringElement(cv::MORPH_RECT, cv::Size(std::max(3, static_cast<int>(2.5 * px)), 1)));
     cv::Mat labels, stats, centroids;
     const int n = cv::connectedComponentsWithStats(joined, labels, stats, centroids, 8, CV_32S);
     struct Piece {
@@ -217,7 +217,8 @@ Marks MeasureMarks(const cv::Mat &ink, const Lines &lines, int strip) {
         const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);
         const int x = stats.at<int>(i, cv::CC_STAT_LEFT), y = stats.at<int>(i, cv::CC_STAT_TOP);
         const auto &list = byStrip[static_cast<std::size_t>((x + w / 2) / strip)];
-        const auto it = std::find_if(list.begin(), list.end(), [&](const Line *l) { return y >= l->top && y + h <= l->bottom; });
+        const auto it =
+            std::find_if(list.begin(), list.end(), [&](const Line *l) { return y >= l->top && y + h <= l->bottom; });
         if (it == list.end()) continue;
         const Line &l = **it;
         const double limit = 0.4 * (l.core1 - l.core0 + 1);
@@ -228,7 +229,9 @@ Marks MeasureMarks(const cv::Mat &ink, const Lines &lines, int strip) {
     return out;
 }
 
-double Vote(double value, double full) { return std::clamp(value / full, -1.0, 1.0); }
+double Vote(double value, double full) {
+    return std::clamp(value / full, -1.0, 1.0);
+}
 
 }  // namespace
 
@@ -252,11 +255,13 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     if (vertical) down = FindInkSkew(turned, page, maxSkew);
     const Skew &lines = vertical ? down : across;
     const double weaker = std::max(1.0, std::min(across.rise, down.rise));
-    double direction = std::clamp(std::log(std::max(across.rise, down.rise) / weaker) / std::log(kFullDirection), 0.0, 1.0);
+    double direction =
+        std::clamp(std::log(std::max(across.rise, down.rise) / weaker) / std::log(kFullDirection), 0.0, 1.0);
     const cv::Mat &level = vertical ? turned : ink;
     cv::Mat upright = level;
     if (lines.rise > 0 && std::abs(lines.angle) > 0.2) {
-        const cv::Mat turn = cv::getRotationMatrix2D(cv::Point2f(level.cols / 2.0f, level.rows / 2.0f), lines.angle, 1.0);
+        const cv::Mat turn =
+            cv::getRotationMatrix2D(cv::Point2f(level.cols / 2.0f, level.rows / 2.0f), lines.angle, 1.0);
         cv::warpAffine(level, upright, turn, level.size(), cv::INTER_NEAREST, cv::BORDER_CONSTANT, cv::Scalar(0));
     }
 
@@ -297,7 +302,8 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     // swings with the scale it is read at while its sharp top line and
     // right-aligned lines both read as Latin upside down.)
     const double backed = std::clamp(0.5 + (sum >= 0 ? votes[0] : -votes[0]), 0.0, 1.0);
-    result.confidence = evidence * direction * backed * std::min(1.0, count / kFullLines) * std::min(1.0, marks / kFullMarks);
+    result.confidence =
+        evidence * direction * backed * std::min(1.0, count / kFullLines) * std::min(1.0, marks / kFullMarks);
     if (result.confidence < kCallUpright) return result;
     result.angle = vertical ? (sum > 0 ? 90 : 270) : (sum > 0 ? 0 : 180);
     return result;

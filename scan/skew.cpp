@@ -27,9 +27,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <vector>
-
 #include <opencv2/imgproc.hpp>
+#include <vector>
 
 #include "scan/scan.h"
 
@@ -37,17 +36,17 @@ namespace quarvel::scan {
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
-constexpr int kSub = 8;               // profile grid steps per row
-constexpr int kCoarsePool = 8;        // reduced pixels per coarse cell
-constexpr double kStripMm = 2.7;      // fine strip width
-constexpr double kTurnAbove = 2.0;    // degrees: turn the ink before the fine search
-constexpr double kMarginMm = 3.0;     // sheet edge left out (frame edges, shadows)
-constexpr double kRiseNone = 5.0;     // peak rise over the median read as no lines
-constexpr double kRiseFull = 40.0;    // and as certain lines
-constexpr double kMinInkShare = 0.0005; // less ink than this share of the sheet: no lines
-constexpr double kMinLineMm = 0.8;    // shorter runs of the profile are rules, not text lines
-constexpr double kMaxLineMm = 12.0;   // and longer ones blocks
-constexpr double kFullLines = 8.0;    // lines for full confidence
+constexpr int kSub = 8;                  // profile grid steps per row
+constexpr int kCoarsePool = 8;           // reduced pixels per coarse cell
+constexpr double kStripMm = 2.7;         // fine strip width
+constexpr double kTurnAbove = 2.0;       // degrees: turn the ink before the fine search
+constexpr double kMarginMm = 3.0;        // sheet edge left out (frame edges, shadows)
+constexpr double kRiseNone = 5.0;        // peak rise over the median read as no lines
+constexpr double kRiseFull = 40.0;       // and as certain lines
+constexpr double kMinInkShare = 0.0005;  // less ink than this share of the sheet: no lines
+constexpr double kMinLineMm = 0.8;       // shorter runs of the profile are rules, not text lines
+constexpr double kMaxLineMm = 12.0;      // and longer ones blocks
+constexpr double kFullLines = 8.0;       // lines for full confidence
 
 // Row counts per vertical strip: counts[s * rows + y].
 struct Strips {
@@ -248,7 +247,8 @@ Skew FindInkSkew(const cv::Mat &ink, const ScanPage &page, double maxSkew, bool 
     // log scale, 5 reads as nothing and 40 and more as certain. A handful of
     // lines (a title page, a caption under a drawing) gives a sharp peak
     // too, but too little to trust: full confidence needs kFullLines.
-    const double sharp = rise > kRiseNone ? std::clamp(std::log(rise / kRiseNone) / std::log(kRiseFull / kRiseNone), 0.0, 1.0) : 0.0;
+    const double sharp =
+        rise > kRiseNone ? std::clamp(std::log(rise / kRiseNone) / std::log(kRiseFull / kRiseNone), 0.0, 1.0) : 0.0;
     result.confidence = sharp * std::min(1.0, result.lines / kFullLines);
     return result;
 }
