@@ -52,6 +52,7 @@ constexpr double kFullBalance = 0.25;    // ascender balance for a full vote
 constexpr double kFullEdge = 0.08;       // baseline step surplus for a full vote
 constexpr double kFullLines = 12.0;
 constexpr double kFullDirection = 4.0;  // rise ratio of the two directions for certainty
+constexpr double kSureDirection = 0.5;  // certainty for the skew of lines down the page to count
 constexpr double kFullMarks = 0.12;     // marks per line above the call's core for full trust
 constexpr double kCallUpright = 0.2;
 
@@ -254,6 +255,7 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     const bool vertical = down.rise > across.rise;
     if (vertical) down = FindInkSkew(turned, page, maxSkew);
     const Skew &lines = vertical ? down : across;
+
     const double weaker = std::max(1.0, std::min(across.rise, down.rise));
     double direction =
         std::clamp(std::log(std::max(across.rise, down.rise) / weaker) / std::log(kFullDirection), 0.0, 1.0);
@@ -277,6 +279,10 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     // allows.
     const Lines other = MeasureLines(vertical ? ink : turned, strip, minLine, maxLine);
     if (other.inLines > l.inLines) direction *= 1.0 - (other.inLines - l.inLines) / other.inLines;
+    // The skew of lines running down the page is the page's own when their
+    // direction is sure (a form's rules can lift the profile down the page).
+    result.vertical = vertical;
+    if (vertical && direction >= kSureDirection) result.lines = down;
     const Margins m = MeasureMargins(upright, px);
     const Marks k = MeasureMarks(upright, l, strip);
 
