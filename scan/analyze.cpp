@@ -12,7 +12,9 @@ Analysis AnalyzePage(const ScanPage &page, const QuarvelScanOptions &options) {
     a.holes = FindHoles(page, a.sheet);
     a.hasContent = FindContent(page, a.sheet, a.holes, &a.content);
     a.skew = FindSkew(page, a.sheet, options.max_skew);
-    a.orientation = FindOrientation(page, a.sheet, a.skew);
+    a.orientation = FindOrientation(page, a.sheet, a.skew, options.max_skew);
+    // A page whose lines run down it is straightened by their skew.
+    if (a.orientation.vertical && a.orientation.lines.confidence > a.skew.confidence) a.skew = a.orientation.lines;
     a.blank = JudgeBlank(page, a);
     a.mode = JudgeContentMode(page, a);
     return a;

@@ -1,27 +1,42 @@
 // Orientation: which quarter turn makes the page upright, from text-line
 // statistics alone.
 //
-// The sheet's ink (scan/page.h), straightened by the skew when it is known,
-// is cut into strips about 20 mm wide; in each strip the row profile splits
-// into text lines at empty rows. A line's core (its x-height band) is the
-// run of rows holding at least 40 % of its fullest row; the ink above the
-// core (ascenders, capitals) and below it (descenders) is summed over all
-// lines. Latin and most alphabetic scripts have more above than below, so
-// the balance (above - below) / (above + below) is positive on an upright
-// page and negative on one upside down. The same is done on the ink turned
-// a quarter: the direction whose lines hold more of the ink is the line
-// direction. The evidence grows with the balance (0.15 reads as certain) and
-// the number of lines (12 and more); below 0.2 the page is called upright,
-// the likeliest answer for a scanner's output. The confidence reported is
-// that evidence scaled down when the lines disagree one by one: a line
-// leans up or down when one side holds 1.5 times the other's ink, and the
-// surplus of the majority over all leaning lines must reach 0.45 for full
-// confidence (Latin text upright gives 0.3 to 0.6, capitals on striped
-// paper or scripts without the asymmetry about 0.1).
+// Line direction first: the skew search (skew.cpp) runs on the sheet's ink
+// as it stands and turned a quarter; the direction whose best projection
+// profile stands higher above its sweep (its "rise") holds the lines, and
+// the ratio of the two rises says how sure that is (4 and more: certain),
+// less where the share of the ink lying in lines along each direction
+// points the other way (the long rules of a form). The ink is then turned
+// so the lines run across and straightened by that direction's angle,
+// which leaves it upright or upside down; four independent cues vote on
+// which:
+// - ascenders: strips about 20 mm wide, each strip's row profile cut into
+//   lines at empty rows; a line's core (x-height band) is its rows with at
+//   least 40 % of its fullest row. Latin and most alphabetic scripts put
+//   more ink above the core (ascenders, capitals) than below (descenders);
+// - baseline: the profile steps more sharply at the bottom of the core
+//   (every letter sits on the baseline) than at its top;
+// - margins: line pieces (words joined across gaps under 2.5 mm) start
+//   aligned on the left and end ragged on the right in left-to-right text;
+// - marks: small marks clear of the core (dots of i and j, accents) sit
+//   above it, hardly ever below.
+// Each cue gives a signed vote in -1..1 and the call follows their sum.
+// The evidence is the support left after counting every opposing vote
+// twice; the confidence is that evidence times the direction's certainty,
+// the number of lines (12 and more for full) and two checks that the text
+// is of the kind the cues were tuned on: the ascender vote must back the
+// call (a call it does not back is halved, one it opposes fades out), and
+// the side the call puts above the lines must carry marks (0.12 a line for
+// full). Hebrew, whose sharp top line, final-letter descenders and
+// right-aligned lines all read as Latin upside down, has few marks and an
+// ascender balance that changes sign with the scale it is read at, so it
+// reads unsure rather than confidently wrong; a page of capitals reads
+// near zero. Unsure pages (under 0.2) are called upright, the likeliest
+// answer for a scanner's output.
 #include <algorithm>
 #include <cmath>
-
 #include <opencv2/imgproc.hpp>
+#include <vector>
 
 #include "scan/scan.h"
 
@@ -31,24 +46,35 @@ namespace {
 constexpr double kStripMm = 20.0;
 constexpr double kMinLineMm = 0.8, kMaxLineMm = 12.0;
 constexpr double kCoreShare = 0.4;
-constexpr double kFullBalance = 0.15;
+constexpr double kLean = 1.5;            // a line leans one way with this much more ink on that side
+constexpr double kFullAgreement = 0.45;  // surplus of leaning lines for a full ascender vote
+constexpr double kFullBalance = 0.25;    // ascender balance for a full vote
+constexpr double kFullEdge = 0.08;       // baseline step surplus for a full vote
 constexpr double kFullLines = 12.0;
+constexpr double kFullDirection = 4.0;  // rise ratio of the two directions for certainty
+constexpr double kSureDirection = 0.5;  // certainty for the skew of lines down the page to count
+constexpr double kFullMarks = 0.12;     // marks per line above the call's core for full trust
 constexpr double kCallUpright = 0.2;
-constexpr double kLean = 1.5;        // a line leans one way with this much more ink on that side
-constexpr double kFullAgreement = 0.45;
+
+// One text line of a strip: rows [top, bottom), core rows [core0, core1].
+struct Line {
+    int x0, x1, top, bottom, core0, core1;
+};
 
 struct Lines {
-    double inLines = 0;   // share of the ink in text lines
-    double balance = 0;   // (above - below) / (above + below)
-    double agreement = 0; // (lines leaning up - lines leaning down) / lines leaning
-    int count = 0;
+    double balance = 0;    // (above - below) / (above + below)
+    double agreement = 0;  // |lines leaning up - lines leaning down| / lines leaning
+    double edge = 0;       // (baseline step - top step) / both
+    double inLines = 0;    // share of the ink in lines
+    std::vector<Line> found;
 };
 
 Lines MeasureLines(const cv::Mat &ink, int strip, int minLine, int maxLine) {
     Lines out;
-    double above = 0, below = 0, lineInk = 0, total = 0;
-    int up = 0, downLines = 0;
-    std::vector<int> profile(static_cast<std::size_t>(ink.rows));
+    double above = 0, below = 0, topStep = 0, baseStep = 0, total = 0, lineInk = 0;
+    int up = 0, down = 0;
+    std::vector<int> profile(static_cast<std::size_t>(ink.rows) + 1, 0);
+    auto at = [&](int y) { return profile[static_cast<std::size_t>(y)]; };
     for (int x0 = 0; x0 < ink.cols; x0 += strip) {
         const int x1 = std::min(ink.cols, x0 + strip);
         for (int y = 0; y < ink.rows; ++y) {
@@ -59,44 +85,158 @@ Lines MeasureLines(const cv::Mat &ink, int strip, int minLine, int maxLine) {
             total += n;
         }
         for (int y = 0; y < ink.rows;) {
-            if (profile[static_cast<std::size_t>(y)] == 0) {
+            if (at(y) == 0) {
                 ++y;
                 continue;
             }
             int end = y, peak = 0;
             double sum = 0;
-            while (end < ink.rows && profile[static_cast<std::size_t>(end)] > 0) {
-                peak = std::max(peak, profile[static_cast<std::size_t>(end)]);
-                sum += profile[static_cast<std::size_t>(end)];
-                ++end;
+            for (; at(end) > 0; ++end) {
+                peak = std::max(peak, at(end));
+                sum += at(end);
             }
             const int h = end - y;
             if (h >= minLine && h <= maxLine) {
                 int c0 = y, c1 = end - 1;
-                while (profile[static_cast<std::size_t>(c0)] < kCoreShare * peak) ++c0;
-                while (profile[static_cast<std::size_t>(c1)] < kCoreShare * peak) --c1;
+                while (at(c0) < kCoreShare * peak) ++c0;
+                while (at(c1) < kCoreShare * peak) --c1;
                 double a = 0, b = 0;
-                for (int r = y; r < c0; ++r) a += profile[static_cast<std::size_t>(r)];
-                for (int r = c1 + 1; r < end; ++r) b += profile[static_cast<std::size_t>(r)];
+                for (int r = y; r < c0; ++r) a += at(r);
+                for (int r = c1 + 1; r < end; ++r) b += at(r);
                 above += a;
                 below += b;
                 up += a > kLean * b;
-                downLines += b > kLean * a;
+                down += b > kLean * a;
+                topStep += at(c0) - (c0 > y ? at(c0 - 1) : 0);
+                baseStep += at(c1) - at(c1 + 1);
                 lineInk += sum;
-                ++out.count;
+                out.found.push_back(Line{x0, x1, y, end, c0, c1});
             }
             y = end;
         }
     }
-    out.inLines = total > 0 ? lineInk / total : 0.0;
     out.balance = above + below > 0 ? (above - below) / (above + below) : 0.0;
-    out.agreement = up + downLines > 0 ? std::abs(up - downLines) / static_cast<double>(up + downLines) : 0.0;
+    out.agreement = up + down > 0 ? std::abs(up - down) / static_cast<double>(up + down) : 0.0;
+    out.inLines = total > 0 ? lineInk / total : 0.0;
+    out.edge = topStep + baseStep > 0 ? (baseStep - topStep) / (topStep + baseStep) : 0.0;
     return out;
+}
+
+// Left against right alignment of consecutive line pieces: words joined
+// into line pieces (gaps under 2.5 mm closed), pieces at least 15 mm long,
+// merged lines split at rows with under a third of the piece's median row;
+// a piece and the next one below it (overlapping across by half the
+// shorter, top within two line heights) count for the left when their left
+// ends lie within 1 mm and their right ends over 3 mm apart, and the
+// reverse for the right.
+struct Margins {
+    int left = 0, right = 0;
+};
+
+Margins MeasureMargins(const cv::Mat &ink, double px) {
+    Margins out;
+    cv::Mat joined;
+    cv::dilate(ink, joined,
+               cv::getStructuringElement(cv::MORPH_RECT, cv::Size(std::max(3, static_cast<int>(2.5 * px)), 1)));
+    cv::Mat labels, stats, centroids;
+    const int n = cv::connectedComponentsWithStats(joined, labels, stats, centroids, 8, CV_32S);
+    struct Piece {
+        int x0, x1, y0, y1;
+    };
+    std::vector<Piece> pieces;
+    const int minLen = static_cast<int>(15 * px), minH = std::max(2, static_cast<int>(kMinLineMm * px)),
+              maxH = static_cast<int>(kMaxLineMm * px);
+    std::vector<int> rows, left, right;
+    for (int i = 1; i < n; ++i) {
+        const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);
+        const int x = stats.at<int>(i, cv::CC_STAT_LEFT), y = stats.at<int>(i, cv::CC_STAT_TOP);
+        if (w < minLen || h < minH) continue;
+        rows.assign(static_cast<std::size_t>(h), 0);
+        left.assign(static_cast<std::size_t>(h), x + w);
+        right.assign(static_cast<std::size_t>(h), x - 1);
+        for (int r = 0; r < h; ++r) {
+            const int *l = labels.ptr<int>(y + r);
+            const std::size_t k = static_cast<std::size_t>(r);
+            for (int c = x; c < x + w; ++c)
+                if (l[c] == i) {
+                    ++rows[k];
+                    left[k] = std::min(left[k], c);
+                    right[k] = c;
+                }
+        }
+        std::vector<int> sorted = rows;
+        std::nth_element(sorted.begin(), sorted.begin() + h / 2, sorted.end());
+        const int cut = sorted[static_cast<std::size_t>(h / 2)] / 3;
+        for (int r = 0; r < h;) {
+            if (rows[static_cast<std::size_t>(r)] <= cut) {
+                ++r;
+                continue;
+            }
+            Piece p{x + w, x - 1, y + r, 0};
+            int e = r;
+            for (; e < h && rows[static_cast<std::size_t>(e)] > cut; ++e) {
+                p.x0 = std::min(p.x0, left[static_cast<std::size_t>(e)]);
+                p.x1 = std::max(p.x1, right[static_cast<std::size_t>(e)]);
+            }
+            p.y1 = y + e;
+            if (e - r >= minH && e - r <= maxH && p.x1 - p.x0 >= minLen) pieces.push_back(p);
+            r = e;
+        }
+    }
+    std::sort(pieces.begin(), pieces.end(), [](const Piece &a, const Piece &b) { return a.y0 < b.y0; });
+    const double near = std::max(1.0, px), far = 3 * near;
+    for (std::size_t i = 0; i < pieces.size(); ++i) {
+        const Piece &a = pieces[i];
+        const int reach = a.y1 + 2 * (a.y1 - a.y0);
+        for (std::size_t j = i + 1; j < pieces.size() && pieces[j].y0 <= reach; ++j) {
+            const Piece &b = pieces[j];
+            if (b.y0 < a.y1 - (a.y1 - a.y0) / 2) continue;
+            if (std::min(a.x1, b.x1) - std::max(a.x0, b.x0) < 0.5 * std::min(a.x1 - a.x0, b.x1 - b.x0)) continue;
+            const int dl = std::abs(a.x0 - b.x0), dr = std::abs(a.x1 - b.x1);
+            out.left += dl <= near && dr > far;
+            out.right += dr <= near && dl > far;
+            break;
+        }
+    }
+    return out;
+}
+
+// Small marks (both sides at most 40 % of the core's height) lying wholly
+// above or wholly below the core of the line they are in.
+struct Marks {
+    int above = 0, below = 0;
+};
+
+Marks MeasureMarks(const cv::Mat &ink, const Lines &lines, int strip) {
+    Marks out;
+    cv::Mat labels, stats, centroids;
+    const int n = cv::connectedComponentsWithStats(ink, labels, stats, centroids, 8, CV_32S);
+    // Lines of each strip, in order down the page.
+    std::vector<std::vector<const Line *>> byStrip(static_cast<std::size_t>(ink.cols / strip + 1));
+    for (const Line &l : lines.found) byStrip[static_cast<std::size_t>(l.x0 / strip)].push_back(&l);
+    for (int i = 1; i < n; ++i) {
+        const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);
+        const int x = stats.at<int>(i, cv::CC_STAT_LEFT), y = stats.at<int>(i, cv::CC_STAT_TOP);
+        const auto &list = byStrip[static_cast<std::size_t>((x + w / 2) / strip)];
+        const auto it =
+            std::find_if(list.begin(), list.end(), [&](const Line *l) { return y >= l->top && y + h <= l->bottom; });
+        if (it == list.end()) continue;
+        const Line &l = **it;
+        const double limit = 0.4 * (l.core1 - l.core0 + 1);
+        if (w > limit || h > limit) continue;
+        out.above += y + h <= l.core0;
+        out.below += y > l.core1;
+    }
+    return out;
+}
+
+double Vote(double value, double full) {
+    return std::clamp(value / full, -1.0, 1.0);
 }
 
 }  // namespace
 
-Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew &skew) {
+Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew &skew, double maxSkew) {
     Orientation result;
     if (page.ink.empty()) return result;
     const int f = page.reduction;
@@ -105,34 +245,73 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     if (area.width < 16 || area.height < 16) return result;
     cv::Mat ink = page.ink(area).clone();
     if (sheet.sides != 0) ink &= sheet.paper(area);
-    if (skew.confidence > 0 && std::abs(skew.angle) > 0.2) {
-        const cv::Mat turn = cv::getRotationMatrix2D(cv::Point2f(ink.cols / 2.0f, ink.rows / 2.0f), skew.angle, 1.0);
-        cv::warpAffine(ink, ink, turn, ink.size(), cv::INTER_NEAREST, cv::BORDER_CONSTANT, cv::Scalar(0));
+
+    // Line direction: the page's own skew search against the same search on
+    // the ink turned a quarter clockwise.
+    cv::Mat turned;
+    cv::rotate(ink, turned, cv::ROTATE_90_CLOCKWISE);
+    const Skew across = skew;
+    Skew down = FindInkSkew(turned, page, maxSkew, false);
+    const bool vertical = down.rise > across.rise;
+    if (vertical) down = FindInkSkew(turned, page, maxSkew);
+    const Skew &lines = vertical ? down : across;
+
+    const double weaker = std::max(1.0, std::min(across.rise, down.rise));
+    double direction =
+        std::clamp(std::log(std::max(across.rise, down.rise) / weaker) / std::log(kFullDirection), 0.0, 1.0);
+    const cv::Mat &level = vertical ? turned : ink;
+    cv::Mat upright = level;
+    if (lines.rise > 0 && std::abs(lines.angle) > 0.2) {
+        const cv::Mat turn =
+            cv::getRotationMatrix2D(cv::Point2f(level.cols / 2.0f, level.rows / 2.0f), lines.angle, 1.0);
+        cv::warpAffine(level, upright, turn, level.size(), cv::INTER_NEAREST, cv::BORDER_CONSTANT, cv::Scalar(0));
     }
+
     const double px = page.dpi / 25.4 / f;
     const int strip = std::max(8, static_cast<int>(kStripMm * px));
     const int minLine = std::max(2, static_cast<int>(kMinLineMm * px));
     const int maxLine = std::max(minLine + 1, static_cast<int>(kMaxLineMm * px));
+    const Lines l = MeasureLines(upright, strip, minLine, maxLine);
+    // A second opinion on the direction: the share of the ink that falls
+    // into lines along it and across it. Forms and tables can lift the
+    // profile across the text (long rules); where the shares disagree with
+    // the rises, the direction is only as sure as the shares' difference
+    // allows.
+    const Lines other = MeasureLines(vertical ? ink : turned, strip, minLine, maxLine);
+    if (other.inLines > l.inLines) direction *= 1.0 - (other.inLines - l.inLines) / other.inLines;
+    // The skew of lines running down the page is the page's own when their
+    // direction is sure (a form's rules can lift the profile down the page).
+    result.vertical = vertical;
+    if (vertical && direction >= kSureDirection) result.lines = down;
+    const Margins m = MeasureMargins(upright, px);
+    const Marks k = MeasureMarks(upright, l, strip);
 
-    const Lines across = MeasureLines(ink, strip, minLine, maxLine);
-    cv::Mat turned;
-    cv::rotate(ink, turned, cv::ROTATE_90_CLOCKWISE);
-    const Lines down = MeasureLines(turned, strip, minLine, maxLine);
-
-    const bool vertical = down.inLines > across.inLines;
-    const Lines &l = vertical ? down : across;
-    const double direction = std::max(across.inLines, down.inLines) > 0
-                                 ? std::abs(across.inLines - down.inLines) / std::max(across.inLines, down.inLines)
-                                 : 0.0;
-    const double confidence = std::min(1.0, std::abs(l.balance) / kFullBalance) *
-                              std::min(1.0, l.count / kFullLines) * std::min(1.0, 2.0 * direction);
-    // The call follows the summed balance; the confidence reported also
-    // asks that the lines agree one by one, so a script or a page of
-    // capitals without the asymmetry (a few lines leaning each way by
-    // chance) reads unsure rather than confidently wrong.
-    result.confidence = confidence * std::min(1.0, l.agreement / kFullAgreement);
-    if (confidence < kCallUpright) return result;
-    result.angle = vertical ? (l.balance > 0 ? 90 : 270) : (l.balance > 0 ? 0 : 180);
+    const double votes[] = {Vote(l.balance, kFullBalance) * std::min(1.0, l.agreement / kFullAgreement),
+                            Vote(l.edge, kFullEdge), (m.left - m.right) / (m.left + m.right + 6.0),
+                            (k.above - k.below) / (k.above + k.below + 10.0)};
+    double sum = 0, magnitude = 0;
+    for (double v : votes) {
+        sum += v;
+        magnitude += std::abs(v);
+    }
+    const double against = (magnitude - std::abs(sum)) / 2;  // the opposing votes' total
+    const double support = magnitude - against;
+    const double evidence = std::clamp((support - 2 * against) / 1.5, 0.0, 1.0);
+    const double count = static_cast<double>(l.found.size());
+    // Marks on the side the call puts above the lines: Latin-like text,
+    // which the other cues are tuned on, has a dot or accent every few
+    // lines; a script without them (or text read the wrong way up) is not
+    // trusted as far.
+    const double marks = (sum >= 0 ? k.above : k.below) / std::max(1.0, count);
+    // The ascender balance is the cue the others stand beside: a call it
+    // does not back is halved, one it opposes fades out. (Hebrew's balance
+    // swings with the scale it is read at while its sharp top line and
+    // right-aligned lines both read as Latin upside down.)
+    const double backed = std::clamp(0.5 + (sum >= 0 ? votes[0] : -votes[0]), 0.0, 1.0);
+    result.confidence =
+        evidence * direction * backed * std::min(1.0, count / kFullLines) * std::min(1.0, marks / kFullMarks);
+    if (result.confidence < kCallUpright) return result;
+    result.angle = vertical ? (sum > 0 ? 90 : 270) : (sum > 0 ? 0 : 180);
     return result;
 }
 

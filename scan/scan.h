@@ -28,11 +28,15 @@ struct Hole {
 struct Skew {
     double angle = 0;       // degrees, positive: lines fall toward the right as displayed
     double confidence = 0;  // 0..1
+    double rise = 0;        // how far the best profile's score stands above the sweep's median, over that median
+    int lines = 0;          // text lines in the best profile
 };
 
 struct Orientation {
     int angle = 0;          // 0, 90, 180, 270: the clockwise turn that makes the page upright
     double confidence = 0;
+    bool vertical = false;  // the lines run down the page
+    Skew lines;             // their skew when they surely do (the turn that straightens the page, as Skew::angle)
 };
 
 struct Blank {
@@ -60,8 +64,13 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet);
 bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hole> &holes, cv::Rect *box);
 // Skew of the text lines within +-maxSkew degrees (skew.cpp).
 Skew FindSkew(const ScanPage &page, const Sheet &sheet, double maxSkew);
+// The same search on any ink image at the page's reduced scale; with `fine`
+// false only the whole-degree sweep runs (angle to the degree, rise; no
+// confidence or lines).
+Skew FindInkSkew(const cv::Mat &ink, const ScanPage &page, double maxSkew, bool fine = true);
 // Quarter-turn orientation (orientation.cpp).
-Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew &skew);
+// `skew` is the page's own (FindSkew with the same maxSkew).
+Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew &skew, double maxSkew);
 // Blank verdict and ink measure (blank.cpp).
 Blank JudgeBlank(const ScanPage &page, const Analysis &analysis);
 // Content colour mode (mode.cpp).

@@ -222,13 +222,6 @@ INSTANTIATE_TEST_SUITE_P(
                                 }}),
     [](const auto &info) { return std::to_string(info.index); });
 
-TEST(Blank, RealFaintTextIsNotBlank) {
-    qtest::Block scan = qtest::LoadScan("lighttext.jpg");
-    ScanPage p;
-    ASSERT_TRUE(LoadScanPage(scan.get(), 0, &p));
-    EXPECT_FALSE(JudgeBlank(p, WholeSheet(p)).blank);
-}
-
 struct ModeCase {
     const char *name;
     int mode;

@@ -37,8 +37,8 @@ inline cv::Mat MatFromPage(HGLOBAL h) {
 }
 
 // A page of English-like text lines in `box` (paper 235, ink 20), drawn
-// upright, at about 150 dpi sizes.
-inline void DrawText(cv::Mat *img, const cv::Rect &box, double scale = 0.9) {
+// upright, at about 150 dpi sizes; in capitals only with `capitals`.
+inline void DrawText(cv::Mat *img, const cv::Rect &box, double scale = 0.9, bool capitals = false) {
     // Letters in about English proportions: more ascenders than descenders.
     static const char *words[] = {"the", "which", "held", "a", "black", "table", "field", "of", "and", "built",
                                   "kind", "light", "hill", "by", "its", "more", "people", "often", "time", "said"};
@@ -47,7 +47,9 @@ inline void DrawText(cv::Mat *img, const cv::Rect &box, double scale = 0.9) {
         int x = box.x;
         while (true) {
             k = k * 1103515245u + 12345u;
-            const std::string w = words[(k >> 16) % 20];
+            std::string w = words[(k >> 16) % 20];
+            if (capitals)
+                for (char &ch : w) ch = static_cast<char>(ch - 'a' + 'A');
             const int width = cv::getTextSize(w, cv::FONT_HERSHEY_SIMPLEX, scale, 2, nullptr).width;
             if (x + width > box.x + box.width) break;
             cv::putText(*img, w, cv::Point(x, y), cv::FONT_HERSHEY_SIMPLEX, scale, cv::Scalar(20), 2, cv::LINE_AA);
