@@ -5,7 +5,9 @@
 // to x' = x cos a + y sin a + xShift, y' = -x sin a + y cos a + yShift. Each
 // destination pixel is looked up backwards; one whose source position falls
 // outside the source region keeps its value. 8-bit and colour images run on
-// OpenCV's affine warp (inverse map, transparent border); 1-bit images are
+// the fused warps of warp_affine.h, which give OpenCV's affine warp (inverse
+// map) to the bit, or on that warp itself (cubic interpolation, and the plain
+// path their tests compare against); 1-bit images are
 // sampled nearest-neighbour on packed bits whatever the mode, so bits stay
 // clean. Nearest neighbour rounds the source position to the nearest pixel,
 // so quarter turns move pixels exactly; linear and cubic interpolation write
@@ -20,6 +22,7 @@
 #include "frame/bits.h"
 #include "frame/ipl.h"
 #include "frame/ipl_mat.h"
+#include "frame/warp_affine.h"
 
 namespace quarvel {
 
@@ -190,44 +193,17 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
     }
 }
 
-// The columns [first, last] of destination row Y whose source position lies
-// inside the closed source box [0, w - 1] x [0, h - 1]; first > last when
-// none does.
-struct Span {
-    int first, last;
-};
-
-Span InsideSpan(const cv::Matx23d &m, int Y, int w, int h, int dstWidth) {
-    double lo = 0, hi = dstWidth - 1;
-    constexpr double kSlack = 1e-9;  // exact grid positions count as inside
-    auto clip = [&](double a, double b, double limit) {
-        // a X + b within [0, limit]
-        if (std::fabs(a) < 1e-15) {
-            if (b < -kSlack || b > limit + kSlack) hi = -1, lo = 0;
-            return;
-        }
-        double x0 = (0 - b) / a, x1 = (limit - b) / a;
-        if (x0 > x1) std::swap(x0, x1);
-        lo = std::max(lo, x0 - kSlack);
-        hi = std::min(hi, x1 + kSlack);
-    };
-    clip(m(0, 0), m(0, 1) * Y + m(0, 2), w - 1);
-    clip(m(1, 0), m(1, 1) * Y + m(1, 2), h - 1);
-    if (hi < lo) return {1, 0};
-    return {static_cast<int>(std::ceil(lo)), static_cast<int>(std::floor(hi))};
-}
-
 // Interpolating warps read a pixel's neighbours, which OpenCV's transparent
 // border skips along the source's last row and column. The warp runs with a
 // replicated border instead, and every destination pixel whose source lies
 // outside the source keeps its value: those are saved first and put back.
 void WarpInterpolated(const cv::Mat &in, cv::Mat &out, const cv::Matx23d &m, int flags) {
     const std::size_t px = out.elemSize();
-    std::vector<Span> spans(static_cast<std::size_t>(out.rows));
+    std::vector<warp::Span> spans(static_cast<std::size_t>(out.rows));
     std::vector<std::uint8_t> saved;
     for (int Y = 0; Y < out.rows; ++Y) {
-        Span &s = spans[Y];
-        s = InsideSpan(m, Y, in.cols, in.rows, out.cols);
+        warp::Span &s = spans[Y];
+        s = warp::InsideSpan(m, Y, in.cols, in.rows, out.cols);
         const std::uint8_t *row = out.ptr<std::uint8_t>(Y);
         if (s.first > s.last) {
             saved.insert(saved.end(), row, row + out.cols * px);
@@ -239,7 +215,7 @@ void WarpInterpolated(const cv::Mat &in, cv::Mat &out, const cv::Matx23d &m, int
     cv::warpAffine(in, out, m, out.size(), flags | cv::WARP_INVERSE_MAP, cv::BORDER_REPLICATE);
     const std::uint8_t *from = saved.data();
     for (int Y = 0; Y < out.rows; ++Y) {
-        const Span &s = spans[Y];
+        const warp::Span &s = spans[Y];
         std::uint8_t *row = out.ptr<std::uint8_t>(Y);
         const std::size_t left = s.first > s.last ? out.cols * px : s.first * px;
         if (left > 0) std::memcpy(row, from, left);
@@ -266,7 +242,7 @@ void iplRotate(IplImage *src, IplImage *dst, double angle, double xShift, double
 }
 
 void RotateImage(IplImage *src, IplImage *dst, double angle, double xShift, double yShift, int interpolate,
-                 bool plainBitonal) {
+                 bool plain) {
     if (src == nullptr || dst == nullptr || !SameFormat(*src, *dst)) return;
     if (!std::isfinite(angle) || !std::isfinite(xShift) || !std::isfinite(yShift)) return;
     Region rs, rd;
@@ -275,13 +251,15 @@ void RotateImage(IplImage *src, IplImage *dst, double angle, double xShift, doub
     const double c = std::cos(a), s = std::sin(a);
 
     if (src->depth == IPL_DEPTH_1U) {
-        (plainBitonal ? RotateBitonalPlain : RotateBitonal)(*src, rs, *dst, rd, c, s, xShift, yShift);
+        (plain ? RotateBitonalPlain : RotateBitonal)(*src, rs, *dst, rd, c, s, xShift, yShift);
         return;
     }
     cv::Mat in = MatOf(*src, rs);
     cv::Mat out = MatOf(*dst, rd);
     const cv::Matx23d inverse(c, -s, -(c * xShift - s * yShift), s, c, -(s * xShift + c * yShift));
     const int mode = CvInterpolation(interpolate);
+    if (!plain && mode == cv::INTER_NEAREST && warp::WarpNearest(in, out, inverse)) return;
+    if (!plain && mode == cv::INTER_LINEAR && warp::WarpLinear(in, out, inverse)) return;
     if (mode == cv::INTER_NEAREST)
         cv::warpAffine(in, out, inverse, out.size(), mode | cv::WARP_INVERSE_MAP, cv::BORDER_TRANSPARENT);
     else
