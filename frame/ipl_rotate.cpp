@@ -126,34 +126,75 @@ inline std::uint64_t LoadBE(const std::uint8_t *p) {
     return __builtin_bswap64(v);
 }
 
-// Copies n bits from bit sp of `src` to bit dp of `dst`, 56 bits at a time
-// through 64-bit big-endian words where both rows have 8 bytes from the
-// word's first byte within their strides; bits::Copy otherwise.
-inline void CopyRun(const std::uint8_t *src, int sp, int srcBytes, std::uint8_t *dst, int dp, int dstBytes, int n) {
-    while (n > 0) {
-        const int m = std::min(n, 56);
-        if ((sp >> 3) + 8 > srcBytes || (dp >> 3) + 8 > dstBytes) {
-            bits::Copy(src, sp, dst, dp, n);
-            return;
-        }
-        const std::uint64_t v = LoadBE(src + (sp >> 3)) << (sp & 7);
-        const int o = dp & 7;
-        const std::uint64_t mask = (~0ull >> o) & ~(~0ull >> (o + m));
-        std::uint8_t *d = dst + (dp >> 3);
-        const std::uint64_t w = (LoadBE(d) & ~mask) | ((v >> o) & mask);
-        const std::uint64_t out = __builtin_bswap64(w);
-        std::memcpy(d, &out, 8);
-        sp += m, dp += m, n -= m;
+// 64 bits of a row from bit p on, most significant first; bytes past the
+// row's `rowBytes` read as zero.
+inline std::uint64_t LoadBits(const std::uint8_t *row, int p, int rowBytes) {
+    const int at = p >> 3;
+    if (at + 8 <= rowBytes) return LoadBE(row + at) << (p & 7);
+    std::uint64_t v = 0;
+    for (int i = 0; i < 8; ++i) v = (v << 8) | (at + i < rowBytes ? row[at + i] : 0u);
+    return v << (p & 7);
+}
+
+// Stores `bits` into the 64 bits of a row from byte `at` on, keeping the bits
+// set in `keep`; bytes past the row's `rowBytes` are not touched.
+inline void StoreBits(std::uint8_t *row, int at, int rowBytes, std::uint64_t bits, std::uint64_t keep) {
+    if (at + 8 <= rowBytes) {
+        const std::uint64_t v = __builtin_bswap64(keep == 0 ? bits : (LoadBE(row + at) & keep) | (bits & ~keep));
+        std::memcpy(row + at, &v, 8);
+        return;
+    }
+    for (int i = 0; at + i < rowBytes; ++i) {
+        const int sh = 56 - 8 * i;
+        const auto k = static_cast<std::uint8_t>(keep >> sh), b = static_cast<std::uint8_t>(bits >> sh);
+        row[at + i] = static_cast<std::uint8_t>((row[at + i] & k) | (b & ~k));
     }
 }
+
+// Counts of columns until floor(f / 2^32) next changes, f advancing by a
+// fixed step d of either sign (0 < |d| < 2^32). In general from a double
+// estimate of the quotient, exact after one correction each way; right
+// after a change, the fractional part lies within |d| of the edge it
+// crossed, which leaves two candidates, told apart by one product.
+struct RunCounter {
+    std::int64_t d, mag;
+    double inverse;
+    std::int64_t after;  // the larger candidate right after a change
+    explicit RunCounter(std::int64_t step) : d(step), mag(step < 0 ? -step : step) {
+        inverse = mag == 0 ? 0 : 1.0 / static_cast<double>(mag);
+        after = mag == 0 ? 0 : d > 0 ? ((std::int64_t{1} << 32) + mag - 1) / mag : ((std::int64_t{1} << 32) - 1) / mag + 1;
+    }
+    std::int64_t FloorDiv(std::int64_t r) const {
+        std::int64_t q = static_cast<std::int64_t>(static_cast<double>(r) * inverse);
+        if (q * mag > r) --q;
+        if ((q + 1) * mag <= r) ++q;
+        return q;
+    }
+    // Anywhere: f's fractional part is `frac`.
+    std::int64_t Left(std::int64_t frac) const {
+        if (d > 0) {
+            const std::int64_t rem = (std::int64_t{1} << 32) - frac, q = FloorDiv(rem);
+            return q * mag == rem ? q : q + 1;
+        }
+        return FloorDiv(frac) + 1;
+    }
+    // Right after floor(f / 2^32) changed.
+    std::int64_t LeftAfterChange(std::int64_t frac) const {
+        if (d > 0) return (after - 1) * mag >= (std::int64_t{1} << 32) - frac ? after - 1 : after;
+        return (after - 1) * mag <= frac ? after : after - 1;
+    }
+};
 
 void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const Region &rd, double c, double s,
                    double xShift, double yShift) {
     constexpr double kOne = 4294967296.0;
-    constexpr std::int64_t kUnit = std::int64_t{1} << 32;
+    constexpr std::int64_t kUnit = std::int64_t{1} << 32, kFrac = kUnit - 1;
     const std::int64_t stepX = std::llround(c * kOne), stepY = std::llround(s * kOne);
     // Runs apply when the source column advances by one pixel per column.
     const bool runs = stepX > 0 && stepX <= kUnit;
+    // The source column repeats when its fraction, falling by 2^32 - stepX
+    // a column, would go below zero.
+    const RunCounter xRuns(stepX - kUnit), yRuns(stepY);
     std::vector<const std::uint8_t *> rows(static_cast<std::size_t>(rs.height));
     for (int y = 0; y < rs.height; ++y) rows[y] = RowOf(src, rs.y + y);
     for (int Y = 0; Y < rd.height; ++Y) {
@@ -164,32 +205,62 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
         const BitonalRow r{std::llround(x0 * kOne), std::llround(y0 * kOne), stepX, stepY, rs.width, rs.height};
         int first, last;
         InsideColumns(r, rd.width, &first, &last);
+        if (first > last) continue;
         std::uint8_t *out = RowOf(dst, rd.y + Y);
-        std::int64_t fx = r.fx + first * stepX, fy = r.fy + first * stepY;
         if (!runs) {
+            std::int64_t fx = r.fx + first * stepX, fy = r.fy + first * stepY;
             for (int X = first; X <= last; ++X, fx += stepX, fy += stepY)
                 bits::Set(out, rd.x + X, bits::Get(rows[fy >> 32], rs.x + static_cast<int>(fx >> 32)));
             continue;
         }
-        // Columns left in the current run of the source column (xLeft) and
-        // of the source row (yLeft), each recomputed only when it ends.
-        std::int64_t xLeft = 0, yLeft = 0;
-        for (int X = first; X <= last;) {
-            const std::int64_t ix = fx >> 32, iy = fy >> 32;
-            if (xLeft <= 0) xLeft = stepX == kUnit ? last - X + 1 : (fx - (ix << 32)) / (kUnit - stepX) + 1;
-            if (yLeft <= 0) {
-                if (stepY > 0) yLeft = (((iy + 1) << 32) - fy + stepY - 1) / stepY;
-                else if (stepY < 0) yLeft = (fy - (iy << 32)) / -stepY + 1;
-                else yLeft = last - X + 1;
+        // Runs (source column advancing one pixel a column, source row
+        // unchanged) end where the source row changes or the column repeats;
+        // both are tracked as the next column where they happen. Each run is
+        // one unaligned 64-bit load appended to a word of destination bits,
+        // stored whole when full; the first and last words keep the bits
+        // outside [first, last].
+        const std::int64_t end = last + 1;
+        std::int64_t X = first;
+        const std::int64_t fx = r.fx + X * stepX, fy = r.fy + X * stepY;
+        int iy = static_cast<int>(fy >> 32);
+        const int yDir = stepY > 0 ? 1 : -1;
+        const std::uint8_t *row = rows[iy];
+        int p = rs.x + static_cast<int>(fx >> 32);
+        std::int64_t nextX = stepX == kUnit ? end : std::min(end, X + xRuns.Left(fx & kFrac));
+        std::int64_t nextY = stepY == 0 ? end : std::min(end, X + yRuns.Left(fy & kFrac));
+        const int base = (rd.x + first) & ~63;
+        int at = base >> 3, o = rd.x + first - base;
+        std::uint64_t word = LoadBits(out, base, dst.widthStep);
+        auto append = [&](std::uint64_t v, int m) {
+            word = (word & ~(~0ull >> o)) | (v >> o);
+            if (o + m >= 64) {
+                StoreBits(out, at, dst.widthStep, word, 0);
+                at += 8;
+                word = v << (64 - o);
+                o += m - 64;
+            } else {
+                o += m;
             }
-            const int run = static_cast<int>(std::min<std::int64_t>({xLeft, yLeft, last - X + 1}));
-            CopyRun(rows[iy], rs.x + static_cast<int>(ix), src.widthStep, out, rd.x + X, dst.widthStep, run);
-            X += run;
-            fx += run * stepX;
-            fy += run * stepY;
-            xLeft -= run;
-            yLeft -= run;
+        };
+        for (;;) {
+            const std::int64_t stop = std::min(nextX, nextY);
+            int run = static_cast<int>(stop - X);
+            for (; run > 57; run -= 57, p += 57) append(LoadBits(row, p, src.widthStep), 57);
+            append(LoadBits(row, p, src.widthStep), run);
+            p += run;
+            X = stop;
+            if (X >= end) break;
+            if (X == nextY) {
+                iy += yDir;
+                row = rows[iy];
+                nextY = std::min(end, X + yRuns.LeftAfterChange((r.fy + X * stepY) & kFrac));
+            }
+            if (X == nextX) {
+                --p;
+                nextX = std::min(end, X + xRuns.LeftAfterChange((r.fx + X * stepX) & kFrac));
+            }
         }
+        if (o > 0) StoreBits(out, at, dst.widthStep, word, ~0ull >> o);
     }
 }
 

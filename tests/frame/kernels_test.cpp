@@ -148,18 +148,21 @@ TEST(Kernels, BitonalRotationRunsMatchThePlainPath) {
     using namespace quarvel;
     std::mt19937 g(5);
     for (double angle : {0.0, 0.3, -1.7, 3.0, 44.9, 90.0, -90.0, 135.5, 180.0, 267.0, -33.3}) {
-        for (int size : {37, 203}) {
+        for (int size : {37, 203, 701}) {
             SCOPED_TRACE(angle * 1000 + size);
             ImagePtr src = CreateImage(PixelFormat::kBitonal, size, size * 3 / 4, 0);
             for (int i = 0; i < src->imageSize; ++i) reinterpret_cast<std::uint8_t *>(src->imageData)[i] = static_cast<std::uint8_t>(g());
             ImagePtr fast = CreateImage(PixelFormat::kBitonal, size + 13, size + 5, 1), slow = CreateImage(PixelFormat::kBitonal, size + 13, size + 5, 1);
-            IplROI roi{0, 3, 2, size - 5, size / 2};
+            for (int i = 0; i < fast->imageSize; ++i) reinterpret_cast<std::uint8_t *>(fast->imageData)[i] = static_cast<std::uint8_t>(g());
+            std::memcpy(slow->imageData, fast->imageData, static_cast<std::size_t>(fast->imageSize));
+            IplROI roi{0, 3, 2, size - 5, size / 2}, out{0, 13, 1, size - 1, size + 4};
             src->roi = &roi;
+            fast->roi = slow->roi = size > 300 ? &out : nullptr;
             double xs, ys;
             iplGetRotateShift(size / 3.0, size / 5.0, angle, &xs, &ys);
             RotateImage(src.get(), fast.get(), angle, xs + 1.25, ys - 0.5, 1, false);
             RotateImage(src.get(), slow.get(), angle, xs + 1.25, ys - 0.5, 1, true);
-            src->roi = nullptr;
+            src->roi = fast->roi = slow->roi = nullptr;
             EXPECT_EQ(0, std::memcmp(fast->imageData, slow->imageData, static_cast<std::size_t>(fast->imageSize)));
         }
     }
