@@ -197,6 +197,9 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
     const RunCounter xRuns(stepX - kUnit), yRuns(stepY);
     std::vector<const std::uint8_t *> rows(static_cast<std::size_t>(rs.height));
     for (int y = 0; y < rs.height; ++y) rows[y] = RowOf(src, rs.y + y);
+    // One destination row's words, from the 64-bit boundary at or before its
+    // first column.
+    std::vector<std::uint64_t> acc(static_cast<std::size_t>(rd.width / 64 + 3));
     for (int Y = 0; Y < rd.height; ++Y) {
         const double dy = Y - yShift;
         const double x0 = c * (0 - xShift) - s * dy + 0.5, y0 = s * (0 - xShift) + c * dy + 0.5;
@@ -216,9 +219,10 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
         // Runs (source column advancing one pixel a column, source row
         // unchanged) end where the source row changes or the column repeats;
         // both are tracked as the next column where they happen. Each run is
-        // one unaligned 64-bit load appended to a word of destination bits,
-        // stored whole when full; the first and last words keep the bits
-        // outside [first, last].
+        // one unaligned 64-bit load appended to the row's words in `acc`
+        // without branches (the word is stored after every run; the index
+        // moves on when it fills), then the words go to the row, the first
+        // and last keeping the bits outside [first, last].
         const std::int64_t end = last + 1;
         std::int64_t X = first;
         const std::int64_t fx = r.fx + X * stepX, fy = r.fy + X * stepY;
@@ -228,19 +232,17 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
         int p = rs.x + static_cast<int>(fx >> 32);
         std::int64_t nextX = stepX == kUnit ? end : std::min(end, X + xRuns.Left(fx & kFrac));
         std::int64_t nextY = stepY == 0 ? end : std::min(end, X + yRuns.Left(fy & kFrac));
-        const int base = (rd.x + first) & ~63;
-        int at = base >> 3, o = rd.x + first - base;
-        std::uint64_t word = LoadBits(out, base, dst.widthStep);
+        const int base = (rd.x + first) & ~63, o0 = rd.x + first - base;
+        int k = 0, o = o0;
+        std::uint64_t word = 0;
         auto append = [&](std::uint64_t v, int m) {
             word = (word & ~(~0ull >> o)) | (v >> o);
-            if (o + m >= 64) {
-                StoreBits(out, at, dst.widthStep, word, 0);
-                at += 8;
-                word = v << (64 - o);
-                o += m - 64;
-            } else {
-                o += m;
-            }
+            acc[k] = word;
+            const int n = o + m;
+            const bool full = n >= 64;
+            k += full;
+            word = full ? (v << 1) << (63 - o) : word;
+            o = n & 63;
         };
         for (;;) {
             const std::int64_t stop = std::min(nextX, nextY);
@@ -260,7 +262,13 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
                 nextX = std::min(end, X + xRuns.LeftAfterChange((r.fx + X * stepX) & kFrac));
             }
         }
-        if (o > 0) StoreBits(out, at, dst.widthStep, word, ~0ull >> o);
+        acc[k] = word;
+        const int words = k + (o > 0);
+        for (int w = 0; w < words; ++w) {
+            std::uint64_t keep = w == 0 ? ~(~0ull >> o0) : 0;
+            if (w == words - 1 && o > 0) keep |= ~0ull >> o;
+            StoreBits(out, (base >> 3) + 8 * w, dst.widthStep, acc[w], keep);
+        }
     }
 }
 
