@@ -146,6 +146,61 @@ __attribute__((target("avx2"))) int LinearStepsAvx2(const LinearRow &r, std::uin
     return b;
 }
 
+// One destination row of a nearest-neighbour warp.
+struct NearestRow {
+    const std::uint8_t *src;
+    std::size_t step;
+    int w, h, cn;
+    const int *ad, *bd;  // per destination column
+    int X0, Y0;
+
+    void Pixel(std::uint8_t *d, int x) const {
+        const int sx = (X0 + ad[x]) >> 10, sy = (Y0 + bd[x]) >> 10;
+        if (static_cast<unsigned>(sx) >= static_cast<unsigned>(w) || static_cast<unsigned>(sy) >= static_cast<unsigned>(h)) return;
+        const std::uint8_t *p = src + static_cast<std::size_t>(sy) * step + static_cast<std::size_t>(sx) * cn;
+        for (int c = 0; c < cn; ++c) d[x * cn + c] = p[c];
+    }
+};
+
+// Eight pixels a step: where their source columns are consecutive and the
+// source row steps at most once across them (to the row after or before),
+// both rows' 32 bytes are loaded and blended at the step, and the 8 pixels'
+// bytes stored with a dword mask. Other steps go pixel by pixel.
+__attribute__((target("avx2"))) int NearestStepsAvx2(const NearestRow &r, std::uint8_t *d, int x, int end) {
+    const __m256i iota = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    const __m256i x0 = _mm256_set1_epi32(r.X0), y0 = _mm256_set1_epi32(r.Y0);
+    // Byte b of a step belongs to pixel b / cn; the store covers 2 cn dwords.
+    alignas(32) std::int8_t pixelOf[32];
+    alignas(32) std::int32_t storeMask[8];
+    for (int b = 0; b < 32; ++b) pixelOf[b] = static_cast<std::int8_t>(b / r.cn);
+    for (int k = 0; k < 8; ++k) storeMask[k] = k < 2 * r.cn ? -1 : 0;
+    const __m256i byPixel = _mm256_load_si256(reinterpret_cast<const __m256i *>(pixelOf));
+    const __m256i stores = _mm256_load_si256(reinterpret_cast<const __m256i *>(storeMask));
+    const int rowBytes = r.w * r.cn;
+    for (; x + 8 <= end; x += 8) {
+        const __m256i sx = _mm256_srai_epi32(_mm256_add_epi32(x0, _mm256_loadu_si256(reinterpret_cast<const __m256i *>(r.ad + x))), 10);
+        const __m256i sy = _mm256_srai_epi32(_mm256_add_epi32(y0, _mm256_loadu_si256(reinterpret_cast<const __m256i *>(r.bd + x))), 10);
+        const int sx0 = _mm256_cvtsi256_si32(sx), syA = _mm256_cvtsi256_si32(sy), syB = _mm256_extract_epi32(sy, 7);
+        const bool run = _mm256_movemask_epi8(_mm256_cmpeq_epi32(_mm256_sub_epi32(sx, iota), _mm256_set1_epi32(sx0))) == -1;
+        if (!run || syB - syA > 1 || syA - syB > 1 || sx0 < 0 || sx0 * r.cn + 32 > rowBytes ||
+            static_cast<unsigned>(syA) >= static_cast<unsigned>(r.h) || static_cast<unsigned>(syB) >= static_cast<unsigned>(r.h)) {
+            for (int k = x; k < x + 8; ++k) r.Pixel(d, k);
+            continue;
+        }
+        // Source rows are monotonic across the step: the first k pixels
+        // come from row syA, the rest from syB.
+        const int k = __builtin_popcount(static_cast<unsigned>(
+            _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpeq_epi32(sy, _mm256_set1_epi32(syA))))));
+        const std::uint8_t *a = r.src + static_cast<std::size_t>(syA) * r.step + sx0 * r.cn;
+        const std::uint8_t *b = r.src + static_cast<std::size_t>(syB) * r.step + sx0 * r.cn;
+        const __m256i va = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(a));
+        const __m256i vb = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(b));
+        const __m256i fromA = _mm256_cmpgt_epi8(_mm256_set1_epi8(static_cast<char>(k)), byPixel);
+        _mm256_maskstore_epi32(reinterpret_cast<int *>(d + x * r.cn), stores, _mm256_blendv_epi8(vb, va, fromA));
+    }
+    return x;
+}
+
 // Per-column terms round(k X 1024) for X in [0, n).
 std::vector<int> ColumnTerms(double k, int n) {
     std::vector<int> t(static_cast<std::size_t>(n));
@@ -197,7 +252,8 @@ bool WarpLinear(const cv::Mat &in, cv::Mat &out, const cv::Matx23d &m) {
 bool WarpNearest(const cv::Mat &in, cv::Mat &out, const cv::Matx23d &m) {
     if (!Handled(in, out) || !MapFits(in, out, m)) return false;
     const int cn = in.channels(), w = in.cols, h = in.rows;
-    const std::vector<int> adelta = ColumnTerms(m(0, 0), out.cols), bdelta = ColumnTerms(m(1, 0), out.cols);
+    const std::vector<int> adelta = ColumnTerms(m(0, 0), out.cols + 8), bdelta = ColumnTerms(m(1, 0), out.cols + 8);
+    NearestRow r{in.data, in.step, w, h, cn, adelta.data(), bdelta.data(), 0, 0};
     for (int Y = 0; Y < out.rows; ++Y) {
         // Rounded positions inside lie within [-0.5, w - 0.5): look one
         // pixel further out (a box of w + 2 by h + 2), then test exactly.
@@ -205,20 +261,13 @@ bool WarpNearest(const cv::Mat &in, cv::Mat &out, const cv::Matx23d &m) {
         shifted(0, 2) += 1, shifted(1, 2) += 1;
         const Span s = InsideSpan(shifted, Y, w + 2, h + 2, out.cols);
         if (s.first > s.last) continue;
-        const int X0 = RoundEven((m(0, 1) * Y + m(0, 2)) * 1024) + 512;
-        const int Y0 = RoundEven((m(1, 1) * Y + m(1, 2)) * 1024) + 512;
+        r.X0 = RoundEven((m(0, 1) * Y + m(0, 2)) * 1024) + 512;
+        r.Y0 = RoundEven((m(1, 1) * Y + m(1, 2)) * 1024) + 512;
         std::uint8_t *d = out.ptr<std::uint8_t>(Y);
-        const int first = std::max(0, s.first - 1), last = std::min(out.cols - 1, s.last + 1);
-        for (int x = first; x <= last; ++x) {
-            const int sx = (X0 + adelta[x]) >> 10, sy = (Y0 + bdelta[x]) >> 10;
-            if (static_cast<unsigned>(sx) >= static_cast<unsigned>(w) || static_cast<unsigned>(sy) >= static_cast<unsigned>(h)) continue;
-            const std::uint8_t *p = in.data + static_cast<std::size_t>(sy) * in.step + static_cast<std::size_t>(sx) * cn;
-            switch (cn) {
-                case 1: d[x] = *p; break;
-                case 3: std::memcpy(d + 3 * x, p, 3); break;
-                default: std::memcpy(d + 4 * x, p, 4); break;
-            }
-        }
+        int x = std::max(0, s.first - 1);
+        const int end = std::min(out.cols - 1, s.last + 1) + 1;
+        if (kHasAvx2) x = NearestStepsAvx2(r, d, x, end);
+        for (; x < end; ++x) r.Pixel(d, x);
     }
     return true;
 }
