@@ -152,17 +152,30 @@ inline void StoreBits(std::uint8_t *row, int at, int rowBytes, std::uint64_t bit
 }
 
 // Counts of columns until floor(f / 2^32) next changes, f advancing by a
-// fixed step d of either sign (0 < |d| < 2^32). In general from a double
-// estimate of the quotient, exact after one correction each way; right
-// after a change, the fractional part lies within |d| of the edge it
-// crossed, which leaves two candidates, told apart by one product.
+// fixed step d of either sign (0 < |d| < 2^32). Anywhere, from a double
+// estimate of the quotient, exact after one correction each way. Right after
+// a change, the fractional part lies within |d| of the edge it crossed, which
+// leaves two candidate lengths, told apart by one comparison of the fraction
+// with a threshold; the fraction at the next change follows by one addition.
+// So a row's changes are followed without multiplying or dividing.
 struct RunCounter {
+    static constexpr std::int64_t kUnit = std::int64_t{1} << 32;
     std::int64_t d, mag;
     double inverse;
-    std::int64_t after;  // the larger candidate right after a change
+    // frac >= threshold: run lenHi and frac += addHi; else lenLo, addLo.
+    std::int64_t threshold = 0, lenHi = 0, lenLo = 0, addHi = 0, addLo = 0;
     explicit RunCounter(std::int64_t step) : d(step), mag(step < 0 ? -step : step) {
         inverse = mag == 0 ? 0 : 1.0 / static_cast<double>(mag);
-        after = mag == 0 ? 0 : d > 0 ? ((std::int64_t{1} << 32) + mag - 1) / mag : ((std::int64_t{1} << 32) - 1) / mag + 1;
+        if (mag == 0) return;
+        if (d > 0) {
+            const std::int64_t after = (kUnit + mag - 1) / mag;
+            threshold = kUnit - (after - 1) * mag, lenHi = after - 1, lenLo = after;
+            addHi = lenHi * mag - kUnit, addLo = lenLo * mag - kUnit;
+        } else {
+            const std::int64_t after = (kUnit - 1) / mag + 1;
+            threshold = (after - 1) * mag, lenHi = after, lenLo = after - 1;
+            addHi = kUnit - lenHi * mag, addLo = kUnit - lenLo * mag;
+        }
     }
     std::int64_t FloorDiv(std::int64_t r) const {
         std::int64_t q = static_cast<std::int64_t>(static_cast<double>(r) * inverse);
@@ -170,18 +183,25 @@ struct RunCounter {
         if ((q + 1) * mag <= r) ++q;
         return q;
     }
-    // Anywhere: f's fractional part is `frac`.
-    std::int64_t Left(std::int64_t frac) const {
+    // Columns left from a column whose fraction is `frac`; `frac` becomes the
+    // fraction at the change.
+    std::int64_t Left(std::int64_t &frac) const {
+        std::int64_t n;
         if (d > 0) {
-            const std::int64_t rem = (std::int64_t{1} << 32) - frac, q = FloorDiv(rem);
-            return q * mag == rem ? q : q + 1;
+            const std::int64_t rem = kUnit - frac, q = FloorDiv(rem);
+            n = q * mag == rem ? q : q + 1;
+            frac += n * mag - kUnit;
+        } else {
+            n = FloorDiv(frac) + 1;
+            frac += kUnit - n * mag;
         }
-        return FloorDiv(frac) + 1;
+        return n;
     }
-    // Right after floor(f / 2^32) changed.
-    std::int64_t LeftAfterChange(std::int64_t frac) const {
-        if (d > 0) return (after - 1) * mag >= (std::int64_t{1} << 32) - frac ? after - 1 : after;
-        return (after - 1) * mag <= frac ? after : after - 1;
+    // The same from the column of a change.
+    std::int64_t Next(std::int64_t &frac) const {
+        const bool hi = frac >= threshold;
+        frac += hi ? addHi : addLo;
+        return hi ? lenHi : lenLo;
     }
 };
 
@@ -230,8 +250,9 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
         const int yDir = stepY > 0 ? 1 : -1;
         const std::uint8_t *row = rows[iy];
         int p = rs.x + static_cast<int>(fx >> 32);
-        std::int64_t nextX = stepX == kUnit ? end : std::min(end, X + xRuns.Left(fx & kFrac));
-        std::int64_t nextY = stepY == 0 ? end : std::min(end, X + yRuns.Left(fy & kFrac));
+        std::int64_t xFrac = fx & kFrac, yFrac = fy & kFrac;
+        std::int64_t nextX = stepX == kUnit ? end : std::min(end, X + xRuns.Left(xFrac));
+        std::int64_t nextY = stepY == 0 ? end : std::min(end, X + yRuns.Left(yFrac));
         const int base = (rd.x + first) & ~63, o0 = rd.x + first - base;
         int k = 0, o = o0;
         std::uint64_t word = 0;
@@ -255,11 +276,11 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
             if (X == nextY) {
                 iy += yDir;
                 row = rows[iy];
-                nextY = std::min(end, X + yRuns.LeftAfterChange((r.fy + X * stepY) & kFrac));
+                nextY = std::min(end, X + yRuns.Next(yFrac));
             }
             if (X == nextX) {
                 --p;
-                nextX = std::min(end, X + xRuns.LeftAfterChange((r.fx + X * stepX) & kFrac));
+                nextX = std::min(end, X + xRuns.Next(xFrac));
             }
         }
         acc[k] = word;
