@@ -29,6 +29,10 @@ namespace quarvel {
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
+// Source rows fetched ahead by the 1-bit run loop: the next destination rows
+// read the rows below at about the same columns, and a row crosses too many
+// source rows for the hardware prefetcher to follow.
+constexpr int kAheadRows = 8;
 
 int CvInterpolation(int interpolate) {
     switch (interpolate) {
@@ -246,8 +250,9 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
         const std::int64_t end = last + 1;
         std::int64_t X = first;
         const std::int64_t fx = r.fx + X * stepX, fy = r.fy + X * stepY;
-        int iy = static_cast<int>(fy >> 32);
-        const int yDir = stepY > 0 ? 1 : -1;
+        const int iy = static_cast<int>(fy >> 32);
+        const std::ptrdiff_t ahead = static_cast<std::ptrdiff_t>(src.widthStep) * kAheadRows;
+        const std::ptrdiff_t yStride = stepY > 0 ? src.widthStep : -static_cast<std::ptrdiff_t>(src.widthStep);
         const std::uint8_t *row = rows[iy];
         int p = rs.x + static_cast<int>(fx >> 32);
         std::int64_t xFrac = fx & kFrac, yFrac = fy & kFrac;
@@ -270,12 +275,12 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
             int run = static_cast<int>(stop - X);
             for (; run > 57; run -= 57, p += 57) append(LoadBits(row, p, src.widthStep), 57);
             append(LoadBits(row, p, src.widthStep), run);
+            __builtin_prefetch(row + ahead + (p >> 3));
             p += run;
             X = stop;
             if (X >= end) break;
             if (X == nextY) {
-                iy += yDir;
-                row = rows[iy];
+                row += yStride;
                 nextY = std::min(end, X + yRuns.Next(yFrac));
             }
             if (X == nextX) {
