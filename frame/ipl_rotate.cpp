@@ -132,12 +132,17 @@ inline std::uint64_t LoadBE(const std::uint8_t *p) {
 
 // 64 bits of a row from bit p on, most significant first; bytes past the
 // row's `rowBytes` read as zero.
-inline std::uint64_t LoadBits(const std::uint8_t *row, int p, int rowBytes) {
+[[gnu::noinline, gnu::cold]] std::uint64_t LoadBitsAtEnd(const std::uint8_t *row, int p, int rowBytes) {
     const int at = p >> 3;
-    if (at + 8 <= rowBytes) return LoadBE(row + at) << (p & 7);
     std::uint64_t v = 0;
     for (int i = 0; i < 8; ++i) v = (v << 8) | (at + i < rowBytes ? row[at + i] : 0u);
     return v << (p & 7);
+}
+
+inline std::uint64_t LoadBits(const std::uint8_t *row, int p, int rowBytes) {
+    const int at = p >> 3;
+    if (__builtin_expect(at + 8 <= rowBytes, 1)) return LoadBE(row + at) << (p & 7);
+    return LoadBitsAtEnd(row, p, rowBytes);
 }
 
 // Stores `bits` into the 64 bits of a row from byte `at` on, keeping the bits
@@ -256,8 +261,8 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
         const std::uint8_t *row = rows[iy];
         int p = rs.x + static_cast<int>(fx >> 32);
         std::int64_t xFrac = fx & kFrac, yFrac = fy & kFrac;
-        std::int64_t nextX = stepX == kUnit ? end : std::min(end, X + xRuns.Left(xFrac));
-        std::int64_t nextY = stepY == 0 ? end : std::min(end, X + yRuns.Left(yFrac));
+        std::int64_t nextX = stepX == kUnit ? end : X + xRuns.Left(xFrac);
+        std::int64_t nextY = stepY == 0 ? end : X + yRuns.Left(yFrac);
         const int base = (rd.x + first) & ~63, o0 = rd.x + first - base;
         int k = 0, o = o0;
         std::uint64_t word = 0;
@@ -270,23 +275,31 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
             word = full ? (v << 1) << (63 - o) : word;
             o = n & 63;
         };
-        for (;;) {
-            const std::int64_t stop = std::min(nextX, nextY);
-            int run = static_cast<int>(stop - X);
+        auto copy = [&](int run) {
             for (; run > 57; run -= 57, p += 57) append(LoadBits(row, p, src.widthStep), 57);
             append(LoadBits(row, p, src.widthStep), run);
             __builtin_prefetch(row + ahead + (p >> 3));
             p += run;
-            X = stop;
+        };
+        // Stretches between repeats of the source column, each a series of
+        // runs between source row changes.
+        for (;;) {
+            const std::int64_t stretchEnd = std::min(nextX, end);
+            while (nextY < stretchEnd) {
+                copy(static_cast<int>(nextY - X));
+                X = nextY;
+                row += yStride;
+                nextY = X + yRuns.Next(yFrac);
+            }
+            copy(static_cast<int>(stretchEnd - X));
+            X = stretchEnd;
             if (X >= end) break;
             if (X == nextY) {
                 row += yStride;
-                nextY = std::min(end, X + yRuns.Next(yFrac));
+                nextY = X + yRuns.Next(yFrac);
             }
-            if (X == nextX) {
-                --p;
-                nextX = std::min(end, X + xRuns.Next(xFrac));
-            }
+            --p;
+            nextX = X + xRuns.Next(xFrac);
         }
         acc[k] = word;
         const int words = k + (o > 0);
