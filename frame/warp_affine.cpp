@@ -39,11 +39,14 @@ constexpr int kAhead = 4;
 int RoundEven(double v) { return static_cast<int>(std::lrint(v)); }
 
 // Whether every fixed-point term stays well inside the int range, so no
-// saturation or overflow happens on either side, and source columns and rows
-// fit OpenCV's 16-bit coordinates.
+// saturation or overflow happens on either side, source columns and rows fit
+// OpenCV's 16-bit coordinates, and a destination row has at most 2^20 bytes.
 bool MapFits(const cv::Mat &in, const cv::Mat &out, const cv::Matx23d &m) {
     constexpr double kLimit = 1 << 29;
-    if (in.cols >= 32767 || in.rows >= 32767 || out.cols >= (1 << 24) || out.rows >= (1 << 24)) return false;
+    // The per-column tables take 8 to 12 bytes per destination byte of a row.
+    if (in.cols >= 32767 || in.rows >= 32767 || static_cast<long long>(out.cols) * in.channels() > (1 << 20) ||
+        out.rows >= (1 << 24))
+        return false;
     for (int r = 0; r < 2; ++r) {
         const double a = m(r, 0), b = m(r, 1), c = m(r, 2);
         if (!std::isfinite(a) || !std::isfinite(b) || !std::isfinite(c)) return false;

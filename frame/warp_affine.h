@@ -26,8 +26,9 @@ Span InsideSpan(const cv::Matx23d &m, int Y, int w, int h, int dstWidth);
 // neighbours past the source's last row or column replicated: the pixels
 // warpAffine(..., INTER_LINEAR | WARP_INVERSE_MAP, BORDER_REPLICATE) gives
 // there. False (nothing written) when the case is not handled here: the
-// processor lacks AVX2, the source is 32768 pixels or more a side, or the
-// map's fixed-point terms could leave the int range.
+// processor lacks AVX2, the source is 32767 pixels or more a side, a
+// destination row has more than 2^20 bytes, or the map's fixed-point terms
+// could leave the int range.
 bool WarpLinear(const cv::Mat &in, cv::Mat &out, const cv::Matx23d &m);
 
 // Nearest neighbour: each pixel whose rounded source position lies inside the
