@@ -204,6 +204,10 @@ __attribute__((target("avx2"))) int NearestStepsAvx2(const NearestRow &r, std::u
     return x;
 }
 
+// Rows are shared among OpenCV's worker threads, as its own warp does, in
+// stripes of about 64 rows (one thread when the caller turned them off).
+double Stripes(const cv::Mat &out) { return std::max(1.0, out.rows / 64.0); }
+
 // Per-column terms round(k X 1024) for X in [0, n).
 std::vector<int> ColumnTerms(double k, int n) {
     std::vector<int> t(static_cast<std::size_t>(n));
@@ -239,16 +243,18 @@ bool WarpLinear(const cv::Mat &in, cv::Mat &out, const cv::Matx23d &m) {
     const std::vector<int> adelta = ColumnTerms(m(0, 0), out.cols), bdelta = ColumnTerms(m(1, 0), out.cols);
     std::vector<int> ad(static_cast<std::size_t>(n)), bd(ad.size()), ch(ad.size());
     for (int j = 0; j < n; ++j) ad[j] = adelta[j / cn], bd[j] = bdelta[j / cn], ch[j] = j % cn;
-    LinearRow r{in.data, in.step, in.cols, in.rows, cn, ad.data(), bd.data(), ch.data(), 0, 0};
-    for (int Y = 0; Y < out.rows; ++Y) {
-        const Span s = InsideSpan(m, Y, in.cols, in.rows, out.cols);
-        if (s.first > s.last) continue;
-        r.X0 = RoundEven((m(0, 1) * Y + m(0, 2)) * 1024) + 16;
-        r.Y0 = RoundEven((m(1, 1) * Y + m(1, 2)) * 1024) + 16;
-        std::uint8_t *d = out.ptr<std::uint8_t>(Y);
-        int b = LinearStepsAvx2(r, d, s.first * cn, (s.last + 1) * cn);
-        for (; b < (s.last + 1) * cn; ++b) d[b] = r.Byte(b);
-    }
+    cv::parallel_for_(cv::Range(0, out.rows), [&](const cv::Range &rows) {
+        LinearRow r{in.data, in.step, in.cols, in.rows, cn, ad.data(), bd.data(), ch.data(), 0, 0};
+        for (int Y = rows.start; Y < rows.end; ++Y) {
+            const Span s = InsideSpan(m, Y, in.cols, in.rows, out.cols);
+            if (s.first > s.last) continue;
+            r.X0 = RoundEven((m(0, 1) * Y + m(0, 2)) * 1024) + 16;
+            r.Y0 = RoundEven((m(1, 1) * Y + m(1, 2)) * 1024) + 16;
+            std::uint8_t *d = out.ptr<std::uint8_t>(Y);
+            int b = LinearStepsAvx2(r, d, s.first * cn, (s.last + 1) * cn);
+            for (; b < (s.last + 1) * cn; ++b) d[b] = r.Byte(b);
+        }
+    }, Stripes(out));
     return true;
 }
 
@@ -256,22 +262,24 @@ bool WarpNearest(const cv::Mat &in, cv::Mat &out, const cv::Matx23d &m) {
     if (!Handled(in, out) || !MapFits(in, out, m)) return false;
     const int cn = in.channels(), w = in.cols, h = in.rows;
     const std::vector<int> adelta = ColumnTerms(m(0, 0), out.cols + 8), bdelta = ColumnTerms(m(1, 0), out.cols + 8);
-    NearestRow r{in.data, in.step, w, h, cn, adelta.data(), bdelta.data(), 0, 0};
-    for (int Y = 0; Y < out.rows; ++Y) {
-        // Rounded positions inside lie within [-0.5, w - 0.5): look one
-        // pixel further out (a box of w + 2 by h + 2), then test exactly.
-        cv::Matx23d shifted = m;
-        shifted(0, 2) += 1, shifted(1, 2) += 1;
-        const Span s = InsideSpan(shifted, Y, w + 2, h + 2, out.cols);
-        if (s.first > s.last) continue;
-        r.X0 = RoundEven((m(0, 1) * Y + m(0, 2)) * 1024) + 512;
-        r.Y0 = RoundEven((m(1, 1) * Y + m(1, 2)) * 1024) + 512;
-        std::uint8_t *d = out.ptr<std::uint8_t>(Y);
-        int x = std::max(0, s.first - 1);
-        const int end = std::min(out.cols - 1, s.last + 1) + 1;
-        if (kHasAvx2) x = NearestStepsAvx2(r, d, x, end);
-        for (; x < end; ++x) r.Pixel(d, x);
-    }
+    // Rounded positions inside lie within [-0.5, w - 0.5): look one pixel
+    // further out (a box of w + 2 by h + 2), then test exactly.
+    cv::Matx23d shifted = m;
+    shifted(0, 2) += 1, shifted(1, 2) += 1;
+    cv::parallel_for_(cv::Range(0, out.rows), [&](const cv::Range &rows) {
+        NearestRow r{in.data, in.step, w, h, cn, adelta.data(), bdelta.data(), 0, 0};
+        for (int Y = rows.start; Y < rows.end; ++Y) {
+            const Span s = InsideSpan(shifted, Y, w + 2, h + 2, out.cols);
+            if (s.first > s.last) continue;
+            r.X0 = RoundEven((m(0, 1) * Y + m(0, 2)) * 1024) + 512;
+            r.Y0 = RoundEven((m(1, 1) * Y + m(1, 2)) * 1024) + 512;
+            std::uint8_t *d = out.ptr<std::uint8_t>(Y);
+            int x = std::max(0, s.first - 1);
+            const int end = std::min(out.cols - 1, s.last + 1) + 1;
+            if (kHasAvx2) x = NearestStepsAvx2(r, d, x, end);
+            for (; x < end; ++x) r.Pixel(d, x);
+        }
+    }, Stripes(out));
     return true;
 }
 
