@@ -205,8 +205,16 @@ __attribute__((target("avx2"))) int NearestStepsAvx2(const NearestRow &r, std::u
 }
 
 // Rows are shared among OpenCV's worker threads, as its own warp does, in
-// stripes of about 64 rows (one thread when the caller turned them off).
-double Stripes(const cv::Mat &out) { return std::max(1.0, out.rows / 64.0); }
+// stripes of about 64 rows (one thread when the caller turned them off);
+// images under 128 rows stay on the calling thread.
+template <class Body>
+void ForRows(const cv::Mat &out, const Body &body) {
+    if (out.rows < 128) {
+        body(cv::Range(0, out.rows));
+        return;
+    }
+    cv::parallel_for_(cv::Range(0, out.rows), body, out.rows / 64.0);
+}
 
 // Per-column terms round(k X 1024) for X in [0, n).
 std::vector<int> ColumnTerms(double k, int n) {
@@ -243,7 +251,7 @@ bool WarpLinear(const cv::Mat &in, cv::Mat &out, const cv::Matx23d &m) {
     const std::vector<int> adelta = ColumnTerms(m(0, 0), out.cols), bdelta = ColumnTerms(m(1, 0), out.cols);
     std::vector<int> ad(static_cast<std::size_t>(n)), bd(ad.size()), ch(ad.size());
     for (int j = 0; j < n; ++j) ad[j] = adelta[j / cn], bd[j] = bdelta[j / cn], ch[j] = j % cn;
-    cv::parallel_for_(cv::Range(0, out.rows), [&](const cv::Range &rows) {
+    ForRows(out, [&](const cv::Range &rows) {
         LinearRow r{in.data, in.step, in.cols, in.rows, cn, ad.data(), bd.data(), ch.data(), 0, 0};
         for (int Y = rows.start; Y < rows.end; ++Y) {
             const Span s = InsideSpan(m, Y, in.cols, in.rows, out.cols);
@@ -254,7 +262,7 @@ bool WarpLinear(const cv::Mat &in, cv::Mat &out, const cv::Matx23d &m) {
             int b = LinearStepsAvx2(r, d, s.first * cn, (s.last + 1) * cn);
             for (; b < (s.last + 1) * cn; ++b) d[b] = r.Byte(b);
         }
-    }, Stripes(out));
+    });
     return true;
 }
 
@@ -266,7 +274,7 @@ bool WarpNearest(const cv::Mat &in, cv::Mat &out, const cv::Matx23d &m) {
     // further out (a box of w + 2 by h + 2), then test exactly.
     cv::Matx23d shifted = m;
     shifted(0, 2) += 1, shifted(1, 2) += 1;
-    cv::parallel_for_(cv::Range(0, out.rows), [&](const cv::Range &rows) {
+    ForRows(out, [&](const cv::Range &rows) {
         NearestRow r{in.data, in.step, w, h, cn, adelta.data(), bdelta.data(), 0, 0};
         for (int Y = rows.start; Y < rows.end; ++Y) {
             const Span s = InsideSpan(shifted, Y, w + 2, h + 2, out.cols);
@@ -279,7 +287,7 @@ bool WarpNearest(const cv::Mat &in, cv::Mat &out, const cv::Matx23d &m) {
             if (kHasAvx2) x = NearestStepsAvx2(r, d, x, end);
             for (; x < end; ++x) r.Pixel(d, x);
         }
-    }, Stripes(out));
+    });
     return true;
 }
 
