@@ -128,10 +128,10 @@ void iplResize(IplImage *src, IplImage *dst, int xDst, int xSrc, int yDst, int y
 constexpr long long kMaxBitonalResizeBytes = 1LL << 30;
 bool BitonalResizeFits(int srcW, int srcH, long long outW, long long outH, int interpolate);
 void iplRotate(IplImage *src, IplImage *dst, double angle, double xShift, double yShift, int interpolate);
-// iplRotate; with plainBitonal, 1-bit images take the plain per-pixel path,
-// the oracle of the run-copying one.
+// iplRotate; with `plain`, 1-bit images take the plain per-pixel path and
+// 8-bit and colour images OpenCV's warpAffine: the oracles of the fast paths.
 void RotateImage(IplImage *src, IplImage *dst, double angle, double xShift, double yShift, int interpolate,
-                 bool plainBitonal);
+                 bool plain);
 void iplGetRotateShift(double xCenter, double yCenter, double angle, double *xShift, double *yShift);
 void iplComputeHisto(IplImage *image, IplLUT **luts);
 void iplUserProcessPixel(IplImage *src, IplImage *dst, IplUserFunc func);
