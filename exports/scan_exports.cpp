@@ -32,7 +32,7 @@ int QUARVEL_CALL QuarvelAnalyzePage(HGLOBAL page, const QuarvelScanOptions *opti
     return Guarded<int>(0, [&] {
         const QuarvelScanOptions o = scan::ResolveOptions(options);
         scan::ScanPage p;
-        if (!scan::LoadScanPage(page, o.dpi, &p)) return 0;
+        if (!scan::LoadScanPage(page, o.dpi, &p, false)) return 0;
         scan::FillReport(p, scan::AnalyzePage(p, o), report);
         return 1;
     });

@@ -31,7 +31,6 @@
 namespace quarvel::scan {
 namespace {
 
-constexpr double kWorkDpi = 75.0;
 constexpr double kMinSaturation = 0.3;
 constexpr double kMinColourMm2 = 20.0;
 constexpr double kMinColourShare = 0.001;
@@ -90,18 +89,11 @@ float HueDistance(float a, float b) {
 }  // namespace
 
 int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
-    if (page.gray.empty()) return 0;
+    if (page.coarse.empty()) return 0;
     if (page.bitonalSource) return QUARVEL_MODE_BITONAL;
-    const int dpi = PaperDpi(page);
-    const int f = std::max(1, static_cast<int>(std::lround(dpi / kWorkDpi)));
-    const double mm = dpi / 25.4 / f;
-    const cv::Mat c = page.colorSource ? ShrinkSparse(page.color, f) : cv::Mat();
-    cv::Mat g;
-    if (page.colorSource) {
-        cv::cvtColor(c, g, cv::COLOR_BGR2GRAY);
-    } else {
-        g = ShrinkSparse(page.gray, f);
-    }
+    const int f = page.coarseReduction;
+    const double mm = PaperDpi(page) / 25.4 / f;
+    const cv::Mat &c = page.coarseColor, &g = page.coarse;
     cv::Rect sheet = ShrinkRect(
         analysis.sheet.box.area() > 0 ? analysis.sheet.box : cv::Rect(0, 0, page.width, page.height), f, g.size());
     if (analysis.sheet.sides == 0) sheet = PaperBox(g, sheet);

@@ -39,6 +39,7 @@ ScanPage PageOf(const cv::Mat &image, int dpi = kDpi, bool bitonal = false) {
         p.gray = image;
     }
     p.bits = bitonal ? 1 : image.channels() * 8;
+    PrepareReduced(&p);
     return p;
 }
 
