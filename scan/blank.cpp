@@ -42,7 +42,7 @@ Blank JudgeBlank(const ScanPage &page, const Analysis &analysis) {
     const int f = page.coarseReduction;
     const cv::Mat &g = page.coarse;
     const double mm = PaperDpi(page) / 25.4 / f;
-    const cv::Mat paper = PaperLevel(g, std::max(2, static_cast<int>(mm)), static_cast<int>(6 * mm));
+    const cv::Mat &paper = page.coarsePaper;
     cv::Rect sheet = ShrinkRect(
         analysis.sheet.box.area() > 0 ? analysis.sheet.box : cv::Rect(0, 0, page.width, page.height), f, g.size());
     if (analysis.sheet.sides == 0) sheet = PaperBox(g, sheet);

@@ -103,7 +103,7 @@ int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
         cv::circle(skip, cv::Point(static_cast<int>(h.cx / f), static_cast<int>(h.cy / f)),
                    static_cast<int>(h.r * 1.3 / f) + 1, cv::Scalar(255), cv::FILLED);
 
-    const cv::Mat paper = PaperLevel(g, std::max(2, static_cast<int>(mm)), static_cast<int>(6 * mm));
+    const cv::Mat &paper = page.coarsePaper;
     if (page.colorSource) {
         const cv::Vec3f pc = PaperColour(c, g, sheet);
         // A tinted paper's own hue: stains, ageing and shading of the paper

@@ -94,6 +94,8 @@ void PrepareReduced(ScanPage *p, const cv::Mat &image, bool bottomUp) {
         p->coarseColor = Reduce(colour, k, false);
         cv::cvtColor(p->coarseColor, p->coarse, cv::COLOR_BGR2GRAY);
     }
+    const double mm = PaperDpi(*p) / 25.4 / p->coarseReduction;
+    p->coarsePaper = PaperLevel(p->coarse, std::max(2, static_cast<int>(mm)), static_cast<int>(6 * mm));
     const int rw = p->reduced.cols, rh = p->reduced.rows;
 
     // Paper level round each pixel: the brightest of ~7 mm cells, smoothed,

@@ -44,10 +44,13 @@ struct ScanPage {
     // The coarse page for judgements over areas (holes, blank, mode): the
     // reduced page shrunk again by block means to about kCoarseDpi of the
     // sheet's resolution (PaperDpi), `coarseReduction` page pixels per
-    // pixel; coarseColor (BGR) only for colour sources.
+    // pixel; coarseColor (BGR) only for colour sources; coarsePaper the
+    // paper level round each coarse pixel (PaperLevel over 1 mm cells and
+    // a 6 mm window, wider than any stroke).
     int coarseReduction = 1;
     cv::Mat coarse;          // CV_8UC1
     cv::Mat coarseColor;     // CV_8UC3 or empty
+    cv::Mat coarsePaper;     // CV_8UC1
 };
 
 // The resolution the analyses work at.
