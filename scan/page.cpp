@@ -109,8 +109,8 @@ void PrepareReduced(ScanPage *p, const cv::Mat &image, bool bottomUp) {
     cv::dilate(cells, cells, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(5, 5)));
     cv::blur(cells, cells, cv::Size(3, 3));
     cv::resize(cells, paper, cv::Size(rw, rh), 0, 0, cv::INTER_LINEAR);
-    cv::divide(p->reduced, cv::max(paper, 1), p->flat, 255.0);
-    const cv::Mat &flat = p->flat;
+    cv::Mat flat;
+    cv::divide(p->reduced, cv::max(paper, 1), flat, 255.0);
     // One threshold on the flattened page, between the paper and the ink
     // peaks, kept where marks are clearly darker than the paper (at least
     // 18 % darker, at most 57 %: a page of near-black paper has no ink).

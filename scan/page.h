@@ -40,7 +40,6 @@ struct ScanPage {
     // [x * reduction, (x + 1) * reduction).
     int reduction = 1;
     cv::Mat reduced;         // CV_8UC1
-    cv::Mat flat;            // CV_8UC1: reduced over its paper level, 255 = paper
     cv::Mat ink;             // CV_8UC1, 0 or 255
     // The coarse page for judgements over areas (holes, blank, mode): the
     // reduced page shrunk again by block means to about kCoarseDpi of the

@@ -71,6 +71,33 @@ void DrawText(cv::Mat *page, cv::Scalar ink, int top = Mm(30), int lines = 30) {
     }
 }
 
+// The analysis reads 8-bit gray ramps and 24/32-bit rows in place; the full
+// decode gives the same reduced and coarse pages, at reduction 1 and 2 with
+// partial blocks at the right and bottom, and the caller's block is kept.
+TEST(ScanPage, InPlaceReadingMatchesTheFullDecode) {
+    for (const int bits : {8, 24, 32})
+        for (const cv::Size size : {cv::Size(901, 1203), cv::Size(1601, 2303)}) {
+            SCOPED_TRACE(std::to_string(bits) + " bits, width " + std::to_string(size.width));
+            const qtest::Block page = qtest::MakePageWith(qtest::Shape(size.width, size.height, bits), [](int x, int y, int c) {
+                return (x * 7 + y * 13 + c * 50 + (x / 40 + y / 30) % 2 * 120) & 255;
+            });
+            const std::vector<std::uint8_t> before = page.bytes();
+            ScanPage quick, full;
+            ASSERT_TRUE(LoadScanPage(page.get(), 150 * (size.width / 800), &quick, false));
+            ASSERT_TRUE(LoadScanPage(page.get(), 150 * (size.width / 800), &full, true));
+            EXPECT_TRUE(quick.gray.empty());
+            EXPECT_EQ(quick.reduction, size.width / 800);
+            EXPECT_EQ(quick.coarseReduction, full.coarseReduction);
+            for (const auto &[a, b] : {std::pair{quick.reduced, full.reduced}, {quick.ink, full.ink},
+                                       {quick.coarse, full.coarse}, {quick.coarseColor, full.coarseColor},
+                                       {quick.coarsePaper, full.coarsePaper}}) {
+                ASSERT_EQ(a.size(), b.size());
+                EXPECT_TRUE(a.empty() || cv::norm(a, b, cv::NORM_INF) == 0);
+            }
+            EXPECT_EQ(page.bytes(), before);
+        }
+}
+
 struct HoleCase {
     const char *name;
     cv::Scalar paper, hole;
