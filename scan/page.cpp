@@ -121,7 +121,7 @@ void PrepareReduced(ScanPage *p, const cv::Mat &image, bool bottomUp) {
 
 }  // namespace
 
-bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page, bool full) {
+bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page, ScanRead read) {
     LockedDib in(h, kAllDepths);
     if (!in.ok()) return false;
     const int w = in.width();
@@ -171,7 +171,7 @@ bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page, bool full) {
     for (int i = 0; identity && i < 256; ++i) identity = palGray[i] == i;
     // Gray ramps and 24/32-bit rows are what the analyses read in place:
     // the block's rows as a bottom-up image, no copy.
-    if (!full && (identity || bits == 24 || bits == 32)) {
+    if (read == kReadReduced && (identity || bits == 24 || bits == 32)) {
         const int type = bits == 8 ? CV_8UC1 : bits == 24 ? CV_8UC3 : CV_8UC4;
         PrepareReduced(&p, cv::Mat(ht, w, type, in.row(0), static_cast<std::size_t>(in.stride())), true);
         *page = std::move(p);
@@ -245,7 +245,8 @@ bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page, bool full) {
             }
         }
     }
-    PrepareReduced(&p);
+    if (read & kReadReduced) PrepareReduced(&p);
+    if (!(read & kReadWhole)) p.gray = p.color = cv::Mat();
     *page = std::move(p);
     return true;
 }

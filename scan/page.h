@@ -26,7 +26,7 @@ struct ScanPage {
     bool bitonalSource = false; // 1-bit page, or a palette of two entries
     int dpi = 0;             // the option's, the page's own, or estimated from the size
     bool dpiKnown = false;   // the option or the page gave it
-    // Whole page (only when read with `full`): CV_8UC1, row 0 = top as
+    // Whole page (only when read with kReadWhole): CV_8UC1, row 0 = top as
     // displayed, 255 = white paper; CV_8UC3 BGR, empty unless colorSource.
     cv::Mat gray;
     cv::Mat color;
@@ -63,13 +63,18 @@ constexpr double kCoarseDpi = 75.0;
 // (colour sources) or page->gray.
 void PrepareReduced(ScanPage *page);
 
+// What LoadScanPage makes: the reduced and coarse pages every analysis
+// reads, the whole page (gray, and color for colour sources) that cleaning
+// and binarisation change, or both.
+enum ScanRead : unsigned { kReadReduced = 1, kReadWhole = 2, kReadBoth = 3 };
+
 // Reads a page block; false (and nothing set) when it cannot be read: bad
 // handle, short block, compressed rows, a depth outside 1/4/8/16/24/32, no
 // pixels, or more than kMaxScanPixels. `dpiOverride` > 0 replaces the page's.
-// Without `full` only the reduced pages are made (gray and gray/colour
-// pages are reduced straight from the block's rows); with it, gray and
-// color too. Both give the same reduced pages.
-bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page, bool full = true);
+// The reduced pages alone are made without a whole-page copy for gray
+// ramps and 24/32-bit pages (reduced straight from the block's rows); both
+// routes give the same reduced pages.
+bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page, ScanRead read = kReadBoth);
 
 // The options with every default filled in, whatever the caller's record size
 // (`options` may be null).

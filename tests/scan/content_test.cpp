@@ -83,8 +83,8 @@ TEST(ScanPage, InPlaceReadingMatchesTheFullDecode) {
             });
             const std::vector<std::uint8_t> before = page.bytes();
             ScanPage quick, full;
-            ASSERT_TRUE(LoadScanPage(page.get(), 150 * (size.width / 800), &quick, false));
-            ASSERT_TRUE(LoadScanPage(page.get(), 150 * (size.width / 800), &full, true));
+            ASSERT_TRUE(LoadScanPage(page.get(), 150 * (size.width / 800), &quick, kReadReduced));
+            ASSERT_TRUE(LoadScanPage(page.get(), 150 * (size.width / 800), &full, kReadBoth));
             EXPECT_TRUE(quick.gray.empty());
             EXPECT_EQ(quick.reduction, size.width / 800);
             EXPECT_EQ(quick.coarseReduction, full.coarseReduction);
