@@ -81,17 +81,24 @@ void PrepareReduced(ScanPage *p, const cv::Mat &image, bool bottomUp) {
     f = std::min(f, std::max(1, longSide / kReducedMinSide));
     f = std::max(f, (longSide + kReducedMaxSide - 1) / kReducedMaxSide);
     p->reduction = f;
-    // The coarse page: a whole number of reduced pixels each, about kCoarseDpi.
-    const int k = std::max(1, static_cast<int>(std::lround(PaperDpi(*p) / kCoarseDpi / f)));
-    p->coarseReduction = f * k;
+    // The coarse page, about kCoarseDpi: from the reduced page when its
+    // factor is a whole number of reduced pixels, else from the page again.
+    const int F = std::max(1, static_cast<int>(std::lround(PaperDpi(*p) / kCoarseDpi)));
+    p->coarseReduction = F;
     if (image.channels() == 1) {
         p->reduced = Reduce(image, f, bottomUp);
-        p->coarse = Reduce(p->reduced, k, false);
+        p->coarse = F % f == 0 ? Reduce(p->reduced, F / f, false) : Reduce(image, F, bottomUp);
     } else {
+        const int bgr = image.channels() == 4 ? cv::COLOR_BGRA2BGR : -1;
         cv::Mat colour = Reduce(image, f, bottomUp);
-        if (colour.channels() == 4) cv::cvtColor(colour, colour, cv::COLOR_BGRA2BGR);
+        if (bgr >= 0) cv::cvtColor(colour, colour, bgr);
         cv::cvtColor(colour, p->reduced, cv::COLOR_BGR2GRAY);
-        p->coarseColor = Reduce(colour, k, false);
+        if (F % f == 0) {
+            p->coarseColor = Reduce(colour, F / f, false);
+        } else {
+            p->coarseColor = Reduce(image, F, bottomUp);
+            if (bgr >= 0) cv::cvtColor(p->coarseColor, p->coarseColor, bgr);
+        }
         cv::cvtColor(p->coarseColor, p->coarse, cv::COLOR_BGR2GRAY);
     }
     const double mm = PaperDpi(*p) / 25.4 / p->coarseReduction;

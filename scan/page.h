@@ -41,10 +41,10 @@ struct ScanPage {
     int reduction = 1;
     cv::Mat reduced;         // CV_8UC1
     cv::Mat ink;             // CV_8UC1, 0 or 255
-    // The coarse page for judgements over areas (holes, blank, mode): the
-    // reduced page shrunk again by block means to about kCoarseDpi of the
-    // sheet's resolution (PaperDpi), `coarseReduction` page pixels per
-    // pixel; coarseColor (BGR) only for colour sources; coarsePaper the
+    // The coarse page for judgements over areas (holes, blank, mode): block
+    // means at about kCoarseDpi of the sheet's resolution (PaperDpi),
+    // `coarseReduction` page pixels per pixel (made from the reduced page
+    // when that is a whole number of its pixels); coarseColor (BGR) only for colour sources; coarsePaper the
     // paper level round each coarse pixel (PaperLevel over 1 mm cells and
     // a 6 mm window, wider than any stroke).
     int coarseReduction = 1;
