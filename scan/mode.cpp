@@ -20,7 +20,8 @@
 //  - gray (8) when photos or halftones cover at least 2 % of the content:
 //    mid-tone pixels (20 % to 70 % of the typical paper level, the paper
 //    being the brightest level over 60 mm) whose 3 x 3 neighbourhood is flat
-//    (within 12 % of it), counted after an erosion by 1.5 mm. Text at 75 dpi
+//    (within 12 % of it), counted after an erosion by 1.5 mm, areas that
+//    reach the sheet's 3 mm edge band left out (bed or book edge). Text at 75 dpi
 //    has mid-tones only on stroke edges, beside paper and ink, and even
 //    blurred print has them only in strokes, so it is not flat over an area.
 //  - else black-and-white (1), on any paper tint.
@@ -43,6 +44,7 @@ constexpr int kMarkPercent = 88;            // marks: darker than 88 % of their 
 constexpr int kNeutralDarkPercent = 60;     // stroke pixels that fringe: darker than 60 % and neutral,
 constexpr int kBlackPercent = 25;           // or darker than 25 % whatever their colour
 constexpr double kMinGrayShare = 0.02;
+constexpr double kEdgeBandMm = 3.0;
 constexpr float kPaperHueDegrees = 20;
 
 // Per-channel paper colour: the median of the brighter half of the sheet
@@ -94,8 +96,10 @@ float HueDistance(float a, float b) {
     return std::min(d, 360 - d);
 }
 
-// Share of the usable pixels in `box` that lie in flat mid-tone areas.
-double FlatMidtones(const cv::Mat &g, const cv::Rect &box, const cv::Mat &use, double mm) {
+// Share of the usable pixels in `box` that lie in flat mid-tone areas, areas
+// reaching the sheet's 3 mm edge band (a scanner bed, a book's edge or
+// shadow that the sheet finder left) left out.
+double FlatMidtones(const cv::Mat &g, const cv::Rect &box, const cv::Rect &sheet, const cv::Mat &use, double mm) {
     // The paper here is the brightest level over 60 mm, so a photo (larger
     // than any stroke) is not taken for paper.
     const cv::Mat widePaper = PaperLevel(g, std::max(2, static_cast<int>(3 * mm)), static_cast<int>(60 * mm));
@@ -140,7 +144,19 @@ double FlatMidtones(const cv::Mat &g, const cv::Rect &box, const cv::Mat &use, d
     // soft edges of blurred print.
     const int e = std::max(3, static_cast<int>(std::lround(1.5 * mm))) | 1;
     cv::erode(flat, flat, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(e, e)));
-    return cv::countNonZero(flat) / static_cast<double>(n);
+    cv::Mat labels, stats;
+    const int blobs = LabelBlobs(flat, &labels, &stats);
+    const int band = std::max(1, static_cast<int>(kEdgeBandMm * mm)) + e / 2;
+    double area = 0;
+    for (int i = 1; i < blobs; ++i) {
+        const int x = stats.at<int>(i, cv::CC_STAT_LEFT), y = stats.at<int>(i, cv::CC_STAT_TOP);
+        const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);
+        if (x < sheet.x + band || y < sheet.y + band || x + w > sheet.x + sheet.width - band ||
+            y + h > sheet.y + sheet.height - band)
+            continue;
+        area += stats.at<int>(i, cv::CC_STAT_AREA);
+    }
+    return area / n;
 }
 
 }  // namespace
@@ -223,7 +239,7 @@ int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
             coloured >= kMinColourOfContent * content)
             return QUARVEL_MODE_COLOR;
     }
-    return FlatMidtones(g, box, use, mm) >= kMinGrayShare ? QUARVEL_MODE_GRAY : QUARVEL_MODE_BITONAL;
+    return FlatMidtones(g, box, sheet, use, mm) >= kMinGrayShare ? QUARVEL_MODE_GRAY : QUARVEL_MODE_BITONAL;
 }
 
 }  // namespace quarvel::scan
