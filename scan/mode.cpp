@@ -6,17 +6,18 @@
 // sheet's paper (never the frame, the scanner bed or a book's edge round
 // it), punch holes left out. Its marks are the pixels 12 % darker than
 // their paper (as for the blank verdict).
-//  - colour (24) when coloured ink makes at least 0.5 % of the marks, 0.1 %
+//  - colour (24) when coloured ink makes at least 0.4 % of the marks, 0.05 %
 //    of the content and 20 mm2 (a stamp, a line of coloured pen, a coloured
-//    rule or figure; fringes of thin black strokes that survive the test
-//    below stay under these shares):
-//    each pixel is divided by the paper colour (the median of the content's
-//    brighter half), so yellowed or tinted paper is white; a pixel is
-//    coloured when its balanced saturation (max - min) / max is at least
-//    0.3, it is not near black, no near-black or neutral dark pixel touches it (the
-//    colour fringes of black strokes in misregistered scans lie next to
-//    them), and (on tinted paper) its hue is more than 20 degrees from the
-//    paper's, since stains, ageing and shading take the paper's hue.
+//    rule or figure): each pixel is divided by the paper colour (the median
+//    of the content's brighter half), so yellowed or tinted paper is white;
+//    a pixel is coloured when its balanced saturation (max - min) / max is
+//    at least 0.3, it is not near black, no near-black or neutral dark
+//    pixel touches it, the mean of its 3 x 3 neighbourhood keeps a
+//    saturation of 0.12 (misregistered channels colour the two sides of a
+//    black stroke in opposite hues, which cancel there, while coloured ink
+//    only pales with the paper round it), and (on tinted paper) its hue is
+//    more than 20 degrees from the paper's, since stains, ageing and shading
+//    take the paper's hue.
 //  - gray (8) when photos or halftones cover at least 2 % of the content:
 //    mid-tone pixels (20 % to 70 % of the typical paper level, the paper
 //    being the brightest level over 60 mm) whose 3 x 3 neighbourhood is flat
@@ -37,9 +38,10 @@ namespace quarvel::scan {
 namespace {
 
 constexpr double kMinSaturation = 0.3;
+constexpr float kMinSaturationAround = 0.12f;  // of the 3 x 3 mean round a coloured pixel
 constexpr double kMinColourMm2 = 20.0;
-constexpr double kMinColourOfMarks = 0.005;
-constexpr double kMinColourOfContent = 0.001;
+constexpr double kMinColourOfMarks = 0.004;
+constexpr double kMinColourOfContent = 0.0005;
 constexpr int kMarkPercent = 88;            // marks: darker than 88 % of their paper
 constexpr int kNeutralDarkPercent = 60;     // stroke pixels that fringe: darker than 60 % and neutral,
 constexpr int kBlackPercent = 25;           // or darker than 25 % whatever their colour
@@ -223,13 +225,21 @@ int JudgeContentMode(const ScanPage &page, const Analysis &analysis) {
         // Colour fringes of black strokes lie next to them; coloured ink (a
         // stamp over text included) mostly does not.
         cv::dilate(neutralDark, neutralDark, cv::Mat());
+        // Misregistered channels colour the two sides of a neutral stroke in
+        // opposite hues, which cancel in the mean round it; coloured ink keeps
+        // its hue there, paler by the paper it is mixed with.
+        cv::Mat around;
+        cv::blur(c, around, cv::Size(3, 3));
         double coloured = 0;
         for (int y = box.y; y < box.y + box.height; ++y) {
-            const cv::Vec3b *p = c.ptr<cv::Vec3b>(y);
+            const cv::Vec3b *p = c.ptr<cv::Vec3b>(y), *a = around.ptr<cv::Vec3b>(y);
             const std::uint8_t *uy = use.ptr<std::uint8_t>(y), *ny = neutralDark.ptr<std::uint8_t>(y);
             const float *vy = value.ptr<float>(y), *sy = sat.ptr<float>(y);
             for (int x = box.x; x < box.x + box.width; ++x) {
                 if (!uy[x] || ny[x] || vy[x] < 0.25f || sy[x] < kMinSaturation) continue;  // near black: noise
+                const float ab = a[x][0] * inv[0], ag = a[x][1] * inv[1], ar = a[x][2] * inv[2];
+                const float ahi = std::max({ab, ag, ar}), alo = std::min({ab, ag, ar});
+                if (ahi <= 0 || (ahi - alo) < kMinSaturationAround * ahi) continue;
                 const float hue = Hue(p[x][0] * inv[0], p[x][1] * inv[1], p[x][2] * inv[2]);
                 if (tinted && HueDistance(hue, paperHue) < kPaperHueDegrees) continue;
                 ++coloured;
