@@ -83,7 +83,9 @@ void PrepareReduced(ScanPage *p, const cv::Mat &image, bool bottomUp) {
     p->reduction = f;
     // The coarse page, about kCoarseDpi: from the reduced page when its
     // factor is a whole number of reduced pixels, else from the page again.
-    const int F = std::max(1, static_cast<int>(std::lround(PaperDpi(*p) / kCoarseDpi)));
+    // (Never coarser than the page's short side: a tiny fragment keeps a pixel.)
+    const int F = std::clamp(static_cast<int>(std::lround(PaperDpi(*p) / kCoarseDpi)), 1,
+                             std::max(1, std::min(p->width, p->height)));
     p->coarseReduction = F;
     if (image.channels() == 1) {
         p->reduced = Reduce(image, f, bottomUp);

@@ -73,11 +73,16 @@ void DrawText(cv::Mat *page, cv::Scalar ink, int top = Mm(30), int lines = 30) {
 
 // The analysis reads 8-bit gray ramps and 24/32-bit rows in place; the full
 // decode gives the same reduced and coarse pages (coarse from the reduced
-// page at 150 and 300 dpi, from the page at 225), partial blocks at the right
-// and bottom included, and the caller's block is kept.
+// page at 150 and 300 dpi, from the page at 225; a fragment smaller than a
+// 75-dpi pixel keeps one), partial blocks at the right and bottom included,
+// and the caller's block is kept.
 TEST(ScanPage, InPlaceReadingMatchesTheFullDecode) {
+    struct Case {
+        int w, dpi, reduction, coarse;
+    };
     for (const int bits : {8, 24, 32})
-        for (const auto [w, dpi] : {std::pair{901, 150}, {1601, 300}, {1601, 225}}) {
+        for (const auto [w, dpi, reduction, coarse] :
+             {Case{901, 150, 1, 2}, Case{1601, 300, 2, 4}, Case{1601, 225, 2, 3}, Case{7, 1200, 1, 7}}) {
             SCOPED_TRACE(std::to_string(bits) + " bits, " + std::to_string(dpi) + " dpi");
             const qtest::Block page = qtest::MakePageWith(qtest::Shape(w, w * 10 / 7, bits), [](int x, int y, int c) {
                 return (x * 7 + y * 13 + c * 50 + (x / 40 + y / 30) % 2 * 120) & 255;
@@ -87,8 +92,8 @@ TEST(ScanPage, InPlaceReadingMatchesTheFullDecode) {
             ASSERT_TRUE(LoadScanPage(page.get(), dpi, &quick, kReadReduced));
             ASSERT_TRUE(LoadScanPage(page.get(), dpi, &full, kReadBoth));
             EXPECT_TRUE(quick.gray.empty());
-            EXPECT_EQ(quick.reduction, w / 800);
-            EXPECT_EQ(quick.coarseReduction, dpi / 75);
+            EXPECT_EQ(quick.reduction, reduction);
+            EXPECT_EQ(quick.coarseReduction, coarse);
             for (const auto &[a, b] : {std::pair{quick.reduced, full.reduced}, {quick.ink, full.ink},
                                        {quick.coarse, full.coarse}, {quick.coarseColor, full.coarseColor}})
                 EXPECT_TRUE(a.size() == b.size() && (a.empty() || cv::norm(a, b, cv::NORM_INF) == 0));
