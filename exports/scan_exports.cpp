@@ -32,7 +32,7 @@ int QUARVEL_CALL QuarvelAnalyzePage(HGLOBAL page, const QuarvelScanOptions *opti
     return Guarded<int>(0, [&] {
         const QuarvelScanOptions o = scan::ResolveOptions(options);
         scan::ScanPage p;
-        if (!scan::LoadScanPage(page, o.dpi, &p)) return 0;
+        if (!scan::LoadScanPage(page, o.dpi, &p, scan::kReadReduced)) return 0;
         scan::FillReport(p, scan::AnalyzePage(p, o), report);
         return 1;
     });
@@ -55,7 +55,7 @@ HGLOBAL QUARVEL_CALL QuarvelBinarizePage(HGLOBAL page, const QuarvelScanOptions 
     return Guarded<HGLOBAL>(nullptr, [&]() -> HGLOBAL {
         const QuarvelScanOptions o = scan::ResolveOptions(options);
         scan::ScanPage p;
-        if (!scan::LoadScanPage(page, o.dpi, &p)) return nullptr;
+        if (!scan::LoadScanPage(page, o.dpi, &p, scan::kReadWhole)) return nullptr;
         return scan::MakeBitonalPage(scan::Binarize(p.gray, o.binarize_method, o.binarize_window, o.binarize_k, p.dpi), p);
     });
 }

@@ -1,9 +1,7 @@
 // Blank pages: the ink that counts as content, and the verdict.
 //
-// The page is read at about 75 dpi (the 2 x 2 pixels at the centre of each
-// block, which keep a thin faint stroke's contrast where averaging would
-// wash it out) and divided by its local paper level
-// (scan/paper.h), so shading, tinted paper and a dark scanner frame (which
+// The coarse page (about 75 dpi, scan/page.h) is divided by its local paper
+// level (scan/paper.h), so shading, tinted paper and a dark scanner frame (which
 // becomes its own "paper") drop out. Ink is anything 12 % darker than its
 // paper: faint print stays ink, paper grain and most bleed-through do not.
 // Ink blobs then count as content unless they are
@@ -29,7 +27,6 @@
 namespace quarvel::scan {
 namespace {
 
-constexpr double kWorkDpi = 75.0;
 constexpr int kInkPercent = 88;  // ink: darker than 88 % of its paper
 constexpr double kEdgeBandMm = 3.0;
 constexpr double kMinSpeckMm = 0.35;
@@ -41,12 +38,11 @@ constexpr double kBlankInk = 0.0003;
 
 Blank JudgeBlank(const ScanPage &page, const Analysis &analysis) {
     Blank b;
-    if (page.gray.empty()) return b;
-    const int dpi = PaperDpi(page);
-    const int f = std::max(1, static_cast<int>(std::lround(dpi / kWorkDpi)));
-    const cv::Mat g = ShrinkSparse(page.gray, f);
-    const double mm = dpi / 25.4 / f;
-    const cv::Mat paper = PaperLevel(g, std::max(2, static_cast<int>(mm)), static_cast<int>(6 * mm));
+    if (page.coarse.empty()) return b;
+    const int f = page.coarseReduction;
+    const cv::Mat &g = page.coarse;
+    const double mm = PaperDpi(page) / 25.4 / f;
+    const cv::Mat &paper = page.coarsePaper;
     cv::Rect sheet = ShrinkRect(
         analysis.sheet.box.area() > 0 ? analysis.sheet.box : cv::Rect(0, 0, page.width, page.height), f, g.size());
     if (analysis.sheet.sides == 0) sheet = PaperBox(g, sheet);

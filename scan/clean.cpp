@@ -15,6 +15,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "scan/paper.h"
 #include "scan/scan.h"
 
 namespace quarvel::scan {
@@ -85,17 +86,20 @@ HGLOBAL CleanPage(const ScanPage &page, const QuarvelScanOptions &options, Analy
     const Analysis &a = *analysis;
     const unsigned steps = options.steps;
     cv::Mat image = page.colorSource ? page.color.clone() : page.gray.clone();
+    // Speck sizes and windows in millimetres need a resolution that fits the
+    // sheet, not a placeholder 72 or 96 dpi header.
+    const int dpi = PaperDpi(page);
 
     if (steps & QUARVEL_CLEAN_HOLES) FillHoles(a.holes, &image);
     if ((steps & QUARVEL_CLEAN_DESPECKLE) && !(steps & QUARVEL_CLEAN_BINARIZE) && options.speck_size >= 0) {
         if (image.channels() == 1) {
-            Despeckle(&image, options.speck_size, page.dpi);
+            Despeckle(&image, options.speck_size, dpi);
         } else {
             // Specks found on gray; the colour pixels they covered take the new gray.
             cv::Mat gray, before;
             cv::cvtColor(image, gray, cv::COLOR_BGR2GRAY);
             before = gray.clone();
-            Despeckle(&gray, options.speck_size, page.dpi);
+            Despeckle(&gray, options.speck_size, dpi);
             cv::Mat changed = gray != before, grayBgr;
             cv::cvtColor(gray, grayBgr, cv::COLOR_GRAY2BGR);
             grayBgr.copyTo(image, changed);
@@ -197,8 +201,8 @@ HGLOBAL CleanPage(const ScanPage &page, const QuarvelScanOptions &options, Analy
     if (steps & QUARVEL_CLEAN_BINARIZE) {
         cv::Mat gray = out;
         if (out.channels() == 3) cv::cvtColor(out, gray, cv::COLOR_BGR2GRAY);
-        cv::Mat bin = Binarize(gray, options.binarize_method, options.binarize_window, options.binarize_k, page.dpi);
-        if ((steps & QUARVEL_CLEAN_DESPECKLE) && options.speck_size >= 0) Despeckle(&bin, options.speck_size, page.dpi);
+        cv::Mat bin = Binarize(gray, options.binarize_method, options.binarize_window, options.binarize_k, dpi);
+        if ((steps & QUARVEL_CLEAN_DESPECKLE) && options.speck_size >= 0) Despeckle(&bin, options.speck_size, dpi);
         return MakeBitonalPage(bin, page);
     }
     return MakePageLike(out, page);

@@ -13,6 +13,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "scan/paper.h"
 #include "scan/scan.h"
 
 namespace quarvel::scan {
@@ -44,8 +45,8 @@ bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hol
         ink &= paper;
     }
 
-    cv::Mat labels, stats, centroids;
-    const int n = cv::connectedComponentsWithStats(ink, labels, stats, centroids, 8, CV_32S);
+    cv::Mat labels, stats;
+    const int n = LabelBlobs(ink, &labels, &stats);
     const double toRed = 1.0 / f;
     const int speck = std::max(1, static_cast<int>(std::lround(kSpeckMm * page.dpi / 25.4 * toRed)));
     const int neighbour = std::max(1, static_cast<int>(std::lround(kNeighbourMm * page.dpi / 25.4 * toRed)));
@@ -57,7 +58,7 @@ bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hol
     for (int i = 1; i < n; ++i) {
         const int x = stats.at<int>(i, cv::CC_STAT_LEFT), y = stats.at<int>(i, cv::CC_STAT_TOP);
         const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);
-        const double cx = (area.x + centroids.at<double>(i, 0) + 0.5) * f, cy = (area.y + centroids.at<double>(i, 1) + 0.5) * f;
+        const double cx = (area.x + x + w / 2.0) * f, cy = (area.y + y + h / 2.0) * f;
         bool inHole = false;
         for (const Hole &hole : holes) inHole = inHole || std::hypot(cx - hole.cx, cy - hole.cy) <= hole.r * 1.2;
         if (inHole) continue;

@@ -1,7 +1,7 @@
 // Punch holes: finding them near the sheet's edges, and filling them with
 // the paper round them.
 //
-// Holes are looked for at about 75 dpi in a band 30 mm wide inside each edge
+// Holes are looked for on the coarse page (about 75 dpi) in a band 30 mm wide inside each edge
 // of the sheet. Every pixel is compared with the paper of its neighbourhood
 // (the per-channel median of cells 20 mm long along the band), so a hole
 // shows whether it is darker (a dark lid, shadowed stacked sheets) or
@@ -33,7 +33,6 @@
 namespace quarvel::scan {
 namespace {
 
-constexpr double kWorkDpi = 75.0;
 constexpr double kBandMm = 30.0;
 constexpr double kCellMm = 20.0;
 constexpr double kMinDiameterMm = 4.0, kMaxDiameterMm = 11.0;
@@ -119,23 +118,15 @@ double RingCover(const cv::Mat &mask, double cx, double cy, double r0, double r1
 }  // namespace
 
 std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet) {
-    if (page.gray.empty()) return {};
-    const int dpi = PaperDpi(page);
-    const int f = std::max(1, static_cast<int>(std::lround(dpi / kWorkDpi)));
-    const cv::Mat &source = page.colorSource ? page.color : page.gray;
-    cv::Mat image(source.rows / f, source.cols / f, source.type(), cv::Scalar::all(0));
-    const double mm = dpi / 25.4 / f;  // reduced pixels per millimetre
+    const cv::Mat &image = page.coarseColor.empty() ? page.coarse : page.coarseColor;
+    const int f = page.coarseReduction;
+    const double mm = PaperDpi(page) / 25.4 / f;  // coarse pixels per millimetre
     const double minD = kMinDiameterMm * mm, maxD = kMaxDiameterMm * mm;
     if (minD < 4 || image.empty()) return {};  // too coarse to tell a hole from a blot
     cv::Rect box =
         ShrinkRect(sheet.box.area() > 0 ? sheet.box : cv::Rect(0, 0, page.width, page.height), f, image.size());
-    if (sheet.sides == 0) {
-        // No frame found: cut dark background off the sides ourselves, on a
-        // coarser view of the page.
-        const cv::Rect coarse =
-            PaperBox(ShrinkSparse(page.gray, 2 * f), ShrinkRect(box, 2, cv::Size(image.cols / 2, image.rows / 2)));
-        box &= cv::Rect(coarse.x * 2, coarse.y * 2, coarse.width * 2, coarse.height * 2);
-    }
+    // No frame found: cut dark background off the sides ourselves.
+    if (sheet.sides == 0) box = PaperBox(page.coarse, box);
     const int band = std::min(static_cast<int>(kBandMm * mm), std::min(box.width, box.height) / 2);
     if (band < maxD) return {};
 
@@ -146,11 +137,6 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet) {
                                            cv::Rect(box.x, box.y, box.width, band),
                                            cv::Rect(box.x + box.width - band, box.y, band, box.height),
                                            cv::Rect(box.x, box.y + box.height - band, box.width, band)};
-    // Only the bands are read from the page.
-    for (const cv::Rect &b : bands) {
-        const cv::Rect full(b.x * f, b.y * f, b.width * f, b.height * f);
-        ShrinkSparse(source(full), f).copyTo(image(b));
-    }
     for (const cv::Rect &b : bands) PaperDifference(image, b, cell, &diff);
     cv::Mat raw = diff > kMinDifference;
     cv::Mat mask;

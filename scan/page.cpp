@@ -16,6 +16,7 @@
 
 #include "frame/dib.h"
 #include "frame/kernels.h"
+#include "scan/paper.h"
 
 namespace quarvel::scan {
 namespace {
@@ -47,7 +48,89 @@ int HeaderDpi(const BITMAPINFOHEADER *h) {
 
 }  // namespace
 
-bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page) {
+namespace {
+
+// Block means of an image by `f` (the last partial blocks dropped), as a
+// top-down image: `bottomUp` images are read from the rows the top of the
+// page is stored in and turned over, which costs a pass over the small
+// result only. Integer factors make cv::resize's area mode exact block means.
+cv::Mat Reduce(const cv::Mat &image, int f, bool bottomUp) {
+    const int rw = image.cols / f, rh = image.rows / f;
+    const cv::Mat top = image(cv::Rect(0, bottomUp ? image.rows - rh * f : 0, rw * f, rh * f));
+    cv::Mat out;
+    if (f == 1) {
+        if (!bottomUp) return top;
+        cv::flip(top, out, 0);
+        return out;
+    }
+    cv::resize(top, out, cv::Size(rw, rh), 0, 0, cv::INTER_AREA);
+    if (bottomUp) cv::flip(out, out, 0);
+    return out;
+}
+
+// Fills the reduced and coarse pages from the whole page in gray (CV_8UC1)
+// or colour (CV_8UC3 BGR, CV_8UC4 BGRA). Colour is reduced first and turned
+// to gray after, so the whole page is read once whichever way it came.
+void PrepareReduced(ScanPage *p, const cv::Mat &image, bool bottomUp) {
+    // About kReducedDpi, but never below 1000 pixels on the long side, so a
+    // small fragment tagged with a high resolution keeps its text lines,
+    // and never above kReducedMaxSide, so a large page tagged with a low
+    // resolution (or none) does not run the analyses at full size.
+    const int longSide = std::max(p->width, p->height);
+    int f = std::max(1, static_cast<int>(std::lround(p->dpi / static_cast<double>(kReducedDpi))));
+    f = std::min(f, std::max(1, longSide / kReducedMinSide));
+    f = std::max(f, (longSide + kReducedMaxSide - 1) / kReducedMaxSide);
+    p->reduction = f;
+    // The coarse page, about kCoarseDpi: from the reduced page when its
+    // factor is a whole number of reduced pixels, else from the page again.
+    // (Never coarser than the page's short side: a tiny fragment keeps a pixel.)
+    const int F = std::clamp(static_cast<int>(std::lround(PaperDpi(*p) / kCoarseDpi)), 1,
+                             std::max(1, std::min(p->width, p->height)));
+    p->coarseReduction = F;
+    if (image.channels() == 1) {
+        p->reduced = Reduce(image, f, bottomUp);
+        p->coarse = F % f == 0 ? Reduce(p->reduced, F / f, false) : Reduce(image, F, bottomUp);
+    } else {
+        const int bgr = image.channels() == 4 ? cv::COLOR_BGRA2BGR : -1;
+        cv::Mat colour = Reduce(image, f, bottomUp);
+        if (bgr >= 0) cv::cvtColor(colour, colour, bgr);
+        cv::cvtColor(colour, p->reduced, cv::COLOR_BGR2GRAY);
+        if (F % f == 0) {
+            p->coarseColor = Reduce(colour, F / f, false);
+        } else {
+            p->coarseColor = Reduce(image, F, bottomUp);
+            if (bgr >= 0) cv::cvtColor(p->coarseColor, p->coarseColor, bgr);
+        }
+        cv::cvtColor(p->coarseColor, p->coarse, cv::COLOR_BGR2GRAY);
+    }
+    const double mm = PaperDpi(*p) / 25.4 / p->coarseReduction;
+    p->coarsePaper = PaperLevel(p->coarse, std::max(2, static_cast<int>(mm)), static_cast<int>(6 * mm));
+    const int rw = p->reduced.cols, rh = p->reduced.rows;
+
+    // Paper level round each pixel: the brightest of ~7 mm cells, smoothed,
+    // so shading, tinted paper and the inside of dark areas read as their
+    // own background and only marks darker than their surroundings are ink.
+    constexpr int kCell = 8;
+    cv::Mat cells, paper;
+    const int cw = std::max(1, rw / kCell), ch = std::max(1, rh / kCell);
+    cv::resize(p->reduced(cv::Rect(0, 0, std::min(rw, cw * kCell), std::min(rh, ch * kCell))), cells, cv::Size(cw, ch), 0,
+               0, cv::INTER_AREA);
+    cv::dilate(cells, cells, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(5, 5)));
+    cv::blur(cells, cells, cv::Size(3, 3));
+    cv::resize(cells, paper, cv::Size(rw, rh), 0, 0, cv::INTER_LINEAR);
+    cv::Mat flat;
+    cv::divide(p->reduced, cv::max(paper, 1), flat, 255.0);
+    // One threshold on the flattened page, between the paper and the ink
+    // peaks, kept where marks are clearly darker than the paper (at least
+    // 18 % darker, at most 57 %: a page of near-black paper has no ink).
+    const double otsu = cv::threshold(flat, p->ink, 0, 255, cv::THRESH_BINARY_INV | cv::THRESH_OTSU);
+    const double t = std::clamp(otsu, 110.0, 210.0);
+    cv::threshold(flat, p->ink, t, 255, cv::THRESH_BINARY_INV);
+}
+
+}  // namespace
+
+bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page, ScanRead read) {
     LockedDib in(h, kAllDepths);
     if (!in.ok()) return false;
     const int w = in.width();
@@ -93,14 +176,23 @@ bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page) {
     p.colorSource = bits >= 16 || colourTable;
     p.bitonalSource = bits == 1 || (bits <= 8 && entries == 2 && !colourTable);
 
+    bool identity = bits == 8 && !colourTable;
+    for (int i = 0; identity && i < 256; ++i) identity = palGray[i] == i;
+    // Gray ramps and 24/32-bit rows are what the analyses read in place:
+    // the block's rows as a bottom-up image, no copy.
+    if (read == kReadReduced && (identity || bits == 24 || bits == 32)) {
+        const int type = bits == 8 ? CV_8UC1 : bits == 24 ? CV_8UC3 : CV_8UC4;
+        PrepareReduced(&p, cv::Mat(ht, w, type, in.row(0), static_cast<std::size_t>(in.stride())), true);
+        *page = std::move(p);
+        return true;
+    }
+
     p.gray.create(ht, w, CV_8UC1);
     if (p.colorSource) p.color.create(ht, w, CV_8UC3);
 
     // Each depth in its own loop so the common ones run as plain copies:
     // 8-bit gray ramps and 24-bit rows are copied as they are, colour rows
     // go to gray in one OpenCV conversion of the whole page.
-    bool identity = bits == 8 && !colourTable;
-    for (int i = 0; identity && i < 256; ++i) identity = palGray[i] == i;
     if (bits == 1) {
         std::uint8_t spread[256][8];
         for (int v = 0; v < 256; ++v)
@@ -162,47 +254,13 @@ bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page) {
             }
         }
     }
-    PrepareReduced(&p);
+    if (read & kReadReduced) PrepareReduced(&p);
+    if (!(read & kReadWhole)) p.gray = p.color = cv::Mat();
     *page = std::move(p);
     return true;
 }
 
-void PrepareReduced(ScanPage *p) {
-    // About kReducedDpi, but never below 1000 pixels on the long side, so a
-    // small fragment tagged with a high resolution keeps its text lines,
-    // and never above kReducedMaxSide, so a large page tagged with a low
-    // resolution (or none) does not run the analyses at full size.
-    const int longSide = std::max(p->width, p->height);
-    int f = std::max(1, static_cast<int>(std::lround(p->dpi / static_cast<double>(kReducedDpi))));
-    f = std::min(f, std::max(1, longSide / kReducedMinSide));
-    f = std::max(f, (longSide + kReducedMaxSide - 1) / kReducedMaxSide);
-    p->reduction = f;
-    const int rw = p->width / f, rh = p->height / f;
-    if (f == 1)
-        p->reduced = p->gray;
-    else
-        cv::resize(p->gray(cv::Rect(0, 0, rw * f, rh * f)), p->reduced, cv::Size(rw, rh), 0, 0, cv::INTER_AREA);
-
-    // Paper level round each pixel: the brightest of ~7 mm cells, smoothed,
-    // so shading, tinted paper and the inside of dark areas read as their
-    // own background and only marks darker than their surroundings are ink.
-    constexpr int kCell = 8;
-    cv::Mat cells, paper;
-    const int cw = std::max(1, rw / kCell), ch = std::max(1, rh / kCell);
-    cv::resize(p->reduced(cv::Rect(0, 0, std::min(rw, cw * kCell), std::min(rh, ch * kCell))), cells, cv::Size(cw, ch), 0,
-               0, cv::INTER_AREA);
-    cv::dilate(cells, cells, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(5, 5)));
-    cv::blur(cells, cells, cv::Size(3, 3));
-    cv::resize(cells, paper, cv::Size(rw, rh), 0, 0, cv::INTER_LINEAR);
-    cv::Mat flat;
-    cv::divide(p->reduced, cv::max(paper, 1), flat, 255.0);
-    // One threshold on the flattened page, between the paper and the ink
-    // peaks, kept where marks are clearly darker than the paper (at least
-    // 18 % darker, at most 57 %: a page of near-black paper has no ink).
-    const double otsu = cv::threshold(flat, p->ink, 0, 255, cv::THRESH_BINARY_INV | cv::THRESH_OTSU);
-    const double t = std::clamp(otsu, 110.0, 210.0);
-    cv::threshold(flat, p->ink, t, 255, cv::THRESH_BINARY_INV);
-}
+void PrepareReduced(ScanPage *p) { PrepareReduced(p, p->colorSource ? p->color : p->gray, false); }
 
 QuarvelScanOptions ResolveOptions(const QuarvelScanOptions *options) {
     QuarvelScanOptions o{};

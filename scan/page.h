@@ -1,5 +1,7 @@
-// The page as the real-scan layer sees it: decoded once, top row first, in
-// gray (palette applied, 255 = white) and, for colour pages, in BGR; plus the
+// The page as the real-scan layer sees it: read once, top row first, as two
+// reduced pages every analysis shares (gray at about 150 dpi with its ink,
+// and gray plus colour at about 75 dpi), and, when cleaning needs them, the
+// whole page in gray (palette applied, 255 = white) and BGR; plus the
 // resolution the analyses size their windows by. And the way back: a result
 // block from a top-down image.
 #pragma once
@@ -24,8 +26,10 @@ struct ScanPage {
     bool bitonalSource = false; // 1-bit page, or a palette of two entries
     int dpi = 0;             // the option's, the page's own, or estimated from the size
     bool dpiKnown = false;   // the option or the page gave it
-    cv::Mat gray;            // CV_8UC1, row 0 = top as displayed, 255 = white paper
-    cv::Mat color;           // CV_8UC3 BGR, row 0 = top; empty unless colorSource
+    // Whole page (only when read with kReadWhole): CV_8UC1, row 0 = top as
+    // displayed, 255 = white paper; CV_8UC3 BGR, empty unless colorSource.
+    cv::Mat gray;
+    cv::Mat color;
     double xPelsPerMeter = 0, yPelsPerMeter = 0; // as stored, carried to results
 
     // Computed once for every analysis: the page reduced by `reduction`
@@ -37,20 +41,40 @@ struct ScanPage {
     int reduction = 1;
     cv::Mat reduced;         // CV_8UC1
     cv::Mat ink;             // CV_8UC1, 0 or 255
+    // The coarse page for judgements over areas (holes, blank, mode): block
+    // means at about kCoarseDpi of the sheet's resolution (PaperDpi),
+    // `coarseReduction` page pixels per pixel (made from the reduced page
+    // when that is a whole number of its pixels); coarseColor (BGR) only for colour sources; coarsePaper the
+    // paper level round each coarse pixel (PaperLevel over 1 mm cells and
+    // a 6 mm window, wider than any stroke).
+    int coarseReduction = 1;
+    cv::Mat coarse;          // CV_8UC1
+    cv::Mat coarseColor;     // CV_8UC3 or empty
+    cv::Mat coarsePaper;     // CV_8UC1
 };
 
 // The resolution the analyses work at.
 constexpr int kReducedDpi = 150;
 constexpr int kReducedMinSide = 1000;
 constexpr int kReducedMaxSide = 2400;
+constexpr double kCoarseDpi = 75.0;
 
-// Fills page->reduction, reduced and ink from page->gray.
+// Fills reduction, reduced, ink and the coarse pages from page->color
+// (colour sources) or page->gray.
 void PrepareReduced(ScanPage *page);
+
+// What LoadScanPage makes: the reduced and coarse pages every analysis
+// reads, the whole page (gray, and color for colour sources) that cleaning
+// and binarisation change, or both.
+enum ScanRead : unsigned { kReadReduced = 1, kReadWhole = 2, kReadBoth = 3 };
 
 // Reads a page block; false (and nothing set) when it cannot be read: bad
 // handle, short block, compressed rows, a depth outside 1/4/8/16/24/32, no
 // pixels, or more than kMaxScanPixels. `dpiOverride` > 0 replaces the page's.
-bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page);
+// The reduced pages alone are made without a whole-page copy for gray
+// ramps and 24/32-bit pages (reduced straight from the block's rows); both
+// routes give the same reduced pages.
+bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page, ScanRead read = kReadBoth);
 
 // The options with every default filled in, whatever the caller's record size
 // (`options` may be null).

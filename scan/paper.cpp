@@ -18,65 +18,6 @@ int PaperDpi(const ScanPage &page) {
     return std::clamp(static_cast<int>(std::lround(longSide / 11.5)), 50, 1200);
 }
 
-cv::Mat Shrink(const cv::Mat &image, int factor) {
-    if (factor <= 1 || image.cols < factor || image.rows < factor || factor > 16) return image;
-    // Block means; the last partial blocks are dropped. Rows of a block are
-    // summed into 16-bit column totals (a loop the compiler vectorises),
-    // then each block's columns are added.
-    const int ch = image.channels();
-    const int w = image.cols / factor, h = image.rows / factor;
-    cv::Mat out(h, w, image.type());
-    std::vector<std::uint16_t> acc(static_cast<std::size_t>(w) * factor * ch);
-    const int n = w * factor * ch;
-    const int area = factor * factor, half = area / 2;
-    for (int y = 0; y < h; ++y) {
-        std::fill(acc.begin(), acc.end(), 0);
-        for (int k = 0; k < factor; ++k) {
-            const std::uint8_t *p = image.ptr<std::uint8_t>(y * factor + k);
-            std::uint16_t *a = acc.data();
-            for (int i = 0; i < n; ++i) a[i] = static_cast<std::uint16_t>(a[i] + p[i]);
-        }
-        std::uint8_t *o = out.ptr<std::uint8_t>(y);
-        for (int x = 0; x < w; ++x)
-            for (int c = 0; c < ch; ++c) {
-                int sum = 0;
-                const std::uint16_t *a = acc.data() + x * factor * ch + c;
-                for (int k = 0; k < factor; ++k) sum += a[k * ch];
-                o[x * ch + c] = static_cast<std::uint8_t>((sum + half) / area);
-            }
-    }
-    return out;
-}
-
-namespace {
-
-template <int Ch>
-void SparseRows(const cv::Mat &image, int factor, cv::Mat *out) {
-    const int at = factor / 2 - 1;
-    const int step = factor * Ch;
-    for (int y = 0; y < out->rows; ++y) {
-        const std::uint8_t *p0 = image.ptr<std::uint8_t>(y * factor + at) + at * Ch;
-        const std::uint8_t *p1 = image.ptr<std::uint8_t>(y * factor + at + 1) + at * Ch;
-        std::uint8_t *o = out->ptr<std::uint8_t>(y);
-        for (int x = 0; x < out->cols; ++x, p0 += step, p1 += step, o += Ch)
-            for (int c = 0; c < Ch; ++c)
-                o[c] = static_cast<std::uint8_t>((p0[c] + p0[c + Ch] + p1[c] + p1[c + Ch] + 2) >> 2);
-    }
-}
-
-}  // namespace
-
-cv::Mat ShrinkSparse(const cv::Mat &image, int factor) {
-    if (factor <= 2 || image.cols < factor || image.rows < factor) return Shrink(image, factor);
-    cv::Mat out(image.rows / factor, image.cols / factor, image.type());
-    if (image.channels() == 3) {
-        SparseRows<3>(image, factor, &out);
-    } else {
-        SparseRows<1>(image, factor, &out);
-    }
-    return out;
-}
-
 cv::Mat CellMax(const cv::Mat &gray, int cell) {
     cell = std::max(1, cell);
     const int gw = (gray.cols + cell - 1) / cell, gh = (gray.rows + cell - 1) / cell;

@@ -1,6 +1,6 @@
 // Helpers the content analyses share: a resolution that can be trusted for
-// physical sizes, images shrunk to a working resolution, and the local paper
-// level of a gray image.
+// physical sizes, the local paper level of a gray image, blobs, and the
+// sheet's paper box on a coarse page.
 #pragma once
 
 #include <opencv2/core.hpp>
@@ -13,8 +13,6 @@ namespace quarvel::scan {
 // estimated from the size: headers often say 72 or 96 dpi for a 300-dpi
 // scan, which would make a letter-size sheet 30 inches tall.
 int PaperDpi(const ScanPage &page);
-// The image shrunk by an integer factor (area mean); the image itself for 1.
-cv::Mat Shrink(const cv::Mat &image, int factor);
 // The brightest value of every cell x cell block (partial blocks at the
 // right and bottom included), CV_8U.
 cv::Mat CellMax(const cv::Mat &gray, int cell);
@@ -22,10 +20,6 @@ cv::Mat CellMax(const cv::Mat &gray, int cell);
 // cells of `cell` pixels, spread by a dilation and a box mean over `window`
 // pixels (wider than any stroke). Same size as `gray`, CV_8U.
 cv::Mat PaperLevel(const cv::Mat &gray, int cell, int window);
-// A quicker shrink for judgements that need no thin strokes: the mean of the
-// 2 x 2 pixels at the centre of each block, reading a quarter of the page at
-// factor 4.
-cv::Mat ShrinkSparse(const cv::Mat &image, int factor);
 // 8-connected blobs of a mask: labels (CV_32S) and one row per label of
 // left, top, width, height and area in OpenCV's cv::CC_STAT_* order; returns
 // the label count (background included). Labelling without OpenCV's own
