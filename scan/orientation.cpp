@@ -38,6 +38,7 @@
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
+#include "scan/paper.h"
 #include "scan/scan.h"
 
 namespace quarvel::scan {
@@ -138,8 +139,8 @@ Margins MeasureMargins(const cv::Mat &ink, double px) {
     cv::Mat joined;
     cv::dilate(ink, joined,
                cv::getStructuringElement(cv::MORPH_RECT, cv::Size(std::max(3, static_cast<int>(2.5 * px)), 1)));
-    cv::Mat labels, stats, centroids;
-    const int n = cv::connectedComponentsWithStats(joined, labels, stats, centroids, 8, CV_32S);
+    cv::Mat labels, stats;
+    const int n = LabelBlobs(joined, &labels, &stats);
     struct Piece {
         int x0, x1, y0, y1;
     };
@@ -209,8 +210,8 @@ struct Marks {
 
 Marks MeasureMarks(const cv::Mat &ink, const Lines &lines, int strip) {
     Marks out;
-    cv::Mat labels, stats, centroids;
-    const int n = cv::connectedComponentsWithStats(ink, labels, stats, centroids, 8, CV_32S);
+    cv::Mat labels, stats;
+    const int n = LabelBlobs(ink, &labels, &stats);
     // Lines of each strip, in order down the page.
     std::vector<std::vector<const Line *>> byStrip(static_cast<std::size_t>(ink.cols / strip + 1));
     for (const Line &l : lines.found) byStrip[static_cast<std::size_t>(l.x0 / strip)].push_back(&l);
