@@ -1,137 +1,188 @@
-// Fast row kernels against their plain twins, bit for bit, over widths that
-// end mid-block and mid-byte, with guard bytes around each destination row.
+// Fast row kernels against their plain twins, bit for bit: one harness runs
+// every kernel over rows of noise (with edge colours and runs of one value
+// mixed in) at lengths that end mid-block and mid-byte, at odd source
+// offsets, AVX2 on and off, and compares the destination (guard bytes around
+// it included) and the source, which in-place kernels write. Then the image
+// level twins: integer gray, 1-bit and fused rotation, bit spans, filters.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <vector>
 
 #include "frame/bits.h"
+#include "frame/histogram.h"
 #include "frame/ipl.h"
 #include "frame/kernels.h"
+#include "frame/kernels_colour.h"
+#include "frame/kernels_tone.h"
+#include "pixel/pixel.h"
 
 namespace {
 
 namespace k = quarvel::kernels;
+using Bytes = std::vector<std::uint8_t>;
 
-std::vector<std::uint8_t> Noise(std::size_t n, unsigned seed) {
+Bytes Noise(std::size_t n, unsigned seed) {
     std::mt19937 g(seed);
-    std::vector<std::uint8_t> v(n);
+    Bytes v(n);
     for (auto &b : v) b = static_cast<std::uint8_t>(g());
     return v;
 }
 
+// Noise with channels at the colour rules' edges (0, 59, 60, 255, one
+// channel next to another) and runs of one byte, of one pixel and of one
+// B + G + R sum in different colours.
+Bytes Source(std::size_t n, unsigned seed) {
+    Bytes v = Noise(n, seed);
+    std::mt19937 g(seed + 1);
+    const int edges[] = {0, 59, 60, 61, 100, 200, 254, 255};
+    for (std::size_t x = 0; x + 4 < n; x += 9) {
+        v[x + g() % 3] = static_cast<std::uint8_t>(edges[g() % 8]);
+        if (x % 2) v[x + 1] = static_cast<std::uint8_t>(v[x] + static_cast<int>(g() % 5) - 2);
+    }
+    for (std::size_t at = 3; at + 100 < n; at += 190) {
+        std::fill(v.begin() + at, v.begin() + at + (at % 7) * 9, v[at]);
+        for (std::size_t j = 0; j < 12 && at + 100 + 4 * j + 3 < n; ++j)
+            for (std::size_t c = 0; c < 3; ++c) v[at + 50 + 4 * j + c] = static_cast<std::uint8_t>(at % 2 ? 90 + c : 90 + (c + j) % 3);
+    }
+    return v;
+}
+
+struct Args {
+    int n, bpp, a, b;
+    bool plain;
+};
+// Runs the fast (or plain) twin on src and dst; a kernel that returns a
+// value or fills a table stores it at the start of dst.
+using Kernel = std::function<void(const Args &, std::uint8_t *src, std::uint8_t *dst)>;
+struct Twin {
+    const char *name;
+    std::vector<int> bpps, as, bs;
+    Kernel run;
+};
+
+template <typename T>
+void Store(std::uint8_t *dst, const T &v) { std::memcpy(dst, &v, sizeof v); }
+
+std::size_t Bytes4(const Args &c) { return 4 * static_cast<std::size_t>(c.n); }
+
+const std::uint8_t *Table() {
+    static std::uint8_t t[256];
+    for (int i = 0; i < 256; ++i) t[i] = static_cast<std::uint8_t>((i * 37 + 11) ^ (i >> 3));
+    return t;
+}
+
+const k::ToneLine kLines[] = {{0, 127, 65536, 65536}, {-40, 117, 93623, 41000}, {255, 0, 8388607, 0},
+                              {-300, 255, 0, 127 << 16}, {17, 200, 1, 300000}};
+const k::EnhanceRule kRules[] = {
+    {40, 40, 384, true, {{-30, -30, 30}, {30, -30, -30}, {-20, -20, -20}, {20, 20, 20}}},
+    {1, 0, 0, false, {{255, -255, 0}, {0, 0, 0}, {0, 0, 0}, {0, 0, 0}}},
+    {INT_MAX, 256, 766, true, {{9, 9, 9}, {-9, 9, -9}, {-255, -255, -255}, {255, 255, 255}}},
+    {0, 1, LLONG_MIN, true, {{0, 0, 0}, {-255, 7, 200}, {-1, -2, -3}, {3, 2, 1}}},
+    {-5, 120, 128, true, {{0, 0, 0}, {-100, -100, -100}, {-50, 0, 50}, {50, 0, -50}}},
+};
+
+#define TWIN(f, ...) (c.plain ? k::plain::f(__VA_ARGS__) : k::f(__VA_ARGS__))
+
+const std::vector<Twin> kTwins = {
+    {"mirror", {1, 3, 4}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorRow, s, d, c.n, c.bpp); }},
+    {"mirror bits", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBits, s, d, c.n); }},
+    {"lookup", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(LookupRow, s, d, Bytes4(c), Table()); }},
+    {"lookup32", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(LookupRow32, s, d, static_cast<std::size_t>(c.n), Table()); }},
+    {"threshold", {1}, {-5, 0, 1, 128, 255, 256}, {0}, [](auto c, auto s, auto d) { TWIN(ThresholdToBits, s, d, c.n, c.a); }},
+    {"add", {1}, {-300, -255, -17, 0, 40, 254, 255, 1000}, {0, 1},
+     [](auto c, auto s, auto d) { TWIN(AddSaturateRow, s, d, Bytes4(c), c.a, c.b); }},
+    {"subtract", {1}, {0}, {0, 1}, [](auto c, auto s, auto d) { TWIN(SubtractSaturateRow, s, s + 7, d, Bytes4(c), c.b); }},
+    {"and twice", {1}, {0}, {0, 1}, [](auto c, auto s, auto d) { TWIN(AndRowTwice, s, s + 4 * c.n + 32, d, Bytes4(c), c.b); }},
+    {"expand", {1, 3, 4}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(ExpandBitsRow, s, d, c.n, c.bpp, 37, 201); }},
+    {"ones", {1}, {0, 3, 8, 13}, {0, 1, 5, 7, 8, 9, 70, INT_MAX},
+     [](auto c, auto s, auto d) { Store(d, TWIN(CountOnes, s, c.a, std::min(c.b, c.n))); }},
+    {"ink", {3, 4}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(AddInkRow, s, c.n, c.bpp, reinterpret_cast<std::uint32_t *>(d)); }},
+    {"decolour", {3, 4}, {0, 1}, {0, 30}, [](auto c, auto s, auto) { TWIN(DecolourRow, s, c.n, c.bpp, c.a, c.b, c.b / 3, 12); }},
+    {"spread", {3, 4}, {0, 40, 200}, {0, 1, 2, 3, 4},
+     [](auto c, auto s, auto d) { Store(d, TWIN(NextSpread, s, c.b * c.n / 5, c.n, c.bpp, c.a)); }},
+    {"red marks", {3, 4}, {0, 1, 2}, {0},
+     [](auto c, auto s, auto d) {
+         const int diff[] = {40, -300, 300}, level[] = {80, -1, 1000};
+         TWIN(RedMarksRow, d, s, c.n, c.bpp, diff[c.a], level[c.a], c.a == 0);
+     }},
+    {"gray", {3, 4}, {0, 30}, {0, 1}, [](auto c, auto s, auto d) { TWIN(ColourToGrayRow, s, d, c.n, c.bpp, c.a * c.b, c.a / 2); }},
+    {"tone", {1}, {0, 1, 2, 3, 4}, {0, 1}, [](auto c, auto s, auto d) { TWIN(ToneRow, s, d, static_cast<std::size_t>(c.n), kLines[c.a], c.b); }},
+    {"enhance", {3, 4}, {0, 1, 2, 3, 4}, {0, 1, 2, 3},
+     [](auto c, auto s, auto d) {  // b: with a map (the source's second half), in place
+         const std::uint8_t *map = c.b & 1 ? s + 4 * c.n + 32 : nullptr;
+         TWIN(EnhanceRow, c.b & 2 ? d : s, map, d, c.n, c.bpp, kRules[c.a]);
+     }},
+    {"excess map", {3, 4}, {0}, {0}, [](auto c, auto s, auto) { TWIN(ExcessMapRow, s, c.n, c.bpp); }},
+    {"column bytes", {1}, {0, 1}, {0}, [](auto c, auto s, auto d) { TWIN(AddBytesRow, s, c.n, c.a, reinterpret_cast<std::uint16_t *>(d)); }},
+    {"column bits", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(AddBitsRow, s, c.n, 3, 250, reinterpret_cast<std::uint16_t *>(d)); }},
+    {"column ink", {3, 4}, {0}, {0},
+     [](auto c, auto s, auto d) { TWIN(AddColourInkRow, s, c.n, c.bpp, reinterpret_cast<std::uint16_t *>(d)); }},
+    {"sums", {3, 4}, {0}, {0},
+     [](auto c, auto s, auto d) {  // the fast count splits between two tables
+         std::uint32_t sums[2][766] = {};
+         TWIN(CountSumsRow, s, c.n, c.bpp, sums);
+         for (int v = 0; v < 766; ++v) sums[0][v] += sums[1][v];
+         Store(d, sums[0]);
+     }},
+    {"levels", {1}, {0, 1}, {0},
+     [](auto c, auto s, auto d) {
+         std::uint32_t count[256] = {};
+         if (c.plain) {
+             for (int row = 0; row < 3; ++row) k::plain::CountLevels(s + row, c.n, count);
+         } else {
+             k::LevelCounter counter(c.a);
+             for (int row = 0; row < 3; ++row) counter.AddRow(s + row, c.n);
+             counter.AddTo(count);
+         }
+         Store(d, count);
+     }},
+};
+
 TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
-    std::uint8_t table[256];
-    for (int i = 0; i < 256; ++i) table[i] = static_cast<std::uint8_t>((i * 37 + 11) ^ (i >> 3));
-    for (int n : {1, 5, 6, 7, 15, 16, 17, 33, 63, 64, 65, 130, 256, 300, 2480, 2481}) {
-        SCOPED_TRACE(n);
-        const std::vector<std::uint8_t> src = Noise(4 * n + 32, n);
-        for (int bpp : {1, 3, 4}) {
-            for (bool avx2 : {true, false}) {
-                std::vector<std::uint8_t> fast = Noise(4 * n + 32, 7), slow = fast;
-                const bool was = k::UseAvx2(avx2);
-                k::MirrorRow(src.data() + 16, fast.data() + 16, n, bpp);
-                k::UseAvx2(was);
-                k::plain::MirrorRow(src.data() + 16, slow.data() + 16, n, bpp);
-                EXPECT_EQ(fast, slow) << "mirror " << bpp << " avx2 " << avx2;
-            }
-        }
-        std::vector<std::uint8_t> fast = Noise(4 * n + 32, 8), slow = fast;
-        for (bool avx2 : {true, false}) {
-            const bool was = k::UseAvx2(avx2);
-            k::MirrorBits(src.data() + 16, fast.data() + 16, n);
-            k::UseAvx2(was);
-            k::plain::MirrorBits(src.data() + 16, slow.data() + 16, n);
-            EXPECT_EQ(fast, slow) << "bits avx2 " << avx2;
-        }
-        for (bool avx2 : {true, false}) {
-            const bool was = k::UseAvx2(avx2);
-            k::LookupRow(src.data(), fast.data() + 16, static_cast<std::size_t>(n), table);
-            k::plain::LookupRow(src.data(), slow.data() + 16, static_cast<std::size_t>(n), table);
-            EXPECT_EQ(fast, slow) << "lookup avx2 " << avx2;
-            k::LookupRow32(src.data(), fast.data() + 16, static_cast<std::size_t>(n), table);
-            k::plain::LookupRow32(src.data(), slow.data() + 16, static_cast<std::size_t>(n), table);
-            EXPECT_EQ(fast, slow) << "lookup32 avx2 " << avx2;
-            k::UseAvx2(was);
-        }
-        for (int t : {-5, 0, 1, 128, 255, 256}) {
-            k::ThresholdToBits(src.data(), fast.data() + 16, n, t);
-            k::plain::ThresholdToBits(src.data(), slow.data() + 16, n, t);
-            EXPECT_EQ(fast, slow) << "threshold " << t;
-        }
-        for (int value : {-300, -255, -17, 0, 40, 254, 255, 1000}) {
-            for (bool fourth : {false, true}) {
-                k::AddSaturateRow(src.data(), fast.data() + 16, 4 * static_cast<std::size_t>(n), value, fourth);
-                k::plain::AddSaturateRow(src.data(), slow.data() + 16, 4 * static_cast<std::size_t>(n), value, fourth);
-                EXPECT_EQ(fast, slow) << "add " << value << " " << fourth;
-            }
-        }
-        for (bool fourth : {false, true}) {
-            std::vector<std::uint8_t> a1 = src, a2 = src;
-            const std::vector<std::uint8_t> b = Noise(4 * n + 32, 9);
-            k::AndRowTwice(a1.data() + 16, b.data(), fast.data() + 16, 4 * static_cast<std::size_t>(n), fourth);
-            k::plain::AndRowTwice(a2.data() + 16, b.data(), slow.data() + 16, 4 * static_cast<std::size_t>(n), fourth);
-            EXPECT_EQ(fast, slow) << "and " << fourth;
-            EXPECT_EQ(a1, a2) << "and in place " << fourth;
-            k::SubtractSaturateRow(src.data(), b.data(), fast.data() + 16, 4 * static_cast<std::size_t>(n), fourth);
-            k::plain::SubtractSaturateRow(src.data(), b.data(), slow.data() + 16, 4 * static_cast<std::size_t>(n), fourth);
-            EXPECT_EQ(fast, slow) << "subtract " << fourth;
-        }
-        for (int bpp : {1, 3, 4}) {
-            k::ExpandBitsRow(src.data(), fast.data() + 16, n, bpp, 37, 201);
-            k::plain::ExpandBitsRow(src.data(), slow.data() + 16, n, bpp, 37, 201);
-            EXPECT_EQ(fast, slow) << "expand " << bpp;
-        }
-        for (int x : {0, 3, 8, 13}) {
-            for (int count : {0, 1, 5, 7, 8, 9, 70, n}) {
-                if (x + count <= 8 * n) {
-                    EXPECT_EQ(k::CountOnes(src.data(), x, count), k::plain::CountOnes(src.data(), x, count)) << "ones " << x << " " << count;
-                }
-            }
-        }
-        for (int bpp : {3, 4}) {
-            std::vector<std::uint32_t> inkFast(static_cast<std::size_t>(n), 7), inkSlow = inkFast;
-            k::AddInkRow(src.data(), n, bpp, inkFast.data());
-            k::plain::AddInkRow(src.data(), n, bpp, inkSlow.data());
-            EXPECT_EQ(inkFast, inkSlow) << "ink " << bpp;
-        }
-        for (int bpp : {3, 4}) {
-            for (bool keep : {false, true}) {
-                std::vector<std::uint8_t> a1 = src, a2 = src;
-                k::DecolourRow(a1.data() + 16, n, bpp, keep, 30, 0, 12);
-                k::plain::DecolourRow(a2.data() + 16, n, bpp, keep, 30, 0, 12);
-                EXPECT_EQ(a1, a2) << "decolour " << bpp << " " << keep;
-            }
-            for (int spread : {0, 40, 200}) {
-                for (int from = 0; from < n; from += std::max(1, n / 5))
-                    EXPECT_EQ(k::NextSpread(src.data(), from, n, bpp, spread), k::plain::NextSpread(src.data(), from, n, bpp, spread))
-                        << "spread " << bpp << " " << spread << " " << from;
-            }
-            for (const auto &[diff, level] : {std::pair{40, 80}, {-300, -1}, {300, 1000}}) {
-                std::vector<std::uint8_t> a1 = src, a2 = src;
-                k::RedMarksRow(a1.data() + 16, src.data(), n, bpp, diff, level, diff < 100);
-                k::plain::RedMarksRow(a2.data() + 16, src.data(), n, bpp, diff, level, diff < 100);
-                EXPECT_EQ(a1, a2) << "red marks " << bpp << " " << diff;
-            }
-        }
-        for (int bpp : {3, 4}) {
-            for (int delta : {0, 30}) {
-                k::ColourToGrayRow(src.data(), fast.data() + 16, n, bpp, delta, delta / 2);
-                k::plain::ColourToGrayRow(src.data(), slow.data() + 16, n, bpp, delta, delta / 2);
-                EXPECT_EQ(fast, slow) << "gray " << bpp << " " << delta;
-            }
+    for (const Twin &t : kTwins) {
+        for (int n : {1, 5, 7, 8, 13, 15, 16, 17, 31, 32, 33, 63, 64, 65, 100, 130, 256, 300, 2480, 2481}) {
+            const std::size_t size = 8 * static_cast<std::size_t>(n) + 8192;
+            const Bytes src = Source(size, static_cast<unsigned>(n)), dst = Noise(size, 7);
+            for (int bpp : t.bpps)
+                for (int a : t.as)
+                    for (int b : t.bs)
+                        for (bool avx2 : {true, false}) {
+                            Bytes fs = src, fd = dst, ps = src, pd = dst;
+                            const int offset = 16 + n % 3;
+                            const bool was = k::UseAvx2(avx2);
+                            t.run({n, bpp, a, b, false}, fs.data() + offset, fd.data() + 16);
+                            k::UseAvx2(was);
+                            t.run({n, bpp, a, b, true}, ps.data() + offset, pd.data() + 16);
+                            ASSERT_TRUE(fd == pd && fs == ps) << t.name << " n " << n << " bpp " << bpp << " " << a << " " << b << " avx2 " << avx2;
+                        }
         }
     }
 }
 
-TEST(Kernels, MirrorTwiceIsTheIdentity) {
-    const std::vector<std::uint8_t> src = Noise(3 * 77, 3);
-    std::vector<std::uint8_t> once(src.size()), twice(src.size());
-    k::MirrorRow(src.data(), once.data(), 77, 3);
-    k::MirrorRow(once.data(), twice.data(), 77, 3);
-    EXPECT_EQ(twice, src);
-    EXPECT_EQ(once[0], src[3 * 76]);
+// Every contrast table (with and without brightness, the pivot anywhere in
+// 0..255) is a clamped line, except contrast 100, the hard step, which stays
+// a lookup.
+TEST(ToneLine, FitsEveryContrastTableButTheStep) {
+    for (bool both : {false, true}) {
+        for (int b = both ? -520 : 0; b <= (both ? 520 : 0); b += both ? 3 : 1) {
+            for (int c = -100; c <= 100; ++c) {
+                int t[256];
+                if ((both && c == 0) || !quarvel::pixel::ContrastTable(b, c, both, t)) continue;
+                std::uint8_t contrast[256], folded[256];
+                for (int v = 0; v < 256; ++v) contrast[v] = static_cast<std::uint8_t>(t[v]);
+                for (int v = 0; v < 256; ++v) folded[v] = contrast[both ? std::clamp(v + b, 0, 255) : v];
+                k::ToneLine line{};
+                const bool fits = k::FitToneLine(contrast, both ? 127 + b / 4 : 127, &line);
+                line.brightness = both ? std::clamp(b, -255, 255) : 0;
+                ASSERT_EQ(fits && k::ToneLineMatches(line, folded), c != 100) << b << " " << c << " " << both;
+            }
+        }
+    }
 }
 
 }  // namespace
