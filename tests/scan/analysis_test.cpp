@@ -33,26 +33,35 @@ TEST(ScanSkew, FindsDrawnAnglesWithConfidence) {
 }
 
 // Real scans, none blank: lines of known skew; a title page of three short
-// lines, whose skew is not to be trusted; faint newspaper text; Hebrew,
-// whose lines hang from a sharp top and carry more descenders than
-// ascenders, must not read as confidently upside down.
-TEST(ScanSkew, RealScansMatchTheirLines) {
+// lines, whose skew is not to be trusted; faint newspaper text, bitonal;
+// Hebrew, whose lines hang from a sharp top and carry more descenders than
+// ascenders, must not read as confidently upside down; white holes on yellow
+// graph paper with coloured ruling; red rubrics among brown print on
+// browned paper.
+TEST(ScanAnalyze, RealScans) {
     struct Case {
         const char *name;
-        double angle;  // NAN: not checked
-        bool lines;    // skew confidence at least 0.6, else under 0.5
-        int sure;      // orientation confidence: 1 at least 0.6, 0 under it, -1 either
+        double angle;     // NAN: not checked
+        int lines;        // skew confidence: 1 at least 0.6, 0 under 0.5, -1 either
+        int sure;         // orientation confidence: 1 at least 0.6, 0 under it, -1 either
+        int holes, mode;  // mode 0: not checked
     };
-    for (const Case c : {Case{"deskew-2.png", -2.2, true, -1}, Case{"linn.png", 0.0, true, 1},
-                         Case{"lion-page.00012.png", NAN, false, -1}, Case{"lighttext.jpg", NAN, true, 0},
-                         Case{"hebtypo.jpg", 0.0, true, 0}}) {
+    for (const Case c : {Case{"deskew-2.png", -2.2, 1, -1, 0, 0}, Case{"linn.png", 0.0, 1, 1, 0, 0},
+                         Case{"lion-page.00012.png", NAN, 0, -1, 0, 0},
+                         Case{"lighttext.jpg", NAN, 1, 0, 0, QUARVEL_MODE_BITONAL}, Case{"hebtypo.jpg", 0.0, 1, 0, 0, 0},
+                         Case{"graph-paper-front.jpg", NAN, -1, -1, 3, QUARVEL_MODE_COLOR},
+                         Case{"breviar.38.150.jpg", NAN, -1, -1, 0, QUARVEL_MODE_COLOR}}) {
         SCOPED_TRACE(c.name);
         const QuarvelPageReport r = Analyze(LoadScan(c.name).get());
+        ASSERT_EQ(r.usable, 1);
         if (!std::isnan(c.angle)) EXPECT_NEAR(r.skew_angle, c.angle, 0.1);
-        EXPECT_TRUE(c.lines ? r.skew_confidence >= 0.6 : r.skew_confidence < 0.5) << r.skew_confidence;
+        if (c.lines >= 0) EXPECT_TRUE(c.lines ? r.skew_confidence >= 0.6 : r.skew_confidence < 0.5) << r.skew_confidence;
         EXPECT_EQ(r.blank, 0);
         if (c.sure != 0) EXPECT_EQ(r.orientation, 0);  // an unsure page may report any turn
         if (c.sure >= 0) EXPECT_EQ(r.orientation_confidence >= 0.6, c.sure == 1) << r.orientation_confidence;
+        ASSERT_EQ(r.hole_count, c.holes);
+        for (int i = 0; i < c.holes; ++i) EXPECT_NEAR(r.holes[i].cx, 156, 47);  // 12 mm in, on the left edge
+        if (c.mode != 0) EXPECT_EQ(r.mode, c.mode);
     }
 }
 
@@ -118,10 +127,8 @@ TEST(ScanSheet, FramesOnGivenSides) {
         DrawText(&img, text);
         const QuarvelPageReport r = Analyze(PageFromMat(img, 150).get());
         EXPECT_EQ(r.frame_sides, c.sides);
-        EXPECT_NEAR(r.sheet.left, paper.x, 6);
-        EXPECT_NEAR(r.sheet.top, paper.y, 6);
-        EXPECT_NEAR(r.sheet.right, paper.x + paper.width, 6);
-        EXPECT_NEAR(r.sheet.bottom, paper.y + paper.height, 6);
+        EXPECT_TRUE(std::abs(r.sheet.left - paper.x) <= 6 && std::abs(r.sheet.top - paper.y) <= 6 &&
+                    std::abs(r.sheet.right - paper.br().x) <= 6 && std::abs(r.sheet.bottom - paper.br().y) <= 6);
         ASSERT_EQ(r.has_content, 1);
         // Drawn letters sit inside the box given to DrawText, less a line's top.
         EXPECT_GE(r.content.left, text.x - 2);
