@@ -91,45 +91,35 @@ void CheckRegionOp(PixelFormat format, const std::function<void(IplImage *, IplI
                       (RowOf(*original.image, y)[b >> 3] >> (7 - (b & 7))) & 1);
 }
 
-class Primitives : public ::testing::TestWithParam<PixelFormat> {};
-
 int SrcAt(const IplImage &src, int rx, int ry, int c) { return Get(src, 3 + rx, 2 + ry, c); }
 
-TEST_P(Primitives, CopyMovesTheRegion) {
-    CheckRegionOp(GetParam(), iplCopy, [](const IplImage &s, int rx, int ry, int c, int, int) { return SrcAt(s, rx, ry, c); });
+// Copy moves the region; Not complements colours and keeps the fourth byte;
+// mirrors about either axis; Set fills only the region.
+TEST(Primitives, RegionOpsOnEveryDepth) {
+    const struct {
+        const char *name;
+        std::function<void(IplImage *, IplImage *)> op;
+        Expect expect;
+    } ops[] = {
+        {"copy", iplCopy, [](const IplImage &s, int rx, int ry, int c, int, int) { return SrcAt(s, rx, ry, c); }},
+        {"not", iplNot,
+         [](const IplImage &s, int rx, int ry, int c, int, int) {
+             const int v = SrcAt(s, rx, ry, c);
+             return FormatOf(s) == PixelFormat::kBitonal ? 1 - v : c == 3 ? v : 255 - v;
+         }},
+        {"mirror vertical axis", [](IplImage *s, IplImage *d) { iplMirror(s, d, 1); },
+         [](const IplImage &s, int rx, int ry, int c, int rw, int) { return SrcAt(s, rw - 1 - rx, ry, c); }},
+        {"mirror horizontal axis", [](IplImage *s, IplImage *d) { iplMirror(s, d, 0); },
+         [](const IplImage &s, int rx, int ry, int c, int, int rh) { return SrcAt(s, rx, rh - 1 - ry, c); }},
+        {"set", [](IplImage *, IplImage *d) { iplSet(d, 200); },
+         [](const IplImage &s, int, int, int, int, int) { return FormatOf(s) == PixelFormat::kBitonal ? 1 : 200; }},
+    };
+    for (const auto &o : ops)
+        for (PixelFormat f : {PixelFormat::kBitonal, PixelFormat::kGray, PixelFormat::kBgr, PixelFormat::kBgra}) {
+            SCOPED_TRACE(testing::Message() << o.name << " format " << static_cast<int>(f));
+            CheckRegionOp(f, o.op, o.expect);
+        }
 }
-
-TEST_P(Primitives, NotComplementsColoursAndKeepsTheFourthByte) {
-    CheckRegionOp(GetParam(), iplNot, [](const IplImage &s, int rx, int ry, int c, int, int) {
-        const int v = SrcAt(s, rx, ry, c);
-        if (FormatOf(s) == PixelFormat::kBitonal) return 1 - v;
-        return c == 3 ? v : 255 - v;
-    });
-}
-
-TEST_P(Primitives, MirrorAboutTheVerticalAxis) {
-    CheckRegionOp(GetParam(), [](IplImage *s, IplImage *d) { iplMirror(s, d, 1); },
-                  [](const IplImage &s, int rx, int ry, int c, int rw, int) { return SrcAt(s, rw - 1 - rx, ry, c); });
-}
-
-TEST_P(Primitives, MirrorAboutTheHorizontalAxis) {
-    CheckRegionOp(GetParam(), [](IplImage *s, IplImage *d) { iplMirror(s, d, 0); },
-                  [](const IplImage &s, int rx, int ry, int c, int, int rh) { return SrcAt(s, rx, rh - 1 - ry, c); });
-}
-
-TEST_P(Primitives, SetFillsOnlyTheRegion) {
-    CheckRegionOp(GetParam(), [](IplImage *, IplImage *d) { iplSet(d, 200); },
-                  [](const IplImage &s, int, int, int, int, int) { return FormatOf(s) == PixelFormat::kBitonal ? 1 : 200; });
-}
-
-std::string FormatName(const ::testing::TestParamInfo<PixelFormat> &info) {
-    static const char *const kNames[] = {"Bitonal", "Gray", "Bgr", "Bgra"};
-    return kNames[static_cast<int>(info.param)];
-}
-
-INSTANTIATE_TEST_SUITE_P(Formats, Primitives,
-                         ::testing::Values(PixelFormat::kBitonal, PixelFormat::kGray, PixelFormat::kBgr, PixelFormat::kBgra),
-                         FormatName);
 
 TEST(Primitives, RegionsOutsideTheImageDoNothing) {
     Guarded src(PixelFormat::kGray, 10, 10), dst(PixelFormat::kGray, 10, 10);
