@@ -126,35 +126,23 @@ std::string Bmp(int w, int h, int bits, const std::vector<std::uint32_t> &table,
 
 // ---- Formats and readers ---------------------------------------------------------
 
-struct RoundTrip {
-    const char *ext;
-    int bits;
-};
-
-class Formats : public ::testing::TestWithParam<RoundTrip> {};
-
-TEST_P(Formats, RoundTripKeepsPixelsAndResolution) {
+TEST(Formats, RoundTripKeepsPixelsAndResolution) {
     Dir dir;
-    const RoundTrip t = GetParam();
-    Page page = Pattern(t.bits);
-    const std::string path = dir / (std::string("page.") + t.ext), ext = t.ext;
-    WriteImage(path, {&page});
-    std::vector<Page> back = ReadImage(path);
-    ASSERT_EQ(back.size(), 1u);
-    Locked a(page.get()), b(back[0].get());
-    EXPECT_EQ(b.width() * 1000 + b.height(), a.width() * 1000 + a.height());
-    EXPECT_EQ(Colours(back[0]), Colours(page)) << t.ext << " " << t.bits;
-    if (ext[0] != 'p' || ext == "png") {  // PNM carries no resolution
-        EXPECT_EQ(DpiOf(b.header()->biXPelsPerMeter), 300.0);  // exactly, not 299.9994
+    for (const auto &[ext, bits] : std::initializer_list<std::pair<std::string, int>>{
+             {"bmp", 1}, {"bmp", 8}, {"bmp", 24}, {"bmp", 32}, {"png", 1}, {"png", 8}, {"png", 24}, {"png", 32},
+             {"tif", 1}, {"tif", 8}, {"tif", 24}, {"tif", 32}, {"pbm", 1}, {"pgm", 8}, {"ppm", 24}}) {
+        SCOPED_TRACE(ext + std::to_string(bits));
+        Page page = Pattern(bits);
+        const std::string path = dir / ("page." + ext);
+        WriteImage(path, {&page});
+        std::vector<Page> back = ReadImage(path);
+        ASSERT_EQ(back.size(), 1u);
+        Locked a(page.get()), b(back[0].get());
+        EXPECT_EQ(b.width() * 1000 + b.height(), a.width() * 1000 + a.height());
+        EXPECT_EQ(Colours(back[0]), Colours(page));
+        if (ext[0] != 'p' || ext == "png") EXPECT_EQ(DpiOf(b.header()->biXPelsPerMeter), 300.0);  // exactly; PNM has none
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Cli, Formats,
-                         ::testing::Values(RoundTrip{"bmp", 1}, RoundTrip{"bmp", 8}, RoundTrip{"bmp", 24}, RoundTrip{"bmp", 32},
-                                           RoundTrip{"png", 1}, RoundTrip{"png", 8}, RoundTrip{"png", 24}, RoundTrip{"png", 32},
-                                           RoundTrip{"tif", 1}, RoundTrip{"tif", 8}, RoundTrip{"tif", 24}, RoundTrip{"tif", 32},
-                                           RoundTrip{"pbm", 1}, RoundTrip{"pgm", 8}, RoundTrip{"ppm", 24}),
-                         [](const auto &info) { return std::string(info.param.ext) + std::to_string(info.param.bits); });
 
 TEST(Formats, JpegMultiPageTiffAndOnePageFormats) {
     Dir dir;

@@ -204,24 +204,13 @@ TEST(Skew, BlankPagesGiveExactlyZero) {
     EXPECT_EQ(GetObliquity(MakePageWith(Gray(300, 200), [](int, int, int) { return 90; }).get()), 0.0);
 }
 
-class SkewAngles : public ::testing::TestWithParam<double> {};
-
-TEST_P(SkewAngles, FindsTheTurnOfDrawnText) {
-    const double angle = GetParam();
-    Block page = qtest::TurnedTextPage(qtest::TextLayout{}, angle);
-    EXPECT_NEAR(GetObliquity(page.get()), angle, 0.15);
-}
-
 // The coarse search follows the broad rise of the score toward the text
 // angle, 5 degrees at a time; a full page of long lines keeps that rise
 // within about 12 degrees.
-INSTANTIATE_TEST_SUITE_P(Degrees, SkewAngles,
-                         ::testing::Values(-12.0, -3.0, -0.6, 0.35, 4.5, 12.0),
-                         [](const auto &info) {
-                             std::string n = std::to_string(info.param);
-                             for (char &ch : n) ch = (ch == '-') ? 'm' : (ch == '.' ? '_' : ch);
-                             return n;
-                         });
+TEST(Skew, FindsTheTurnOfDrawnText) {
+    for (double angle : {-12.0, -3.0, -0.6, 0.35, 4.5, 12.0})
+        EXPECT_NEAR(GetObliquity(qtest::TurnedTextPage(qtest::TextLayout{}, angle).get()), angle, 0.15) << angle;
+}
 
 TEST(Skew, BeyondThirtyDegreesTheTurnedPageIsSearchedAgain) {
     // One line of words: a score that rises steadily toward its angle, so
