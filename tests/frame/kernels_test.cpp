@@ -200,6 +200,19 @@ TEST(Kernels, IntegerGrayEqualsTheDoubleFormulaForEveryColour) {
     }
 }
 
+// An image of random bytes; with `twin`, a second image of the same bytes.
+quarvel::ImagePtr NoiseImage(quarvel::PixelFormat f, int w, int h, std::mt19937 &g, quarvel::ImagePtr *twin = nullptr) {
+    quarvel::ImagePtr im = quarvel::CreateImage(f, w, h, 0);
+    for (int i = 0; i < im->imageSize; ++i) reinterpret_cast<std::uint8_t *>(im->imageData)[i] = static_cast<std::uint8_t>(g());
+    if (twin != nullptr) *twin = quarvel::CreateImageLike(*im, w, h, 0);
+    if (twin != nullptr) std::memcpy((*twin)->imageData, im->imageData, static_cast<std::size_t>(im->imageSize));
+    return im;
+}
+
+bool SameBytes(const quarvel::IplImage &a, const quarvel::IplImage &b) {
+    return std::memcmp(a.imageData, b.imageData, static_cast<std::size_t>(a.imageSize)) == 0;
+}
+
 // 1-bit rotation copies runs of source bits; the plain path samples each
 // pixel. Odd sizes, regions at odd bit offsets, every quadrant of angles.
 TEST(Kernels, BitonalRotationRunsMatchThePlainPath) {
@@ -208,11 +221,8 @@ TEST(Kernels, BitonalRotationRunsMatchThePlainPath) {
     for (double angle : {0.0, 1e-6, 0.3, -1.7, 3.0, 44.9, 89.9, 90.0, -90.0, 135.5, 180.0, 267.0, -33.3}) {
         for (int size : {37, 203, 701}) {
             SCOPED_TRACE(angle * 1000 + size);
-            ImagePtr src = CreateImage(PixelFormat::kBitonal, size, size * 3 / 4, 0);
-            for (int i = 0; i < src->imageSize; ++i) reinterpret_cast<std::uint8_t *>(src->imageData)[i] = static_cast<std::uint8_t>(g());
-            ImagePtr fast = CreateImage(PixelFormat::kBitonal, size + 13, size + 5, 1), slow = CreateImage(PixelFormat::kBitonal, size + 13, size + 5, 1);
-            for (int i = 0; i < fast->imageSize; ++i) reinterpret_cast<std::uint8_t *>(fast->imageData)[i] = static_cast<std::uint8_t>(g());
-            std::memcpy(slow->imageData, fast->imageData, static_cast<std::size_t>(fast->imageSize));
+            ImagePtr src = NoiseImage(PixelFormat::kBitonal, size, size * 3 / 4, g), slow;
+            ImagePtr fast = NoiseImage(PixelFormat::kBitonal, size + 13, size + 5, g, &slow);
             IplROI roi{0, 3, 2, size - 5, size / 2}, out{0, 13, 1, size - 1, size + 4};
             src->roi = &roi;
             fast->roi = slow->roi = size > 300 ? &out : nullptr;
@@ -221,7 +231,7 @@ TEST(Kernels, BitonalRotationRunsMatchThePlainPath) {
             RotateImage(src.get(), fast.get(), angle, xs + 1.25, ys - 0.5, 1, false);
             RotateImage(src.get(), slow.get(), angle, xs + 1.25, ys - 0.5, 1, true);
             src->roi = fast->roi = slow->roi = nullptr;
-            EXPECT_EQ(0, std::memcmp(fast->imageData, slow->imageData, static_cast<std::size_t>(fast->imageSize)));
+            EXPECT_TRUE(SameBytes(*fast, *slow));
         }
     }
 }
@@ -248,11 +258,7 @@ TEST(Kernels, FusedWarpMatchesOpenCvWarpBitForBit) {
         const PixelFormat format = formats[i % 3];
         const int interpolate = (i / 3) % 2;
         SCOPED_TRACE(testing::Message() << i << ": " << w << "x" << h << " -> " << dw << "x" << dh << " angle " << angle);
-        ImagePtr src = CreateImage(format, w + 3, h + 2, 0);
-        ImagePtr fast = CreateImage(format, dw, dh, 0), slow = CreateImage(format, dw, dh, 0);
-        for (IplImage *im : {src.get(), fast.get()})
-            for (int k = 0; k < im->imageSize; ++k) reinterpret_cast<std::uint8_t *>(im->imageData)[k] = static_cast<std::uint8_t>(g());
-        std::memcpy(slow->imageData, fast->imageData, static_cast<std::size_t>(fast->imageSize));
+        ImagePtr src = NoiseImage(format, w + 3, h + 2, g), slow, fast = NoiseImage(format, dw, dh, g, &slow);
         IplROI roi{0, 2, 1, w, h};
         src->roi = &roi;
         double xs, ys;
@@ -261,7 +267,7 @@ TEST(Kernels, FusedWarpMatchesOpenCvWarpBitForBit) {
         RotateImage(src.get(), fast.get(), angle, xs, ys, interpolate, false);
         RotateImage(src.get(), slow.get(), angle, xs, ys, interpolate, true);
         src->roi = nullptr;
-        ASSERT_EQ(0, std::memcmp(fast->imageData, slow->imageData, static_cast<std::size_t>(fast->imageSize)));
+        ASSERT_TRUE(SameBytes(*fast, *slow));
     }
 }
 
@@ -310,18 +316,14 @@ TEST(Kernels, MinMaxFiltersMatchThePlainPath) {
             for (int rows : {1, 2, 3, 9, 300})
             for (int xs : {5, 8}) {
                 SCOPED_TRACE(cols * 10000 + rows * 10 + xs);
-                ImagePtr src = CreateImage(f, 211, 67, 0), fast = CreateImage(f, 203, 71, 0), slow = CreateImage(f, 203, 71, 0);
-                for (IplImage *im : {src.get(), fast.get()})
-                    for (int i = 0; i < im->imageSize; ++i) im->imageData[i] = static_cast<std::uint8_t>(g());
-                std::memcpy(slow->imageData, fast->imageData, static_cast<std::size_t>(fast->imageSize));
+                ImagePtr src = NoiseImage(f, 211, 67, g), slow, fast = NoiseImage(f, 203, 71, g, &slow);
                 IplROI rs{0, xs, 3, xs == 5 ? 197 : 45, 60}, rd{0, 19 - xs, 2, 190, 66};
                 src->roi = &rs;
                 fast->roi = slow->roi = &rd;
                 for (bool minimum : {true, false}) {
                     MinMaxFilter(src.get(), fast.get(), cols, rows, 0, 0, minimum, false);
                     MinMaxFilter(src.get(), slow.get(), cols, rows, 0, 0, minimum, true);
-                    EXPECT_EQ(0, std::memcmp(fast->imageData, slow->imageData, static_cast<std::size_t>(fast->imageSize)))
-                        << static_cast<int>(f) << " " << minimum;
+                    EXPECT_TRUE(SameBytes(*fast, *slow)) << static_cast<int>(f) << " " << minimum;
                 }
                 src->roi = fast->roi = slow->roi = nullptr;
             }
