@@ -279,7 +279,7 @@ TEST(Options, EveryErrorHasItsMessageAndExitCode) {
         {"rotate --angle nan in.png o.png", 2, "--angle: expected a finite number from -36000 to 36000, got 'nan'", ""},
         {"rotate --angle inf in.png o.png", 2, "got 'inf'", ""},
         {"run \"rotate --angle 'x y'\" -o o in.png", 2, "got 'x y'", ""},  // quoted words in a pipeline
-        {"run \"rotate --angle ''\" -o o in.png", 2, "got ''", ""},
+        {"run \"rotate --angle '' --interpolate 1\" -o o in.png", 2, "got ''", ""},
         {"rotate --angle 3 --interpolate 7 in.png o.png", 2, "--interpolate: expected a number from 0 to 2, got '7'", ""},
         {"thumbnail --width 0 in.png o.png", 2, "--width: expected a number from 1 to 1048576", ""},
         {"convert-mode --mode 3 in.png o.png", 2, "expected one of 1|8|24|32", ""},
