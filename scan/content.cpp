@@ -54,7 +54,7 @@ bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hol
     const int edgeTouch = std::max(1, static_cast<int>(std::lround(kEdgeTouchMm * page.dpi / 25.4 * toRed)));
 
     std::vector<char> keep(static_cast<std::size_t>(n), 0), small(static_cast<std::size_t>(n), 0);
-    cv::Mat marks = cv::Mat::zeros(ink.size(), CV_8UC1);
+    std::vector<std::uint8_t> paint(static_cast<std::size_t>(n), 0);
     for (int i = 1; i < n; ++i) {
         const int x = stats.at<int>(i, cv::CC_STAT_LEFT), y = stats.at<int>(i, cv::CC_STAT_TOP);
         const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);
@@ -71,8 +71,15 @@ bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hol
         if (std::max(w, h) < speck) {
             small[static_cast<std::size_t>(i)] = 1;
         } else {
-            marks(cv::Rect(x, y, w, h)).setTo(255, labels(cv::Rect(x, y, w, h)) == i);
+            paint[static_cast<std::size_t>(i)] = 255;
         }
+    }
+    // The larger marks' pixels, in one pass over the labels.
+    cv::Mat marks(ink.size(), CV_8UC1);
+    for (int y = 0; y < ink.rows; ++y) {
+        const int *l = labels.ptr<int>(y);
+        std::uint8_t *m = marks.ptr<std::uint8_t>(y);
+        for (int x = 0; x < ink.cols; ++x) m[x] = paint[static_cast<std::size_t>(l[x])];
     }
     // Specks count only near a larger mark: marks grown by `neighbour`, on
     // cells of 4 x 4 pixels.
