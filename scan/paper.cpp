@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -70,6 +71,36 @@ int Root(std::vector<int> &parent, int r) {
     return r;
 }
 
+// One bit per pixel of a mask row (set where the byte is not 0), eight
+// bytes at a time: each byte's "not zero" lands in its top bit, and one
+// multiplication gathers the eight top bits into a byte.
+void RowBits(const std::uint8_t *m, int w, std::vector<std::uint64_t> *bits) {
+    std::fill(bits->begin(), bits->end(), 0);
+    std::uint64_t *b = bits->data();
+    constexpr std::uint64_t kLow7 = 0x7f7f7f7f7f7f7f7full, kHigh = 0x8080808080808080ull;
+    int x = 0;
+    for (; x + 8 <= w; x += 8) {
+        std::uint64_t v;
+        std::memcpy(&v, m + x, 8);
+        const std::uint64_t t = (((v & kLow7) + kLow7) | v) & kHigh;
+        b[x >> 6] |= (((t >> 7) * 0x0102040810204080ull) >> 56) << (x & 63);
+    }
+    for (; x < w; ++x)
+        if (m[x] != 0) b[x >> 6] |= std::uint64_t{1} << (x & 63);
+}
+
+// The first pixel at or after x whose bit is `set`, or w.
+int NextBit(const std::vector<std::uint64_t> &bits, int x, bool set, int w) {
+    if (x >= w) return w;
+    std::size_t i = static_cast<std::size_t>(x >> 6);
+    std::uint64_t v = (set ? bits[i] : ~bits[i]) & (~std::uint64_t{0} << (x & 63));
+    while (v == 0) {
+        if (++i == bits.size()) return w;
+        v = set ? bits[i] : ~bits[i];
+    }
+    return std::min(w, static_cast<int>(i * 64) + std::countr_zero(v));
+}
+
 }  // namespace
 
 int LabelBlobs(const cv::Mat &mask, cv::Mat *labels, cv::Mat *stats) {
@@ -83,24 +114,15 @@ int LabelBlobs(const cv::Mat &mask, cv::Mat *labels, cv::Mat *stats) {
     // overlapping or meeting at a corner) by union-find on run indices.
     std::vector<Run> runs;
     std::vector<int> parent;
+    std::vector<std::uint64_t> bits(static_cast<std::size_t>(w + 63) / 64);
     std::size_t above = 0, aboveEnd = 0;
     for (int y = 0; y < h; ++y) {
-        const std::uint8_t *m = mask.ptr<std::uint8_t>(y);
+        RowBits(mask.ptr<std::uint8_t>(y), w, &bits);
         const std::size_t rowStart = runs.size();
         std::size_t j = above;
-        int x = 0;
-        while (x < w) {
-            std::uint64_t word;
-            if (x + 8 <= w && (std::memcpy(&word, m + x, 8), word == 0)) {
-                x += 8;
-                continue;
-            }
-            if (m[x] == 0) {
-                ++x;
-                continue;
-            }
+        for (int x = NextBit(bits, 0, true, w); x < w; x = NextBit(bits, x, true, w)) {
             const int x0 = x;
-            while (x < w && m[x] != 0) ++x;
+            x = NextBit(bits, x, false, w);
             const int r = static_cast<int>(runs.size());
             runs.push_back(Run{x0, x - 1, y});
             parent.push_back(r);
