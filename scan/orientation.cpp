@@ -211,7 +211,7 @@ struct Marks {
 Marks MeasureMarks(const cv::Mat &ink, const Lines &lines, int strip) {
     Marks out;
     cv::Mat labels, stats;
-    const int n = LabelBlobs(ink, &labels, &stats);
+    const int n = LabelBlobs(ink, nullptr, &stats);
     // Lines of each strip, in order down the page.
     std::vector<std::vector<const Line *>> byStrip(static_cast<std::size_t>(ink.cols / strip + 1));
     for (const Line &l : lines.found) byStrip[static_cast<std::size_t>(l.x0 / strip)].push_back(&l);

@@ -105,7 +105,9 @@ int NextBit(const std::vector<std::uint64_t> &bits, int x, bool set, int w) {
 
 int LabelBlobs(const cv::Mat &mask, cv::Mat *labels, cv::Mat *stats) {
     if (mask.empty() || mask.type() != CV_8UC1) {
-        const int n = cv::connectedComponentsWithStats(mask, *labels, *stats, cv::noArray(), 8, CV_32S);
+        cv::Mat unused;
+        const int n = cv::connectedComponentsWithStats(mask, labels != nullptr ? *labels : unused, *stats,
+                                                       cv::noArray(), 8, CV_32S);
         stats->row(0).setTo(0);
         return n;
     }
@@ -155,17 +157,17 @@ int LabelBlobs(const cv::Mat &mask, cv::Mat *labels, cv::Mat *stats) {
     for (std::size_t i = 0; i < roots.size(); ++i) label[static_cast<std::size_t>(roots[i])] = static_cast<int>(i) + 1;
     const int n = static_cast<int>(roots.size()) + 1;
 
-    labels->create(h, w, CV_32S);
+    if (labels != nullptr) labels->create(h, w, CV_32S);
     *stats = cv::Mat(n, cv::CC_STAT_MAX, CV_32S, cv::Scalar(0));
     std::vector<int> x0(n, w), y0(n, h), x1(n, -1), y1(n, -1), area(n, 0);
     std::size_t r = 0;
     for (int y = 0; y < h; ++y) {
-        int *l = labels->ptr<int>(y);
-        std::fill(l, l + w, 0);
+        int *l = labels != nullptr ? labels->ptr<int>(y) : nullptr;
+        if (l != nullptr) std::fill(l, l + w, 0);
         for (; r < runs.size() && runs[r].y == y; ++r) {
             const Run &run = runs[r];
             const int i = label[static_cast<std::size_t>(parent[r])];
-            std::fill(l + run.x0, l + run.x1 + 1, i);
+            if (l != nullptr) std::fill(l + run.x0, l + run.x1 + 1, i);
             x0[i] = std::min(x0[i], run.x0);
             x1[i] = std::max(x1[i], run.x1);
             y0[i] = std::min(y0[i], y);
