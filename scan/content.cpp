@@ -29,7 +29,8 @@ constexpr double kEdgeTouchMm = 1.0; // and lie this close to the sheet's edge
 
 }  // namespace
 
-bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hole> &holes, cv::Rect *box) {
+bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hole> &holes, cv::Rect *box,
+                 InkBlobs *blobs) {
     *box = cv::Rect();
     if (page.ink.empty()) return false;
     const int f = page.reduction;
@@ -47,6 +48,7 @@ bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hol
 
     cv::Mat labels, stats;
     const int n = LabelBlobs(ink, &labels, &stats);
+    if (blobs != nullptr && sheet.sides == 0) *blobs = InkBlobs{area, stats, n};
     const double toRed = 1.0 / f;
     const int speck = std::max(1, static_cast<int>(std::lround(kSpeckMm * page.dpi / 25.4 * toRed)));
     const int neighbour = std::max(1, static_cast<int>(std::lround(kNeighbourMm * page.dpi / 25.4 * toRed)));

@@ -427,4 +427,26 @@ TEST(Blobs, LabelsMatchOpenCv) {
     EXPECT_EQ(cv::countNonZero(labels != want), 0);
 }
 
+// The content's blobs handed to the orientation give the orientation it
+// finds by labelling its own image, and are kept only for unframed ink.
+TEST(Blobs, SharedWithOrientation) {
+    cv::Mat image(kA4, CV_8UC1, cv::Scalar(235));
+    DrawText(&image, cv::Scalar(20));
+    const ScanPage p = PageOf(image);
+    Analysis a = WholeSheet(p);
+    InkBlobs blobs;
+    ASSERT_TRUE(FindContent(p, a.sheet, {}, &a.content, &blobs));
+    EXPECT_GT(blobs.count, 100);
+    const Skew skew = FindSkew(p, a.sheet, 45);
+    const Orientation shared = FindOrientation(p, a.sheet, skew, 45, &blobs), own = FindOrientation(p, a.sheet, skew, 45);
+    EXPECT_EQ(shared.angle, own.angle);
+    EXPECT_EQ(shared.confidence, own.confidence);
+    EXPECT_GT(own.confidence, 0);
+    a.sheet.sides = QUARVEL_SIDE_LEFT;
+    a.sheet.paper = cv::Mat(p.ink.size(), CV_8UC1, cv::Scalar(255));
+    InkBlobs framed;
+    FindContent(p, a.sheet, {}, &a.content, &framed);
+    EXPECT_TRUE(framed.stats.empty());
+}
+
 }  // namespace
