@@ -84,12 +84,12 @@ bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hol
         for (int x = 0; x < ink.cols; ++x) m[x] = paint[static_cast<std::size_t>(l[x])];
     }
     // Specks count only near a larger mark: marks grown by `neighbour`, on
-    // cells of 4 x 4 pixels.
+    // cells of 4 x 4 pixels (whole cells only), a cell marked when any of
+    // its pixels is.
     constexpr int kCell = 4;
-    cv::Mat near;
     const cv::Size cells(std::max(1, marks.cols / kCell), std::max(1, marks.rows / kCell));
-    cv::resize(marks(cv::Rect(0, 0, std::min(marks.cols, cells.width * kCell), std::min(marks.rows, cells.height * kCell))),
-               near, cells, 0, 0, cv::INTER_AREA);
+    cv::Mat near = CellMax(
+        marks(cv::Rect(0, 0, std::min(marks.cols, cells.width * kCell), std::min(marks.rows, cells.height * kCell))), kCell);
     const int reach = neighbour / kCell + 1;
     cv::dilate(near, near, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * reach + 1, 2 * reach + 1)));
     int left = ink.cols, top = ink.rows, right = 0, bottom = 0;
