@@ -38,12 +38,14 @@ bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hol
                                    (sheet.box.height + f - 1) / f) &
                           cv::Rect(0, 0, page.ink.cols, page.ink.rows);
     if (area.empty()) return false;
-    cv::Mat ink = page.ink(area).clone();
+    // The page's own ink, only read; a new image where the frame is cut.
+    cv::Mat ink = page.ink(area);
     if (sheet.sides != 0) {
-        cv::Mat paper;
+        cv::Mat paper, masked;
         const int gap = std::max(1, MmToPixels(page, kFrameGapMm) / f);
         cv::erode(sheet.paper(area), paper, cv::Mat(), cv::Point(-1, -1), gap);
-        ink &= paper;
+        cv::bitwise_and(ink, paper, masked);
+        ink = masked;
     }
 
     cv::Mat labels, stats;

@@ -295,11 +295,13 @@ Skew FindSkew(const ScanPage &page, const Sheet &sheet, double maxSkew) {
     area = cv::Rect(area.x + margin, area.y + margin, area.width - 2 * margin, area.height - 2 * margin);
     area &= cv::Rect(0, 0, page.ink.cols, page.ink.rows);
     if (area.width < 16 || area.height < 16) return Skew{};
-    cv::Mat ink = page.ink(area).clone();
+    // The page's own ink, only read; a new image where the frame is cut.
+    cv::Mat ink = page.ink(area);
     if (sheet.sides != 0) {
-        cv::Mat paper;
+        cv::Mat paper, masked;
         cv::erode(sheet.paper(area), paper, cv::Mat(), cv::Point(-1, -1), margin);
-        ink &= paper;
+        cv::bitwise_and(ink, paper, masked);
+        ink = masked;
     }
     return FindInkSkew(ink, page, maxSkew);
 }
