@@ -104,12 +104,11 @@ int NextBit(const std::vector<std::uint64_t> &bits, int x, bool set, int w) {
 }  // namespace
 
 int LabelBlobs(const cv::Mat &mask, cv::Mat *labels, cv::Mat *stats) {
+    // Anything but a one-channel 8-bit mask holds no blobs.
     if (mask.empty() || mask.type() != CV_8UC1) {
-        cv::Mat unused;
-        const int n = cv::connectedComponentsWithStats(mask, labels != nullptr ? *labels : unused, *stats,
-                                                       cv::noArray(), 8, CV_32S);
-        stats->row(0).setTo(0);
-        return n;
+        if (labels != nullptr) *labels = mask.dims == 2 ? cv::Mat::zeros(mask.rows, mask.cols, CV_32S) : cv::Mat();
+        *stats = cv::Mat(1, cv::CC_STAT_MAX, CV_32S, cv::Scalar(0));
+        return 1;
     }
     const int w = mask.cols, h = mask.rows;
     // Runs, joined to the runs of the row above that touch them (8-connected:

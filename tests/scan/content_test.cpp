@@ -425,6 +425,10 @@ TEST(Blobs, LabelsMatchOpenCv) {
     cv::Mat labels, stats, want;
     EXPECT_EQ(LabelBlobs(corners, &labels, &stats), cv::connectedComponents(corners, want, 8, CV_32S));
     EXPECT_EQ(cv::countNonZero(labels != want), 0);
+    // Masks of another kind hold no blobs.
+    EXPECT_EQ(LabelBlobs(cv::Mat(), &labels, &stats), 1);
+    EXPECT_EQ(LabelBlobs(cv::Mat(5, 5, CV_8UC3, cv::Scalar::all(255)), &labels, &stats), 1);
+    EXPECT_EQ(cv::countNonZero(labels), 0);
 }
 
 // The content's blobs handed to the orientation give the orientation it
