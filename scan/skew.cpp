@@ -111,11 +111,20 @@ Strips PooledStrips(const cv::Mat &ink, int cell) {
     s.rows = (ink.rows + cell - 1) / cell;
     s.strips = (ink.cols + cell - 1) / cell;
     s.counts.assign(static_cast<std::size_t>(s.strips) * s.rows, 0);
-    for (int y = 0; y < ink.rows; ++y) {
-        const std::uint8_t *p = ink.ptr<std::uint8_t>(y);
+    // Each band of `cell` rows summed down every column first (at most
+    // kCoarsePool, so a byte holds it), then across each cell.
+    std::vector<std::uint8_t> column(static_cast<std::size_t>(ink.cols));
+    for (int band = 0; band < s.rows; ++band) {
+        std::fill(column.begin(), column.end(), 0);
+        for (int y = band * cell; y < std::min(ink.rows, (band + 1) * cell); ++y) {
+            const std::uint8_t *p = ink.ptr<std::uint8_t>(y);
+            std::uint8_t *c = column.data();
+            for (int x = 0; x < ink.cols; ++x) c[x] = static_cast<std::uint8_t>(c[x] + (p[x] >> 7));
+        }
         for (int i = 0; i < s.strips; ++i) {
-            const int x1 = std::min(ink.cols, (i + 1) * cell);
-            s.counts[static_cast<std::size_t>(i) * s.rows + y / cell] += CountInk(p + i * cell, x1 - i * cell);
+            int n = 0;
+            for (int x = i * cell; x < std::min(ink.cols, (i + 1) * cell); ++x) n += column[static_cast<std::size_t>(x)];
+            s.counts[static_cast<std::size_t>(i) * s.rows + band] = n;
         }
     }
     for (int i = 0; i < s.strips; ++i) s.centre.push_back((i + 0.5) * cell / cell - ink.cols / (2.0 * cell));
