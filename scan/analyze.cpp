@@ -10,9 +10,10 @@ Analysis AnalyzePage(const ScanPage &page, const QuarvelScanOptions &options) {
     Analysis a;
     a.sheet = FindSheet(page);
     a.holes = FindHoles(page, a.sheet);
-    a.hasContent = FindContent(page, a.sheet, a.holes, &a.content);
+    InkBlobs blobs;
+    a.hasContent = FindContent(page, a.sheet, a.holes, &a.content, &blobs);
     a.skew = FindSkew(page, a.sheet, options.max_skew);
-    a.orientation = FindOrientation(page, a.sheet, a.skew, options.max_skew);
+    a.orientation = FindOrientation(page, a.sheet, a.skew, options.max_skew, &blobs);
     // A page whose lines run down it is straightened by their skew.
     if (a.orientation.vertical && a.orientation.lines.confidence > a.skew.confidence) a.skew = a.orientation.lines;
     a.blank = JudgeBlank(page, a);

@@ -29,7 +29,8 @@ constexpr double kEdgeTouchMm = 1.0; // and lie this close to the sheet's edge
 
 }  // namespace
 
-bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hole> &holes, cv::Rect *box) {
+bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hole> &holes, cv::Rect *box,
+                 InkBlobs *blobs) {
     *box = cv::Rect();
     if (page.ink.empty()) return false;
     const int f = page.reduction;
@@ -37,16 +38,19 @@ bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hol
                                    (sheet.box.height + f - 1) / f) &
                           cv::Rect(0, 0, page.ink.cols, page.ink.rows);
     if (area.empty()) return false;
-    cv::Mat ink = page.ink(area).clone();
+    // The page's own ink, only read; a new image where the frame is cut.
+    cv::Mat ink = page.ink(area);
     if (sheet.sides != 0) {
-        cv::Mat paper;
+        cv::Mat paper, masked;
         const int gap = std::max(1, MmToPixels(page, kFrameGapMm) / f);
         cv::erode(sheet.paper(area), paper, cv::Mat(), cv::Point(-1, -1), gap);
-        ink &= paper;
+        cv::bitwise_and(ink, paper, masked);
+        ink = masked;
     }
 
     cv::Mat labels, stats;
     const int n = LabelBlobs(ink, &labels, &stats);
+    if (blobs != nullptr && sheet.sides == 0) *blobs = InkBlobs{area, stats, n};
     const double toRed = 1.0 / f;
     const int speck = std::max(1, static_cast<int>(std::lround(kSpeckMm * page.dpi / 25.4 * toRed)));
     const int neighbour = std::max(1, static_cast<int>(std::lround(kNeighbourMm * page.dpi / 25.4 * toRed)));
@@ -54,7 +58,7 @@ bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hol
     const int edgeTouch = std::max(1, static_cast<int>(std::lround(kEdgeTouchMm * page.dpi / 25.4 * toRed)));
 
     std::vector<char> keep(static_cast<std::size_t>(n), 0), small(static_cast<std::size_t>(n), 0);
-    cv::Mat marks = cv::Mat::zeros(ink.size(), CV_8UC1);
+    std::vector<std::uint8_t> paint(static_cast<std::size_t>(n), 0);
     for (int i = 1; i < n; ++i) {
         const int x = stats.at<int>(i, cv::CC_STAT_LEFT), y = stats.at<int>(i, cv::CC_STAT_TOP);
         const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);
@@ -71,16 +75,23 @@ bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hol
         if (std::max(w, h) < speck) {
             small[static_cast<std::size_t>(i)] = 1;
         } else {
-            marks(cv::Rect(x, y, w, h)).setTo(255, labels(cv::Rect(x, y, w, h)) == i);
+            paint[static_cast<std::size_t>(i)] = 255;
         }
     }
+    // The larger marks' pixels, in one pass over the labels.
+    cv::Mat marks(ink.size(), CV_8UC1);
+    for (int y = 0; y < ink.rows; ++y) {
+        const int *l = labels.ptr<int>(y);
+        std::uint8_t *m = marks.ptr<std::uint8_t>(y);
+        for (int x = 0; x < ink.cols; ++x) m[x] = paint[static_cast<std::size_t>(l[x])];
+    }
     // Specks count only near a larger mark: marks grown by `neighbour`, on
-    // cells of 4 x 4 pixels.
+    // cells of 4 x 4 pixels (whole cells only), a cell marked when any of
+    // its pixels is.
     constexpr int kCell = 4;
-    cv::Mat near;
     const cv::Size cells(std::max(1, marks.cols / kCell), std::max(1, marks.rows / kCell));
-    cv::resize(marks(cv::Rect(0, 0, std::min(marks.cols, cells.width * kCell), std::min(marks.rows, cells.height * kCell))),
-               near, cells, 0, 0, cv::INTER_AREA);
+    cv::Mat near = CellMax(
+        marks(cv::Rect(0, 0, std::min(marks.cols, cells.width * kCell), std::min(marks.rows, cells.height * kCell))), kCell);
     const int reach = neighbour / kCell + 1;
     cv::dilate(near, near, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * reach + 1, 2 * reach + 1)));
     int left = ink.cols, top = ink.rows, right = 0, bottom = 0;

@@ -208,10 +208,10 @@ struct Marks {
     int above = 0, below = 0;
 };
 
-Marks MeasureMarks(const cv::Mat &ink, const Lines &lines, int strip) {
+Marks MeasureMarks(const cv::Mat &ink, const Lines &lines, int strip, const InkBlobs *known) {
     Marks out;
-    cv::Mat labels, stats;
-    const int n = LabelBlobs(ink, &labels, &stats);
+    cv::Mat stats = known != nullptr ? known->stats : cv::Mat();
+    const int n = known != nullptr ? known->count : LabelBlobs(ink, nullptr, &stats);
     // Lines of each strip, in order down the page.
     std::vector<std::vector<const Line *>> byStrip(static_cast<std::size_t>(ink.cols / strip + 1));
     for (const Line &l : lines.found) byStrip[static_cast<std::size_t>(l.x0 / strip)].push_back(&l);
@@ -237,7 +237,8 @@ double Vote(double value, double full) {
 
 }  // namespace
 
-Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew &skew, double maxSkew) {
+Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew &skew, double maxSkew,
+                            const InkBlobs *blobs) {
     Orientation result;
     if (page.ink.empty()) return result;
     const int f = page.reduction;
@@ -262,7 +263,8 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
         std::clamp(std::log(std::max(across.rise, down.rise) / weaker) / std::log(kFullDirection), 0.0, 1.0);
     const cv::Mat &level = vertical ? turned : ink;
     cv::Mat upright = level;
-    if (lines.rise > 0 && std::abs(lines.angle) > 0.2) {
+    const bool straightened = lines.rise > 0 && std::abs(lines.angle) > 0.2;
+    if (straightened) {
         const cv::Mat turn =
             cv::getRotationMatrix2D(cv::Point2f(level.cols / 2.0f, level.rows / 2.0f), lines.angle, 1.0);
         cv::warpAffine(level, upright, turn, level.size(), cv::INTER_NEAREST, cv::BORDER_CONSTANT, cv::Scalar(0));
@@ -285,7 +287,11 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     result.vertical = vertical;
     if (vertical && direction >= kSureDirection) result.lines = down;
     const Margins m = MeasureMargins(upright, px);
-    const Marks k = MeasureMarks(upright, l, strip);
+    // The content's blobs are those of this very image when the ink was
+    // neither masked, turned nor straightened and covers the same area.
+    const bool same = blobs != nullptr && !blobs->stats.empty() && sheet.sides == 0 && blobs->area == area &&
+                      !vertical && !straightened;
+    const Marks k = MeasureMarks(upright, l, strip, same ? blobs : nullptr);
 
     const double votes[] = {Vote(l.balance, kFullBalance) * std::min(1.0, l.agreement / kFullAgreement),
                             Vote(l.edge, kFullEdge), (m.left - m.right) / (m.left + m.right + 6.0),

@@ -39,6 +39,14 @@ struct Orientation {
     Skew lines;             // their skew when they surely do (the turn that straightens the page, as Skew::angle)
 };
 
+// The blobs FindContent found on the page's ink, for a later analysis that
+// labels the same image: kept only when the ink was not masked by a frame.
+struct InkBlobs {
+    cv::Rect area;  // the part of the page's ink (reduced pixels) labelled
+    cv::Mat stats;  // LabelBlobs statistics; empty when not kept
+    int count = 0;
+};
+
 struct Blank {
     bool blank = false;
     double ink = 0;         // fraction of the sheet covered by content ink
@@ -61,7 +69,9 @@ Sheet FindSheet(const ScanPage &page);
 std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet);
 // The box of all content inside the sheet, holes and stains left out
 // (content.cpp); false when there is none.
-bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hole> &holes, cv::Rect *box);
+// `blobs`, when given, receives the blobs for FindOrientation.
+bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hole> &holes, cv::Rect *box,
+                 InkBlobs *blobs = nullptr);
 // Skew of the text lines within +-maxSkew degrees (skew.cpp).
 Skew FindSkew(const ScanPage &page, const Sheet &sheet, double maxSkew);
 // The same search on any ink image at the page's reduced scale; with `fine`
@@ -69,8 +79,10 @@ Skew FindSkew(const ScanPage &page, const Sheet &sheet, double maxSkew);
 // confidence or lines).
 Skew FindInkSkew(const cv::Mat &ink, const ScanPage &page, double maxSkew, bool fine = true);
 // Quarter-turn orientation (orientation.cpp).
-// `skew` is the page's own (FindSkew with the same maxSkew).
-Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew &skew, double maxSkew);
+// `skew` is the page's own (FindSkew with the same maxSkew); `blobs`, when
+// given, are FindContent's, used where they are of the very image read.
+Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew &skew, double maxSkew,
+                            const InkBlobs *blobs = nullptr);
 // Blank verdict and ink measure (blank.cpp).
 Blank JudgeBlank(const ScanPage &page, const Analysis &analysis);
 // Content colour mode (mode.cpp).

@@ -27,6 +27,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
@@ -53,7 +54,38 @@ struct Strips {
     int strips = 0, rows = 0;
     std::vector<int> counts;
     std::vector<double> centre;  // strip centre minus the image centre, in rows
+    // Each strip's counts as steps, steps[s * (rows + 1) + y] = count[y] -
+    // count[y - 1], the last one closing the strip's profile back to 0.
+    std::vector<int> steps;
 };
+
+// Pixels of p[0..n) at 128 or more, eight at a time.
+int CountInk(const std::uint8_t *p, int n) {
+    int count = 0, x = 0;
+    for (; x + 8 <= n; x += 8) {
+        std::uint64_t v;
+        std::memcpy(&v, p + x, 8);
+        v = (v >> 7) & 0x0101010101010101ull;
+        count += static_cast<int>((v * 0x0101010101010101ull) >> 56);
+    }
+    for (; x < n; ++x) count += p[x] >> 7;
+    return count;
+}
+
+void MakeSteps(Strips *s) {
+    const std::size_t rows = static_cast<std::size_t>(s->rows);
+    s->steps.assign(static_cast<std::size_t>(s->strips) * (rows + 1), 0);
+    for (std::size_t i = 0; i < static_cast<std::size_t>(s->strips); ++i) {
+        const int *c = &s->counts[i * rows];
+        int *d = &s->steps[i * (rows + 1)];
+        int previous = 0;
+        for (std::size_t y = 0; y < rows; ++y) {
+            d[y] = c[y] - previous;
+            previous = c[y];
+        }
+        d[rows] = -previous;
+    }
+}
 
 Strips MakeStrips(const cv::Mat &ink, int stripWidth) {
     Strips s;
@@ -64,13 +96,12 @@ Strips MakeStrips(const cv::Mat &ink, int stripWidth) {
         const std::uint8_t *p = ink.ptr<std::uint8_t>(y);
         for (int i = 0; i < s.strips; ++i) {
             const int x1 = std::min(ink.cols, (i + 1) * stripWidth);
-            int n = 0;
-            for (int x = i * stripWidth; x < x1; ++x) n += p[x] >> 7;
-            s.counts[static_cast<std::size_t>(i) * s.rows + y] = n;
+            s.counts[static_cast<std::size_t>(i) * s.rows + y] = CountInk(p + i * stripWidth, x1 - i * stripWidth);
         }
     }
     for (int i = 0; i < s.strips; ++i)
         s.centre.push_back((i * stripWidth + std::min(stripWidth, ink.cols - i * stripWidth) / 2.0) - ink.cols / 2.0);
+    MakeSteps(&s);
     return s;
 }
 
@@ -80,16 +111,24 @@ Strips PooledStrips(const cv::Mat &ink, int cell) {
     s.rows = (ink.rows + cell - 1) / cell;
     s.strips = (ink.cols + cell - 1) / cell;
     s.counts.assign(static_cast<std::size_t>(s.strips) * s.rows, 0);
-    for (int y = 0; y < ink.rows; ++y) {
-        const std::uint8_t *p = ink.ptr<std::uint8_t>(y);
+    // Each band of `cell` rows summed down every column first (at most
+    // kCoarsePool, so a byte holds it), then across each cell.
+    std::vector<std::uint8_t> column(static_cast<std::size_t>(ink.cols));
+    for (int band = 0; band < s.rows; ++band) {
+        std::fill(column.begin(), column.end(), 0);
+        for (int y = band * cell; y < std::min(ink.rows, (band + 1) * cell); ++y) {
+            const std::uint8_t *p = ink.ptr<std::uint8_t>(y);
+            std::uint8_t *c = column.data();
+            for (int x = 0; x < ink.cols; ++x) c[x] = static_cast<std::uint8_t>(c[x] + (p[x] >> 7));
+        }
         for (int i = 0; i < s.strips; ++i) {
-            const int x1 = std::min(ink.cols, (i + 1) * cell);
             int n = 0;
-            for (int x = i * cell; x < x1; ++x) n += p[x] >> 7;
-            s.counts[static_cast<std::size_t>(i) * s.rows + y / cell] += n;
+            for (int x = i * cell; x < std::min(ink.cols, (i + 1) * cell); ++x) n += column[static_cast<std::size_t>(x)];
+            s.counts[static_cast<std::size_t>(i) * s.rows + band] = n;
         }
     }
     for (int i = 0; i < s.strips; ++i) s.centre.push_back((i + 0.5) * cell / cell - ink.cols / (2.0 * cell));
+    MakeSteps(&s);
     return s;
 }
 
@@ -101,23 +140,25 @@ double Score(const Strips &s, double degrees, std::vector<std::int32_t> &scratch
     double reach = 0;
     for (double c : s.centre) reach = std::max(reach, std::abs(c * t));
     const int pad = static_cast<int>(std::ceil(reach)) + 2;
-    const std::size_t bins = static_cast<std::size_t>(s.rows + 2 * pad + 2) * kSub;
-    scratch.assign(bins, 0);
+    const std::size_t rowsOut = static_cast<std::size_t>(s.rows + 2 * pad + 2), bins = rowsOut * kSub;
+    // Each row's count as a box kSub steps long: where one row's box ends
+    // the next one's starts, so each boundary takes the step. A strip
+    // shifted by q whole rows and r steps puts its steps on grid phase r,
+    // so the steps are summed per phase, whole rows apart (contiguous
+    // adds), then interleaved and run into the profile.
+    scratch.resize(bins + bins);
+    std::int32_t *phase = scratch.data() + bins;
+    std::fill(phase, phase + bins, 0);
+    const std::size_t stepsPerStrip = static_cast<std::size_t>(s.rows) + 1;
     for (int i = 0; i < s.strips; ++i) {
         const long shift = std::lround((pad - s.centre[static_cast<std::size_t>(i)] * t) * kSub);
-        const int *c = &s.counts[static_cast<std::size_t>(i) * s.rows];
-        std::int32_t *e = scratch.data() + shift;
-        // Each row's count as a box kSub steps long: where one row's box
-        // ends the next one's starts, so each boundary takes the step.
-        int previous = 0;
-        for (int y = 0; y < s.rows; ++y) {
-            e[y * kSub] += c[y] - previous;
-            previous = c[y];
-        }
-        e[s.rows * kSub] -= previous;
+        const int *d = &s.steps[static_cast<std::size_t>(i) * stepsPerStrip];
+        std::int32_t *e = phase + static_cast<std::size_t>(shift % kSub) * rowsOut + shift / kSub;
+        for (std::size_t y = 0; y < stepsPerStrip; ++y) e[y] += d[y];
     }
     std::int32_t run = 0;
-    for (std::int32_t &v : scratch) v = (run += v);
+    for (std::size_t row = 0; row < rowsOut; ++row)
+        for (std::size_t r = 0; r < std::size_t{kSub}; ++r) scratch[row * kSub + r] = (run += phase[r * rowsOut + row]);
     double sum = 0;
     for (std::size_t i = kSub; i < bins; ++i) {
         const double d = edges ? scratch[i] - scratch[i - kSub] : scratch[i];
@@ -263,11 +304,13 @@ Skew FindSkew(const ScanPage &page, const Sheet &sheet, double maxSkew) {
     area = cv::Rect(area.x + margin, area.y + margin, area.width - 2 * margin, area.height - 2 * margin);
     area &= cv::Rect(0, 0, page.ink.cols, page.ink.rows);
     if (area.width < 16 || area.height < 16) return Skew{};
-    cv::Mat ink = page.ink(area).clone();
+    // The page's own ink, only read; a new image where the frame is cut.
+    cv::Mat ink = page.ink(area);
     if (sheet.sides != 0) {
-        cv::Mat paper;
+        cv::Mat paper, masked;
         cv::erode(sheet.paper(area), paper, cv::Mat(), cv::Point(-1, -1), margin);
-        ink &= paper;
+        cv::bitwise_and(ink, paper, masked);
+        ink = masked;
     }
     return FindInkSkew(ink, page, maxSkew);
 }

@@ -10,6 +10,7 @@
 
 #include "quarvel/scan.h"
 #include "scan/binarize.h"
+#include "scan/paper.h"
 #include "scan/scan.h"
 #include "support/pages.h"
 
@@ -348,6 +349,62 @@ TEST(Despeckle, RemovesLoneSpecksKeepsDotsStopsAndStrokes) {
     cv::Mat wrong(4, 4, CV_8UC3);
     Despeckle(&wrong, 0, kDpi);
     Despeckle(nullptr, 0, kDpi);
+}
+
+// Blob labelling against OpenCV's: the same labels (numbering included) and
+// statistics, on random masks from sparse specks to nearly full, odd and
+// even sizes, a view into a larger image, and blobs meeting only at corners.
+TEST(Blobs, LabelsMatchOpenCv) {
+    std::mt19937 rng(7);
+    struct Case {
+        cv::Size size;
+        int percent;
+    };
+    for (const Case c : {Case{{1, 1}, 100}, Case{{37, 1}, 50}, Case{{1, 29}, 50}, Case{{203, 151}, 3},
+                         Case{{200, 150}, 30}, Case{{61, 90}, 55}, Case{{64, 64}, 80}, Case{{9, 13}, 97}}) {
+        cv::Mat big(c.size.height + 4, c.size.width + 5, CV_8UC1);
+        for (auto it = big.begin<std::uint8_t>(); it != big.end<std::uint8_t>(); ++it)
+            *it = static_cast<int>(rng() % 100) < c.percent ? static_cast<std::uint8_t>(1 + rng() % 255) : 0;
+        cv::Mat mask = big(cv::Rect(3, 2, c.size.width, c.size.height));
+        cv::Mat labels, stats, want, wantStats, centroids;
+        const int n = LabelBlobs(mask, &labels, &stats);
+        const int m = cv::connectedComponentsWithStats(mask, want, wantStats, centroids, 8, CV_32S);
+        ASSERT_EQ(n, m) << c.size << c.percent;
+        EXPECT_EQ(cv::countNonZero(labels != want), 0) << c.size << c.percent;
+        if (n > 1) {
+            EXPECT_EQ(cv::norm(stats.rowRange(1, n), wantStats.rowRange(1, n), cv::NORM_INF), 0) << c.size;
+        }
+    }
+    cv::Mat corners = (cv::Mat_<std::uint8_t>(4, 6) << 1, 0, 0, 0, 0, 1, 0, 1, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 1, 0, 1);
+    cv::Mat labels, stats, want;
+    EXPECT_EQ(LabelBlobs(corners, &labels, &stats), cv::connectedComponents(corners, want, 8, CV_32S));
+    EXPECT_EQ(cv::countNonZero(labels != want), 0);
+    // Masks of another kind hold no blobs.
+    EXPECT_EQ(LabelBlobs(cv::Mat(), &labels, &stats), 1);
+    EXPECT_EQ(LabelBlobs(cv::Mat(5, 5, CV_8UC3, cv::Scalar::all(255)), &labels, &stats), 1);
+    EXPECT_EQ(cv::countNonZero(labels), 0);
+}
+
+// The content's blobs handed to the orientation give the orientation it
+// finds by labelling its own image, and are kept only for unframed ink.
+TEST(Blobs, SharedWithOrientation) {
+    cv::Mat image(kA4, CV_8UC1, cv::Scalar(235));
+    DrawText(&image, cv::Scalar(20));
+    const ScanPage p = PageOf(image);
+    Analysis a = WholeSheet(p);
+    InkBlobs blobs;
+    ASSERT_TRUE(FindContent(p, a.sheet, {}, &a.content, &blobs));
+    EXPECT_GT(blobs.count, 100);
+    const Skew skew = FindSkew(p, a.sheet, 45);
+    const Orientation shared = FindOrientation(p, a.sheet, skew, 45, &blobs), own = FindOrientation(p, a.sheet, skew, 45);
+    EXPECT_EQ(shared.angle, own.angle);
+    EXPECT_EQ(shared.confidence, own.confidence);
+    EXPECT_GT(own.confidence, 0);
+    a.sheet.sides = QUARVEL_SIDE_LEFT;
+    a.sheet.paper = cv::Mat(p.ink.size(), CV_8UC1, cv::Scalar(255));
+    InkBlobs framed;
+    FindContent(p, a.sheet, {}, &a.content, &framed);
+    EXPECT_TRUE(framed.stats.empty());
 }
 
 }  // namespace
