@@ -52,12 +52,16 @@ void AddRow(const std::uint8_t *__restrict p, int n, std::uint32_t *__restrict s
 }
 
 // Sums of v and v*v over c x c cells (the last row and column of cells may
-// be partial; `count` holds their pixel counts). Grids are CV_64F.
-void CellSums(const cv::Mat &gray, int c, cv::Mat *sum, cv::Mat *sq, cv::Mat *count) {
+// be partial: `rows` and `cols` hold each cell row's and column's pixel
+// count, so a cell holds rows[gy] * cols[gx] pixels). Grids are CV_64F.
+void CellSums(const cv::Mat &gray, int c, cv::Mat *sum, cv::Mat *sq, std::vector<double> *rows,
+              std::vector<double> *cols) {
     const int gw = (gray.cols + c - 1) / c, gh = (gray.rows + c - 1) / c;
-    *sum = cv::Mat::zeros(gh, gw, CV_64F);
-    *sq = cv::Mat::zeros(gh, gw, CV_64F);
-    *count = cv::Mat::zeros(gh, gw, CV_64F);
+    sum->create(gh, gw, CV_64F);
+    sq->create(gh, gw, CV_64F);
+    rows->resize(static_cast<std::size_t>(gh));
+    cols->resize(static_cast<std::size_t>(gw));
+    for (int gx = 0; gx < gw; ++gx) (*cols)[static_cast<std::size_t>(gx)] = std::min(gray.cols, (gx + 1) * c) - gx * c;
     // Column totals over a band of c rows (a loop the compiler vectorises),
     // then the cells' columns added.
     std::vector<std::uint32_t> s(gray.cols), q(gray.cols);
@@ -66,7 +70,8 @@ void CellSums(const cv::Mat &gray, int c, cv::Mat *sum, cv::Mat *sq, cv::Mat *co
         std::fill(q.begin(), q.end(), 0u);
         const int y1 = std::min(gray.rows, (gy + 1) * c);
         for (int y = gy * c; y < y1; ++y) AddRow(gray.ptr<std::uint8_t>(y), gray.cols, s.data(), q.data());
-        const int rows = y1 - gy * c;
+        (*rows)[static_cast<std::size_t>(gy)] = y1 - gy * c;
+        double *sumRow = sum->ptr<double>(gy), *sqRow = sq->ptr<double>(gy);
         for (int gx = 0; gx < gw; ++gx) {
             const int x0 = gx * c, x1 = std::min(gray.cols, x0 + c);
             std::uint64_t a = 0, b = 0;
@@ -74,11 +79,20 @@ void CellSums(const cv::Mat &gray, int c, cv::Mat *sum, cv::Mat *sq, cv::Mat *co
                 a += s[x];
                 b += q[x];
             }
-            sum->at<double>(gy, gx) = static_cast<double>(a);
-            sq->at<double>(gy, gx) = static_cast<double>(b);
-            count->at<double>(gy, gx) = static_cast<double>(rows) * (x1 - x0);
+            sumRow[gx] = static_cast<double>(a);
+            sqRow[gx] = static_cast<double>(b);
         }
     }
+}
+
+// Sums of `v` over the n values centred on each index (cut at the ends).
+std::vector<double> WindowSums(const std::vector<double> &v, int n) {
+    const int size = static_cast<int>(v.size()), r = n / 2;
+    std::vector<double> out(v.size(), 0.0);
+    for (int i = 0; i < size; ++i)
+        for (int j = std::max(0, i - r); j <= std::min(size - 1, i + r); ++j)
+            out[static_cast<std::size_t>(i)] += v[static_cast<std::size_t>(j)];
+    return out;
 }
 
 // Position of pixel `i` between the centres of cells of side c: the lower
@@ -150,30 +164,35 @@ cv::Mat ApplyGrid(const cv::Mat &gray, const cv::Mat &thresholds, int c) {
 
 cv::Mat LocalThreshold(const cv::Mat &gray, int method, int window, double k) {
     const int c = CellSide(window);
-    cv::Mat sum, sq, count;
-    CellSums(gray, c, &sum, &sq, &count);
+    cv::Mat sum, sq;
+    std::vector<double> rows, cols;
+    CellSums(gray, c, &sum, &sq, &rows, &cols);
     const int n = Odd(std::max(1, static_cast<int>(std::lround(static_cast<double>(window) / c))));
-    cv::Mat wsum, wsq, wcount;
+    cv::Mat wsum, wsq;
     cv::boxFilter(sum, wsum, CV_64F, cv::Size(n, n), cv::Point(-1, -1), false, cv::BORDER_CONSTANT);
     cv::boxFilter(sq, wsq, CV_64F, cv::Size(n, n), cv::Point(-1, -1), false, cv::BORDER_CONSTANT);
-    cv::boxFilter(count, wcount, CV_64F, cv::Size(n, n), cv::Point(-1, -1), false, cv::BORDER_CONSTANT);
-    cv::Mat mean(sum.size(), CV_64F), dev(sum.size(), CV_64F);
+    // A window's pixel count is its cell rows' count times its columns'.
+    const std::vector<double> wrows = WindowSums(rows, n), wcols = WindowSums(cols, n);
+    auto stats = [&](int y, int x, double *m, double *d) {
+        const double cnt = std::max(1.0, wrows[static_cast<std::size_t>(y)] * wcols[static_cast<std::size_t>(x)]);
+        *m = wsum.at<double>(y, x) / cnt;
+        *d = std::sqrt(std::max(0.0, wsq.at<double>(y, x) / cnt - *m * *m));
+    };
     double minMean = 255, maxDev = 0;
     for (int y = 0; y < sum.rows; ++y) {
         for (int x = 0; x < sum.cols; ++x) {
-            const double cnt = std::max(1.0, wcount.at<double>(y, x));
-            const double m = wsum.at<double>(y, x) / cnt;
-            const double d = std::sqrt(std::max(0.0, wsq.at<double>(y, x) / cnt - m * m));
-            mean.at<double>(y, x) = m;
-            dev.at<double>(y, x) = d;
-            minMean = std::min(minMean, sum.at<double>(y, x) / std::max(1.0, count.at<double>(y, x)));
+            double m, d;
+            stats(y, x, &m, &d);
+            const double cells = rows[static_cast<std::size_t>(y)] * cols[static_cast<std::size_t>(x)];
+            minMean = std::min(minMean, sum.at<double>(y, x) / std::max(1.0, cells));
             maxDev = std::max(maxDev, d);
         }
     }
     cv::Mat t(sum.size(), CV_32F);
     for (int y = 0; y < sum.rows; ++y) {
         for (int x = 0; x < sum.cols; ++x) {
-            const double m = mean.at<double>(y, x), d = dev.at<double>(y, x);
+            double m, d;
+            stats(y, x, &m, &d);
             double v;
             if (method == QUARVEL_BINARIZE_WOLF) {
                 // Wolf-Jolion: contrast relative to the page's darkest cell and
