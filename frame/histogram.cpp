@@ -14,6 +14,7 @@
 #include <new>
 
 #include "frame/kernels.h"
+#include "frame/spread.h"
 
 namespace quarvel::kernels {
 
@@ -45,12 +46,8 @@ namespace {
 
 __attribute__((target("avx2"))) int CountSumsAvx2(const std::uint8_t *src, int n, int bpp, std::uint32_t sums[2][766]) {
     const int lane = 4 * bpp;
-    alignas(32) std::int8_t masks[3][32];
-    for (int i = 0; i < 32; ++i)
-        for (int c = 0; c < 3; ++c) masks[c][i] = (i & 3) == 0 ? static_cast<std::int8_t>(bpp * ((i & 15) >> 2) + c) : -1;
-    const __m256i mb = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[0]));
-    const __m256i mg = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
-    const __m256i mr = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
+    const Spread spread = SpreadMasks(bpp);
+    const __m256i mb = spread.b, mg = spread.g, mr = spread.r;
     alignas(32) std::uint32_t s[8];
     const __m256i low3 = _mm256_set1_epi32(0x00FFFFFF);
     int x = 0;
@@ -79,8 +76,7 @@ __attribute__((target("avx2"))) int CountSumsAvx2(const std::uint8_t *src, int n
                 continue;
             }
         }
-        const __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
-                                                  _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + lane)), 1);
+        const __m256i v = LoadEight(q, lane);
         const __m256i sum = _mm256_add_epi32(_mm256_add_epi32(_mm256_shuffle_epi8(v, mb), _mm256_shuffle_epi8(v, mg)), _mm256_shuffle_epi8(v, mr));
         const __m256i first = _mm256_broadcastd_epi32(_mm256_castsi256_si128(sum));
         if (_mm256_movemask_epi8(_mm256_cmpeq_epi32(sum, first)) == -1) {
@@ -139,16 +135,11 @@ __attribute__((target("avx2"))) int AddBitsAvx2(const std::uint8_t *src, int n, 
 // (the error, s * 2 / (3 * 65536), stays below 1/3).
 __attribute__((target("avx2"))) int AddColourInkAvx2(const std::uint8_t *src, int n, int bpp, std::uint16_t *col) {
     const int lane = 4 * bpp;
-    alignas(32) std::int8_t masks[3][32];
-    for (int i = 0; i < 32; ++i)
-        for (int c = 0; c < 3; ++c) masks[c][i] = (i & 3) == 0 ? static_cast<std::int8_t>(bpp * ((i & 15) >> 2) + c) : -1;
-    const __m256i mb = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[0]));
-    const __m256i mg = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
-    const __m256i mr = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
+    const Spread spread = SpreadMasks(bpp);
+    const __m256i mb = spread.b, mg = spread.g, mr = spread.r;
     const __m256i third = _mm256_set1_epi16(21846), white = _mm256_set1_epi16(255);
     auto sums = [&](const std::uint8_t *q) __attribute__((target("avx2"))) {
-        const __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
-                                                  _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + lane)), 1);
+        const __m256i v = LoadEight(q, lane);
         return _mm256_add_epi32(_mm256_add_epi32(_mm256_shuffle_epi8(v, mb), _mm256_shuffle_epi8(v, mg)), _mm256_shuffle_epi8(v, mr));
     };
     int x = 0;

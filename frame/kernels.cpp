@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "frame/bits.h"
+#include "frame/spread.h"
 
 namespace quarvel::kernels {
 
@@ -372,29 +373,6 @@ inline std::uint8_t Gray(unsigned b, unsigned g, unsigned r) {
     return static_cast<std::uint8_t>((892007u * r + 2999598u * g + 302699u * b + 2097133u) >> 22);
 }
 
-// Byte shuffles that spread the blue, green and red of four pixels (of bpp
-// bytes) into the 32-bit lanes of each 128-bit half, and the shuffle that
-// puts lane bytes back in pixel order (-1 where a byte has no lane value).
-struct Spread {
-    __m256i b, g, r, back;
-};
-
-__attribute__((target("avx2"))) Spread SpreadMasks(int bpp) {
-    const int lane = 4 * bpp;
-    alignas(32) std::int8_t masks[4][32];
-    for (int i = 0; i < 32; ++i) {
-        const int j = i & 15;
-        for (int c = 0; c < 3; ++c) masks[c][i] = (i & 3) == 0 ? static_cast<std::int8_t>(bpp * (j >> 2) + c) : -1;
-        masks[3][i] = j < lane && j % bpp < 3 ? static_cast<std::int8_t>(4 * (j / bpp) + j % bpp) : -1;
-    }
-    Spread m;
-    m.b = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[0]));
-    m.g = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
-    m.r = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
-    m.back = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[3]));
-    return m;
-}
-
 // Eight pixels a step in 32-bit lanes: four pixels' blue, green and red
 // spread into each 128-bit lane by byte shuffles, the same integer sum, the
 // red and blue tests as lane masks. Returns the pixels done; the loads never
@@ -412,8 +390,7 @@ __attribute__((target("avx2"))) int ColourToGrayAvx2(const std::uint8_t *src, st
     int x = 0;
     for (; (n - x) * bpp >= lane + 16; x += 8) {
         const std::uint8_t *p = src + static_cast<std::ptrdiff_t>(x) * bpp;
-        const __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(p))),
-                                                  _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + lane)), 1);
+        const __m256i v = LoadEight(p, lane);
         const __m256i b = _mm256_shuffle_epi8(v, mb), g = _mm256_shuffle_epi8(v, mg), r = _mm256_shuffle_epi8(v, mr);
         __m256i sum = _mm256_add_epi32(_mm256_mullo_epi32(r, wr), _mm256_mullo_epi32(g, wg));
         sum = _mm256_srli_epi32(_mm256_add_epi32(_mm256_add_epi32(sum, _mm256_mullo_epi32(b, wb)), half), 22);
@@ -610,8 +587,7 @@ __attribute__((target("avx2"))) int DecolourAvx2(std::uint8_t *p, int n, int bpp
     int x = 0;
     for (; (n - x) * bpp >= lane + 16; x += 8) {
         std::uint8_t *q = p + static_cast<std::ptrdiff_t>(x) * bpp;
-        const __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
-                                                  _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + lane)), 1);
+        const __m256i v = LoadEight(q, lane);
         const __m256i b = _mm256_shuffle_epi8(v, mb), g = _mm256_shuffle_epi8(v, mg), r = _mm256_shuffle_epi8(v, mr);
         const __m256i level = _mm256_add_epi32(_mm256_add_epi32(_mm256_srli_epi32(b, 2), _mm256_srli_epi32(g, 1)), _mm256_srli_epi32(r, 2));
         const __m256i keep = _mm256_or_si256(
@@ -620,17 +596,7 @@ __attribute__((target("avx2"))) int DecolourAvx2(std::uint8_t *p, int n, int bpp
         const __m256i grayBytes = _mm256_shuffle_epi8(_mm256_mullo_epi32(level, repeat), back);
         const __m256i keepBytes = _mm256_or_si256(_mm256_shuffle_epi8(keep, back), untouched);
         const __m256i out = _mm256_blendv_epi8(grayBytes, v, keepBytes);
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(q), _mm256_castsi256_si128(out));
-        const __m128i upper = _mm256_extracti128_si256(out, 1);
-        if (bpp == 4) {
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(q + lane), upper);
-        } else {
-            // Only the upper half's own 12 bytes: a store reaching into the
-            // next step's load would stall it.
-            _mm_storel_epi64(reinterpret_cast<__m128i *>(q + lane), upper);
-            const int last = _mm_extract_epi32(upper, 2);
-            std::memcpy(q + lane + 8, &last, 4);
-        }
+        StoreEight(q, lane, bpp, out);
     }
     return x;
 }
@@ -655,8 +621,7 @@ __attribute__((target("avx2"))) int RedMarksAvx2(std::uint8_t *p, const std::uin
     int x = 0;
     for (; (n - x) * bpp >= lane + 16; x += 8) {
         std::uint8_t *q = p + static_cast<std::ptrdiff_t>(x) * bpp;
-        const __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
-                                                  _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + lane)), 1);
+        const __m256i v = LoadEight(q, lane);
         const __m256i b = _mm256_shuffle_epi8(v, mb), g = _mm256_shuffle_epi8(v, mg), r = _mm256_shuffle_epi8(v, mr);
         const __m256i redExcess = _mm256_sub_epi32(r, _mm256_max_epi32(g, b));
         const __m256i t = _mm256_blendv_epi8(c50, _mm256_srli_epi32(r, 1), _mm256_cmpgt_epi32(r, c99));
@@ -667,15 +632,7 @@ __attribute__((target("avx2"))) int RedMarksAvx2(std::uint8_t *p, const std::uin
         const __m256i levels = _mm256_mullo_epi32(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(gray + x))), repeat);
         const __m256i pixel = _mm256_blendv_epi8(_mm256_blendv_epi8(levels, pureBlue, blue), pureRed, red);
         const __m256i out = _mm256_blendv_epi8(_mm256_shuffle_epi8(pixel, back), v, untouched);
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(q), _mm256_castsi256_si128(out));
-        const __m128i upper = _mm256_extracti128_si256(out, 1);
-        if (bpp == 4) {
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(q + lane), upper);
-        } else {
-            _mm_storel_epi64(reinterpret_cast<__m128i *>(q + lane), upper);
-            const int last = _mm_extract_epi32(upper, 2);
-            std::memcpy(q + lane + 8, &last, 4);
-        }
+        StoreEight(q, lane, bpp, out);
     }
     return x;
 }
@@ -689,18 +646,13 @@ void RedMarksRow(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int 
 // the first step whose mask has a lane set is searched by the plain loop.
 __attribute__((target("avx2"))) int NextSpreadAvx2(const std::uint8_t *row, int from, int to, int bpp, int minSpread) {
     const int lane = 4 * bpp;
-    alignas(32) std::int8_t masks[3][32];
-    for (int i = 0; i < 32; ++i)
-        for (int c = 0; c < 3; ++c) masks[c][i] = (i & 3) == 0 ? static_cast<std::int8_t>(bpp * ((i & 15) >> 2) + c) : -1;
-    const __m256i mb = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[0]));
-    const __m256i mg = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
-    const __m256i mr = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
+    const Spread spread = SpreadMasks(bpp);
+    const __m256i mb = spread.b, mg = spread.g, mr = spread.r;
     const __m256i limit = _mm256_set1_epi32(std::clamp(minSpread, -1, 256) - 1);
     int x = from;
     for (; (to - x) * bpp >= lane + 16; x += 8) {
         const std::uint8_t *q = row + static_cast<std::ptrdiff_t>(x) * bpp;
-        const __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
-                                                  _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + lane)), 1);
+        const __m256i v = LoadEight(q, lane);
         const __m256i b = _mm256_shuffle_epi8(v, mb), g = _mm256_shuffle_epi8(v, mg), r = _mm256_shuffle_epi8(v, mr);
         const __m256i spread = _mm256_sub_epi32(_mm256_max_epi32(_mm256_max_epi32(b, g), r), _mm256_min_epi32(_mm256_min_epi32(b, g), r));
         if (!_mm256_testz_si256(_mm256_cmpgt_epi32(spread, limit), _mm256_cmpgt_epi32(spread, limit))) return plain::NextSpread(row, x, x + 8, bpp, minSpread);
@@ -738,18 +690,13 @@ int CountOnes(const std::uint8_t *row, int x, int n) {
 // s / 3 is (s * 43691) >> 17, exact for every sum up to 765 (and far beyond).
 __attribute__((target("avx2"))) int AddInkAvx2(const std::uint8_t *src, int n, int bpp, std::uint32_t *col) {
     const int lane = 4 * bpp;
-    alignas(32) std::int8_t masks[3][32];
-    for (int i = 0; i < 32; ++i)
-        for (int c = 0; c < 3; ++c) masks[c][i] = (i & 3) == 0 ? static_cast<std::int8_t>(bpp * ((i & 15) >> 2) + c) : -1;
-    const __m256i mb = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[0]));
-    const __m256i mg = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
-    const __m256i mr = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
+    const Spread spread = SpreadMasks(bpp);
+    const __m256i mb = spread.b, mg = spread.g, mr = spread.r;
     const __m256i third = _mm256_set1_epi32(43691), white = _mm256_set1_epi32(255);
     int x = 0;
     for (; (n - x) * bpp >= lane + 16; x += 8) {
         const std::uint8_t *q = src + static_cast<std::ptrdiff_t>(x) * bpp;
-        const __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
-                                                  _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + lane)), 1);
+        const __m256i v = LoadEight(q, lane);
         const __m256i sum = _mm256_add_epi32(_mm256_add_epi32(_mm256_shuffle_epi8(v, mb), _mm256_shuffle_epi8(v, mg)), _mm256_shuffle_epi8(v, mr));
         const __m256i ink = _mm256_sub_epi32(white, _mm256_srli_epi32(_mm256_mullo_epi32(sum, third), 17));
         __m256i *c = reinterpret_cast<__m256i *>(col + x);

@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "frame/kernels.h"
+#include "frame/spread.h"
 
 namespace quarvel::kernels {
 
@@ -52,44 +53,6 @@ void ExcessMapRow(std::uint8_t *p, int n, int bpp) {
 
 namespace {
 
-struct Lanes {
-    __m256i b, g, r, back;
-};
-
-__attribute__((target("avx2"))) Lanes LaneMasks(int bpp) {
-    alignas(32) std::int8_t masks[4][32];
-    for (int i = 0; i < 32; ++i) {
-        const int j = i & 15;
-        for (int c = 0; c < 3; ++c) masks[c][i] = (i & 3) == 0 ? static_cast<std::int8_t>(bpp * (j >> 2) + c) : -1;
-        masks[3][i] = j < 4 * bpp && j % bpp < 3 ? static_cast<std::int8_t>(4 * (j / bpp) + j % bpp) : -1;
-    }
-    Lanes m;
-    m.b = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[0]));
-    m.g = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[1]));
-    m.r = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[2]));
-    m.back = _mm256_load_si256(reinterpret_cast<const __m256i *>(masks[3]));
-    return m;
-}
-
-__attribute__((target("avx2"))) inline __m256i LoadEight(const std::uint8_t *q, int lane) {
-    return _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q))),
-                                   _mm_loadu_si128(reinterpret_cast<const __m128i *>(q + lane)), 1);
-}
-
-// Stores eight pixels; 3-byte pixels write only their own 24 bytes (a store
-// reaching into the next step's load would stall it).
-__attribute__((target("avx2"))) inline void StoreEight(std::uint8_t *q, int lane, int bpp, __m256i out) {
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(q), _mm256_castsi256_si128(out));
-    const __m128i upper = _mm256_extracti128_si256(out, 1);
-    if (bpp == 4) {
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(q + lane), upper);
-    } else {
-        _mm_storel_epi64(reinterpret_cast<__m128i *>(q + lane), upper);
-        const int last = _mm_extract_epi32(upper, 2);
-        std::memcpy(q + lane + 8, &last, 4);
-    }
-}
-
 // One outcome's byte amounts in a lane: what to add, what to subtract.
 __attribute__((target("avx2"))) inline void Amounts(const int d[3], bool on, __m256i *add, __m256i *sub) {
     int a = 0, s = 0;
@@ -106,7 +69,7 @@ template <bool WithMap, bool InPlace>
 __attribute__((target("avx2"))) int EnhanceAvx2(const std::uint8_t *in, const std::uint8_t *map, std::uint8_t *out, int n, int bpp,
                                                 const EnhanceRule &rule) {
     const int lane = 4 * bpp;
-    const Lanes m = LaneMasks(bpp);
+    const Spread m = SpreadMasks(bpp);
     __m256i add[4], sub[4];
     const bool ruleOn[4] = {rule.redThreshold > 0, rule.blueThreshold > 0, rule.tone, rule.tone};
     for (int o = 0; o < 4; ++o) Amounts(rule.delta[o], ruleOn[o], &add[o], &sub[o]);
@@ -148,7 +111,7 @@ __attribute__((target("avx2"))) int EnhanceAvx2(const std::uint8_t *in, const st
 
 __attribute__((target("avx2"))) int ExcessMapAvx2(std::uint8_t *p, int n, int bpp) {
     const int lane = 4 * bpp;
-    const Lanes m = LaneMasks(bpp);
+    const Spread m = SpreadMasks(bpp);
     const __m256i untouched = _mm256_cmpgt_epi8(_mm256_setzero_si256(), m.back), zero = _mm256_setzero_si256();
     const __m256i third = _mm256_set1_epi32(43691);  // s / 3 = (s * 43691) >> 17 for s <= 765
     int x = 0;
