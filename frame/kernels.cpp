@@ -125,16 +125,6 @@ int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread
     return to;
 }
 
-int CountOnes(const std::uint8_t *row, int x, int n) {
-    int ones = 0;
-    for (int i = x; i < x + n; ++i) ones += bits::Get(row, i);
-    return ones;
-}
-
-void AddInkRow(const std::uint8_t *src, int n, int bpp, std::uint32_t *col) {
-    for (int x = 0; x < n; ++x, src += bpp) col[x] += 255u - (src[0] + src[1] + src[2]) / 3u;
-}
-
 }  // namespace plain
 
 namespace {
@@ -663,51 +653,6 @@ __attribute__((target("avx2"))) int NextSpreadAvx2(const std::uint8_t *row, int 
 int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread) {
     if (useAvx2 && (bpp == 3 || bpp == 4) && from < to) return NextSpreadAvx2(row, from, to, bpp, minSpread);
     return plain::NextSpread(row, from, to, bpp, minSpread);
-}
-
-// Bytes counted through a 256-entry table (the baseline processor has no
-// population-count instruction), the partial first and last bytes masked.
-struct OnesTable {
-    std::uint8_t n[256];
-    constexpr OnesTable() : n{} {
-        for (int v = 0; v < 256; ++v) n[v] = static_cast<std::uint8_t>((v & 1) + (v >> 1 & 1) + (v >> 2 & 1) + (v >> 3 & 1) + (v >> 4 & 1) +
-                                                                      (v >> 5 & 1) + (v >> 6 & 1) + (v >> 7 & 1));
-    }
-};
-constexpr OnesTable kOnes;
-
-int CountOnes(const std::uint8_t *row, int x, int n) {
-    if (n <= 0) return 0;
-    const int first = x >> 3, last = (x + n - 1) >> 3;
-    const unsigned head = 0xFFu >> (x & 7), tail = 0xFF00u >> (((x + n - 1) & 7) + 1) & 0xFFu;
-    if (first == last) return kOnes.n[row[first] & head & tail];
-    int ones = kOnes.n[row[first] & head] + kOnes.n[row[last] & tail];
-    for (int j = first + 1; j < last; ++j) ones += kOnes.n[row[j]];
-    return ones;
-}
-
-// Eight pixels a step, spread into 32-bit lanes as the gray kernel does;
-// s / 3 is (s * 43691) >> 17, exact for every sum up to 765 (and far beyond).
-__attribute__((target("avx2"))) int AddInkAvx2(const std::uint8_t *src, int n, int bpp, std::uint32_t *col) {
-    const int lane = 4 * bpp;
-    const Spread spread = SpreadMasks(bpp);
-    const __m256i mb = spread.b, mg = spread.g, mr = spread.r;
-    const __m256i third = _mm256_set1_epi32(43691), white = _mm256_set1_epi32(255);
-    int x = 0;
-    for (; (n - x) * bpp >= lane + 16; x += 8) {
-        const std::uint8_t *q = src + static_cast<std::ptrdiff_t>(x) * bpp;
-        const __m256i v = LoadEight(q, lane);
-        const __m256i sum = _mm256_add_epi32(_mm256_add_epi32(_mm256_shuffle_epi8(v, mb), _mm256_shuffle_epi8(v, mg)), _mm256_shuffle_epi8(v, mr));
-        const __m256i ink = _mm256_sub_epi32(white, _mm256_srli_epi32(_mm256_mullo_epi32(sum, third), 17));
-        __m256i *c = reinterpret_cast<__m256i *>(col + x);
-        _mm256_storeu_si256(c, _mm256_add_epi32(_mm256_loadu_si256(c), ink));
-    }
-    return x;
-}
-
-void AddInkRow(const std::uint8_t *src, int n, int bpp, std::uint32_t *col) {
-    const int done = useAvx2 && (bpp == 3 || bpp == 4) ? AddInkAvx2(src, n, bpp, col) : 0;
-    plain::AddInkRow(src + static_cast<std::ptrdiff_t>(done) * bpp, n - done, bpp, col + done);
 }
 
 }  // namespace quarvel::kernels

@@ -68,14 +68,6 @@ void RedMarksRow(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int 
 // max(B, G, R) - min(B, G, R) >= minSpread, or `to` when none has.
 int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread);
 
-// The number of 1 bits among bits [x, x + n) of a packed row (most
-// significant bit first); n >= 0.
-int CountOnes(const std::uint8_t *row, int x, int n);
-
-// col[x] += 255 - (B + G + R) / 3 for n colour pixels of `bpp` bytes (3 or 4):
-// the ink of each pixel added to a column sum.
-void AddInkRow(const std::uint8_t *src, int n, int bpp, std::uint32_t *col);
-
 // Turns the AVX2 kernels on (where the processor has AVX2) or off, so tests
 // can run the SSE2 ones on any machine; returns the previous setting. Not
 // for use while other threads run kernels.
@@ -84,8 +76,6 @@ bool UseAvx2(bool on);
 bool Avx2On();
 
 namespace plain {
-void AddInkRow(const std::uint8_t *src, int n, int bpp, std::uint32_t *col);
-int CountOnes(const std::uint8_t *row, int x, int n);
 int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread);
 void RedMarksRow(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int colorDiff, int minLevel, bool keepBlue);
 void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta, int blueDelta, int greenDelta);

@@ -210,49 +210,53 @@ bool LoadReducedRaster(PageRaster &target, const DibBlock &block, int k) {
     const InkTables tables(block, bits);
     const int used = rw * k;
     const unsigned area = static_cast<unsigned>(k) * static_cast<unsigned>(k);
-    // 1-, 8-, 24- and 32-bit rows sum in 16 bits (k rows of inks up to 255
-    // fit while k <= 257) through the column kernels; an 8-bit page whose
-    // inks are the complements of its indices (a rising gray ramp) needs no
-    // lookup.
+    // 1-, 8-, 24- and 32-bit rows sum in 16 bits through the column kernels
+    // (257 rows of inks up to 255 fit), carried into 32-bit column totals
+    // every 257 rows; an 8-bit page whose inks are the complements of its
+    // indices (a rising gray ramp) needs no lookup.
     bool ramp = bits == 8;
     for (int v = 0; ramp && v < 256; ++v) ramp = tables.inks[v] == 255 - v;
-    const bool narrow = (bits == 1 || bits == 8 || bits == 24 || bits == 32) && k <= 257;
+    const bool kernelled = bits == 1 || bits == 8 || bits == 24 || bits == 32;
+    constexpr int kSixteenBitRows = 257;
     std::vector<std::uint8_t> line(static_cast<std::size_t>(w));
-    std::vector<std::uint32_t> columns(narrow ? 0 : static_cast<std::size_t>(used));
-    std::vector<std::uint16_t> narrowColumns(narrow ? static_cast<std::size_t>(used) : 0);
+    std::vector<std::uint32_t> columns(static_cast<std::size_t>(used));
+    std::vector<std::uint16_t> narrow(kernelled ? static_cast<std::size_t>(used) : 0);
+    int pending = 0;
+    auto carry = [&] {
+        for (std::size_t x = 0; x < narrow.size(); ++x) columns[x] += narrow[x];
+        std::fill(narrow.begin(), narrow.end(), std::uint16_t{0});
+        pending = 0;
+    };
     // Block rows from the bottom of the page up and their rows likewise, so
     // the stored rows are read in address order.
     for (int j = rh - 1; j >= 0; --j) {
         std::fill(columns.begin(), columns.end(), 0u);
-        std::fill(narrowColumns.begin(), narrowColumns.end(), std::uint16_t{0});
         for (int dy = k - 1; dy >= 0; --dy) {
             const int stored = h - 1 - (j * k + dy);
             const std::uint8_t *src = rows + static_cast<std::size_t>(stored) * stride;
-            if (narrow && bits == 1) {
-                kernels::AddBitsRow(src, used, tables.inks[0], tables.inks[1], narrowColumns.data());
-            } else if (narrow && bits >= 24) {
-                kernels::AddColourInkRow(src, used, bits / 8, narrowColumns.data());
-            } else if (narrow && ramp) {
-                kernels::AddBytesRow(src, used, true, narrowColumns.data());
-            } else if (narrow) {
-                kernels::LookupRow(src, line.data(), static_cast<std::size_t>(used), tables.inks);
-                kernels::AddBytesRow(line.data(), used, false, narrowColumns.data());
-            } else if (bits == 24 || bits == 32) {
-                kernels::AddInkRow(src, used, bits / 8, columns.data());
-            } else {
+            if (!kernelled) {
                 DecodeRow(src, line.data(), used, bits, tables);
                 for (int x = 0; x < used; ++x) columns[static_cast<std::size_t>(x)] += line[static_cast<std::size_t>(x)];
+                continue;
             }
+            if (bits == 1) {
+                kernels::AddBitsRow(src, used, tables.inks[0], tables.inks[1], narrow.data());
+            } else if (bits >= 24) {
+                kernels::AddColourInkRow(src, used, bits / 8, narrow.data());
+            } else if (ramp) {
+                kernels::AddBytesRow(src, used, true, narrow.data());
+            } else {
+                kernels::LookupRow(src, line.data(), static_cast<std::size_t>(used), tables.inks);
+                kernels::AddBytesRow(line.data(), used, false, narrow.data());
+            }
+            if (++pending == kSixteenBitRows) carry();
         }
+        if (pending > 0) carry();
         std::uint8_t *out = target.data() + static_cast<std::size_t>(j) * static_cast<std::size_t>(rw);
         for (int i = 0; i < rw; ++i) {
             std::uint32_t s = 0;
             const std::size_t at = static_cast<std::size_t>(i) * static_cast<std::size_t>(k);
-            if (narrow) {
-                for (int dx = 0; dx < k; ++dx) s += narrowColumns[at + static_cast<std::size_t>(dx)];
-            } else {
-                for (int dx = 0; dx < k; ++dx) s += columns[at + static_cast<std::size_t>(dx)];
-            }
+            for (int dx = 0; dx < k; ++dx) s += columns[at + static_cast<std::size_t>(dx)];
             out[i] = static_cast<std::uint8_t>(s / area);
         }
     }
