@@ -135,22 +135,21 @@ void SpreadGray(const cv::Mat &in, cv::Mat &out, int nCols, int nRows, bool mini
         else
             cv::max(x, y, to);
     };
-    // Each step writes into the other buffer: the combined head, then the
-    // tail that has no partner yet.
-    for (long long have = 1; have < nCols && have < a.cols;) {
-        const int step = static_cast<int>(std::min<long long>(have, nCols - have)), keep = a.cols - step;
-        combine(a.colRange(0, keep), a.colRange(step, a.cols), b.colRange(0, keep));
-        a.colRange(keep, a.cols).copyTo(b.colRange(keep, a.cols));
-        std::swap(a, b);
-        have += step;
-    }
-    for (long long have = 1; have < nRows && have < a.rows;) {
-        const int step = static_cast<int>(std::min<long long>(have, nRows - have)), keep = a.rows - step;
-        combine(a.rowRange(0, keep), a.rowRange(step, a.rows), b.rowRange(0, keep));
-        a.rowRange(keep, a.rows).copyTo(b.rowRange(keep, a.rows));
-        std::swap(a, b);
-        have += step;
-    }
+    // Along one axis (columns when `across`), each step writes into the
+    // other buffer: the combined head, then the tail that has no partner yet.
+    const auto doubleSpans = [&](int side, bool across) {
+        const auto part = [across](const cv::Mat &m, int from, int to) { return across ? m.colRange(from, to) : m.rowRange(from, to); };
+        const int size = across ? a.cols : a.rows;
+        for (long long have = 1; have < side && have < size;) {
+            const int step = static_cast<int>(std::min<long long>(have, side - have)), keep = size - step;
+            combine(part(a, 0, keep), part(a, step, size), part(b, 0, keep));
+            part(a, keep, size).copyTo(part(b, keep, size));
+            std::swap(a, b);
+            have += step;
+        }
+    };
+    doubleSpans(nCols, true);
+    doubleSpans(nRows, false);
     a.copyTo(out);
 }
 
