@@ -9,8 +9,13 @@
 // mask-and-shift steps), straight into the result when the row has no
 // unused tail bits, else into a scratch row then shifted left by them. Table lookups run
 // eight bytes per step through one 64-bit load and store; brightness alone is
-// an SSE2 saturating add or subtract, 16 bytes a step. Colour to gray is
-// exact integer arithmetic.
+// an SSE2 saturating add or subtract, 16 bytes a step (32 with AVX2). Colour
+// to gray is exact integer arithmetic.
+// Where the processor has AVX-512 (byte instructions and VBMI byte
+// permutes), table lookups take 64 bytes a step from four table registers
+// and thresholds pack 64 levels a step into a compare mask; their last step
+// is a masked load and store, so a row is one kernel call with no tail.
+// Row copies that read out of memory order prefetch the rows ahead.
 #include "frame/kernels.h"
 
 #include <emmintrin.h>
@@ -31,6 +36,10 @@ namespace plain {
 void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp) {
     for (int i = 0; i < n; ++i)
         for (int c = 0; c < bpp; ++c) dst[i * bpp + c] = src[(n - 1 - i) * bpp + c];
+}
+
+void CopyRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t *) {
+    if (n > 0) std::memcpy(dst, src, n);
 }
 
 void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w) {
@@ -129,6 +138,10 @@ int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread
 
 namespace {
 
+// The AVX-512 kernels (byte and word instructions, byte permutes with two
+// table registers, masked loads and stores): chosen at run time, like AVX2.
+#define AVX512 __attribute__((target("avx512f,avx512bw,avx512vbmi,avx512vl,bmi2")))
+
 inline __m128i Reverse16(__m128i v) {
     v = _mm_shuffle_epi32(v, _MM_SHUFFLE(0, 1, 2, 3));
     v = _mm_shufflelo_epi16(v, _MM_SHUFFLE(2, 3, 0, 1));
@@ -178,6 +191,10 @@ __attribute__((target("ssse3"))) int MirrorRow24Ssse3(const std::uint8_t *src, s
 const bool kHasSsse3 = __builtin_cpu_supports("ssse3");
 const bool kHasAvx2 = __builtin_cpu_supports("avx2");
 bool useAvx2 = kHasAvx2;
+const bool kHasAvx512 = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+                        __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vl") &&
+                        __builtin_cpu_supports("bmi2");
+bool useAvx512 = kHasAvx512;
 
 // 32 pixels of 1 byte or 8 of 4 bytes a step: bytes reversed within each
 // 16-byte lane, then the lanes swapped; or one dword permutation. After the
@@ -271,13 +288,60 @@ __attribute__((target("avx2"))) int ReverseBytesAvx2(const std::uint8_t *src, st
     }
 }
 
+// Masks of the first n bytes of a 64-byte block.
+AVX512 inline __mmask64 FirstBytes(std::size_t n) { return n >= 64 ? ~0ull : _bzhi_u64(~0ull, static_cast<unsigned>(n)); }
+
+// The order that reverses the bytes of every 8-byte group, so a byte
+// mask's bits come out most significant pixel first in each byte.
+#define KERNELS_REVERSE_EIGHTS 7, 6, 5, 4, 3, 2, 1, 0, 15, 14, 13, 12, 11, 10, 9, 8
+
+// 64 levels a step: bytes reversed in each group of eight, compared
+// unsigned into a 64-bit mask that is the eight packed bytes; the last
+// step's loads and stores are masked to the row.
+AVX512 void ThresholdAvx512(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold) {
+    alignas(64) static constexpr std::int8_t kOrder[64] = {KERNELS_REVERSE_EIGHTS, KERNELS_REVERSE_EIGHTS, KERNELS_REVERSE_EIGHTS,
+                                                          KERNELS_REVERSE_EIGHTS};
+    const __m512i order = _mm512_load_si512(kOrder);
+    const __m512i t = _mm512_set1_epi8(static_cast<char>(threshold));
+    for (int x = 0; x < w; x += 64) {
+        const std::size_t left = static_cast<std::size_t>(w - x);
+        const __m512i v = _mm512_maskz_loadu_epi8(FirstBytes(left), src + x);
+        const std::uint64_t m = _mm512_cmpge_epu8_mask(_mm512_shuffle_epi8(v, order), t);
+        if (left >= 64) {
+            std::memcpy(packed + x / 8, &m, 8);
+        } else {
+            _mm_mask_storeu_epi8(packed + x / 8, static_cast<__mmask16>(FirstBytes((left + 7) / 8)), _mm_cvtsi64_si128(static_cast<long long>(m)));
+        }
+    }
+}
+
+// 32 levels a step: the same reversal, v >= t as max(v, t) == v, and the
+// byte mask's sign bits are the four packed bytes.
+__attribute__((target("avx2"))) int ThresholdAvx2(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold) {
+    const __m256i order = _mm256_setr_epi8(KERNELS_REVERSE_EIGHTS, KERNELS_REVERSE_EIGHTS);
+    const __m256i t = _mm256_set1_epi8(static_cast<char>(threshold));
+    int x = 0;
+    for (; x + 32 <= w; x += 32) {
+        const __m256i v = _mm256_shuffle_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + x)), order);
+        const auto m = static_cast<std::uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_max_epu8(v, t), v)));
+        std::memcpy(packed + x / 8, &m, 4);
+    }
+    return x;
+}
+
 }  // namespace
 
-// 16 levels a step: v >= t as max(v, t) == v, the byte mask's sign bits
-// gathered (first level in bit 0) and each byte's bits reversed.
+// With SSE2 alone, 16 levels a step: v >= t as max(v, t) == v, the byte
+// mask's sign bits gathered (first level in bit 0) and each byte's bits
+// reversed by a table.
 void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int threshold) {
     int x = 0;
     if (threshold >= 1 && threshold <= 255) {
+        if (useAvx512) {
+            ThresholdAvx512(src, packed, w, threshold);
+            return;
+        }
+        if (useAvx2) x = ThresholdAvx2(src, packed, w, threshold);
         const __m128i t = _mm_set1_epi8(static_cast<char>(threshold));
         for (; x + 16 <= w; x += 16) {
             const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + x));
@@ -289,6 +353,41 @@ void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int t
     plain::ThresholdToBits(src + x, packed + (x >> 3), w - x, threshold);
 }
 
+void PrefetchRow(const std::uint8_t *p, std::size_t n) {
+    if (n == 0) return;
+    for (std::size_t i = 0; i < n; i += 64) _mm_prefetch(reinterpret_cast<const char *>(p + i), _MM_HINT_T0);
+    _mm_prefetch(reinterpret_cast<const char *>(p + n - 1), _MM_HINT_T0);
+}
+
+// 64 bytes a step, the step's line of `ahead` prefetched; after the first
+// block the stores fall on 32-byte boundaries of dst and the last block
+// overlaps the one before it.
+__attribute__((target("avx2"))) void CopyRowAvx2(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t *ahead) {
+#define load(i) _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + (i)))
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst), load(0));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + 32), load(32));
+    std::size_t i = 32 - (reinterpret_cast<std::uintptr_t>(dst) & 31);
+    for (; i + 64 <= n; i += 64) {
+        if (ahead != nullptr) _mm_prefetch(reinterpret_cast<const char *>(ahead + i), _MM_HINT_T0);
+        const __m256i a = load(i), b = load(i + 32);
+        _mm256_store_si256(reinterpret_cast<__m256i *>(dst + i), a);
+        _mm256_store_si256(reinterpret_cast<__m256i *>(dst + i + 32), b);
+    }
+    if (ahead != nullptr) _mm_prefetch(reinterpret_cast<const char *>(ahead + n - 1), _MM_HINT_T0);
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + n - 64), load(n - 64));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + n - 32), load(n - 32));
+#undef load
+}
+
+void CopyRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t *ahead) {
+    if (useAvx2 && n >= 128) {
+        CopyRowAvx2(src, dst, n, ahead);
+        return;
+    }
+    if (ahead != nullptr) PrefetchRow(ahead, n);
+    if (n > 0) std::memcpy(dst, src, n);
+}
+
 bool UseAvx2(bool on) {
     const bool was = useAvx2;
     useAvx2 = on && kHasAvx2;
@@ -296,6 +395,14 @@ bool UseAvx2(bool on) {
 }
 
 bool Avx2On() { return useAvx2; }
+
+bool UseAvx512(bool on) {
+    const bool was = useAvx512;
+    useAvx512 = on && kHasAvx512;
+    return was;
+}
+
+bool Avx512On() { return useAvx512; }
 
 void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp) {
     int i = 0;
@@ -417,12 +524,25 @@ void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp,
 
 // Saturating byte adds (or subtracts) of |value| clamped to 255, which
 // saturate exactly as the clamped sum does.
+__attribute__((target("avx2"))) std::size_t AddSaturateAvx2(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int amount,
+                                                           bool keepFourth) {
+    const __m256i add = _mm256_set1_epi8(static_cast<char>(amount > 0 ? amount : 0));
+    const __m256i sub = _mm256_set1_epi8(static_cast<char>(amount < 0 ? -amount : 0));
+    const __m256i fourth = _mm256_set1_epi32(keepFourth ? static_cast<int>(0xFF000000u) : 0);
+    std::size_t i = 0;
+    for (; i + 32 <= n; i += 32) {
+        const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + i));
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i), _mm256_blendv_epi8(_mm256_subs_epu8(_mm256_adds_epu8(v, add), sub), v, fourth));
+    }
+    return i;
+}
+
 void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, int value, bool keepFourth) {
     const int amount = std::clamp(value, -255, 255);
     const __m128i add = _mm_set1_epi8(static_cast<char>(amount > 0 ? amount : 0));
     const __m128i sub = _mm_set1_epi8(static_cast<char>(amount < 0 ? -amount : 0));
     const __m128i fourth = keepFourth ? _mm_set1_epi32(static_cast<int>(0xFF000000u)) : _mm_setzero_si128();
-    std::size_t i = 0;
+    std::size_t i = useAvx2 ? AddSaturateAvx2(src, dst, n, amount, keepFourth) : 0;
     for (; i + 16 <= n; i += 16) {
         const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i));
         const __m128i r = _mm_subs_epu8(_mm_adds_epu8(v, add), sub);
@@ -431,9 +551,21 @@ void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, i
     plain::AddSaturateRow(src + i, dst + i, n - i, value, keepFourth);
 }
 
+__attribute__((target("avx2"))) std::size_t SubtractAvx2(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n,
+                                                        bool keepFourth) {
+    const __m256i fourth = _mm256_set1_epi32(keepFourth ? static_cast<int>(0xFF000000u) : 0);
+    std::size_t i = 0;
+    for (; i + 32 <= n; i += 32) {
+        const __m256i u = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(a + i));
+        const __m256i r = _mm256_subs_epu8(u, _mm256_loadu_si256(reinterpret_cast<const __m256i *>(b + i)));
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(d + i), _mm256_blendv_epi8(r, u, fourth));
+    }
+    return i;
+}
+
 void SubtractSaturateRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth) {
     const __m128i fourth = keepFourth ? _mm_set1_epi32(static_cast<int>(0xFF000000u)) : _mm_setzero_si128();
-    std::size_t i = 0;
+    std::size_t i = useAvx2 ? SubtractAvx2(a, b, d, n, keepFourth) : 0;
     for (; i + 16 <= n; i += 16) {
         const __m128i u = _mm_loadu_si128(reinterpret_cast<const __m128i *>(a + i));
         const __m128i r = _mm_subs_epu8(u, _mm_loadu_si128(reinterpret_cast<const __m128i *>(b + i)));
@@ -473,7 +605,29 @@ __attribute__((target("avx2"))) std::size_t LookupAvx2(const std::uint8_t *src, 
     return i;
 }
 
+// 64 bytes a step: two two-register byte permutes look each byte up in
+// the table's lower and upper 128 entries (its bit 6 picks the register),
+// its top bit picks between them; the row's last step is masked.
+AVX512 void LookupAvx512(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256], bool keepFourth) {
+    const __m512i t0 = _mm512_loadu_si512(table), t1 = _mm512_loadu_si512(table + 64);
+    const __m512i t2 = _mm512_loadu_si512(table + 128), t3 = _mm512_loadu_si512(table + 192);
+    const __mmask64 fourth = keepFourth ? 0x8888888888888888ull : 0;
+    for (std::size_t i = 0; i < n; i += 64) {
+        const __mmask64 m = FirstBytes(n - i);
+        const __m512i v = _mm512_maskz_loadu_epi8(m, src + i);
+        const __m512i r = _mm512_mask_blend_epi8(_mm512_movepi8_mask(v), _mm512_permutex2var_epi8(t0, v, t1),
+                                                 _mm512_permutex2var_epi8(t2, v, t3));
+        _mm512_mask_storeu_epi8(dst + i, m, _mm512_mask_blend_epi8(fourth, r, v));
+    }
+}
+
+bool FastLookup() { return useAvx512; }
+
 void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]) {
+    if (useAvx512) {
+        LookupAvx512(src, dst, n, table, false);
+        return;
+    }
     std::size_t i = useAvx2 ? LookupAvx2(src, dst, n, table, false) : 0;
     for (; i + 8 <= n; i += 8) {
         const std::uint64_t v = Load64(src + i);
@@ -485,6 +639,10 @@ void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const 
 }
 
 void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]) {
+    if (useAvx512) {
+        LookupAvx512(src, dst, 4 * n, table, true);
+        return;
+    }
     std::size_t i = useAvx2 ? LookupAvx2(src, dst, 4 * n, table, true) / 4 : 0;
     for (; i + 2 <= n; i += 2) {
         const std::uint64_t v = Load64(src + 4 * i);
@@ -525,9 +683,29 @@ void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, s
 // 64 bytes a step, stored back into a only where the AND changed one of
 // them: a block a keeps unchanged (paper AND paper) is not written, which
 // spares the memory traffic of writing it back.
+__attribute__((target("avx2"))) std::size_t AndTwiceAvx2(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n,
+                                                        bool keepFourth) {
+    const __m256i fourth = _mm256_set1_epi32(keepFourth ? static_cast<int>(0xFF000000u) : 0);
+    std::size_t i = 0;
+    for (; i + 64 <= n; i += 64) {
+        const __m256i u0 = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(a + i));
+        const __m256i u1 = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(a + i + 32));
+        const __m256i v0 = _mm256_and_si256(u0, _mm256_or_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(b + i)), fourth));
+        const __m256i v1 = _mm256_and_si256(u1, _mm256_or_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(b + i + 32)), fourth));
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(d + i), v0);
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(d + i + 32), v1);
+        const __m256i changed = _mm256_or_si256(_mm256_xor_si256(u0, v0), _mm256_xor_si256(u1, v1));
+        if (!_mm256_testz_si256(changed, changed)) {
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(a + i), v0);
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(a + i + 32), v1);
+        }
+    }
+    return i;
+}
+
 void AndRowTwice(std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth) {
     const __m128i fourth = keepFourth ? _mm_set1_epi32(static_cast<int>(0xFF000000u)) : _mm_setzero_si128();
-    std::size_t i = 0;
+    std::size_t i = useAvx2 ? AndTwiceAvx2(a, b, d, n, keepFourth) : 0;
     for (; i + 64 <= n; i += 64) {
         __m128i v[4], changed = _mm_setzero_si128();
         for (int k = 0; k < 4; ++k) {

@@ -19,6 +19,13 @@ void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp);
 // dst bit i = src bit w - 1 - i for i < w; rows start at bit 0, the leftmost
 // pixel in the most significant bit.
 void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w);
+// Asks for the n bytes at p to be brought into the cache (no effect on
+// results): for a pass that will read a row out of memory order, a few rows
+// ahead of the one it works on.
+void PrefetchRow(const std::uint8_t *p, std::size_t n);
+// dst[i] = src[i] for n bytes, with the n bytes at `ahead` (null for none)
+// prefetched along the way.
+void CopyRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t *ahead);
 // dst[i] = table[src[i]] for n bytes.
 void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
 // The same over n 4-byte pixels, the fourth byte copied unchanged.
@@ -74,6 +81,13 @@ int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread
 bool UseAvx2(bool on);
 // Whether the AVX2 kernels are on (for kernels kept in other files).
 bool Avx2On();
+// The same for the AVX-512 kernels (byte and word instructions and byte
+// permutes); tests turn both off to reach the SSE2 ones.
+bool UseAvx512(bool on);
+bool Avx512On();
+// Whether LookupRow runs at about a copy's speed (a few instructions per 64
+// bytes), so a table beats arithmetic.
+bool FastLookup();
 
 namespace plain {
 int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread);
@@ -86,6 +100,7 @@ void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, i
 void SubtractSaturateRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth);
 void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta);
 void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp);
+void CopyRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t *ahead);
 void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w);
 void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
 void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);

@@ -1,7 +1,7 @@
 // Fast row kernels against their plain twins, bit for bit: one harness runs
 // every kernel over rows of noise (with edge colours and runs of one value
 // mixed in) at lengths that end mid-block and mid-byte, at odd source
-// offsets, AVX2 on and off, and compares the destination (guard bytes around
+// offsets, AVX-512, AVX2 and SSE2, and compares the destination (guard bytes around
 // it included) and the source, which in-place kernels write. Then the image
 // level twins: integer gray, 1-bit and fused rotation, bit spans, filters.
 #include <gtest/gtest.h>
@@ -91,6 +91,7 @@ const k::EnhanceRule kRules[] = {
 const std::vector<Twin> kTwins = {
     {"mirror", {1, 3, 4}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorRow, s, d, c.n, c.bpp); }},
     {"mirror bits", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBits, s, d, c.n); }},
+    {"copy", {1}, {0, 1}, {0}, [](auto c, auto s, auto d) { TWIN(CopyRow, s, d, Bytes4(c), c.a ? s + 4 * c.n + 32 : nullptr); }},
     {"lookup", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(LookupRow, s, d, Bytes4(c), Table()); }},
     {"lookup32", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(LookupRow32, s, d, static_cast<std::size_t>(c.n), Table()); }},
     {"threshold", {1}, {-5, 0, 1, 128, 255, 256}, {0}, [](auto c, auto s, auto d) { TWIN(ThresholdToBits, s, d, c.n, c.a); }},
@@ -148,14 +149,15 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
             for (int bpp : t.bpps)
                 for (int a : t.as)
                     for (int b : t.bs)
-                        for (bool avx2 : {true, false}) {
+                        for (int simd : {2, 1, 0}) {  // AVX-512, AVX2, SSE2
                             Bytes fs = src, fd = dst, ps = src, pd = dst;
                             const int offset = 16 + n % 3;
-                            const bool was = k::UseAvx2(avx2);
+                            const bool was = k::UseAvx2(simd >= 1), was512 = k::UseAvx512(simd == 2);
                             t.run({n, bpp, a, b, false}, fs.data() + offset, fd.data() + 16);
                             k::UseAvx2(was);
+                            k::UseAvx512(was512);
                             t.run({n, bpp, a, b, true}, ps.data() + offset, pd.data() + 16);
-                            ASSERT_TRUE(fd == pd && fs == ps) << t.name << " n " << n << " bpp " << bpp << " " << a << " " << b << " avx2 " << avx2;
+                            ASSERT_TRUE(fd == pd && fs == ps) << t.name << " n " << n << " bpp " << bpp << " " << a << " " << b << " simd " << simd;
                         }
         }
     }
