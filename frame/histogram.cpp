@@ -4,6 +4,8 @@
 // pixels add 16 once; else eight pixels a step spread into 32-bit lanes (the
 // byte shuffles of the colour kernels), B + G + R summed there; eight equal
 // sums add 8 once, else the eight sums are counted into two tables in turn.
+// With AVX-512, 32 pixels' sums a step in 16-bit lanes, the lanes equal to
+// one of two running reference sums counted by a popcount.
 // Column sums: 32 levels or bits, or 16 colour pixels, a step (AVX2).
 #include "frame/histogram.h"
 
@@ -214,12 +216,63 @@ void LevelCounter::AddTo(std::uint32_t count[256]) const {
     }
 }
 
+// 32 pixels a step: their B, G and R gathered into 16-bit lanes by three
+// two-register byte permutes and summed there; the lanes equal to either of
+// two reference sums (on a page: paper, and the ink last seen beside it) are
+// counted with one addition each, the others one by one into the two
+// tables in turn. A step where few lanes match a reference makes its first
+// other sum that reference (the first when the paper's sum changed, else
+// the second). Returns the pixels done; loads are masked to the n pixels.
+__attribute__((target("avx512f,avx512bw,avx512vbmi,avx512vl,bmi2,popcnt"))) int CountSumsAvx512(const std::uint8_t *src, int n, int bpp,
+                                                                                               std::uint32_t sums[2][766]) {
+    alignas(64) std::int8_t index[3][64];
+    for (int k = 0; k < 32; ++k)
+        for (int c = 0; c < 3; ++c) index[c][2 * k] = static_cast<std::int8_t>(bpp * k + c), index[c][2 * k + 1] = 0;
+    const __m512i ib = _mm512_load_si512(index[0]), ig = _mm512_load_si512(index[1]), ir = _mm512_load_si512(index[2]);
+    const __mmask64 low = 0x5555555555555555ull;
+    const __mmask64 upper = bpp == 3 ? _bzhi_u64(~0ull, 32) : ~0ull;  // the step's bytes past the first 64
+    alignas(64) std::uint16_t lane[32];
+    int ref = src[0] + src[1] + src[2], ref2 = 0;
+    int turn = 0;
+    int x = 0;
+    for (; n - x >= 32; x += 32) {
+        const std::uint8_t *q = src + static_cast<std::ptrdiff_t>(x) * bpp;
+        const __m512i a = _mm512_loadu_si512(q), b = _mm512_maskz_loadu_epi8(upper, q + 64);
+        const __m512i sum = _mm512_add_epi16(_mm512_add_epi16(_mm512_maskz_permutex2var_epi8(low, a, ib, b), _mm512_maskz_permutex2var_epi8(low, a, ig, b)),
+                                             _mm512_maskz_permutex2var_epi8(low, a, ir, b));
+        const std::uint32_t same = _mm512_cmpeq_epi16_mask(sum, _mm512_set1_epi16(static_cast<short>(ref)));
+        if (same == 0xFFFFFFFFu) {
+            sums[0][ref] += 32;
+            continue;
+        }
+        const std::uint32_t same2 = _mm512_cmpeq_epi16_mask(sum, _mm512_set1_epi16(static_cast<short>(ref2))) & ~same;
+        sums[0][ref] += static_cast<std::uint32_t>(__builtin_popcount(same));
+        sums[1][ref2] += static_cast<std::uint32_t>(__builtin_popcount(same2));
+        std::uint32_t other = ~(same | same2);
+        if (other == 0) continue;
+        _mm512_store_si512(lane, sum);
+        const int first = __builtin_ctz(other);
+        if (__builtin_popcount(same) < 8) {
+            ref = lane[first];
+        } else if (__builtin_popcount(other) >= 4) {
+            ref2 = lane[first];
+        }
+        for (; other != 0; other &= other - 1) {
+            ++sums[turn][lane[__builtin_ctz(other)]];
+            turn ^= 1;
+        }
+    }
+    return x;
+}
+
 void CountSumsRow(const std::uint8_t *src, int n, int bpp, std::uint32_t sums[2][766]) {
     int x = 0;
+    if (Avx512On() && (bpp == 3 || bpp == 4) && n > 0) x = CountSumsAvx512(src, n, bpp, sums);
     if (Avx2On() && (bpp == 3 || bpp == 4)) {
-        x = CountSumsAvx2(src, n, bpp, sums);
+        const int done = CountSumsAvx2(src + static_cast<std::ptrdiff_t>(x) * bpp, n - x, bpp, sums);
+        x += done;
     } else {
-        const std::uint8_t *p = src;
+        const std::uint8_t *p = src + static_cast<std::ptrdiff_t>(x) * bpp;
         for (; x + 2 <= n; x += 2, p += 2 * bpp) ++sums[0][p[0] + p[1] + p[2]], ++sums[1][p[bpp] + p[bpp + 1] + p[bpp + 2]];
     }
     plain::CountSumsRow(src + static_cast<std::ptrdiff_t>(x) * bpp, n - x, bpp, sums);
