@@ -319,10 +319,12 @@ TEST(Kernels, MinMaxFiltersMatchThePlainPath) {
                 IplROI rs{0, xs, 3, xs == 5 ? 197 : 45, 60}, rd{0, 19 - xs, 2, 190, 66};
                 src->roi = &rs;
                 fast->roi = slow->roi = &rd;
-                for (bool minimum : {true, false}) {
+                for (int run = 0; run < 4; ++run) {  // minimum and maximum, AVX2 on and off
+                    const bool minimum = run & 1, was = k::UseAvx2(run < 2);
                     MinMaxFilter(src.get(), fast.get(), cols, rows, 0, 0, minimum, false);
+                    k::UseAvx2(was);
                     MinMaxFilter(src.get(), slow.get(), cols, rows, 0, 0, minimum, true);
-                    EXPECT_TRUE(SameBytes(*fast, *slow)) << static_cast<int>(f) << " " << minimum;
+                    EXPECT_TRUE(SameBytes(*fast, *slow)) << static_cast<int>(f) << " " << minimum << " run " << run;
                 }
                 src->roi = fast->roi = slow->roi = nullptr;
             }
