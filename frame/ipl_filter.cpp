@@ -21,7 +21,6 @@
 // beyond a side of 128), 1-bit images AND-ing or OR-ing shifted copies of
 // their packed rows a byte at a time.
 #include <emmintrin.h>
-#include <immintrin.h>
 
 #include <algorithm>
 #include <cstring>
@@ -319,39 +318,6 @@ void CombineBytes(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d,
     for (; x < n; ++x) d[x] = Minimum ? std::min(a[x], b[x]) : std::max(a[x], b[x]);
 }
 
-// d[x] = op(a[x], a[x + 1], b[x], b[x + 1]) for x < w - 1 and op(a[x], b[x])
-// at x = w - 1: rows a and b filtered over 2 x 2 cells.
-template <bool Minimum>
-__attribute__((target("avx2"))) inline __m256i Op32(__m256i u, __m256i v) {
-    return Minimum ? _mm256_min_epu8(u, v) : _mm256_max_epu8(u, v);
-}
-
-__attribute__((target("avx2"))) inline __m256i At32(const std::uint8_t *p) {
-    return _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p));
-}
-
-template <bool Minimum>
-__attribute__((target("avx2"))) int SquareAvx2(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w) {
-    int x = 0;
-    for (; x + 33 <= w; x += 32)
-        _mm256_storeu_si256(reinterpret_cast<__m256i *>(d + x),
-                            Op32<Minimum>(Op32<Minimum>(At32(a + x), At32(a + x + 1)), Op32<Minimum>(At32(b + x), At32(b + x + 1))));
-    return x;
-}
-
-template <bool Minimum>
-void SquareRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w) {
-    const auto op = [](std::uint8_t u, std::uint8_t v) { return Minimum ? std::min(u, v) : std::max(u, v); };
-    int x = kernels::Avx2On() ? SquareAvx2<Minimum>(a, b, d, w) : 0;
-    for (; x + 17 <= w; x += 16) {
-        const auto at = [](const std::uint8_t *p) { return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p)); };
-        const auto m = [](__m128i u, __m128i v) { return Minimum ? _mm_min_epu8(u, v) : _mm_max_epu8(u, v); };
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(d + x), m(m(at(a + x), at(a + x + 1)), m(at(b + x), at(b + x + 1))));
-    }
-    for (; x + 1 < w; ++x) d[x] = op(op(a[x], a[x + 1]), op(b[x], b[x + 1]));
-    if (x < w) d[x] = op(a[x], b[x]);
-}
-
 // d = the op over columns x .. x + n - 1 of the w levels of s, cells past
 // the end left out; d may be s. Each step combines the row with itself
 // shifted by the span so far, upwards, so in place it reads only what it
@@ -386,9 +352,9 @@ void GrayFilterRows(const IplImage &src, const Region &rs, IplImage &dst, const 
     if (nRows == 2 && nCols == 2) {
         for (int y = 0; y + 1 < h; ++y) {
             if (y + kRowsAhead < h) kernels::PrefetchRow(in(y + kRowsAhead), static_cast<std::size_t>(w));
-            SquareRow<Minimum>(in(y), in(y + 1), out(y), w);
+            kernels::MinMaxSquareRow(in(y), in(y + 1), out(y), w, Minimum);
         }
-        SpreadGrayRow<Minimum>(in(h - 1), out(h - 1), w, nCols);
+        kernels::MinMaxSquareRow(in(h - 1), in(h - 1), out(h - 1), w, Minimum);
         return;
     }
     if (nRows <= 2) {

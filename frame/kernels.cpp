@@ -42,6 +42,11 @@ void CopyRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const st
     if (n > 0) std::memcpy(dst, src, n);
 }
 
+void MinMaxSquareRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w, bool minimum) {
+    const auto op = [minimum](std::uint8_t u, std::uint8_t v) { return minimum ? std::min(u, v) : std::max(u, v); };
+    for (int x = 0; x < w; ++x) d[x] = x + 1 < w ? op(op(a[x], a[x + 1]), op(b[x], b[x + 1])) : op(a[x], b[x]);
+}
+
 void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w) {
     for (int i = 0; i < w; ++i) bits::Set(dst, i, bits::Get(src, w - 1 - i));
 }
@@ -353,6 +358,41 @@ void ThresholdToBits(const std::uint8_t *src, std::uint8_t *packed, int w, int t
     plain::ThresholdToBits(src + x, packed + (x >> 3), w - x, threshold);
 }
 
+template <bool Minimum>
+__attribute__((target("avx2"))) inline __m256i Op32(__m256i u, __m256i v) {
+    return Minimum ? _mm256_min_epu8(u, v) : _mm256_max_epu8(u, v);
+}
+
+__attribute__((target("avx2"))) inline __m256i At32(const std::uint8_t *p) {
+    return _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p));
+}
+
+// 32 cells a step; returns the cells done (the loads stay inside w).
+template <bool Minimum>
+__attribute__((target("avx2"))) int SquareAvx2(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w) {
+    int x = 0;
+    for (; x + 33 <= w; x += 32)
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(d + x),
+                            Op32<Minimum>(Op32<Minimum>(At32(a + x), At32(a + x + 1)), Op32<Minimum>(At32(b + x), At32(b + x + 1))));
+    return x;
+}
+
+template <bool Minimum>
+void Square(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w) {
+    int x = useAvx2 ? SquareAvx2<Minimum>(a, b, d, w) : 0;
+    const auto at = [](const std::uint8_t *p) { return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p)); };
+    const auto op = [](__m128i u, __m128i v) { return Minimum ? _mm_min_epu8(u, v) : _mm_max_epu8(u, v); };
+    for (; x + 17 <= w; x += 16) _mm_storeu_si128(reinterpret_cast<__m128i *>(d + x), op(op(at(a + x), at(a + x + 1)), op(at(b + x), at(b + x + 1))));
+    if (x < w) plain::MinMaxSquareRow(a + x, b + x, d + x, w - x, Minimum);
+}
+
+void MinMaxSquareRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w, bool minimum) {
+    if (minimum)
+        Square<true>(a, b, d, w);
+    else
+        Square<false>(a, b, d, w);
+}
+
 void PrefetchRow(const std::uint8_t *p, std::size_t n) {
     if (n == 0) return;
     for (std::size_t i = 0; i < n; i += 64) _mm_prefetch(reinterpret_cast<const char *>(p + i), _MM_HINT_T0);
@@ -404,8 +444,47 @@ bool UseAvx512(bool on) {
 
 bool Avx512On() { return useAvx512; }
 
+// 64 three-byte pixels (192 bytes) a step: each 64-byte output register is
+// one two-register byte permute of the 128 source bytes that hold its
+// pixels (windows starting at bytes 64, 63 and 0 of the block). The last
+// step overlaps the one before it. Returns the pixels done (0 for a row of
+// fewer than 64).
+struct Mirror24Wide {
+    alignas(64) std::uint8_t index[3][64];
+    constexpr Mirror24Wide() : index{} {
+        const int base[3] = {64, 63, 0};
+        for (int r = 0; r < 3; ++r)
+            for (int b = 0; b < 64; ++b) {
+                const int j = 64 * r + b;
+                index[r][b] = static_cast<std::uint8_t>(3 * (63 - j / 3) + j % 3 - base[r]);
+            }
+    }
+};
+constexpr Mirror24Wide kMirror24Wide;
+
+AVX512 int MirrorRow24Avx512(const std::uint8_t *src, std::uint8_t *dst, int n) {
+    if (n < 64) return 0;
+    const __m512i i0 = _mm512_load_si512(kMirror24Wide.index[0]), i1 = _mm512_load_si512(kMirror24Wide.index[1]);
+    const __m512i i2 = _mm512_load_si512(kMirror24Wide.index[2]);
+    for (int i = 0;; i += 64) {
+        const bool last = i + 64 >= n;
+        if (last) i = n - 64;
+        const std::uint8_t *s = src + 3 * static_cast<std::ptrdiff_t>(n - 64 - i);
+        std::uint8_t *d = dst + 3 * static_cast<std::ptrdiff_t>(i);
+        const __m512i s64 = _mm512_loadu_si512(s + 64);
+        _mm512_storeu_si512(d, _mm512_permutex2var_epi8(s64, i0, _mm512_loadu_si512(s + 128)));
+        _mm512_storeu_si512(d + 64, _mm512_permutex2var_epi8(_mm512_loadu_si512(s + 63), i1, _mm512_loadu_si512(s + 127)));
+        _mm512_storeu_si512(d + 128, _mm512_permutex2var_epi8(_mm512_loadu_si512(s), i2, s64));
+        if (last) return n;
+    }
+}
+
 void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp) {
     int i = 0;
+    if (bpp == 3 && useAvx512) {
+        i = MirrorRow24Avx512(src, dst, n);
+        if (i == n) return;
+    }
     if ((bpp == 1 || bpp == 4) && useAvx2) {
         i = bpp == 1 ? MirrorRowAvx2<1>(src, dst, n) : MirrorRowAvx2<4>(src, dst, n);
         // The rest: the plain loop's pixels i.. of a row whose source ends

@@ -24,7 +24,11 @@ void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w);
 // ahead of the one it works on.
 void PrefetchRow(const std::uint8_t *p, std::size_t n);
 // dst[i] = src[i] for n bytes, with the n bytes at `ahead` (null for none)
-// prefetched along the way.
+// prefetched along the way. Always forwards: the C library's copy of a
+// few hundred bytes to a few kilobytes runs backwards when source and
+// destination sit at nearby offsets of a 4 KB page, as rows of two pages
+// allocated alike do, and reading rows backwards loses the prefetching that
+// forward rows get.
 void CopyRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t *ahead);
 // dst[i] = table[src[i]] for n bytes.
 void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
@@ -44,6 +48,11 @@ void AddSaturateRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, i
 // d = a - b, saturated at 0, for n bytes; with `keepFourth`, over 4-byte
 // pixels whose fourth byte keeps a's value. d may be a or b.
 void SubtractSaturateRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t n, bool keepFourth);
+
+// d[x] = the minimum (or maximum) of a[x], a[x + 1], b[x] and b[x + 1] for
+// x < w - 1, and of a[x] and b[x] at x = w - 1: rows a and b filtered over
+// 2 x 2 cells, cells past the row left out. With b = a, over 1 x 2 cells.
+void MinMaxSquareRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w, bool minimum);
 
 // Packs w gray levels into (w + 7) / 8 bytes of bits, most significant
 // first: 1 where the level is at least `threshold`; bits past w are 0.
@@ -90,6 +99,7 @@ bool Avx512On();
 bool FastLookup();
 
 namespace plain {
+void MinMaxSquareRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w, bool minimum);
 int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread);
 void RedMarksRow(std::uint8_t *p, const std::uint8_t *gray, int n, int bpp, int colorDiff, int minLevel, bool keepBlue);
 void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta, int blueDelta, int greenDelta);

@@ -10,6 +10,7 @@
 #include "frame/dib.h"
 #include "frame/bits.h"
 #include "frame/ipl.h"
+#include "frame/kernels.h"
 
 #include <cstring>
 
@@ -85,8 +86,8 @@ void PaintAround(IplImage *from, IplImage *to, int x, int y, int w, int h, int v
         } else if (from == nullptr) {
             std::memset(d + bpp * static_cast<std::size_t>(from0), v, bpp * static_cast<std::size_t>(n));
         } else {
-            std::memcpy(d + bpp * static_cast<std::size_t>(from0), RowOf(*from, row) + bpp * static_cast<std::size_t>(from0),
-                        bpp * static_cast<std::size_t>(n));
+            kernels::CopyRow(RowOf(*from, row) + bpp * static_cast<std::size_t>(from0), d + bpp * static_cast<std::size_t>(from0),
+                             bpp * static_cast<std::size_t>(n), nullptr);
         }
     };
     for (int i = 0; i < to->height; ++i) {

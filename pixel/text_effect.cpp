@@ -4,9 +4,12 @@
 // copy), whatever the level. The neighbourhood of a pixel reaches right and up the page (its
 // anchor is cell (0, 0) on bottom-up rows). TextEffectRect filters only the
 // rectangle, clipped to the page, and treats it as the whole image: cells
-// beyond it are left out.
+// beyond it are left out. On 8 bits with a side of 2 (levels 1 and -1) the
+// rectangle's rows are filtered in the same pass that copies the page
+// around them.
 #include <algorithm>
 
+#include "frame/kernels.h"
 #include "frame/view.h"
 #include "pixel/pixel.h"
 #include "platform/rect.h"
@@ -50,6 +53,19 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
     RECT r;
     if (!IntersectRect(&r, &asked, &page)) {  // nothing of the page to filter
         iplCopy(view.get(), out.image());
+        return out.Release();
+    }
+    const int rw = r.right - r.left, rh = r.bottom - r.top;
+    if (in.bitCount() == 8 && Side(level) == 2) {
+        // One pass down the rows: each row copied around the rectangle, its
+        // part inside filtered from it and the row above it on the page
+        // (the next stored row; the rectangle's last row alone).
+        const bool minimum = level > 0;
+        PaintAround(view.get(), out.image(), r.left, r.top, rw, rh, 0, [&](int i) {
+            const std::uint8_t *a = RowOf(*view, i) + r.left;
+            const std::uint8_t *b = i + 1 < r.top + rh ? RowOf(*view, i + 1) + r.left : a;
+            kernels::MinMaxSquareRow(a, b, RowOf(*out.image(), i) + r.left, rw, minimum);
+        });
         return out.Release();
     }
     // The rectangle filtered, the page around it copied.

@@ -91,6 +91,8 @@ const k::EnhanceRule kRules[] = {
 const std::vector<Twin> kTwins = {
     {"mirror", {1, 3, 4}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorRow, s, d, c.n, c.bpp); }},
     {"mirror bits", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBits, s, d, c.n); }},
+    {"min max 2 x 2", {1}, {0, 1}, {0, 1},
+     [](auto c, auto s, auto d) { TWIN(MinMaxSquareRow, s, c.b ? s : s + 4 * c.n + 32, d, c.n, c.a); }},
     {"copy", {1}, {0, 1}, {0}, [](auto c, auto s, auto d) { TWIN(CopyRow, s, d, Bytes4(c), c.a ? s + 4 * c.n + 32 : nullptr); }},
     {"lookup", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(LookupRow, s, d, Bytes4(c), Table()); }},
     {"lookup32", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(LookupRow32, s, d, static_cast<std::size_t>(c.n), Table()); }},
