@@ -341,7 +341,8 @@ void SpreadGrayRow(const std::uint8_t *s, std::uint8_t *d, int w, int n) {
 
 // Rows of a region narrower than the image are not one stream of memory,
 // which the processor's own prefetching follows poorly: each source row is
-// fetched this many rows ahead.
+// fetched this many rows ahead (a whole page's rows are one stream, and
+// prefetching them costs more than it saves).
 constexpr int kRowsAhead = 4;
 
 template <bool Minimum>
@@ -350,8 +351,9 @@ void GrayFilterRows(const IplImage &src, const Region &rs, IplImage &dst, const 
     const auto in = [&](int y) { return RowOf(src, rs.y + y) + rs.x; };
     const auto out = [&](int y) { return RowOf(dst, rd.y + y) + rd.x; };
     if (nRows == 2 && nCols == 2) {
+        const bool ahead = w < src.width;  // rows of a narrower region are not one stream
         for (int y = 0; y + 1 < h; ++y) {
-            if (y + kRowsAhead < h) kernels::PrefetchRow(in(y + kRowsAhead), static_cast<std::size_t>(w));
+            if (ahead && y + kRowsAhead < h) kernels::PrefetchRow(in(y + kRowsAhead), static_cast<std::size_t>(w));
             kernels::MinMaxSquareRow(in(y), in(y + 1), out(y), w, Minimum);
         }
         kernels::MinMaxSquareRow(in(h - 1), in(h - 1), out(h - 1), w, Minimum);
