@@ -484,21 +484,27 @@ struct Mirror24Wide {
 };
 constexpr Mirror24Wide kMirror24Wide;
 
+AVX512 inline void Mirror24Step(const std::uint8_t *s, std::uint8_t *d, __m512i i0, __m512i i1, __m512i i2) {
+    const __m512i s64 = _mm512_loadu_si512(s + 64);
+    _mm512_storeu_si512(d, _mm512_permutex2var_epi8(s64, i0, _mm512_loadu_si512(s + 128)));
+    _mm512_storeu_si512(d + 64, _mm512_permutex2var_epi8(_mm512_loadu_si512(s + 63), i1, _mm512_loadu_si512(s + 127)));
+    _mm512_storeu_si512(d + 128, _mm512_permutex2var_epi8(_mm512_loadu_si512(s), i2, s64));
+}
+
 AVX512 int MirrorRow24Avx512(const std::uint8_t *src, std::uint8_t *dst, int n) {
     if (n < 64) return 0;
     const __m512i i0 = _mm512_load_si512(kMirror24Wide.index[0]), i1 = _mm512_load_si512(kMirror24Wide.index[1]);
     const __m512i i2 = _mm512_load_si512(kMirror24Wide.index[2]);
-    for (int i = 0;; i += 64) {
-        const bool last = i + 64 >= n;
-        if (last) i = n - 64;
-        const std::uint8_t *s = src + 3 * static_cast<std::ptrdiff_t>(n - 64 - i);
-        std::uint8_t *d = dst + 3 * static_cast<std::ptrdiff_t>(i);
-        const __m512i s64 = _mm512_loadu_si512(s + 64);
-        _mm512_storeu_si512(d, _mm512_permutex2var_epi8(s64, i0, _mm512_loadu_si512(s + 128)));
-        _mm512_storeu_si512(d + 64, _mm512_permutex2var_epi8(_mm512_loadu_si512(s + 63), i1, _mm512_loadu_si512(s + 127)));
-        _mm512_storeu_si512(d + 128, _mm512_permutex2var_epi8(_mm512_loadu_si512(s), i2, s64));
-        if (last) return n;
-    }
+#define STEP(i) Mirror24Step(src + 3 * static_cast<std::ptrdiff_t>(n - 64 - (i)), dst + 3 * static_cast<std::ptrdiff_t>(i), i0, i1, i2)
+    // After the first step, steps start where 3 * i puts the destination on
+    // a 64-byte boundary (43 is the inverse of 3 modulo 64), so no store
+    // splits a cache line.
+    STEP(0);
+    int i = static_cast<int>((0 - reinterpret_cast<std::uintptr_t>(dst)) * 43 % 64);
+    for (; i + 64 <= n; i += 64) STEP(i);
+    if (i < n) STEP(n - 64);
+#undef STEP
+    return n;
 }
 
 void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp) {
