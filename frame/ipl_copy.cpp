@@ -26,7 +26,11 @@ void iplCopy(IplImage *src, IplImage *dst) {
     }
     cv::Mat s = MatOf(*src, rs);
     cv::Mat d = MatOf(*dst, rd);
-    if (fs == fd) {
+    if (fs == fd && !(s.isContinuous() && d.isContinuous())) {
+        // Row by row in our forward copy (the C library's copies rows of two
+        // alike blocks backwards; see kernels::CopyRow).
+        for (int i = 0; i < s.rows; ++i) kernels::CopyRow(s.ptr<std::uint8_t>(i), d.ptr<std::uint8_t>(i), s.cols * s.elemSize(), nullptr);
+    } else if (fs == fd) {
         s.copyTo(d);
     } else if (fs == PixelFormat::kBgra && fd == PixelFormat::kBgr) {
         cv::cvtColor(s, d, cv::COLOR_BGRA2BGR);

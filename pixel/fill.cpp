@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "frame/bits.h"
+#include "frame/kernels.h"
 #include "frame/view.h"
 #include "pixel/pixel.h"
 #include "platform/rect.h"
@@ -50,7 +51,7 @@ HGLOBAL Paint(HGLOBAL hDib, const RECT *rect, int value, bool outside) {
             else
                 bits::Fill(d, x, w, written);
         } else if (outside) {
-            std::memcpy(d + bpp * x, RowOf(*src, i) + bpp * x, bpp * w);
+            kernels::CopyRow(RowOf(*src, i) + bpp * x, d + bpp * x, bpp * w, nullptr);
         } else {
             std::memset(d + bpp * x, v, bpp * w);
         }
