@@ -1,12 +1,15 @@
 // Row kernels for the copy-shaped passes: pixel reversal (Mirror), packed
-// 1-bit reversal, and a 256-entry table applied per byte (tone operations).
+// 1-bit reversal, a 256-entry table applied per byte (tone operations), a
+// forward row copy that can prefetch a later row, and the 2 x 2 minimum
+// and maximum of two rows (text effect).
 // Each fast kernel has a plain twin in `plain`, the oracle its tests compare
 // against bit for bit.
 //
 // Contracts: a kernel reads exactly the source bytes of its pixels and writes
 // exactly the destination bytes of its pixels, except MirrorBits, which
 // writes the bytes holding bits [0, w) of the destination and leaves the bits
-// past w as they were. Source and destination never overlap.
+// past w as they were. Source and destination never overlap. PrefetchRow
+// only hints (a prefetch never faults), so it may name any row.
 #pragma once
 
 #include <cstddef>
