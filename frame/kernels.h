@@ -9,7 +9,7 @@
 // exactly the destination bytes of its pixels, except MirrorBits, which
 // writes the bytes holding bits [0, w) of the destination and leaves the bits
 // past w as they were. Source and destination never overlap. PrefetchRow
-// only hints (a prefetch never faults), so it may name any row.
+// reads nothing: a prefetch is a hint, and never faults.
 #pragma once
 
 #include <cstddef>
