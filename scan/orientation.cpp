@@ -1,38 +1,45 @@
 // Orientation: which quarter turn makes the page upright, from text-line
-// statistics alone.
+// statistics alone. Every page gets its best guess; the confidence says how
+// far to trust it.
 //
-// Line direction first: the skew search (skew.cpp) runs on the sheet's ink
-// as it stands and turned a quarter; the direction whose best projection
-// profile stands higher above its sweep (its "rise") holds the lines, and
-// the ratio of the two rises says how sure that is (4 and more: certain),
-// less where the share of the ink lying in lines along each direction
-// points the other way (the long rules of a form). The ink is then turned
-// so the lines run across and straightened by that direction's angle,
-// which leaves it upright or upside down; four independent cues vote on
-// which:
-// - ascenders: strips about 20 mm wide, each strip's row profile cut into
-//   lines at empty rows; a line's core (x-height band) is its rows with at
-//   least 40 % of its fullest row. Latin and most alphabetic scripts put
-//   more ink above the core (ascenders, capitals) than below (descenders);
+// Line direction first, from two measures on the sheet's ink as it stands
+// and turned a quarter: how far the best projection profile of the skew
+// search (skew.cpp) stands above its sweep (its "rise"), and the share of
+// the ink lying in text-sized lines (0.8 to 12 mm, cut at empty rows of
+// 20 mm strips). The log ratios of the two directions are added; the
+// larger side holds the lines and the sum says how sure that is (ln 4 and
+// more: certain). Rules, box sides and a scanner edge lift the rise of
+// the wrong direction on a form, while the letters of typewriting line up
+// in columns and lift the share of the wrong one; together they agree
+// with the text. When the sum is unsure, the cues below are read along
+// both directions and the clearer reading wins. The ink is then turned so
+// the lines run across and straightened by that direction's angle, which
+// leaves it upright or upside down; five cues vote on which:
+// - ascenders: a line's core (x-height band) is its rows with at least
+//   40 % of its fullest row. Latin and most alphabetic scripts put more ink
+//   above the core (ascenders, capitals) than below (descenders);
 // - baseline: the profile steps more sharply at the bottom of the core
 //   (every letter sits on the baseline) than at its top;
 // - margins: line pieces (words joined across gaps under 2.5 mm) start
 //   aligned on the left and end ragged on the right in left-to-right text;
 // - marks: small marks clear of the core (dots of i and j, accents) sit
-//   above it, hardly ever below.
-// Each cue gives a signed vote in -1..1 and the call follows their sum.
-// The evidence is the support left after counting every opposing vote
-// twice; the confidence is that evidence times the direction's certainty,
-// the number of lines (12 and more for full) and two checks that the text
-// is of the kind the cues were tuned on: the ascender vote must back the
-// call (a call it does not back is halved, one it opposes fades out), and
-// the side the call puts above the lines must carry marks (0.12 a line for
-// full). Hebrew, whose sharp top line, final-letter descenders and
-// right-aligned lines all read as Latin upside down, has few marks and an
-// ascender balance that changes sign with the scale it is read at, so it
-// reads unsure rather than confidently wrong; a page of capitals reads
-// near zero. Unsure pages (under 0.2) are called upright, the likeliest
-// answer for a scanner's output.
+//   above it, hardly ever below;
+// - stops: full stops and commas sit on the baseline, their tops inside
+//   the core's lower half, in Latin, Greek, Cyrillic and Hebrew alike.
+// The first four are shapes of Latin-like text and count in proportion to
+// the marks the page has (0.12 a line for full): a page without dots or
+// accents (capitals, handwriting, Hebrew) is read by its stops instead,
+// whose vote then weighs as much as five cues, since Hebrew's sharp top
+// line, final-letter descenders and right-aligned lines all read as Latin
+// upside down. The call follows the sum of the votes (lines down the page:
+// 90 or 270). The evidence is the support left after counting every
+// opposing vote twice; the confidence is that evidence times the
+// direction's certainty, the number of lines (30 strip lines, about five
+// lines of a column, for full) and two checks that the text is of the kind
+// the shape cues were tuned on: the ascender vote must back the call (a
+// call it does not back is halved, one it opposes fades out), and the side
+// the call puts above the lines must carry marks. Hebrew is so called right
+// and a page of capitals gets its best guess, but neither with confidence.
 #include <algorithm>
 #include <cmath>
 #include <opencv2/imgproc.hpp>
@@ -51,9 +58,9 @@ constexpr double kLean = 1.5;            // a line leans one way with this much 
 constexpr double kFullAgreement = 0.45;  // surplus of leaning lines for a full ascender vote
 constexpr double kFullBalance = 0.25;    // ascender balance for a full vote
 constexpr double kFullEdge = 0.08;       // baseline step surplus for a full vote
-constexpr double kFullLines = 30.0;
-constexpr double kFullDirection = 4.0;  // rise ratio of the two directions for certainty
-constexpr double kSureDirection = 0.5;  // certainty for the skew of lines down the page to count
+constexpr double kFullLines = 30.0;     // strip lines for full confidence
+constexpr double kFullDirection = 4.0;  // product of the two directions' ratios for certainty
+constexpr double kSureDirection = 0.5;  // certainty under which both directions are read
 constexpr double kFullMarks = 0.12;     // marks per line above the call's core for full trust
 constexpr double kStopWidth = 0.3, kStopHeight = 0.6;  // largest stop (comma), in core heights
 constexpr double kStopsWeight = 5.0;    // the stops' vote on a page without marks, against one cue's
@@ -204,7 +211,8 @@ Margins MeasureMargins(const cv::Mat &ink, double px) {
 }
 
 // Small marks (both sides at most 40 % of the core's height) lying wholly
-// above or wholly below the core of the line they are in.
+// above or wholly below the core of the line they are in, and stops (at
+// most 0.3 of the core wide and 0.6 tall) on its bottom or its top.
 struct Marks {
     int above = 0, below = 0;
     int low = 0, high = 0;
@@ -347,15 +355,15 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
         return Read(upright, l, px, strip, same && !v && kept ? blobs : nullptr);
     };
     Reading r = read(vertical);
-    // Unsure of the direction: the one whose cues read clearer, trusted
-    // the less the profiles leaned the other way.
+    // Unsure of the direction: the one whose cues read clearer; one the
+    // profiles leaned against is never more than a quarter sure.
     double certainty = direction;
     if (direction < kSureDirection) {
         const Reading other = read(!vertical);
         if (other.evidence * (1 - direction) > r.evidence * (1 + direction)) {
             vertical = !vertical;
             r = other;
-            certainty = kSureDirection - direction;
+            certainty = (kSureDirection - direction) / 2;
         }
     }
     // Lines running down the page carry the page's skew (AnalyzePage), so
