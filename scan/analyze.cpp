@@ -14,8 +14,9 @@ Analysis AnalyzePage(const ScanPage &page, const QuarvelScanOptions &options) {
     a.hasContent = FindContent(page, a.sheet, a.holes, &a.content, &blobs);
     a.skew = FindSkew(page, a.sheet, options.max_skew);
     a.orientation = FindOrientation(page, a.sheet, a.skew, options.max_skew, &blobs);
-    // A page whose lines run down it is straightened by their skew.
-    if (a.orientation.vertical && a.orientation.lines.confidence > a.skew.confidence) a.skew = a.orientation.lines;
+    // A page whose lines run down it is straightened by their skew: the
+    // profile across such a page follows rules, edges and letter columns.
+    if (a.orientation.vertical) a.skew = a.orientation.lines;
     a.blank = JudgeBlank(page, a);
     a.mode = JudgeContentMode(page, a);
     return a;

@@ -1,38 +1,45 @@
 // Orientation: which quarter turn makes the page upright, from text-line
-// statistics alone.
+// statistics alone. Every page gets its best guess; the confidence says how
+// far to trust it.
 //
-// Line direction first: the skew search (skew.cpp) runs on the sheet's ink
-// as it stands and turned a quarter; the direction whose best projection
-// profile stands higher above its sweep (its "rise") holds the lines, and
-// the ratio of the two rises says how sure that is (4 and more: certain),
-// less where the share of the ink lying in lines along each direction
-// points the other way (the long rules of a form). The ink is then turned
-// so the lines run across and straightened by that direction's angle,
-// which leaves it upright or upside down; four independent cues vote on
-// which:
-// - ascenders: strips about 20 mm wide, each strip's row profile cut into
-//   lines at empty rows; a line's core (x-height band) is its rows with at
-//   least 40 % of its fullest row. Latin and most alphabetic scripts put
-//   more ink above the core (ascenders, capitals) than below (descenders);
+// Line direction first, from two measures on the sheet's ink as it stands
+// and turned a quarter: how far the best projection profile of the skew
+// search (skew.cpp) stands above its sweep (its "rise"), and the share of
+// the ink lying in text-sized lines (0.8 to 12 mm, cut at empty rows of
+// 20 mm strips). The log ratios of the two directions are added; the
+// larger side holds the lines and the sum says how sure that is (ln 4 and
+// more: certain). Rules, box sides and a scanner edge lift the rise of
+// the wrong direction on a form, while the letters of typewriting line up
+// in columns and lift the share of the wrong one; together they agree
+// with the text. When the sum is unsure, the cues below are read along
+// both directions and the clearer reading wins. The ink is then turned so
+// the lines run across and straightened by that direction's angle, which
+// leaves it upright or upside down; five cues vote on which:
+// - ascenders: a line's core (x-height band) is its rows with at least
+//   40 % of its fullest row. Latin and most alphabetic scripts put more ink
+//   above the core (ascenders, capitals) than below (descenders);
 // - baseline: the profile steps more sharply at the bottom of the core
 //   (every letter sits on the baseline) than at its top;
 // - margins: line pieces (words joined across gaps under 2.5 mm) start
 //   aligned on the left and end ragged on the right in left-to-right text;
 // - marks: small marks clear of the core (dots of i and j, accents) sit
-//   above it, hardly ever below.
-// Each cue gives a signed vote in -1..1 and the call follows their sum.
-// The evidence is the support left after counting every opposing vote
-// twice; the confidence is that evidence times the direction's certainty,
-// the number of lines (12 and more for full) and two checks that the text
-// is of the kind the cues were tuned on: the ascender vote must back the
-// call (a call it does not back is halved, one it opposes fades out), and
-// the side the call puts above the lines must carry marks (0.12 a line for
-// full). Hebrew, whose sharp top line, final-letter descenders and
-// right-aligned lines all read as Latin upside down, has few marks and an
-// ascender balance that changes sign with the scale it is read at, so it
-// reads unsure rather than confidently wrong; a page of capitals reads
-// near zero. Unsure pages (under 0.2) are called upright, the likeliest
-// answer for a scanner's output.
+//   above it, hardly ever below;
+// - stops: full stops and commas sit on the baseline, their tops inside
+//   the core's lower half, in Latin, Greek, Cyrillic and Hebrew alike.
+// The first four are shapes of Latin-like text and count in proportion to
+// the marks the page has (0.12 a line for full): a page without dots or
+// accents (capitals, handwriting, Hebrew) is read by its stops instead,
+// whose vote then weighs as much as five cues, since Hebrew's sharp top
+// line, final-letter descenders and right-aligned lines all read as Latin
+// upside down. The call follows the sum of the votes (lines down the page:
+// 90 or 270). The evidence is the support left after counting every
+// opposing vote twice; the confidence is that evidence times the
+// direction's certainty, the number of lines (30 strip lines, about five
+// lines of a column, for full) and two checks that the text is of the kind
+// the shape cues were tuned on: the ascender vote must back the call (a
+// call it does not back is halved, one it opposes fades out), and the side
+// the call puts above the lines must carry marks. Hebrew is so called right
+// and a page of capitals gets its best guess, but neither with confidence.
 #include <algorithm>
 #include <cmath>
 #include <opencv2/imgproc.hpp>
@@ -51,11 +58,12 @@ constexpr double kLean = 1.5;            // a line leans one way with this much 
 constexpr double kFullAgreement = 0.45;  // surplus of leaning lines for a full ascender vote
 constexpr double kFullBalance = 0.25;    // ascender balance for a full vote
 constexpr double kFullEdge = 0.08;       // baseline step surplus for a full vote
-constexpr double kFullLines = 12.0;
-constexpr double kFullDirection = 4.0;  // rise ratio of the two directions for certainty
-constexpr double kSureDirection = 0.5;  // certainty for the skew of lines down the page to count
+constexpr double kFullLines = 30.0;     // strip lines for full confidence
+constexpr double kFullDirection = 4.0;  // product of the two directions' ratios for certainty
+constexpr double kSureDirection = 0.5;  // certainty under which both directions are read
 constexpr double kFullMarks = 0.12;     // marks per line above the call's core for full trust
-constexpr double kCallUpright = 0.2;
+constexpr double kStopWidth = 0.3, kStopHeight = 0.6;  // largest stop (comma), in core heights
+constexpr double kStopsWeight = 5.0;    // the stops' vote on a page without marks, against one cue's
 
 // One text line of a strip: rows [top, bottom), core rows [core0, core1].
 struct Line {
@@ -203,9 +211,11 @@ Margins MeasureMargins(const cv::Mat &ink, double px) {
 }
 
 // Small marks (both sides at most 40 % of the core's height) lying wholly
-// above or wholly below the core of the line they are in.
+// above or wholly below the core of the line they are in, and stops (at
+// most 0.3 of the core wide and 0.6 tall) on its bottom or its top.
 struct Marks {
     int above = 0, below = 0;
+    int low = 0, high = 0;
 };
 
 Marks MeasureMarks(const cv::Mat &ink, const Lines &lines, int strip, const InkBlobs *known) {
@@ -223,16 +233,83 @@ Marks MeasureMarks(const cv::Mat &ink, const Lines &lines, int strip, const InkB
             std::find_if(list.begin(), list.end(), [&](const Line *l) { return y >= l->top && y + h <= l->bottom; });
         if (it == list.end()) continue;
         const Line &l = **it;
-        const double limit = 0.4 * (l.core1 - l.core0 + 1);
+        const double core = l.core1 - l.core0 + 1;
+        const double limit = 0.4 * core;
         if (w > limit || h > limit) continue;
         out.above += y + h <= l.core0;
         out.below += y > l.core1;
+        // Stops: a dot or comma sits on the baseline, its top inside the
+        // core's lower half; upside down, it hangs from the top of the core.
+        if (w <= kStopWidth * core && h <= kStopHeight * core) {
+            const double mid = (l.core0 + l.core1) / 2.0;
+            const int bottom = y + h - 1;
+            out.low += y > mid && y < l.core1 && bottom >= l.core1 - 1 && bottom <= l.core1 + core / 2;
+            out.high += bottom < mid && bottom > l.core0 && y <= l.core0 + 1 && y >= l.core0 - core / 2;
+        }
     }
     return out;
 }
 
 double Vote(double value, double full) {
     return std::clamp(value / full, -1.0, 1.0);
+}
+
+// The cues read on ink turned so its lines run across, upright or upside
+// down: each vote in -1..1, positive for upright.
+struct Reading {
+    double votes[5] = {};
+    double sum = 0, evidence = 0, confidence = 0;
+    int lines = 0;
+};
+
+Reading Read(const cv::Mat &upright, const Lines &l, double px, int strip, const InkBlobs *blobs) {
+    Reading r;
+    const Margins m = MeasureMargins(upright, px);
+    const Marks k = MeasureMarks(upright, l, strip, blobs);
+    const double count = static_cast<double>(l.found.size());
+    // How far the shape cues can be trusted: Latin-like text has a dot or
+    // an accent clear of the core every few lines (kFullMarks a line).
+    // Where marks are scarce (capitals, handwriting, Hebrew) the shape cues
+    // fade and the stops, which sit on the baseline in every script with
+    // full stops, weigh in.
+    const double latin = std::min(1.0, std::max(k.above, k.below) / std::max(1.0, count) / kFullMarks);
+    r.votes[0] = Vote(l.balance, kFullBalance) * std::min(1.0, l.agreement / kFullAgreement);
+    r.votes[1] = Vote(l.edge, kFullEdge);
+    r.votes[2] = (m.left - m.right) / (m.left + m.right + 6.0);
+    r.votes[3] = (k.above - k.below) / (k.above + k.below + 10.0);
+    for (int i = 0; i < 4; ++i) r.votes[i] *= latin;
+    r.votes[4] = (1 - latin) * kStopsWeight * (k.low - k.high) / (k.low + k.high + 10.0);
+    double magnitude = 0;
+    for (double v : r.votes) {
+        r.sum += v;
+        magnitude += std::abs(v);
+    }
+    const double against = (magnitude - std::abs(r.sum)) / 2;  // the opposing votes' total
+    const double support = magnitude - against;
+    r.evidence = std::clamp((support - 2 * against) / 1.5, 0.0, 1.0);
+    // Marks on the side the call puts above the lines: Latin-like text,
+    // which the other cues are tuned on, has a dot or accent every few
+    // lines; a script without them (or text read the wrong way up) is not
+    // trusted as far.
+    const double marks = (r.sum >= 0 ? k.above : k.below) / std::max(1.0, count);
+    // The ascender balance is the cue the others stand beside: a call it
+    // does not back is halved, one it opposes fades out. (Hebrew's balance
+    // swings with the scale it is read at while its sharp top line and
+    // right-aligned lines both read as Latin upside down.)
+    const double backed = std::clamp(0.5 + (r.sum >= 0 ? r.votes[0] : -r.votes[0]), 0.0, 1.0);
+    r.confidence = r.evidence * backed * std::min(1.0, count / kFullLines) * std::min(1.0, marks / kFullMarks);
+    r.lines = static_cast<int>(count);
+    return r;
+}
+
+// `level` turned by `angle` degrees about its centre (lines straightened),
+// or `level` itself when the turn is too small to matter.
+cv::Mat Straighten(const cv::Mat &level, const Skew &lines) {
+    if (lines.rise <= 0 || std::abs(lines.angle) <= 0.2) return level;
+    cv::Mat out;
+    const cv::Mat turn = cv::getRotationMatrix2D(cv::Point2f(level.cols / 2.0f, level.rows / 2.0f), lines.angle, 1.0);
+    cv::warpAffine(level, out, turn, level.size(), cv::INTER_NEAREST, cv::BORDER_CONSTANT, cv::Scalar(0));
+    return out;
 }
 
 }  // namespace
@@ -247,78 +324,54 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     if (area.width < 16 || area.height < 16) return result;
     cv::Mat ink = page.ink(area).clone();
     if (sheet.sides != 0) ink &= sheet.paper(area);
-
-    // Line direction: the page's own skew search against the same search on
-    // the ink turned a quarter clockwise.
-    cv::Mat turned;
-    cv::rotate(ink, turned, cv::ROTATE_90_CLOCKWISE);
-    const Skew across = skew;
-    Skew down = FindInkSkew(turned, page, maxSkew, false);
-    const bool vertical = down.rise > across.rise;
-    if (vertical) down = FindInkSkew(turned, page, maxSkew);
-    const Skew &lines = vertical ? down : across;
-
-    const double weaker = std::max(1.0, std::min(across.rise, down.rise));
-    double direction =
-        std::clamp(std::log(std::max(across.rise, down.rise) / weaker) / std::log(kFullDirection), 0.0, 1.0);
-    const cv::Mat &level = vertical ? turned : ink;
-    cv::Mat upright = level;
-    const bool straightened = lines.rise > 0 && std::abs(lines.angle) > 0.2;
-    if (straightened) {
-        const cv::Mat turn =
-            cv::getRotationMatrix2D(cv::Point2f(level.cols / 2.0f, level.rows / 2.0f), lines.angle, 1.0);
-        cv::warpAffine(level, upright, turn, level.size(), cv::INTER_NEAREST, cv::BORDER_CONSTANT, cv::Scalar(0));
-    }
-
     const double px = page.dpi / 25.4 / f;
     const int strip = std::max(8, static_cast<int>(kStripMm * px));
     const int minLine = std::max(2, static_cast<int>(kMinLineMm * px));
     const int maxLine = std::max(minLine + 1, static_cast<int>(kMaxLineMm * px));
-    const Lines l = MeasureLines(upright, strip, minLine, maxLine);
-    // A second opinion on the direction: the share of the ink that falls
-    // into lines along it and across it. Forms and tables can lift the
-    // profile across the text (long rules); where the shares disagree with
-    // the rises, the direction is only as sure as the shares' difference
-    // allows.
-    const Lines other = MeasureLines(vertical ? ink : turned, strip, minLine, maxLine);
-    if (other.inLines > l.inLines) direction *= 1.0 - (other.inLines - l.inLines) / other.inLines;
-    // The skew of lines running down the page is the page's own when their
-    // direction is sure (a form's rules can lift the profile down the page).
-    result.vertical = vertical;
-    if (vertical && direction >= kSureDirection) result.lines = down;
-    const Margins m = MeasureMargins(upright, px);
+
+    // Line direction: the page's own skew search against the same search on
+    // the ink turned a quarter clockwise, and the share of the ink lying in
+    // text-sized lines along each.
+    cv::Mat turned;
+    cv::rotate(ink, turned, cv::ROTATE_90_CLOCKWISE);
+    Skew across = skew;
+    Skew down = FindInkSkew(turned, page, maxSkew, false);
+    const Lines acrossLines = MeasureLines(ink, strip, minLine, maxLine);
+    const Lines downLines = MeasureLines(turned, strip, minLine, maxLine);
+    const double score = std::log(std::max(1.0, down.rise) / std::max(1.0, across.rise)) +
+                         std::log(std::max(0.01, downLines.inLines) / std::max(0.01, acrossLines.inLines));
+    bool vertical = score > 0;
+    const double direction = std::clamp(std::abs(score) / std::log(kFullDirection), 0.0, 1.0);
+    if (vertical || direction < kSureDirection) down = FindInkSkew(turned, page, maxSkew);
     // The content's blobs are those of this very image when the ink was
     // neither masked, turned nor straightened and covers the same area.
-    const bool same = blobs != nullptr && !blobs->stats.empty() && sheet.sides == 0 && blobs->area == area &&
-                      !vertical && !straightened;
-    const Marks k = MeasureMarks(upright, l, strip, same ? blobs : nullptr);
-
-    const double votes[] = {Vote(l.balance, kFullBalance) * std::min(1.0, l.agreement / kFullAgreement),
-                            Vote(l.edge, kFullEdge), (m.left - m.right) / (m.left + m.right + 6.0),
-                            (k.above - k.below) / (k.above + k.below + 10.0)};
-    double sum = 0, magnitude = 0;
-    for (double v : votes) {
-        sum += v;
-        magnitude += std::abs(v);
+    const bool same = blobs != nullptr && !blobs->stats.empty() && sheet.sides == 0 && blobs->area == area;
+    auto read = [&](bool v) {
+        const Skew &lines = v ? down : across;
+        const cv::Mat &level = v ? turned : ink;
+        const cv::Mat upright = Straighten(level, lines);
+        const bool kept = upright.data == level.data;
+        const Lines l = kept ? (v ? downLines : acrossLines) : MeasureLines(upright, strip, minLine, maxLine);
+        return Read(upright, l, px, strip, same && !v && kept ? blobs : nullptr);
+    };
+    Reading r = read(vertical);
+    // Unsure of the direction: the one whose cues read clearer; one the
+    // profiles leaned against is never more than a quarter sure.
+    double certainty = direction;
+    if (direction < kSureDirection) {
+        const Reading other = read(!vertical);
+        if (other.evidence * (1 - direction) > r.evidence * (1 + direction)) {
+            vertical = !vertical;
+            r = other;
+            certainty = (kSureDirection - direction) / 2;
+        }
     }
-    const double against = (magnitude - std::abs(sum)) / 2;  // the opposing votes' total
-    const double support = magnitude - against;
-    const double evidence = std::clamp((support - 2 * against) / 1.5, 0.0, 1.0);
-    const double count = static_cast<double>(l.found.size());
-    // Marks on the side the call puts above the lines: Latin-like text,
-    // which the other cues are tuned on, has a dot or accent every few
-    // lines; a script without them (or text read the wrong way up) is not
-    // trusted as far.
-    const double marks = (sum >= 0 ? k.above : k.below) / std::max(1.0, count);
-    // The ascender balance is the cue the others stand beside: a call it
-    // does not back is halved, one it opposes fades out. (Hebrew's balance
-    // swings with the scale it is read at while its sharp top line and
-    // right-aligned lines both read as Latin upside down.)
-    const double backed = std::clamp(0.5 + (sum >= 0 ? votes[0] : -votes[0]), 0.0, 1.0);
-    result.confidence =
-        evidence * direction * backed * std::min(1.0, count / kFullLines) * std::min(1.0, marks / kFullMarks);
-    if (result.confidence < kCallUpright) return result;
-    result.angle = vertical ? (sum > 0 ? 90 : 270) : (sum > 0 ? 0 : 180);
+    // Lines running down the page carry the page's skew (AnalyzePage), so
+    // a quarter turn leaves the reported skew as it was.
+    result.vertical = vertical;
+    if (vertical) result.lines = down;
+    result.confidence = r.confidence * certainty;
+    result.angle = vertical ? (r.sum >= 0 ? 90 : 270) : (r.sum >= 0 ? 0 : 180);
     return result;
 }
 

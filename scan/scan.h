@@ -36,7 +36,7 @@ struct Orientation {
     int angle = 0;          // 0, 90, 180, 270: the clockwise turn that makes the page upright
     double confidence = 0;
     bool vertical = false;  // the lines run down the page
-    Skew lines;             // their skew when they surely do (the turn that straightens the page, as Skew::angle)
+    Skew lines;             // their skew when they do (the turn that straightens the page, as Skew::angle)
 };
 
 // The blobs FindContent found on the page's ink, for a later analysis that
