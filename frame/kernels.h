@@ -19,6 +19,9 @@ void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp);
 // dst bit i = src bit w - 1 - i for i < w; rows start at bit 0, the leftmost
 // pixel in the most significant bit.
 void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w);
+// MirrorBits over `count` rows `stride` bytes apart, each result row written
+// whole: the bits past w and the padding up to `stride` cleared.
+void MirrorBitRows(const std::uint8_t *src, std::uint8_t *dst, int stride, int w, int count);
 // dst[i] = table[src[i]] for n bytes.
 void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
 // The same over n 4-byte pixels, the fourth byte copied unchanged.
@@ -74,6 +77,10 @@ int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread
 bool UseAvx2(bool on);
 // Whether the AVX2 kernels are on (for kernels kept in other files).
 bool Avx2On();
+// Turns the GFNI form of the AVX2 bit reversal on (where the processor has
+// it) or off, so tests reach the nibble-table form too; returns the previous
+// setting. GFNI is used only while AVX2 is on.
+bool UseGfni(bool on);
 
 namespace plain {
 int NextSpread(const std::uint8_t *row, int from, int to, int bpp, int minSpread);
@@ -87,6 +94,7 @@ void SubtractSaturateRow(const std::uint8_t *a, const std::uint8_t *b, std::uint
 void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp, int redDelta, int blueDelta);
 void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp);
 void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w);
+void MirrorBitRows(const std::uint8_t *src, std::uint8_t *dst, int stride, int w, int count);
 void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
 void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
 }  // namespace plain

@@ -1,7 +1,7 @@
 // Fast row kernels against their plain twins, bit for bit: one harness runs
 // every kernel over rows of noise (with edge colours and runs of one value
 // mixed in) at lengths that end mid-block and mid-byte, at odd source
-// offsets, AVX2 on and off, and compares the destination (guard bytes around
+// offsets, AVX2 with and without GFNI and SSE, and compares the destination (guard bytes around
 // it included) and the source, which in-place kernels write. Then the image
 // level twins: integer gray, 1-bit and fused rotation, bit spans, filters.
 #include <gtest/gtest.h>
@@ -17,6 +17,7 @@
 #include "frame/histogram.h"
 #include "frame/ipl.h"
 #include "frame/kernels.h"
+#include "frame/kernels_bits.h"
 #include "frame/kernels_colour.h"
 #include "frame/kernels_tone.h"
 #include "pixel/pixel.h"
@@ -91,6 +92,14 @@ const k::EnhanceRule kRules[] = {
 const std::vector<Twin> kTwins = {
     {"mirror", {1, 3, 4}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorRow, s, d, c.n, c.bpp); }},
     {"mirror bits", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBits, s, d, c.n); }},
+    {"mirror bit rows", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBitRows, s, d, (c.n + 31) / 32 * 4, c.n, 5); }},
+    {"logic rows", {1, 2, 3}, {0, 1, 2, 3, 4, 5}, {0, 1, 2},
+     [](auto c, auto s, auto d) {  // bpp: row order (down, up, one b row); b: in place
+         const int stride = (c.n + 31) / 32 * 4, up = c.bpp == 2 ? -1 : 1;
+         std::uint8_t *out = c.b == 1 ? s : d;
+         const k::BitRows rows{s + (up < 0 ? 4 * stride : 0), up * stride, s + 5 * stride, c.bpp == 3 ? 0 : stride, out, stride, c.n, 5};
+         TWIN(LogicRows, rows, static_cast<k::Logic>(c.a), c.b == 2);
+     }},
     {"lookup", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(LookupRow, s, d, Bytes4(c), Table()); }},
     {"lookup32", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(LookupRow32, s, d, static_cast<std::size_t>(c.n), Table()); }},
     {"threshold", {1}, {-5, 0, 1, 128, 255, 256}, {0}, [](auto c, auto s, auto d) { TWIN(ThresholdToBits, s, d, c.n, c.a); }},
@@ -148,14 +157,14 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
             for (int bpp : t.bpps)
                 for (int a : t.as)
                     for (int b : t.bs)
-                        for (bool avx2 : {true, false}) {
+                        for (int level : {2, 1, 0}) {  // AVX2 with GFNI, AVX2 alone, SSE
                             Bytes fs = src, fd = dst, ps = src, pd = dst;
                             const int offset = 16 + n % 3;
-                            const bool was = k::UseAvx2(avx2);
+                            const bool was = k::UseAvx2(level > 0), gfni = k::UseGfni(level > 1);
                             t.run({n, bpp, a, b, false}, fs.data() + offset, fd.data() + 16);
-                            k::UseAvx2(was);
+                            k::UseAvx2(was), k::UseGfni(gfni);
                             t.run({n, bpp, a, b, true}, ps.data() + offset, pd.data() + 16);
-                            ASSERT_TRUE(fd == pd && fs == ps) << t.name << " n " << n << " bpp " << bpp << " " << a << " " << b << " avx2 " << avx2;
+                            ASSERT_TRUE(fd == pd && fs == ps) << t.name << " n " << n << " bpp " << bpp << " " << a << " " << b << " level " << level;
                         }
         }
     }

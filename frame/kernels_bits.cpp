@@ -1,0 +1,156 @@
+// 1-bit row kernels (see kernels_bits.h). One loop shape serves every
+// operation: 32-byte AVX2 blocks where the processor has them (else 16-byte
+// SSE2 blocks), then one 16-, 8- and 4-byte step each as the length needs,
+// then single bytes, so a 310-byte A4 row is ten steps and a few stores. The
+// operations are written once over GCC's vector types, which take the same
+// & | ~ as plain integers. Nothing is stored before its source bytes are
+// loaded, which is what lets d be one of the sources.
+#include "frame/kernels_bits.h"
+
+#include <emmintrin.h>
+#include <immintrin.h>
+
+#include <cstring>
+
+#include "frame/kernels.h"
+
+// The 32-byte helpers are always inlined into the AVX2 loop, so the note
+// that passing 32-byte vectors by value changes the ABI without AVX does not
+// apply.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+namespace quarvel::kernels {
+
+namespace plain {
+
+void LogicRows(const BitRows &r, Logic op, bool fill) {
+    const std::size_t nb = static_cast<std::size_t>(r.w + 7) / 8;
+    const auto f = static_cast<std::uint8_t>(fill ? 0xFF : 0);
+    for (int y = 0; y < r.count; ++y) {
+        const std::uint8_t *a = r.a + y * r.strideA, *b = r.b + y * r.strideB;
+        std::uint8_t *d = r.d + static_cast<std::ptrdiff_t>(y) * r.dstStride;
+        for (std::size_t i = 0; i < nb; ++i) {
+            switch (op) {
+                case Logic::kCopy: d[i] = a[i]; break;
+                case Logic::kNot: d[i] = static_cast<std::uint8_t>(~a[i]); break;
+                case Logic::kAnd: d[i] = a[i] & b[i]; break;
+                case Logic::kOr: d[i] = a[i] | b[i]; break;
+                case Logic::kAndNot: d[i] = static_cast<std::uint8_t>(a[i] & ~b[i]); break;
+                case Logic::kSelect: d[i] = static_cast<std::uint8_t>((a[i] & ~b[i]) | (f & b[i])); break;
+            }
+        }
+        for (int x = r.w; x < 8 * r.dstStride; ++x) d[x >> 3] &= static_cast<std::uint8_t>(~(0x80u >> (x & 7)));
+    }
+}
+
+}  // namespace plain
+
+namespace {
+
+template <class T>
+__attribute__((always_inline)) inline T Load(const std::uint8_t *p) {
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+template <class T>
+__attribute__((always_inline)) inline void Store(std::uint8_t *p, T v) {
+    std::memcpy(p, &v, sizeof v);
+}
+
+// A value of every width with all bits of `byte`.
+template <class T>
+__attribute__((always_inline)) inline T Splat(std::uint8_t byte) {
+    T v;
+    std::memset(&v, byte, sizeof v);
+    return v;
+}
+
+// The operations, each over any of the widths.
+template <Logic L>
+struct Op {
+    template <class T>
+    __attribute__((always_inline)) T operator()(T a, T b) const {
+        if constexpr (L == Logic::kCopy) return a;
+        if constexpr (L == Logic::kNot) return ~a;
+        if constexpr (L == Logic::kAnd) return a & b;
+        if constexpr (L == Logic::kOr) return a | b;
+        if constexpr (L == Logic::kAndNot) return a & ~b;
+    }
+};
+
+// d = a ^ ((a ^ fill) & mask): a where the mask is 0, fill where it is 1.
+struct Select {
+    std::uint8_t fill;
+    template <class T>
+    __attribute__((always_inline)) T operator()(T a, T mask) const {
+        return a ^ ((a ^ Splat<T>(fill)) & mask);
+    }
+};
+
+using V32 = std::uint8_t __attribute__((vector_size(32)));
+using V16 = std::uint8_t __attribute__((vector_size(16)));
+
+// The steps after the blocks: at most one of 16, 8 and 4 bytes, then bytes.
+template <class F>
+__attribute__((always_inline)) inline void Tail(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t i,
+                                                std::size_t n, F f) {
+    if (i + 16 <= n) Store(d + i, f(Load<V16>(a + i), Load<V16>(b + i))), i += 16;
+    if (i + 8 <= n) Store(d + i, f(Load<std::uint64_t>(a + i), Load<std::uint64_t>(b + i))), i += 8;
+    if (i + 4 <= n) Store(d + i, f(Load<std::uint32_t>(a + i), Load<std::uint32_t>(b + i))), i += 4;
+    for (; i < n; ++i) d[i] = static_cast<std::uint8_t>(f(a[i], b[i]));
+}
+
+// Every row: the blocks, the tail steps, then the bits past w and the
+// padding cleared while the row is in cache.
+template <class F>
+__attribute__((target("avx2"))) void RowsAvx2(const BitRows &r, F f) {
+    const std::size_t nb = static_cast<std::size_t>(r.w + 7) / 8;
+    for (int y = 0; y < r.count; ++y) {
+        const std::uint8_t *a = r.a + y * r.strideA, *b = r.b + y * r.strideB;
+        std::uint8_t *d = r.d + static_cast<std::ptrdiff_t>(y) * r.dstStride;
+        std::size_t i = 0;
+        for (; i + 32 <= nb; i += 32) Store(d + i, f(Load<V32>(a + i), Load<V32>(b + i)));
+        Tail(a, b, d, i, nb, f);
+        ClearRowTail(d, r.w, r.dstStride);
+    }
+}
+
+template <class F>
+void RowsSse2(const BitRows &r, F f) {
+    const std::size_t nb = static_cast<std::size_t>(r.w + 7) / 8;
+    for (int y = 0; y < r.count; ++y) {
+        const std::uint8_t *a = r.a + y * r.strideA, *b = r.b + y * r.strideB;
+        std::uint8_t *d = r.d + static_cast<std::ptrdiff_t>(y) * r.dstStride;
+        std::size_t i = 0;
+        for (; i + 16 <= nb; i += 16) Store(d + i, f(Load<V16>(a + i), Load<V16>(b + i)));
+        Tail(a, b, d, i, nb, f);
+        ClearRowTail(d, r.w, r.dstStride);
+    }
+}
+
+template <class F>
+void Rows(const BitRows &r, F f) {
+    if (Avx2On())
+        RowsAvx2(r, f);
+    else
+        RowsSse2(r, f);
+}
+
+}  // namespace
+
+void LogicRows(const BitRows &rows, Logic op, bool fill) {
+    BitRows r = rows;
+    if (op == Logic::kCopy || op == Logic::kNot) r.b = r.a, r.strideB = r.strideA;
+    switch (op) {
+        case Logic::kCopy: Rows(r, Op<Logic::kCopy>{}); break;
+        case Logic::kNot: Rows(r, Op<Logic::kNot>{}); break;
+        case Logic::kAnd: Rows(r, Op<Logic::kAnd>{}); break;
+        case Logic::kOr: Rows(r, Op<Logic::kOr>{}); break;
+        case Logic::kAndNot: Rows(r, Op<Logic::kAndNot>{}); break;
+        case Logic::kSelect: Rows(r, Select{static_cast<std::uint8_t>(fill ? 0xFF : 0)}); break;
+    }
+}
+
+}  // namespace quarvel::kernels

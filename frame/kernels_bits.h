@@ -1,0 +1,60 @@
+// Whole-byte row kernels for packed 1-bit pages: copy, complement, AND, OR,
+// AND-NOT and a masked select of rows, 32 bytes a step under AVX2 (16 under
+// SSE2), then 16, 8 and 4 bytes, then single bytes; each result row written
+// whole, its padding included. The plain byte loops in `plain` are the
+// oracle the tests compare against bit for bit.
+//
+// Contracts: a kernel reads the (w + 7) / 8 bytes of each source row and
+// writes exactly the `dstStride` bytes of each result row: its w pixels, then
+// zeros for the bits past them and for the padding. A result row may be its
+// own source row (every byte is loaded before it is stored) but may not
+// overlap a source at any other offset.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace quarvel::kernels {
+
+// d = a (kCopy), ~a (kNot), a & b, a | b, a & ~b, or kSelect: a's bits where
+// b has 0 and the fill's where b has 1. b is not read for kCopy and kNot.
+enum class Logic { kCopy, kNot, kAnd, kOr, kAndNot, kSelect };
+
+// `count` rows of w pixels: result row i at d + i * dstStride from source
+// rows a + i * strideA and b + i * strideB. Source strides may be negative
+// (a page walked from the top) or 0 (one row, such as a mask, for every row).
+struct BitRows {
+    const std::uint8_t *a;
+    std::ptrdiff_t strideA;
+    const std::uint8_t *b;
+    std::ptrdiff_t strideB;
+    std::uint8_t *d;
+    int dstStride;
+    int w, count;
+};
+
+void LogicRows(const BitRows &rows, Logic op, bool fill = false);
+
+// Clears the bits of a row of `stride` bytes past its first w pixels: the
+// rest of the byte holding pixel w - 1 and the bytes after it.
+inline void ClearRowTail(std::uint8_t *row, int w, int stride) {
+    int j = w >> 3;
+    if ((w & 7) != 0) row[j] &= static_cast<std::uint8_t>(0xFF00u >> (w & 7)), ++j;
+    // At most 4 bytes on a DIB row: plain stores, not a memset call per row.
+    std::uint8_t *p = row + j;
+    switch (stride - j) {
+        case 4: p[3] = 0; [[fallthrough]];
+        case 3: p[2] = 0; [[fallthrough]];
+        case 2: p[1] = 0; [[fallthrough]];
+        case 1: p[0] = 0; [[fallthrough]];
+        case 0: break;
+        default: std::memset(p, 0, static_cast<std::size_t>(stride - j));
+    }
+}
+
+namespace plain {
+void LogicRows(const BitRows &rows, Logic op, bool fill = false);
+}  // namespace plain
+
+}  // namespace quarvel::kernels
