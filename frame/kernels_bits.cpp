@@ -23,9 +23,8 @@ namespace quarvel::kernels {
 
 namespace plain {
 
-void LogicRows(const BitRows &r, Logic op, bool fill) {
+void LogicRows(const BitRows &r, Logic op) {
     const std::size_t nb = static_cast<std::size_t>(r.w + 7) / 8;
-    const auto f = static_cast<std::uint8_t>(fill ? 0xFF : 0);
     for (int y = 0; y < r.count; ++y) {
         const std::uint8_t *a = r.a + y * r.strideA, *b = r.b + y * r.strideB;
         std::uint8_t *d = r.d + static_cast<std::ptrdiff_t>(y) * r.dstStride;
@@ -36,10 +35,18 @@ void LogicRows(const BitRows &r, Logic op, bool fill) {
                 case Logic::kAnd: d[i] = a[i] & b[i]; break;
                 case Logic::kOr: d[i] = a[i] | b[i]; break;
                 case Logic::kAndNot: d[i] = static_cast<std::uint8_t>(a[i] & ~b[i]); break;
-                case Logic::kSelect: d[i] = static_cast<std::uint8_t>((a[i] & ~b[i]) | (f & b[i])); break;
             }
         }
         for (int x = r.w; x < 8 * r.dstStride; ++x) d[x >> 3] &= static_cast<std::uint8_t>(~(0x80u >> (x & 7)));
+    }
+}
+
+void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b, std::ptrdiff_t strideB, std::uint8_t *d,
+                 int dstStride, int w, int count) {
+    for (int y = 0; y < count; ++y) {
+        BitRows row{a + y * strideA, 0, b + y * strideB, 0, d + static_cast<std::ptrdiff_t>(y) * dstStride, dstStride, w, 1};
+        plain::LogicRows(row, Logic::kAnd);
+        std::memcpy(a + y * strideA, row.d, static_cast<std::size_t>(w / 8));
     }
 }
 
@@ -59,14 +66,6 @@ __attribute__((always_inline)) inline void Store(std::uint8_t *p, T v) {
     std::memcpy(p, &v, sizeof v);
 }
 
-// A value of every width with all bits of `byte`.
-template <class T>
-__attribute__((always_inline)) inline T Splat(std::uint8_t byte) {
-    T v;
-    std::memset(&v, byte, sizeof v);
-    return v;
-}
-
 // The operations, each over any of the widths.
 template <Logic L>
 struct Op {
@@ -77,15 +76,6 @@ struct Op {
         if constexpr (L == Logic::kAnd) return a & b;
         if constexpr (L == Logic::kOr) return a | b;
         if constexpr (L == Logic::kAndNot) return a & ~b;
-    }
-};
-
-// d = a ^ ((a ^ fill) & mask): a where the mask is 0, fill where it is 1.
-struct Select {
-    std::uint8_t fill;
-    template <class T>
-    __attribute__((always_inline)) T operator()(T a, T mask) const {
-        return a ^ ((a ^ Splat<T>(fill)) & mask);
     }
 };
 
@@ -111,7 +101,12 @@ __attribute__((target("avx2"))) void RowsAvx2(const BitRows &r, F f) {
         const std::uint8_t *a = r.a + y * r.strideA, *b = r.b + y * r.strideB;
         std::uint8_t *d = r.d + static_cast<std::ptrdiff_t>(y) * r.dstStride;
         std::size_t i = 0;
-        for (; i + 32 <= nb; i += 32) Store(d + i, f(Load<V32>(a + i), Load<V32>(b + i)));
+        for (; i + 64 <= nb; i += 64) {
+            const V32 u = f(Load<V32>(a + i), Load<V32>(b + i)), v = f(Load<V32>(a + i + 32), Load<V32>(b + i + 32));
+            Store(d + i, u);
+            Store(d + i + 32, v);
+        }
+        if (i + 32 <= nb) Store(d + i, f(Load<V32>(a + i), Load<V32>(b + i))), i += 32;
         Tail(a, b, d, i, nb, f);
         ClearRowTail(d, r.w, r.dstStride);
     }
@@ -138,9 +133,38 @@ void Rows(const BitRows &r, F f) {
         RowsSse2(r, f);
 }
 
+// Blocks where the AND clears no bit (b covers a) leave a unwritten.
+__attribute__((target("avx2"))) void AndRowsBackAvx2(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b,
+                                                     std::ptrdiff_t strideB, std::uint8_t *d, int dstStride, int w, int count) {
+    const std::size_t nb = static_cast<std::size_t>(w / 8);
+    const auto both = [](auto u, auto v) { return u & v; };
+    for (int y = 0; y < count; ++y, a += strideA, b += strideB, d += dstStride) {
+        std::size_t i = 0;
+        for (; i + 32 <= nb; i += 32) {
+            const __m256i u = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(a + i));
+            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(b + i));
+            const __m256i r = _mm256_and_si256(u, v);
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(d + i), r);
+            if (!_mm256_testc_si256(v, u)) _mm256_storeu_si256(reinterpret_cast<__m256i *>(a + i), r);
+        }
+        Tail(a, b, d, i, nb, both);
+        std::memcpy(a + i, d + i, nb - i);
+        ClearRowTail(d, w, dstStride);
+    }
+}
+
 }  // namespace
 
-void LogicRows(const BitRows &rows, Logic op, bool fill) {
+void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b, std::ptrdiff_t strideB, std::uint8_t *d,
+                 int dstStride, int w, int count) {
+    if (Avx2On()) {
+        AndRowsBackAvx2(a, strideA, b, strideB, d, dstStride, w, count);
+        return;
+    }
+    plain::AndRowsBack(a, strideA, b, strideB, d, dstStride, w, count);
+}
+
+void LogicRows(const BitRows &rows, Logic op) {
     BitRows r = rows;
     if (op == Logic::kCopy || op == Logic::kNot) r.b = r.a, r.strideB = r.strideA;
     switch (op) {
@@ -149,7 +173,6 @@ void LogicRows(const BitRows &rows, Logic op, bool fill) {
         case Logic::kAnd: Rows(r, Op<Logic::kAnd>{}); break;
         case Logic::kOr: Rows(r, Op<Logic::kOr>{}); break;
         case Logic::kAndNot: Rows(r, Op<Logic::kAndNot>{}); break;
-        case Logic::kSelect: Rows(r, Select{static_cast<std::uint8_t>(fill ? 0xFF : 0)}); break;
     }
 }
 

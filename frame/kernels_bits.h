@@ -1,5 +1,5 @@
-// Whole-byte row kernels for packed 1-bit pages: copy, complement, AND, OR,
-// AND-NOT and a masked select of rows, 32 bytes a step under AVX2 (16 under
+// Whole-byte row kernels for packed 1-bit pages: copy, complement, AND, OR
+// and AND-NOT of rows, 32 bytes a step under AVX2 (16 under
 // SSE2), then 16, 8 and 4 bytes, then single bytes; each result row written
 // whole, its padding included. The plain byte loops in `plain` are the
 // oracle the tests compare against bit for bit.
@@ -17,9 +17,9 @@
 
 namespace quarvel::kernels {
 
-// d = a (kCopy), ~a (kNot), a & b, a | b, a & ~b, or kSelect: a's bits where
-// b has 0 and the fill's where b has 1. b is not read for kCopy and kNot.
-enum class Logic { kCopy, kNot, kAnd, kOr, kAndNot, kSelect };
+// d = a (kCopy), ~a (kNot), a & b, a | b or a & ~b; b is not read for kCopy
+// and kNot. With b a mask row, kOr sets and kAndNot clears the bits under it.
+enum class Logic { kCopy, kNot, kAnd, kOr, kAndNot };
 
 // `count` rows of w pixels: result row i at d + i * dstStride from source
 // rows a + i * strideA and b + i * strideB. Source strides may be negative
@@ -34,7 +34,13 @@ struct BitRows {
     int w, count;
 };
 
-void LogicRows(const BitRows &rows, Logic op, bool fill = false);
+void LogicRows(const BitRows &rows, Logic op);
+
+// ImageAnd's rows: d = a & b as LogicRows gives it, and a's rows take the
+// AND as well, written back only where it changes them. w is a multiple of 8,
+// so a's bytes past its pixels are never touched.
+void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b, std::ptrdiff_t strideB, std::uint8_t *d,
+                 int dstStride, int w, int count);
 
 // Clears the bits of a row of `stride` bytes past its first w pixels: the
 // rest of the byte holding pixel w - 1 and the bytes after it.
@@ -54,7 +60,9 @@ inline void ClearRowTail(std::uint8_t *row, int w, int stride) {
 }
 
 namespace plain {
-void LogicRows(const BitRows &rows, Logic op, bool fill = false);
+void LogicRows(const BitRows &rows, Logic op);
+void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b, std::ptrdiff_t strideB, std::uint8_t *d,
+                 int dstStride, int w, int count);
 }  // namespace plain
 
 }  // namespace quarvel::kernels

@@ -91,14 +91,20 @@ const k::EnhanceRule kRules[] = {
 
 const std::vector<Twin> kTwins = {
     {"mirror", {1, 3, 4}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorRow, s, d, c.n, c.bpp); }},
+    {"and rows back", {1}, {0, 1}, {0},  // a: b covers a (nothing to write back) or noise
+     [](auto c, auto s, auto d) {
+         const int stride = (c.n + 31) / 32 * 4, w = c.n / 8 * 8;
+         if (c.a == 0) std::memset(s + 5 * stride, 0xFF, 5 * static_cast<std::size_t>(stride));
+         TWIN(AndRowsBack, s, stride, s + 5 * stride, stride, d, stride, w, 5);
+     }},
     {"mirror bits", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBits, s, d, c.n); }},
     {"mirror bit rows", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBitRows, s, d, (c.n + 31) / 32 * 4, c.n, 5); }},
-    {"logic rows", {1, 2, 3}, {0, 1, 2, 3, 4, 5}, {0, 1, 2},
+    {"logic rows", {1, 2, 3}, {0, 1, 2, 3, 4}, {0, 1},
      [](auto c, auto s, auto d) {  // bpp: row order (down, up, one b row); b: in place
          const int stride = (c.n + 31) / 32 * 4, up = c.bpp == 2 ? -1 : 1;
          std::uint8_t *out = c.b == 1 ? s : d;
          const k::BitRows rows{s + (up < 0 ? 4 * stride : 0), up * stride, s + 5 * stride, c.bpp == 3 ? 0 : stride, out, stride, c.n, 5};
-         TWIN(LogicRows, rows, static_cast<k::Logic>(c.a), c.b == 2);
+         TWIN(LogicRows, rows, static_cast<k::Logic>(c.a));
      }},
     {"lookup", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(LookupRow, s, d, Bytes4(c), Table()); }},
     {"lookup32", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(LookupRow32, s, d, static_cast<std::size_t>(c.n), Table()); }},
