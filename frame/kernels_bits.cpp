@@ -1,7 +1,8 @@
 // 1-bit row kernels (see kernels_bits.h). One loop shape serves every
-// operation: 32-byte AVX2 blocks where the processor has them (else 16-byte
-// SSE2 blocks), then one 16-, 8- and 4-byte step each as the length needs,
-// then single bytes, so a 310-byte A4 row is ten steps and a few stores. The
+// operation: 32-byte AVX2 blocks where the processor has them (two a step,
+// the row's last bytes as one block overlapping the one before), else
+// 16-byte SSE2 blocks, then one 16-, 8- and 4-byte step each as the length
+// needs, then single bytes; so a 310-byte A4 row is ten blocks. The
 // operations are written once over GCC's vector types, which take the same
 // & | ~ as plain integers. Nothing is stored before its source bytes are
 // loaded, which is what lets d be one of the sources.
@@ -107,7 +108,12 @@ __attribute__((target("avx2"))) void RowsAvx2(const BitRows &r, F f) {
             Store(d + i + 32, v);
         }
         if (i + 32 <= nb) Store(d + i, f(Load<V32>(a + i), Load<V32>(b + i))), i += 32;
-        Tail(a, b, d, i, nb, f);
+        // The last bytes as one block overlapping the one before, which
+        // rewrites those bytes with the same values, unless d is a source.
+        if (i < nb && nb >= 32 && d != a && d != b)
+            Store(d + nb - 32, f(Load<V32>(a + nb - 32), Load<V32>(b + nb - 32)));
+        else
+            Tail(a, b, d, i, nb, f);
         ClearRowTail(d, r.w, r.dstStride);
     }
 }
