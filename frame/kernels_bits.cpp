@@ -51,6 +51,19 @@ void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b,
     }
 }
 
+void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w, bool minimum) {
+    const auto at = [&](int x) {
+        if (x >= w) return minimum ? 1 : 0;
+        const int u = (a[x >> 3] >> (7 - (x & 7))) & 1, v = b == nullptr ? u : (b[x >> 3] >> (7 - (x & 7))) & 1;
+        return minimum ? u & v : u | v;
+    };
+    for (int x = 0; x < w; ++x) {
+        const int bit = minimum ? at(x) & at(x + 1) : at(x) | at(x + 1);
+        const auto mask = static_cast<std::uint8_t>(0x80u >> (x & 7));
+        d[x >> 3] = static_cast<std::uint8_t>(bit ? d[x >> 3] | mask : d[x >> 3] & ~mask);
+    }
+}
+
 }  // namespace plain
 
 namespace {
@@ -159,7 +172,42 @@ __attribute__((target("avx2"))) void AndRowsBackAvx2(std::uint8_t *a, std::ptrdi
     }
 }
 
+// t = op(a, b) bytes; d byte = op(t, t shifted left one bit, the next byte's
+// top bit coming in), 32 bytes a step while the next byte is in the row.
+// Every byte but the last, which needs the identity past w: the row's end
+// as one block overlapping the one before. Returns the bytes done.
+template <bool Minimum>
+__attribute__((target("avx2"))) int Filter2x2Avx2(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int nb) {
+    if (nb < 33) return 0;
+    for (int i = 0;; i += 32) {
+        const bool last = i + 33 >= nb;
+        if (last) i = nb - 33;
+        const V32 u = Load<V32>(a + i), v = Load<V32>(b + i), p = Load<V32>(a + i + 1), q = Load<V32>(b + i + 1);
+        const V32 t = Minimum ? u & v : u | v, next = Minimum ? p & q : p | q;
+        const V32 shifted = (t + t) | (next >> 7);
+        Store(d + i, Minimum ? t & shifted : t | shifted);
+        if (last) return nb - 1;
+    }
+}
+
 }  // namespace
+
+void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w, bool minimum) {
+    const int nb = (w + 7) / 8;
+    if (b == nullptr) b = a;
+    int j = !Avx2On() ? 0 : minimum ? Filter2x2Avx2<true>(a, b, d, nb) : Filter2x2Avx2<false>(a, b, d, nb);
+    // The rest a byte at a time; the bits past w count as the identity.
+    const unsigned valid = (0xFF00u >> (w & 7 ? w & 7 : 8)) & 0xFFu, identity = minimum ? 0xFFu : 0u;
+    const auto op = [minimum](unsigned u, unsigned v) { return minimum ? u & v : u | v; };
+    for (; j < nb; ++j) {
+        const bool last = j + 1 == nb;
+        unsigned t = op(a[j], b[j]);
+        if (last) t = (t & valid) | (identity & ~valid);
+        const unsigned next = last ? identity : op(a[j + 1], b[j + 1]);
+        const unsigned r = op(t, ((t << 1) | (next >> 7)) & 0xFFu), keep = last ? ~valid & 0xFFu : 0u;
+        d[j] = static_cast<std::uint8_t>((r & ~keep) | (d[j] & keep));
+    }
+}
 
 void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b, std::ptrdiff_t strideB, std::uint8_t *d,
                  int dstStride, int w, int count) {
