@@ -384,13 +384,14 @@ void MinMaxFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchor
     // rows, which an image filtered onto itself would overwrite first.
     const bool fast = !plain && anchorX == 0 && anchorY == 0 && src->imageData != dst->imageData;
     if (f == PixelFormat::kBitonal) {
-        if (fast && nCols == 2 && nRows == 2 && ((rs.x | rd.x) & 7) == 0) {
-            // The 2 x 2 cell of the first text levels, in whole bytes: one
-            // pass, each destination row from its source row and the next.
+        if (fast && nCols == 2 && nRows == 2 && (rs.x & 7) == (rd.x & 7)) {
+            // The 2 x 2 cell of the first text levels, regions in the same
+            // bit phase: one pass of whole bytes, each destination row from
+            // its source row and the next.
             for (int y = 0; y < rs.height; ++y)
                 kernels::Filter2x2Row(RowOf(*src, rs.y + y) + (rs.x >> 3),
                                       y + 1 < rs.height ? RowOf(*src, rs.y + y + 1) + (rs.x >> 3) : nullptr,
-                                      RowOf(*dst, rd.y + y) + (rd.x >> 3), rs.width, minimum);
+                                      RowOf(*dst, rd.y + y) + (rd.x >> 3), rs.x & 7, rs.width, minimum);
             return;
         }
         if (!fast)

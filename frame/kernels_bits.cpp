@@ -51,16 +51,16 @@ void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b,
     }
 }
 
-void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w, bool minimum) {
-    const auto at = [&](int x) {
-        if (x >= w) return minimum ? 1 : 0;
-        const int u = (a[x >> 3] >> (7 - (x & 7))) & 1, v = b == nullptr ? u : (b[x >> 3] >> (7 - (x & 7))) & 1;
+void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool minimum) {
+    const auto at = [&](int i) {
+        if (i >= x + w) return minimum ? 1 : 0;
+        const int u = (a[i >> 3] >> (7 - (i & 7))) & 1, v = b == nullptr ? u : (b[i >> 3] >> (7 - (i & 7))) & 1;
         return minimum ? u & v : u | v;
     };
-    for (int x = 0; x < w; ++x) {
-        const int bit = minimum ? at(x) & at(x + 1) : at(x) | at(x + 1);
-        const auto mask = static_cast<std::uint8_t>(0x80u >> (x & 7));
-        d[x >> 3] = static_cast<std::uint8_t>(bit ? d[x >> 3] | mask : d[x >> 3] & ~mask);
+    for (int i = x; i < x + w; ++i) {
+        const int bit = minimum ? at(i) & at(i + 1) : at(i) | at(i + 1);
+        const auto mask = static_cast<std::uint8_t>(0x80u >> (i & 7));
+        d[i >> 3] = static_cast<std::uint8_t>(bit ? d[i >> 3] | mask : d[i >> 3] & ~mask);
     }
 }
 
@@ -192,12 +192,16 @@ __attribute__((target("avx2"))) int Filter2x2Avx2(const std::uint8_t *a, const s
 
 }  // namespace
 
-void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w, bool minimum) {
-    const int nb = (w + 7) / 8;
+void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool minimum) {
+    if (w <= 0) return;
+    const int nb = (x + w + 7) / 8;
     if (b == nullptr) b = a;
+    const std::uint8_t first = d[0];
     int j = !Avx2On() ? 0 : minimum ? Filter2x2Avx2<true>(a, b, d, nb) : Filter2x2Avx2<false>(a, b, d, nb);
-    // The rest a byte at a time; the bits past w count as the identity.
-    const unsigned valid = (0xFF00u >> (w & 7 ? w & 7 : 8)) & 0xFFu, identity = minimum ? 0xFFu : 0u;
+    // The rest a byte at a time; the bits past the span count as the
+    // identity, and d's bits outside it keep their values.
+    const int end = (x + w) & 7;
+    const unsigned valid = (0xFF00u >> (end != 0 ? end : 8)) & 0xFFu, identity = minimum ? 0xFFu : 0u;
     const auto op = [minimum](unsigned u, unsigned v) { return minimum ? u & v : u | v; };
     for (; j < nb; ++j) {
         const bool last = j + 1 == nb;
@@ -207,6 +211,8 @@ void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d,
         const unsigned r = op(t, ((t << 1) | (next >> 7)) & 0xFFu), keep = last ? ~valid & 0xFFu : 0u;
         d[j] = static_cast<std::uint8_t>((r & ~keep) | (d[j] & keep));
     }
+    const unsigned head = ~(0xFFu >> x) & 0xFFu;  // bits before the span
+    d[0] = static_cast<std::uint8_t>((d[0] & ~head) | (first & head));
 }
 
 void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b, std::ptrdiff_t strideB, std::uint8_t *d,

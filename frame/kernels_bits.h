@@ -43,11 +43,12 @@ void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b,
                  int dstStride, int w, int count);
 
 // One row of the 2 x 2 minimum (AND) or maximum (OR) filter anchored at its
-// first cell: d bit x = op of bits x and x + 1 of row a and of row b (b null:
-// row a alone, as on a page's last row), bit w counting as the identity.
-// Writes the bytes holding bits [0, w); bits past w keep their values. d may
-// not overlap a or b.
-void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w, bool minimum);
+// first cell, over bits [x, x + w) of rows sharing their bit phase (x in
+// 0..7): d bit i = op of bits i and i + 1 of row a and of row b (b null: row
+// a alone, as on a page's last row), bit x + w counting as the identity.
+// Writes the bytes holding bits [x, x + w); d's other bits keep their
+// values. d may not overlap a or b.
+void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool minimum);
 
 // Clears the bits of a row of `stride` bytes past its first w pixels: the
 // rest of the byte holding pixel w - 1 and the bytes after it.
@@ -70,7 +71,7 @@ namespace plain {
 void LogicRows(const BitRows &rows, Logic op);
 void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b, std::ptrdiff_t strideB, std::uint8_t *d,
                  int dstStride, int w, int count);
-void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w, bool minimum);
+void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool minimum);
 }  // namespace plain
 
 }  // namespace quarvel::kernels

@@ -98,8 +98,8 @@ const std::vector<Twin> kTwins = {
          if (c.a == 0) std::memset(s + 5 * stride, 0xFF, 5 * static_cast<std::size_t>(stride));
          TWIN(AndRowsBack, s, stride, s + 5 * stride, stride, d, stride, w, 5);
      }},
-    {"filter 2x2", {1}, {0, 1}, {0, 1},  // a: minimum; b: with a row above
-     [](auto c, auto s, auto d) { TWIN(Filter2x2Row, s, c.b ? s + c.n : nullptr, d, c.n, c.a == 1); }},
+    {"filter 2x2", {1, 4, 8}, {0, 1}, {0, 1},  // bpp: bit phase + 1; a: minimum; b: with a row above
+     [](auto c, auto s, auto d) { TWIN(Filter2x2Row, s, c.b ? s + c.n : nullptr, d, c.bpp - 1, c.n, c.a == 1); }},
     {"mirror bits", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBits, s, d, c.n); }},
     {"mirror bit rows", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBitRows, s, d, (c.n + 31) / 32 * 4, c.n, 5); }},
     {"logic rows", {1, 2, 3}, {0, 1, 2, 3, 4}, {0, 1},
