@@ -158,16 +158,24 @@ __attribute__((target("avx2"))) void AndRowsBackAvx2(std::uint8_t *a, std::ptrdi
     const std::size_t nb = static_cast<std::size_t>(w / 8);
     const auto both = [](auto u, auto v) { return u & v; };
     for (int y = 0; y < count; ++y, a += strideA, b += strideB, d += dstStride) {
-        std::size_t i = 0;
-        for (; i + 32 <= nb; i += 32) {
+        if (nb < 32) {
+            Tail(a, b, d, 0, nb, both);
+            for (std::size_t i = 0; i < nb; ++i) a[i] = d[i];
+            ClearRowTail(d, w, dstStride);
+            continue;
+        }
+        // The last block overlaps the one before: ANDing a's bytes again
+        // that already took the AND leaves them as they are.
+        for (std::size_t i = 0;; i += 32) {
+            const bool last = i + 32 >= nb;
+            if (last) i = nb - 32;
             const __m256i u = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(a + i));
             const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(b + i));
             const __m256i r = _mm256_and_si256(u, v);
             _mm256_storeu_si256(reinterpret_cast<__m256i *>(d + i), r);
             if (!_mm256_testc_si256(v, u)) _mm256_storeu_si256(reinterpret_cast<__m256i *>(a + i), r);
+            if (last) break;
         }
-        Tail(a, b, d, i, nb, both);
-        std::memcpy(a + i, d + i, nb - i);
         ClearRowTail(d, w, dstStride);
     }
 }
