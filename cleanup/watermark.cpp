@@ -9,7 +9,8 @@
 // the page is copied around the mark's copies, each of which is subtracted
 // from the page into its own rectangle.
 #include <algorithm>
-#include <vector>
+#include <cstring>
+#include <memory>
 
 #include "cleanup/cleanup.h"
 #include "frame/bits.h"
@@ -44,16 +45,24 @@ HGLOBAL StampBits(const LockedDib &page, const LockedDib &mark, bool column) {
         return out.Release();
     }
     // A column repeats the mark's rows: one band of them serves every copy.
-    const int band = std::min(mh, h);
-    std::vector<std::uint8_t> masks(static_cast<std::size_t>(band) * static_cast<std::size_t>(stride), 0);
-    std::vector<std::uint8_t> packed(static_cast<std::size_t>(w + 7) / 8);
+    // Each mask row: zeros, then the mark's levels thresholded straight into
+    // the page's bit phase (from `phase` levels before the mark's row, which
+    // lie in its block: an 8-bit page has a 40-byte header before its rows;
+    // their bits are cleared), then zeros.
+    const int band = std::min(mh, h), phase = xOff & 7;
+    const std::size_t nb = static_cast<std::size_t>(pw + 7) / 8, from = static_cast<std::size_t>(xOff >> 3);
+    const std::size_t to = static_cast<std::size_t>(xOff + w + 7) / 8;
+    std::unique_ptr<std::uint8_t[]> masks(new std::uint8_t[static_cast<std::size_t>(band) * static_cast<std::size_t>(stride)]);
     for (int j = 0; j < band; ++j) {
-        kernels::ThresholdToBits(mark.row(j), packed.data(), w, 128);
-        bits::Copy(packed.data(), 0, masks.data() + at(j), xOff, w);
+        std::uint8_t *m = masks.get() + at(j);
+        std::memset(m, 0, from);
+        kernels::ThresholdToBits(mark.row(j) - phase, m + from, w + phase, 128);
+        m[from] &= static_cast<std::uint8_t>(0xFFu >> phase);
+        std::memset(m + to, 0, nb - to);
     }
     copy(0, y0);
     for (int i = y0; i < y0 + h; i += band)
-        kernels::LogicRows({src + at(i), stride, masks.data(), stride, d + at(i), stride, pw, std::min(band, y0 + h - i)},
+        kernels::LogicRows({src + at(i), stride, masks.get(), stride, d + at(i), stride, pw, std::min(band, y0 + h - i)},
                            kernels::Logic::kAndNot);
     copy(y0 + h, ph);
     return out.Release();
