@@ -182,18 +182,33 @@ __attribute__((target("avx2"))) void AndRowsBackAvx2(std::uint8_t *a, std::ptrdi
 
 // t = op(a, b) bytes; d byte = op(t, t shifted left one bit, the next byte's
 // top bit coming in), 32 bytes a step while the next byte is in the row.
-// Every byte but the last, which needs the identity past w: the row's end
-// as one block overlapping the one before. Returns the bytes done.
+// Every byte but the last, which needs the identity past w. Each block's
+// combined rows are kept for the next step, which supplies the next byte's
+// top bit through a lane-crossing byte shift; the row's end is one block
+// overlapping the one before. Returns the bytes done.
 template <bool Minimum>
 __attribute__((target("avx2"))) int Filter2x2Avx2(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int nb) {
     if (nb < 33) return 0;
-    for (int i = 0;; i += 32) {
-        const bool last = i + 33 >= nb;
-        if (last) i = nb - 33;
-        const V32 u = Load<V32>(a + i), v = Load<V32>(b + i), p = Load<V32>(a + i + 1), q = Load<V32>(b + i + 1);
-        const V32 t = Minimum ? u & v : u | v, next = Minimum ? p & q : p | q;
+    const auto combine = [](const std::uint8_t *p, const std::uint8_t *q) {
+        const V32 u = Load<V32>(p), v = Load<V32>(q);
+        return Minimum ? u & v : u | v;
+    };
+    V32 t = combine(a, b);
+    int i = 0;
+    for (; i + 65 <= nb; i += 32) {
+        const V32 later = combine(a + i + 32, b + i + 32);
+        const __m256i ti = reinterpret_cast<__m256i>(t), li = reinterpret_cast<__m256i>(later);
+        const V32 next = reinterpret_cast<V32>(_mm256_alignr_epi8(_mm256_permute2x128_si256(ti, li, 0x21), ti, 1));
         const V32 shifted = (t + t) | (next >> 7);
         Store(d + i, Minimum ? t & shifted : t | shifted);
+        t = later;
+    }
+    for (;; i += 32) {
+        const bool last = i + 33 >= nb;
+        if (last) i = nb - 33;
+        const V32 u = combine(a + i, b + i), next = combine(a + i + 1, b + i + 1);
+        const V32 shifted = (u + u) | (next >> 7);
+        Store(d + i, Minimum ? u & shifted : u | shifted);
         if (last) return nb - 1;
     }
 }
