@@ -388,10 +388,8 @@ void MinMaxFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchor
             // The 2 x 2 cell of the first text levels, regions in the same
             // bit phase: one pass of whole bytes, each destination row from
             // its source row and the next.
-            for (int y = 0; y < rs.height; ++y)
-                kernels::Filter2x2Row(RowOf(*src, rs.y + y) + (rs.x >> 3),
-                                      y + 1 < rs.height ? RowOf(*src, rs.y + y + 1) + (rs.x >> 3) : nullptr,
-                                      RowOf(*dst, rd.y + y) + (rd.x >> 3), rs.x & 7, rs.width, minimum);
+            kernels::Filter2x2Rows(RowOf(*src, rs.y) + (rs.x >> 3), src->widthStep, RowOf(*dst, rd.y) + (rd.x >> 3),
+                                   dst->widthStep, rs.x & 7, rs.width, rs.height, minimum);
             return;
         }
         if (!fast)

@@ -64,6 +64,12 @@ void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d,
     }
 }
 
+void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *d, std::ptrdiff_t strideD, int x, int w,
+                   int count, bool minimum) {
+    for (int y = 0; y < count; ++y)
+        Filter2x2Row(a + y * strideA, y + 1 < count ? a + (y + 1) * strideA : nullptr, d + y * strideD, x, w, minimum);
+}
+
 }  // namespace plain
 
 namespace {
@@ -215,17 +221,20 @@ __attribute__((target("avx2"))) int Filter2x2Avx2(const std::uint8_t *a, const s
 
 }  // namespace
 
-void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool minimum) {
+namespace {
+
+template <bool Minimum>
+inline void Filter2x2(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool avx2) {
     if (w <= 0) return;
     const int nb = (x + w + 7) / 8;
     if (b == nullptr) b = a;
     const std::uint8_t first = d[0];
-    int j = !Avx2On() ? 0 : minimum ? Filter2x2Avx2<true>(a, b, d, nb) : Filter2x2Avx2<false>(a, b, d, nb);
+    int j = avx2 ? Filter2x2Avx2<Minimum>(a, b, d, nb) : 0;
     // The rest a byte at a time; the bits past the span count as the
     // identity, and d's bits outside it keep their values.
     const int end = (x + w) & 7;
-    const unsigned valid = (0xFF00u >> (end != 0 ? end : 8)) & 0xFFu, identity = minimum ? 0xFFu : 0u;
-    const auto op = [minimum](unsigned u, unsigned v) { return minimum ? u & v : u | v; };
+    const unsigned valid = (0xFF00u >> (end != 0 ? end : 8)) & 0xFFu, identity = Minimum ? 0xFFu : 0u;
+    const auto op = [](unsigned u, unsigned v) { return Minimum ? u & v : u | v; };
     for (; j < nb; ++j) {
         const bool last = j + 1 == nb;
         unsigned t = op(a[j], b[j]);
@@ -234,8 +243,35 @@ void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d,
         const unsigned r = op(t, ((t << 1) | (next >> 7)) & 0xFFu), keep = last ? ~valid & 0xFFu : 0u;
         d[j] = static_cast<std::uint8_t>((r & ~keep) | (d[j] & keep));
     }
-    const unsigned head = ~(0xFFu >> x) & 0xFFu;  // bits before the span
-    d[0] = static_cast<std::uint8_t>((d[0] & ~head) | (first & head));
+    if (x != 0) {
+        const unsigned head = ~(0xFFu >> x) & 0xFFu;  // bits before the span
+        d[0] = static_cast<std::uint8_t>((d[0] & ~head) | (first & head));
+    }
+}
+
+template <bool Minimum>
+void Filter2x2Page(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *d, std::ptrdiff_t strideD, int x, int w,
+                   int count) {
+    const bool avx2 = Avx2On();
+    for (int y = 0; y < count; ++y, a += strideA, d += strideD)
+        Filter2x2<Minimum>(a, y + 1 < count ? a + strideA : nullptr, d, x, w, avx2);
+}
+
+}  // namespace
+
+void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool minimum) {
+    if (minimum)
+        Filter2x2<true>(a, b, d, x, w, Avx2On());
+    else
+        Filter2x2<false>(a, b, d, x, w, Avx2On());
+}
+
+void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *d, std::ptrdiff_t strideD, int x, int w,
+                   int count, bool minimum) {
+    if (minimum)
+        Filter2x2Page<true>(a, strideA, d, strideD, x, w, count);
+    else
+        Filter2x2Page<false>(a, strideA, d, strideD, x, w, count);
 }
 
 void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b, std::ptrdiff_t strideB, std::uint8_t *d,

@@ -49,6 +49,10 @@ void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b,
 // Writes the bytes holding bits [x, x + w); d's other bits keep their
 // values. d may not overlap a or b.
 void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool minimum);
+// The same down `count` rows: row y from source rows y and y + 1 (the last
+// row alone), strides in bytes.
+void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *d, std::ptrdiff_t strideD, int x, int w,
+                   int count, bool minimum);
 
 // Clears the bits of a row of `stride` bytes past its first w pixels: the
 // rest of the byte holding pixel w - 1 and the bytes after it.
@@ -72,6 +76,8 @@ void LogicRows(const BitRows &rows, Logic op);
 void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b, std::ptrdiff_t strideB, std::uint8_t *d,
                  int dstStride, int w, int count);
 void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool minimum);
+void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *d, std::ptrdiff_t strideD, int x, int w,
+                   int count, bool minimum);
 }  // namespace plain
 
 }  // namespace quarvel::kernels

@@ -100,6 +100,8 @@ const std::vector<Twin> kTwins = {
      }},
     {"filter 2x2", {1, 4, 8}, {0, 1}, {0, 1},  // bpp: bit phase + 1; a: minimum; b: with a row above
      [](auto c, auto s, auto d) { TWIN(Filter2x2Row, s, c.b ? s + c.n : nullptr, d, c.bpp - 1, c.n, c.a == 1); }},
+    {"filter 2x2 rows", {1, 4}, {0, 1}, {0},
+     [](auto c, auto s, auto d) { TWIN(Filter2x2Rows, s, c.n / 8 + 3, d, c.n / 8 + 2, c.bpp - 1, c.n, 5, c.a == 1); }},
     {"mirror bits", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBits, s, d, c.n); }},
     {"mirror bit rows", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBitRows, s, d, (c.n + 31) / 32 * 4, c.n, 5); }},
     {"logic rows", {1, 2, 3}, {0, 1, 2, 3, 4}, {0, 1},
