@@ -1,14 +1,16 @@
-// Whole-byte row kernels for packed 1-bit pages: copy, complement, AND, OR
-// and AND-NOT of rows, 32 bytes a step under AVX2 (16 under
-// SSE2), then 16, 8 and 4 bytes, then single bytes; each result row written
-// whole, its padding included. The plain byte loops in `plain` are the
+// Whole-byte kernels for packed 1-bit pages, a page (or a band of rows) a
+// call: copy, complement, AND, OR and AND-NOT of rows (LogicRows), ImageAnd's
+// AND written back to its first page (AndRowsBack), and the 2 x 2 minimum and
+// maximum filter of the first text levels (Filter2x2Rows). 32 bytes a step
+// under AVX2, 16 under SSE2; the plain byte and bit loops in `plain` are the
 // oracle the tests compare against bit for bit.
 //
-// Contracts: a kernel reads the (w + 7) / 8 bytes of each source row and
-// writes exactly the `dstStride` bytes of each result row: its w pixels, then
-// zeros for the bits past them and for the padding. A result row may be its
-// own source row (every byte is loaded before it is stored) but may not
-// overlap a source at any other offset.
+// Contracts of LogicRows and AndRowsBack: they read the (w + 7) / 8 bytes
+// of each source row and write exactly the `dstStride` bytes of each result
+// row: its w pixels, then zeros for the bits past them and for the padding.
+// A result row may be its own source row (every byte is loaded before it is
+// stored) but may not overlap a source at any other offset. The filter's
+// contract is at its declaration.
 #pragma once
 
 #include <cstddef>
