@@ -7,7 +7,8 @@
 // part of a copy inside the page is drawn: its lower-left part, since copies
 // are placed by their lower-left corner. Every result byte is written once:
 // the page is copied around the mark's copies, each of which is subtracted
-// from the page into its own rectangle.
+// from the page into its own rectangle; on a 1-bit page each row is written
+// whole, the page's row AND NOT a mask row holding the mark's bits.
 #include <algorithm>
 #include <cstring>
 #include <memory>

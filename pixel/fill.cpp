@@ -4,7 +4,8 @@
 // rectangle (rows counted from the top) is clipped to the page; an empty or
 // inverted one covers nothing. Every byte of the result is written once: the
 // rectangle's part of each row is set (Fill) or copied (FillOutside) and the
-// rest of the row copied or set around it, one pass down the rows.
+// rest of the row copied or set around it, one pass down the rows; on a
+// 1-bit page each row is written whole by one page kernel through a mask row.
 #include <cstring>
 #include <vector>
 
