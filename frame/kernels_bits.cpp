@@ -162,7 +162,7 @@ void Rows(const BitRows &r, F f) {
 __attribute__((target("avx2"))) void AndRowsBackAvx2(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b,
                                                      std::ptrdiff_t strideB, std::uint8_t *d, int dstStride, int w, int count) {
     const std::size_t nb = static_cast<std::size_t>(w / 8);
-    const auto both = [](auto u, auto v) { return u & v; };
+    const Op<Logic::kAnd> both;
     for (int y = 0; y < count; ++y, a += strideA, b += strideB, d += dstStride) {
         if (nb < 32) {
             Tail(a, b, d, 0, nb, both);
@@ -193,16 +193,18 @@ __attribute__((target("avx2"))) void AndRowsBackAvx2(std::uint8_t *a, std::ptrdi
 // top bit through a lane-crossing byte shift; the row's end is one block
 // overlapping the one before. Returns the bytes done.
 template <bool Minimum>
+__attribute__((target("avx2"), always_inline)) inline V32 Combine32(const std::uint8_t *p, const std::uint8_t *q) {
+    const V32 u = Load<V32>(p), v = Load<V32>(q);
+    return Minimum ? u & v : u | v;
+}
+
+template <bool Minimum>
 __attribute__((target("avx2"))) int Filter2x2Avx2(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int nb) {
     if (nb < 33) return 0;
-    const auto combine = [](const std::uint8_t *p, const std::uint8_t *q) {
-        const V32 u = Load<V32>(p), v = Load<V32>(q);
-        return Minimum ? u & v : u | v;
-    };
-    V32 t = combine(a, b);
+    V32 t = Combine32<Minimum>(a, b);
     int i = 0;
     for (; i + 65 <= nb; i += 32) {
-        const V32 later = combine(a + i + 32, b + i + 32);
+        const V32 later = Combine32<Minimum>(a + i + 32, b + i + 32);
         const __m256i ti = reinterpret_cast<__m256i>(t), li = reinterpret_cast<__m256i>(later);
         const V32 next = reinterpret_cast<V32>(_mm256_alignr_epi8(_mm256_permute2x128_si256(ti, li, 0x21), ti, 1));
         const V32 shifted = (t + t) | (next >> 7);
@@ -212,7 +214,7 @@ __attribute__((target("avx2"))) int Filter2x2Avx2(const std::uint8_t *a, const s
     for (;; i += 32) {
         const bool last = i + 33 >= nb;
         if (last) i = nb - 33;
-        const V32 u = combine(a + i, b + i), next = combine(a + i + 1, b + i + 1);
+        const V32 u = Combine32<Minimum>(a + i, b + i), next = Combine32<Minimum>(a + i + 1, b + i + 1);
         const V32 shifted = (u + u) | (next >> 7);
         Store(d + i, Minimum ? u & shifted : u | shifted);
         if (last) return nb - 1;
