@@ -7,21 +7,72 @@
 // part of a copy inside the page is drawn: its lower-left part, since copies
 // are placed by their lower-left corner. Every result byte is written once:
 // the page is copied around the mark's copies, each of which is subtracted
-// from the page into its own rectangle.
+// from the page into its own rectangle; on a 1-bit page each row is written
+// whole, the page's row AND NOT a mask row holding the mark's bits.
 #include <algorithm>
+#include <cstring>
+#include <memory>
 
 #include "cleanup/cleanup.h"
 #include "frame/bits.h"
 #include "frame/kernels.h"
+#include "frame/kernels_bits.h"
 #include "frame/view.h"
 
 namespace quarvel::cleanup {
 
 namespace {
 
+// A 1-bit page: the mark's rows thresholded once into rows as wide as the
+// page's (1 where the level is at least 128, 0 outside the mark's columns),
+// then every result row written whole by one page kernel: the page's row AND
+// NOT its mark row, rows the mark does not reach copied.
+HGLOBAL StampBits(const LockedDib &page, const LockedDib &mark, bool column) {
+    ResultBlock out = ResultBlock::CopiedHeader(page, ResultRows::kUnset);
+    if (!out) return nullptr;
+    const int pw = page.width(), ph = page.height(), mw = mark.width(), mh = mark.height();
+    const int xOff = std::max((pw - mw) / 2, 0);
+    const int y0 = column ? (ph % mh) / 2 : std::max((ph - mh) / 2, 0);
+    const int w = std::min(mw, pw - xOff), h = column ? ph - y0 : std::min(mh, ph - y0);
+    const int stride = page.stride();
+    const std::uint8_t *src = page.bits();
+    std::uint8_t *d = RowOf(*out.image(), 0);
+    const auto at = [stride](int y) { return static_cast<std::ptrdiff_t>(y) * stride; };
+    const auto copy = [&](int from, int to) {
+        if (to > from) kernels::LogicRows({src + at(from), stride, src, stride, d + at(from), stride, pw, to - from}, kernels::Logic::kCopy);
+    };
+    if (w <= 0 || h <= 0) {
+        copy(0, ph);
+        return out.Release();
+    }
+    // A column repeats the mark's rows: one band of them serves every copy.
+    // Each mask row: zeros, then the mark's levels thresholded straight into
+    // the page's bit phase (from `phase` levels before the mark's row, which
+    // lie in its block: an 8-bit page has a 40-byte header before its rows;
+    // their bits are cleared), then zeros.
+    const int band = std::min(mh, h), phase = xOff & 7;
+    const std::size_t nb = static_cast<std::size_t>(pw + 7) / 8, from = static_cast<std::size_t>(xOff >> 3);
+    const std::size_t to = static_cast<std::size_t>(xOff + w + 7) / 8;
+    std::unique_ptr<std::uint8_t[]> masks(new std::uint8_t[static_cast<std::size_t>(band) * static_cast<std::size_t>(stride)]);
+    for (int j = 0; j < band; ++j) {
+        std::uint8_t *m = masks.get() + at(j);
+        std::memset(m, 0, from);
+        kernels::ThresholdToBits(mark.row(j) - phase, m + from, w + phase, 128);
+        m[from] &= static_cast<std::uint8_t>(0xFFu >> phase);
+        std::memset(m + to, 0, nb - to);
+    }
+    copy(0, y0);
+    for (int i = y0; i < y0 + h; i += band)
+        kernels::LogicRows({src + at(i), stride, masks.get(), stride, d + at(i), stride, pw, std::min(band, y0 + h - i)},
+                           kernels::Logic::kAndNot);
+    copy(y0 + h, ph);
+    return out.Release();
+}
+
 HGLOBAL Stamp(HGLOBAL hDib, HGLOBAL hMark, bool column) {
     LockedDib page(hDib, kImageDepths), mark(hMark, kDepth8);
     if (!page.ok() || !mark.ok()) return nullptr;  // the mark must be an 8-bit page
+    if (page.bitCount() == 1) return StampBits(page, mark, column);
     ImagePtr pageView = DibToIplImage(page.header()), markView = DibToIplImage(mark.header());
     ResultBlock out = ResultBlock::CopiedHeader(page, true);  // every pixel is written
     if (!pageView || !markView || !out) return nullptr;

@@ -132,6 +132,11 @@ void iplRotate(IplImage *src, IplImage *dst, double angle, double xShift, double
 // 8-bit and colour images OpenCV's warpAffine: the oracles of the fast paths.
 void RotateImage(IplImage *src, IplImage *dst, double angle, double xShift, double yShift, int interpolate,
                  bool plain);
+// iplRotate on 1-bit images with every destination bit the turned image
+// does not cover set to `fill` (bits set when non-zero) instead of kept, and,
+// where the destination's region spans whole rows, their padding cleared:
+// every byte of such a destination is written, so it need not be set first.
+void RotateBitonalFilled(IplImage *src, IplImage *dst, double angle, double xShift, double yShift, int fill, bool plain);
 void iplGetRotateShift(double xCenter, double yCenter, double angle, double *xShift, double *yShift);
 void iplComputeHisto(IplImage *image, IplLUT **luts);
 void iplUserProcessPixel(IplImage *src, IplImage *dst, IplUserFunc func);

@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "frame/bits.h"
+#include "frame/kernels_bits.h"
 #include "frame/ipl.h"
 #include "frame/ipl_mat.h"
 #include "frame/kernels.h"
@@ -401,6 +402,14 @@ void MinMaxFilter(IplImage *src, IplImage *dst, int nCols, int nRows, int anchor
     // rows, which an image filtered onto itself would overwrite first.
     const bool fast = !plain && anchorX == 0 && anchorY == 0 && src->imageData != dst->imageData;
     if (f == PixelFormat::kBitonal) {
+        if (fast && nCols == 2 && nRows == 2 && (rs.x & 7) == (rd.x & 7)) {
+            // The 2 x 2 cell of the first text levels, regions in the same
+            // bit phase: one pass of whole bytes, each destination row from
+            // its source row and the next.
+            kernels::Filter2x2Rows(RowOf(*src, rs.y) + (rs.x >> 3), src->widthStep, RowOf(*dst, rd.y) + (rd.x >> 3),
+                                   dst->widthStep, rs.x & 7, rs.width, rs.height, minimum);
+            return;
+        }
         if (!fast)
             BitonalFilter(src, dst, nCols, nRows, anchorX, anchorY, minimum);
         else if (minimum)

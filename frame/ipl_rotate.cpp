@@ -22,6 +22,7 @@
 #include "frame/bits.h"
 #include "frame/ipl.h"
 #include "frame/ipl_mat.h"
+#include "frame/kernels_bits.h"
 #include "frame/warp_affine.h"
 
 namespace quarvel {
@@ -105,14 +106,30 @@ void InsideColumns(const BitonalRow &r, int n, int *first, int *last) {
     *last = static_cast<int>(l);
 }
 
+// With a fill (0 or 1; -1 keeps the destination's bits): the columns of a
+// destination row outside [first, last] set to it and, where the region is
+// the whole row, the row's padding cleared, before the turned bits go in.
+void FillAround(IplImage &dst, const Region &rd, int Y, int first, int last, int fill) {
+    if (fill < 0) return;
+    std::uint8_t *out = RowOf(dst, rd.y + Y);
+    if (first > last) {
+        bits::Fill(out, rd.x, rd.width, fill);
+    } else {
+        bits::Fill(out, rd.x, first, fill);
+        bits::Fill(out, rd.x + last + 1, rd.width - last - 1, fill);
+    }
+    if (rd.x == 0 && rd.width == dst.width) kernels::ClearRowTail(out, dst.width, dst.widthStep);
+}
+
 // The plain form: every destination pixel sampled and set on its own.
 void RotateBitonalPlain(const IplImage &src, const Region &rs, IplImage &dst, const Region &rd, double c, double s,
-                        double xShift, double yShift) {
+                        double xShift, double yShift, int fill) {
     constexpr double kOne = 4294967296.0;
     const std::int64_t stepX = std::llround(c * kOne), stepY = std::llround(s * kOne);
     for (int Y = 0; Y < rd.height; ++Y) {
         const double dy = Y - yShift;
         const double x0 = c * (0 - xShift) - s * dy + 0.5, y0 = s * (0 - xShift) + c * dy + 0.5;
+        FillAround(dst, rd, Y, 1, 0, fill);
         if (std::fabs(x0) > 1e9 || std::fabs(y0) > 1e9) continue;
         std::int64_t fx = std::llround(x0 * kOne), fy = std::llround(y0 * kOne);
         std::uint8_t *out = RowOf(dst, rd.y + Y);
@@ -215,7 +232,7 @@ struct RunCounter {
 };
 
 void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const Region &rd, double c, double s,
-                   double xShift, double yShift) {
+                   double xShift, double yShift, int fill) {
     constexpr double kOne = 4294967296.0;
     constexpr std::int64_t kUnit = std::int64_t{1} << 32, kFrac = kUnit - 1;
     const std::int64_t stepX = std::llround(c * kOne), stepY = std::llround(s * kOne);
@@ -233,10 +250,14 @@ void RotateBitonal(const IplImage &src, const Region &rs, IplImage &dst, const R
         const double dy = Y - yShift;
         const double x0 = c * (0 - xShift) - s * dy + 0.5, y0 = s * (0 - xShift) + c * dy + 0.5;
         // Positions so far off that fixed point would overflow are outside.
-        if (std::fabs(x0) > 1e9 || std::fabs(y0) > 1e9) continue;
+        if (std::fabs(x0) > 1e9 || std::fabs(y0) > 1e9) {
+            FillAround(dst, rd, Y, 1, 0, fill);
+            continue;
+        }
         const BitonalRow r{std::llround(x0 * kOne), std::llround(y0 * kOne), stepX, stepY, rs.width, rs.height};
         int first, last;
         InsideColumns(r, rd.width, &first, &last);
+        FillAround(dst, rd, Y, first, last, fill);
         if (first > last) continue;
         std::uint8_t *out = RowOf(dst, rd.y + Y);
         if (!runs) {
@@ -359,6 +380,20 @@ void iplRotate(IplImage *src, IplImage *dst, double angle, double xShift, double
     RotateImage(src, dst, angle, xShift, yShift, interpolate, false);
 }
 
+void RotateBitonalFilled(IplImage *src, IplImage *dst, double angle, double xShift, double yShift, int fill, bool plain) {
+    if (dst == nullptr || dst->depth != IPL_DEPTH_1U) return;
+    Region rd;
+    if (!RegionOf(*dst, &rd)) return;
+    Region rs;
+    if (src == nullptr || !SameFormat(*src, *dst) || !RegionOf(*src, &rs) || !std::isfinite(angle) ||
+        !std::isfinite(xShift) || !std::isfinite(yShift)) {
+        for (int Y = 0; Y < rd.height; ++Y) FillAround(*dst, rd, Y, 1, 0, fill != 0);
+        return;
+    }
+    const double a = angle * kPi / 180.0;
+    (plain ? RotateBitonalPlain : RotateBitonal)(*src, rs, *dst, rd, std::cos(a), std::sin(a), xShift, yShift, fill != 0);
+}
+
 void RotateImage(IplImage *src, IplImage *dst, double angle, double xShift, double yShift, int interpolate,
                  bool plain) {
     if (src == nullptr || dst == nullptr || !SameFormat(*src, *dst)) return;
@@ -369,7 +404,7 @@ void RotateImage(IplImage *src, IplImage *dst, double angle, double xShift, doub
     const double c = std::cos(a), s = std::sin(a);
 
     if (src->depth == IPL_DEPTH_1U) {
-        (plain ? RotateBitonalPlain : RotateBitonal)(*src, rs, *dst, rd, c, s, xShift, yShift);
+        (plain ? RotateBitonalPlain : RotateBitonal)(*src, rs, *dst, rd, c, s, xShift, yShift, -1);
         return;
     }
     cv::Mat in = MatOf(*src, rs);

@@ -4,8 +4,9 @@
 // each word; 32-bit pixels by one dword shuffle; 24-bit pixels, sixteen at a
 // time, by seven SSSE3 byte shuffles chosen at run time (the plain loop
 // otherwise).
-// 1-bit rows are reversed 16 bytes at a time (SSSE3: one byte shuffle, then
-// two nibble-table shuffles) or 64 bits at a time (byte swap, then three
+// 1-bit rows are reversed 32 bytes at a time (AVX2: a byte shuffle and a
+// lane swap, then one GFNI affine transform or two nibble-table shuffles), 16
+// (SSSE3) or 64 bits at a time (byte swap, then three
 // mask-and-shift steps), straight into the result when the row has no
 // unused tail bits, else into a scratch row then shifted left by them. Table lookups run
 // eight bytes per step through one 64-bit load and store; brightness alone is
@@ -27,6 +28,7 @@
 #include <vector>
 
 #include "frame/bits.h"
+#include "frame/kernels_bits.h"
 #include "frame/spread.h"
 
 namespace quarvel::kernels {
@@ -49,6 +51,14 @@ void MinMaxSquareRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t 
 
 void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w) {
     for (int i = 0; i < w; ++i) bits::Set(dst, i, bits::Get(src, w - 1 - i));
+}
+
+void MirrorBitRows(const std::uint8_t *src, std::uint8_t *dst, int stride, int w, int count) {
+    for (int y = 0; y < count; ++y) {
+        std::uint8_t *d = dst + static_cast<std::ptrdiff_t>(y) * stride;
+        MirrorBits(src + static_cast<std::ptrdiff_t>(y) * stride, d, w);
+        for (int x = w; x < 8 * stride; ++x) bits::Set(d, x, 0);
+    }
 }
 
 void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]) {
@@ -334,6 +344,26 @@ __attribute__((target("avx2"))) int ThresholdAvx2(const std::uint8_t *src, std::
     return x;
 }
 
+// The same with GFNI: one affine byte transform with the matrix that maps
+// bit i to bit 7 - i reverses each byte's bits, instead of two nibble lookups.
+__attribute__((target("avx2,gfni"))) int ReverseBytesGfni(const std::uint8_t *src, std::uint8_t *t, int nb) {
+    if (nb < 32) return 0;
+    const __m256i order = _mm256_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0, 15, 14, 13, 12, 11, 10,
+                                           9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+    const __m256i flip = _mm256_set1_epi64x(0x8040201008040201LL);
+    for (int j = 0;; j += 32) {
+        const bool last = j + 32 >= nb;
+        if (last) j = nb - 32;
+        const __m256i v = _mm256_permute4x64_epi64(
+            _mm256_shuffle_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + nb - 32 - j)), order), 0x4E);
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(t + j), _mm256_gf2p8affine_epi64_epi8(v, flip, 0));
+        if (last) return nb;
+    }
+}
+
+const bool kHasGfni = kHasAvx2 && __builtin_cpu_supports("gfni");
+bool useGfni = kHasGfni;
+
 }  // namespace
 
 // With SSE2 alone, 16 levels a step: v >= t as max(v, t) == v, the byte
@@ -507,6 +537,12 @@ AVX512 int MirrorRow24Avx512(const std::uint8_t *src, std::uint8_t *dst, int n) 
     return n;
 }
 
+bool UseGfni(bool on) {
+    const bool was = useGfni;
+    useGfni = on && kHasGfni;
+    return was;
+}
+
 void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp) {
     int i = 0;
     if (bpp == 3 && useAvx512) {
@@ -547,7 +583,7 @@ void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w) {
     if (pad != 0 && scratch.size() < static_cast<std::size_t>(nb) + 1) scratch.resize(static_cast<std::size_t>(nb) + 1);
     std::uint8_t *t = pad == 0 ? dst : scratch.data();
     // t byte j = bit-reversed src byte nb - 1 - j.
-    int j = useAvx2 ? ReverseBytesAvx2(src, t, nb) : 0;
+    int j = !useAvx2 ? 0 : useGfni ? ReverseBytesGfni(src, t, nb) : ReverseBytesAvx2(src, t, nb);
     if (j == 0 && kHasSsse3) j = ReverseBytesSsse3(src, t, nb);
     for (; j + 8 <= nb; j += 8) Store64(t + j, ReverseBits64(Load64(src + nb - 8 - j)));
     for (; j < nb; ++j) t[j] = bits::kReverse[src[nb - 1 - j]];
@@ -566,6 +602,24 @@ void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w) {
         const std::uint8_t v = static_cast<std::uint8_t>((t[j] << pad) | (t[j + 1] >> (8 - pad)));
         const std::uint8_t mask = static_cast<std::uint8_t>(0xFF00u >> (w & 7));
         dst[j] = static_cast<std::uint8_t>((v & mask) | (dst[j] & ~mask));
+    }
+}
+
+void MirrorBitRows(const std::uint8_t *src, std::uint8_t *dst, int stride, int w, int count) {
+    const int nb = (w + 7) / 8;
+    const std::ptrdiff_t step = stride;
+    if ((w & 7) == 0 && nb >= 32 && useAvx2) {
+        // Whole bytes: each row reversed straight into the result.
+        const auto reverse = useGfni ? ReverseBytesGfni : ReverseBytesAvx2;
+        for (int y = 0; y < count; ++y, src += step, dst += step) {
+            reverse(src, dst, nb);
+            ClearRowTail(dst, w, stride);
+        }
+        return;
+    }
+    for (int y = 0; y < count; ++y, src += step, dst += step) {
+        MirrorBits(src, dst, w);
+        ClearRowTail(dst, w, stride);
     }
 }
 
@@ -762,7 +816,32 @@ void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, cons
 
 // Eight pixels a step: each packed byte's pixels copied from a table of the
 // 256 byte values (2 K to 8 K), kept per thread for the last depth and levels.
+// 32 gray levels a step from 4 bytes of bits: the bytes spread to eight
+// lanes each, each lane tested against its own bit, the two levels chosen by
+// the test. Returns the pixels done (a multiple of 32).
+__attribute__((target("avx2"))) int ExpandBitsAvx2(const std::uint8_t *src, std::uint8_t *dst, int w, std::uint8_t zero,
+                                                   std::uint8_t one) {
+    const __m256i spread = _mm256_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2, 2, 2, 2, 3, 3, 3, 3,
+                                            3, 3, 3, 3);
+    const __m256i bit = _mm256_set1_epi64x(static_cast<long long>(0x0102040810204080ULL));
+    const __m256i z = _mm256_set1_epi8(static_cast<char>(zero)), flip = _mm256_set1_epi8(static_cast<char>(zero ^ one));
+    int x = 0;
+    for (; x + 32 <= w; x += 32) {
+        std::uint32_t four;
+        std::memcpy(&four, src + (x >> 3), 4);
+        const __m256i v = _mm256_and_si256(_mm256_shuffle_epi8(_mm256_set1_epi32(static_cast<int>(four)), spread), bit);
+        const __m256i set = _mm256_cmpeq_epi8(v, bit);
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + x), _mm256_xor_si256(z, _mm256_and_si256(set, flip)));
+    }
+    return x;
+}
+
 void ExpandBitsRow(const std::uint8_t *src, std::uint8_t *dst, int w, int bpp, std::uint8_t zero, std::uint8_t one) {
+    if (bpp == 1 && useAvx2) {
+        const int done = ExpandBitsAvx2(src, dst, w, zero, one);
+        plain::ExpandBitsRow(src + done / 8, dst + done, w - done, 1, zero, one);
+        return;
+    }
     const int whole = w / 8;
     if (whole < 64 || (bpp != 1 && bpp != 3 && bpp != 4)) {
         plain::ExpandBitsRow(src, dst, w, bpp, zero, one);

@@ -33,6 +33,9 @@ void PrefetchRow(const std::uint8_t *p, std::size_t n);
 // allocated alike do, and reading rows backwards loses the prefetching that
 // forward rows get.
 void CopyRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t *ahead);
+// MirrorBits over `count` rows `stride` bytes apart, each result row written
+// whole: the bits past w and the padding up to `stride` cleared.
+void MirrorBitRows(const std::uint8_t *src, std::uint8_t *dst, int stride, int w, int count);
 // dst[i] = table[src[i]] for n bytes.
 void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
 // The same over n 4-byte pixels, the fourth byte copied unchanged.
@@ -100,6 +103,10 @@ bool Avx512On();
 // Whether LookupRow runs at about a copy's speed (a few instructions per 64
 // bytes), so a table beats arithmetic.
 bool FastLookup();
+// Turns the GFNI form of the AVX2 bit reversal on (where the processor has
+// it) or off, so tests reach the nibble-table form too; returns the previous
+// setting. GFNI is used only while AVX2 is on.
+bool UseGfni(bool on);
 
 namespace plain {
 void MinMaxSquareRow(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int w, bool minimum);
@@ -115,6 +122,7 @@ void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp,
 void MirrorRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp);
 void CopyRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t *ahead);
 void MirrorBits(const std::uint8_t *src, std::uint8_t *dst, int w);
+void MirrorBitRows(const std::uint8_t *src, std::uint8_t *dst, int stride, int w, int count);
 void LookupRow(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
 void LookupRow32(const std::uint8_t *src, std::uint8_t *dst, std::size_t n, const std::uint8_t table[256]);
 }  // namespace plain

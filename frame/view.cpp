@@ -51,19 +51,23 @@ inline void ZeroPadding(std::uint8_t *p, std::size_t n) {
 }  // namespace
 
 ResultBlock ResultBlock::CopiedHeader(const LockedDib &in, bool pixelsWritten) {
+    return CopiedHeader(in, pixelsWritten ? ResultRows::kPaddingZeroed : ResultRows::kZeroed);
+}
+
+ResultBlock ResultBlock::CopiedHeader(const LockedDib &in, ResultRows rows) {
     ResultBlock out;
     PixelFormat format;
     if (!FormatOfBitCount(in.bitCount(), &format)) return out;
-    if (!out.Open(in.blockSize(), !pixelsWritten)) return out;
+    if (!out.Open(in.blockSize(), rows == ResultRows::kZeroed)) return out;
     std::memcpy(out.data_, in.block(), in.prefixSize());
-    if (pixelsWritten) {
+    if (rows != ResultRows::kZeroed) {
         // Zero what no pixel covers: each row's padding (from the byte
         // holding the last pixel's bits) and the block past the rows.
         const std::size_t stride = static_cast<std::size_t>(in.stride());
         const std::size_t used = static_cast<std::size_t>(in.width()) * static_cast<std::size_t>(in.bitCount()) / 8;
-        std::uint8_t *rows = out.data_ + in.prefixSize();
-        if (used < stride)
-            for (int y = 0; y < in.height(); ++y) ZeroPadding(rows + y * stride + used, stride - used);
+        std::uint8_t *first = out.data_ + in.prefixSize();
+        if (used < stride && rows == ResultRows::kPaddingZeroed)
+            for (int y = 0; y < in.height(); ++y) ZeroPadding(first + y * stride + used, stride - used);
         const std::size_t end = in.prefixSize() + in.imageSize();
         std::memset(out.data_ + end, 0, in.blockSize() - end);
     }
@@ -73,6 +77,12 @@ ResultBlock ResultBlock::CopiedHeader(const LockedDib &in, bool pixelsWritten) {
 
 ResultBlock ResultBlock::Rewritten(const LockedDib &in, PixelFormat format, int width, int height, NewTable table,
                                    bool pixelsWritten) {
+    return Rewritten(in, format, width, height, table, pixelsWritten ? ResultRows::kPaddingZeroed : ResultRows::kZeroed);
+}
+
+ResultBlock ResultBlock::Rewritten(const LockedDib &in, PixelFormat format, int width, int height, NewTable table,
+                                   ResultRows rows) {
+    const bool pixelsWritten = rows != ResultRows::kZeroed;
     ResultBlock out;
     if (table == NewTable::kKeep && !FormatOfBitCount(in.bitCount(), &format)) return out;
     ImagePtr probe = WrapRows(format, width, height, nullptr);
@@ -93,7 +103,7 @@ ResultBlock ResultBlock::Rewritten(const LockedDib &in, PixelFormat format, int 
         std::memset(out.data_, 0, prefix);
         const std::size_t stride = static_cast<std::size_t>(probe->widthStep);
         const std::size_t used = static_cast<std::size_t>(width) * static_cast<std::size_t>(Traits(format).bitCount) / 8;
-        if (used < stride)
+        if (used < stride && rows == ResultRows::kPaddingZeroed)
             for (int y = 0; y < height; ++y) ZeroPadding(out.data_ + prefix + y * stride + used, stride - used);
     }
     std::memcpy(out.data_, in.block(), table == NewTable::kKeep ? in.prefixSize() : kHeaderSize);

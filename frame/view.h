@@ -27,19 +27,30 @@ enum class NewTable {
     kGray,     // 256 entries, entry i = (i, i, i)
 };
 
+// What a new result block's rows hold before the operation writes them.
+enum class ResultRows {
+    kZeroed,         // every byte 0
+    kPaddingZeroed,  // each row's padding 0 (from the byte holding the last pixel's bits), pixels unset
+    kUnset,          // nothing set: the operation writes every byte of every row, padding included
+};
+
 class ResultBlock {
 public:
     // Copied-header form: as large as the input block (GlobalSize), with the
     // input's header and colour table byte for byte; rows zero-filled, or,
     // for an operation that writes every pixel (`pixelsWritten`), only their
-    // padding and the bytes past the rows zeroed.
+    // padding and the bytes past the rows zeroed; or, with `rows`, as that
+    // says (the bytes past the rows always zeroed).
     static ResultBlock CopiedHeader(const LockedDib &in, bool pixelsWritten = false);
+    static ResultBlock CopiedHeader(const LockedDib &in, ResultRows rows);
     // Rewritten-header form: the input's header with the new width, height
     // and biSizeImage; the colour table and depth that `table` says (the
     // input's for kKeep, else those of `format`); rows zero-filled, or, with
-    // `pixelsWritten`, only their padding.
+    // `pixelsWritten`, only their padding; or as `rows` says.
     static ResultBlock Rewritten(const LockedDib &in, PixelFormat format, int width, int height, NewTable table,
                                  bool pixelsWritten = false);
+    static ResultBlock Rewritten(const LockedDib &in, PixelFormat format, int width, int height, NewTable table,
+                                 ResultRows rows);
 
     ResultBlock(ResultBlock &&other) noexcept;
     ResultBlock &operator=(ResultBlock &&) = delete;

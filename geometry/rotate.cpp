@@ -44,16 +44,24 @@ HGLOBAL RotateInto(HGLOBAL hDib, double angle, int xCenter, int yCenter, int int
     if (enlarge && (newW > MaxCanvasSide(w, h) || newH > MaxCanvasSide(w, h) || !ResultSizeAllowed(newW, newH, w, h)))
         return nullptr;
     PixelFormat format = FormatOf(*view);
-    ResultBlock out = ResultBlock::Rewritten(in, format, newW, newH, NewTable::kKeep);
+    const bool bitonal = format == PixelFormat::kBitonal;
+    // A 1-bit canvas is written once: the turned page's bits and the fill
+    // around them, row by row.
+    ResultBlock out = ResultBlock::Rewritten(in, format, newW, newH, NewTable::kKeep,
+                                             bitonal ? ResultRows::kUnset : ResultRows::kZeroed);
     if (!out) return nullptr;
     const int background = BackgroundValue(in.header());
-    out.Fill(fill == Fill::kBackground ? background : 255 - background);
+    const int value = fill == Fill::kBackground ? background : 255 - background;
+    if (!bitonal) out.Fill(value);
 
     double xShift = 0.0, yShift = 0.0;
     iplGetRotateShift(xCenter, yCenter, angle, &xShift, &yShift);
     xShift += (newW - w) / 2;
     yShift += (newH - h) / 2;
-    iplRotate(view.get(), out.image(), angle, xShift, yShift, interpolate);
+    if (bitonal)
+        RotateBitonalFilled(view.get(), out.image(), angle, xShift, yShift, value, false);
+    else
+        iplRotate(view.get(), out.image(), angle, xShift, yShift, interpolate);
     return out.Release();
 }
 

@@ -16,6 +16,7 @@
 
 #include "frame/bits.h"
 #include "frame/kernels.h"
+#include "frame/kernels_bits.h"
 #include "frame/view.h"
 #include "pixel/pixel.h"
 
@@ -42,15 +43,44 @@ bool ClipTogether(Rects &r, int w1, int h1, int w2, int h2) {
     return true;
 }
 
+// 1-bit pages whose rectangle spans page 1's rows whole: the rows below and
+// above it copied from page 1 and the rows in it combined with page 2's, each
+// result row written once, padding included, by one page kernel a part.
+HGLOBAL CombineWholeRows(const LockedDib &page1, const LockedDib &page2, const Rects &r, bool conjunction) {
+    ResultBlock out = ResultBlock::Rewritten(page2, PixelFormat::kBitonal, page1.width(), page1.height(), NewTable::kKeep,
+                                             ResultRows::kUnset);
+    if (!out) return nullptr;
+    const int w = page1.width(), stride = page1.stride(), y1 = page1.height() - r.y1 - r.h;
+    const int y2 = page2.height() - r.y2 - r.h;
+    std::uint8_t *rows1 = page1.bits(), *d = RowOf(*out.image(), 0);
+    const auto at = [stride](std::uint8_t *rows, int y) { return rows + static_cast<std::ptrdiff_t>(y) * stride; };
+    using kernels::Logic;
+    kernels::LogicRows({rows1, stride, rows1, stride, d, stride, w, y1}, Logic::kCopy);
+    const int above = y1 + r.h;
+    kernels::LogicRows({at(rows1, above), stride, at(rows1, above), stride, at(d, above), stride, w, page1.height() - above},
+                       Logic::kCopy);
+    const std::uint8_t *b = page2.bits() + static_cast<std::ptrdiff_t>(y2) * page2.stride();
+    if (!conjunction) {
+        kernels::LogicRows({at(rows1, y1), stride, b, page2.stride(), at(d, y1), stride, w, r.h}, Logic::kOr);
+        return out.Release();
+    }
+    // Page 1's rows take the AND too (w is a multiple of 8).
+    kernels::AndRowsBack(at(rows1, y1), stride, b, page2.stride(), at(d, y1), stride, w, r.h);
+    return out.Release();
+}
+
 HGLOBAL Combine(HGLOBAL hDib1, HGLOBAL hDib2, Rects r, bool conjunction) {
     LockedDib page1(hDib1, kImageDepths), page2(hDib2, kImageDepths);
     if (!page1.ok() || !page2.ok() || page1.bitCount() != page2.bitCount()) return nullptr;
+    const bool any = ClipTogether(r, page1.width(), page1.height(), page2.width(), page2.height());
+    if (any && page1.bitCount() == 1 && r.x1 == 0 && r.x2 == 0 && r.w == page1.width() &&
+        (!conjunction || (hDib1 != hDib2 && r.w % 8 == 0)))
+        return CombineWholeRows(page1, page2, r, conjunction);
     ImagePtr view1 = DibToIplImage(page1.header()), view2 = DibToIplImage(page2.header());
     if (!view1 || !view2) return nullptr;
     ResultBlock out =
         ResultBlock::Rewritten(page2, FormatOf(*view1), page1.width(), page1.height(), NewTable::kKeep, true);
     if (!out) return nullptr;
-    const bool any = ClipTogether(r, page1.width(), page1.height(), page2.width(), page2.height());
     RoiPtr roi1(any ? iplCreateROI(0, r.x1, page1.height() - r.y1 - r.h, r.w, r.h) : nullptr);
     RoiPtr roi2(any ? iplCreateROI(0, r.x2, page2.height() - r.y2 - r.h, r.w, r.h) : nullptr);
     if (any && (!roi1 || !roi2)) return nullptr;
@@ -100,13 +130,19 @@ HGLOBAL GetLess(HGLOBAL hDib1, HGLOBAL hDib2) {
     if (!page1.ok() || !page2.ok() || page1.bitCount() != page2.bitCount() || page1.width() != page2.width() ||
         page1.height() != page2.height())
         return nullptr;
+    if (page1.bitCount() == 1) {
+        // Whole rows, padding included, by one page kernel.
+        ResultBlock out = ResultBlock::CopiedHeader(page1, ResultRows::kUnset);
+        if (!out) return nullptr;
+        const int stride = page1.stride();
+        kernels::LogicRows({page1.bits(), stride, page2.bits(), stride, RowOf(*out.image(), 0), stride, page1.width(),
+                            page1.height()},
+                           kernels::Logic::kAndNot);
+        return out.Release();
+    }
     ImagePtr view1 = DibToIplImage(page1.header()), view2 = DibToIplImage(page2.header());
     ResultBlock out = ResultBlock::CopiedHeader(page1, true);  // every pixel is written
     if (!view1 || !view2 || !out) return nullptr;
-    if (page1.bitCount() == 1) {
-        iplGreater(view1.get(), view2.get(), out.image());
-        return out.Release();
-    }
     // A bitonal answer first, then spread to 255 and 0 at the page's depth.
     ImagePtr mask = CreateImage(PixelFormat::kBitonal, page1.width(), page1.height(), 0);
     if (!mask) return nullptr;

@@ -4,11 +4,14 @@
 // rectangle (rows counted from the top) is clipped to the page; an empty or
 // inverted one covers nothing. Every byte of the result is written once: the
 // rectangle's part of each row is set (Fill) or copied (FillOutside) and the
-// rest of the row copied or set around it, one pass down the rows.
+// rest of the row copied or set around it, one pass down the rows; on a
+// 1-bit page each row is written whole by one page kernel through a mask row.
 #include <cstring>
+#include <vector>
 
 #include "frame/bits.h"
 #include "frame/kernels.h"
+#include "frame/kernels_bits.h"
 #include "frame/view.h"
 #include "pixel/pixel.h"
 #include "platform/rect.h"
@@ -17,10 +20,45 @@ namespace quarvel::pixel {
 
 namespace {
 
+// A 1-bit page: a mask row holding 1 over the painted columns, then every
+// result row written whole by one page kernel: the page's row OR the mask
+// (the level sets bits) or AND NOT the mask (it clears them); rows outside the
+// rectangle are copied (Fill) or painted whole through an all-ones mask
+// (FillOutside).
+HGLOBAL PaintBits(const LockedDib &in, const RECT &rect, int value, bool outside) {
+    ResultBlock out = ResultBlock::CopiedHeader(in, ResultRows::kUnset);
+    if (!out) return nullptr;
+    const bool one = (IsLightFirst(in.header()) ? 255 - value : value) != 0;
+    const int w = in.width(), h = in.height(), stride = in.stride();
+    const RECT asked = FlipRows(rect, h);
+    const RECT page{0, 0, w, h};
+    RECT r;
+    IntersectRect(&r, &asked, &page);  // all zeros when nothing is left
+    const std::size_t nb = static_cast<std::size_t>(w + 7) / 8;
+    std::vector<std::uint8_t> inside(nb, 0), all(nb, 0xFF);
+    bits::Fill(inside.data(), r.left, r.right - r.left, 1);
+    if (outside)
+        for (std::uint8_t &b : inside) b = static_cast<std::uint8_t>(~b);
+    const std::uint8_t *src = in.bits();
+    std::uint8_t *d = RowOf(*out.image(), 0);
+    const auto rows = [&](int from, int to, const std::uint8_t *mask) {
+        if (to <= from) return;
+        const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(from) * stride;
+        const kernels::Logic op = mask == nullptr ? kernels::Logic::kCopy : one ? kernels::Logic::kOr : kernels::Logic::kAndNot;
+        kernels::LogicRows({src + at, stride, mask, 0, d + at, stride, w, to - from}, op);
+    };
+    const std::uint8_t *around = outside ? all.data() : nullptr;
+    rows(0, r.top, around);
+    rows(r.top, r.bottom, inside.data());
+    rows(r.bottom, h, around);
+    return out.Release();
+}
+
 HGLOBAL Paint(HGLOBAL hDib, const RECT *rect, int value, bool outside) {
     if (rect == nullptr || value < 0 || value > 255) return nullptr;
     LockedDib in(hDib, kImageDepths);
     if (!in.ok()) return nullptr;
+    if (in.bitCount() == 1) return PaintBits(in, *rect, value, outside);
     ImagePtr view = DibToIplImage(in.header());
     ResultBlock out = ResultBlock::CopiedHeader(in, true);  // every pixel is written
     if (!view || !out) return nullptr;

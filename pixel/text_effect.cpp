@@ -10,6 +10,7 @@
 #include <algorithm>
 
 #include "frame/kernels.h"
+#include "frame/kernels_bits.h"
 #include "frame/view.h"
 #include "pixel/pixel.h"
 #include "platform/rect.h"
@@ -68,13 +69,21 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
         });
         return out.Release();
     }
-    // The rectangle filtered, the page around it copied.
+    // The rectangle filtered, the page around it copied. A 1-bit page is
+    // copied whole first by one page kernel (a bit-exact copy around the
+    // rectangle costs more per row than the whole row's); the filter then
+    // writes the rectangle's bits over it.
     IplROI roi{0, r.left, r.top, r.right - r.left, r.bottom - r.top};
+    const bool bitonal = in.bitCount() == 1;
+    if (bitonal)
+        kernels::LogicRows({in.bits(), in.stride(), in.bits(), in.stride(), RowOf(*out.image(), 0), in.stride(), in.width(),
+                            in.height()},
+                           kernels::Logic::kCopy);
     {
         RoiScope a(view.get(), &roi), b(out.image(), &roi);
         Filter(view.get(), out.image(), level, r.right - r.left, r.bottom - r.top);
     }  // the regions come off before the block is handed over
-    PaintOutside(view.get(), out.image(), r.left, r.top, r.right - r.left, r.bottom - r.top, 0);
+    if (!bitonal) PaintOutside(view.get(), out.image(), r.left, r.top, r.right - r.left, r.bottom - r.top, 0);
     return out.Release();
 }
 

@@ -1,13 +1,14 @@
 // Fast row kernels against their plain twins, bit for bit: one harness runs
 // every kernel over rows of noise (with edge colours and runs of one value
 // mixed in) at lengths that end mid-block and mid-byte, at odd source
-// offsets, AVX-512, AVX2 and SSE2, and compares the destination (guard bytes around
+// offsets, AVX-512, AVX2 with and without GFNI, and SSE2, and compares the destination (guard bytes around
 // it included) and the source, which in-place kernels write. Then the image
 // level twins: integer gray, 1-bit and fused rotation, bit spans, filters.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <climits>
+#include <cmath>
 #include <cstring>
 #include <functional>
 #include <random>
@@ -17,6 +18,7 @@
 #include "frame/histogram.h"
 #include "frame/ipl.h"
 #include "frame/kernels.h"
+#include "frame/kernels_bits.h"
 #include "frame/kernels_colour.h"
 #include "frame/kernels_tone.h"
 #include "pixel/pixel.h"
@@ -90,10 +92,28 @@ const k::EnhanceRule kRules[] = {
 
 const std::vector<Twin> kTwins = {
     {"mirror", {1, 3, 4}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorRow, s, d, c.n, c.bpp); }},
+    {"and rows back", {1}, {0, 1}, {0},  // a: b covers a (nothing to write back) or noise
+     [](auto c, auto s, auto d) {
+         const int stride = (c.n + 31) / 32 * 4, w = c.n / 8 * 8;
+         if (c.a == 0) std::memset(s + 5 * stride, 0xFF, 5 * static_cast<std::size_t>(stride));
+         TWIN(AndRowsBack, s, stride, s + 5 * stride, stride, d, stride, w, 5);
+     }},
+    {"filter 2x2", {1, 4, 8}, {0, 1}, {0, 1},  // bpp: bit phase + 1; a: minimum; b: with a row above
+     [](auto c, auto s, auto d) { TWIN(Filter2x2Row, s, c.b ? s + c.n : nullptr, d, c.bpp - 1, c.n, c.a == 1); }},
+    {"filter 2x2 rows", {1, 4}, {0, 1}, {0},
+     [](auto c, auto s, auto d) { TWIN(Filter2x2Rows, s, c.n / 8 + 3, d, c.n / 8 + 2, c.bpp - 1, c.n, 5, c.a == 1); }},
     {"mirror bits", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBits, s, d, c.n); }},
     {"min max 2 x 2", {1}, {0, 1}, {0, 1},
      [](auto c, auto s, auto d) { TWIN(MinMaxSquareRow, s, c.b ? s : s + 4 * c.n + 32, d, c.n, c.a); }},
     {"copy", {1}, {0, 1}, {0}, [](auto c, auto s, auto d) { TWIN(CopyRow, s, d, Bytes4(c), c.a ? s + 4 * c.n + 32 : nullptr); }},
+    {"mirror bit rows", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBitRows, s, d, (c.n + 31) / 32 * 4, c.n, 5); }},
+    {"logic rows", {1, 2, 3}, {0, 1, 2, 3, 4}, {0, 1},
+     [](auto c, auto s, auto d) {  // bpp: row order (down, up, one b row); b: in place
+         const int stride = (c.n + 31) / 32 * 4, up = c.bpp == 2 ? -1 : 1;
+         std::uint8_t *out = c.b == 1 ? s : d;
+         const k::BitRows rows{s + (up < 0 ? 4 * stride : 0), up * stride, s + 5 * stride, c.bpp == 3 ? 0 : stride, out, stride, c.n, 5};
+         TWIN(LogicRows, rows, static_cast<k::Logic>(c.a));
+     }},
     {"lookup", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(LookupRow, s, d, Bytes4(c), Table()); }},
     {"lookup32", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(LookupRow32, s, d, static_cast<std::size_t>(c.n), Table()); }},
     {"threshold", {1}, {-5, 0, 1, 128, 255, 256}, {0}, [](auto c, auto s, auto d) { TWIN(ThresholdToBits, s, d, c.n, c.a); }},
@@ -151,13 +171,12 @@ TEST(Kernels, FastRowsMatchPlainRowsAndKeepTheGuards) {
             for (int bpp : t.bpps)
                 for (int a : t.as)
                     for (int b : t.bs)
-                        for (int simd : {2, 1, 0}) {  // AVX-512, AVX2, SSE2
+                        for (int simd : {3, 2, 1, 0}) {  // AVX-512, AVX2 with GFNI, AVX2 alone, SSE2
                             Bytes fs = src, fd = dst, ps = src, pd = dst;
                             const int offset = 16 + n % 3;
-                            const bool was = k::UseAvx2(simd >= 1), was512 = k::UseAvx512(simd == 2);
+                            const bool was = k::UseAvx2(simd >= 1), was512 = k::UseAvx512(simd == 3), gfni = k::UseGfni(simd >= 2);
                             t.run({n, bpp, a, b, false}, fs.data() + offset, fd.data() + 16);
-                            k::UseAvx2(was);
-                            k::UseAvx512(was512);
+                            k::UseAvx2(was), k::UseAvx512(was512), k::UseGfni(gfni);
                             t.run({n, bpp, a, b, true}, ps.data() + offset, pd.data() + 16);
                             ASSERT_TRUE(fd == pd && fs == ps) << t.name << " n " << n << " bpp " << bpp << " " << a << " " << b << " simd " << simd;
                         }
@@ -231,6 +250,12 @@ TEST(Kernels, BitonalRotationRunsMatchThePlainPath) {
             iplGetRotateShift(size / 3.0, size / 5.0, angle, &xs, &ys);
             RotateImage(src.get(), fast.get(), angle, xs + 1.25, ys - 0.5, 1, false);
             RotateImage(src.get(), slow.get(), angle, xs + 1.25, ys - 0.5, 1, true);
+            EXPECT_TRUE(SameBytes(*fast, *slow));
+            // Filled: every uncovered bit set or cleared, padding cleared (a
+            // NaN shift turns nothing and fills the whole destination).
+            const double shift = size == 203 && angle == 3.0 ? std::nan("") : xs + 1.25;
+            RotateBitonalFilled(src.get(), fast.get(), angle, shift, ys - 0.5, size & 1, false);
+            RotateBitonalFilled(src.get(), slow.get(), angle, shift, ys - 0.5, size & 1, true);
             src->roi = fast->roi = slow->roi = nullptr;
             EXPECT_TRUE(SameBytes(*fast, *slow));
         }

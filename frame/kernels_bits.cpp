@@ -1,0 +1,300 @@
+// 1-bit row kernels (see kernels_bits.h). One loop shape serves every
+// operation: 32-byte AVX2 blocks where the processor has them (two a step,
+// the row's last bytes as one block overlapping the one before), else
+// 16-byte SSE2 blocks, then one 16-, 8- and 4-byte step each as the length
+// needs, then single bytes; so a 310-byte A4 row is ten blocks. The
+// operations are written once over GCC's vector types, which take the same
+// & | ~ as plain integers. Nothing is stored before its source bytes are
+// loaded, which is what lets d be one of the sources.
+#include "frame/kernels_bits.h"
+
+#include <emmintrin.h>
+#include <immintrin.h>
+
+#include <cstring>
+
+#include "frame/kernels.h"
+
+// The 32-byte helpers are always inlined into the AVX2 loop, so the note
+// that passing 32-byte vectors by value changes the ABI without AVX does not
+// apply.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+namespace quarvel::kernels {
+
+namespace plain {
+
+void LogicRows(const BitRows &r, Logic op) {
+    const std::size_t nb = static_cast<std::size_t>(r.w + 7) / 8;
+    for (int y = 0; y < r.count; ++y) {
+        const std::uint8_t *a = r.a + y * r.strideA, *b = r.b + y * r.strideB;
+        std::uint8_t *d = r.d + static_cast<std::ptrdiff_t>(y) * r.dstStride;
+        for (std::size_t i = 0; i < nb; ++i) {
+            switch (op) {
+                case Logic::kCopy: d[i] = a[i]; break;
+                case Logic::kNot: d[i] = static_cast<std::uint8_t>(~a[i]); break;
+                case Logic::kAnd: d[i] = a[i] & b[i]; break;
+                case Logic::kOr: d[i] = a[i] | b[i]; break;
+                case Logic::kAndNot: d[i] = static_cast<std::uint8_t>(a[i] & ~b[i]); break;
+            }
+        }
+        for (int x = r.w; x < 8 * r.dstStride; ++x) d[x >> 3] &= static_cast<std::uint8_t>(~(0x80u >> (x & 7)));
+    }
+}
+
+void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b, std::ptrdiff_t strideB, std::uint8_t *d,
+                 int dstStride, int w, int count) {
+    for (int y = 0; y < count; ++y) {
+        BitRows row{a + y * strideA, 0, b + y * strideB, 0, d + static_cast<std::ptrdiff_t>(y) * dstStride, dstStride, w, 1};
+        plain::LogicRows(row, Logic::kAnd);
+        std::memcpy(a + y * strideA, row.d, static_cast<std::size_t>(w / 8));
+    }
+}
+
+void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool minimum) {
+    const auto at = [&](int i) {
+        if (i >= x + w) return minimum ? 1 : 0;
+        const int u = (a[i >> 3] >> (7 - (i & 7))) & 1, v = b == nullptr ? u : (b[i >> 3] >> (7 - (i & 7))) & 1;
+        return minimum ? u & v : u | v;
+    };
+    for (int i = x; i < x + w; ++i) {
+        const int bit = minimum ? at(i) & at(i + 1) : at(i) | at(i + 1);
+        const auto mask = static_cast<std::uint8_t>(0x80u >> (i & 7));
+        d[i >> 3] = static_cast<std::uint8_t>(bit ? d[i >> 3] | mask : d[i >> 3] & ~mask);
+    }
+}
+
+void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *d, std::ptrdiff_t strideD, int x, int w,
+                   int count, bool minimum) {
+    for (int y = 0; y < count; ++y)
+        Filter2x2Row(a + y * strideA, y + 1 < count ? a + (y + 1) * strideA : nullptr, d + y * strideD, x, w, minimum);
+}
+
+}  // namespace plain
+
+namespace {
+
+template <class T>
+__attribute__((always_inline)) inline T Load(const std::uint8_t *p) {
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+template <class T>
+__attribute__((always_inline)) inline void Store(std::uint8_t *p, T v) {
+    std::memcpy(p, &v, sizeof v);
+}
+
+// The operations, each over any of the widths.
+template <Logic L>
+struct Op {
+    template <class T>
+    __attribute__((always_inline)) T operator()(T a, T b) const {
+        if constexpr (L == Logic::kCopy) return a;
+        if constexpr (L == Logic::kNot) return ~a;
+        if constexpr (L == Logic::kAnd) return a & b;
+        if constexpr (L == Logic::kOr) return a | b;
+        if constexpr (L == Logic::kAndNot) return a & ~b;
+    }
+};
+
+using V32 = std::uint8_t __attribute__((vector_size(32)));
+using V16 = std::uint8_t __attribute__((vector_size(16)));
+
+// The steps after the blocks: at most one of 16, 8 and 4 bytes, then bytes.
+template <class F>
+__attribute__((always_inline)) inline void Tail(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, std::size_t i,
+                                                std::size_t n, F f) {
+    if (i + 16 <= n) Store(d + i, f(Load<V16>(a + i), Load<V16>(b + i))), i += 16;
+    if (i + 8 <= n) Store(d + i, f(Load<std::uint64_t>(a + i), Load<std::uint64_t>(b + i))), i += 8;
+    if (i + 4 <= n) Store(d + i, f(Load<std::uint32_t>(a + i), Load<std::uint32_t>(b + i))), i += 4;
+    for (; i < n; ++i) d[i] = static_cast<std::uint8_t>(f(a[i], b[i]));
+}
+
+// Every row: the blocks, the tail steps, then the bits past w and the
+// padding cleared while the row is in cache.
+template <class F>
+__attribute__((target("avx2"))) void RowsAvx2(const BitRows &r, F f) {
+    const std::size_t nb = static_cast<std::size_t>(r.w + 7) / 8;
+    for (int y = 0; y < r.count; ++y) {
+        const std::uint8_t *a = r.a + y * r.strideA, *b = r.b + y * r.strideB;
+        std::uint8_t *d = r.d + static_cast<std::ptrdiff_t>(y) * r.dstStride;
+        std::size_t i = 0;
+        for (; i + 64 <= nb; i += 64) {
+            const V32 u = f(Load<V32>(a + i), Load<V32>(b + i)), v = f(Load<V32>(a + i + 32), Load<V32>(b + i + 32));
+            Store(d + i, u);
+            Store(d + i + 32, v);
+        }
+        if (i + 32 <= nb) Store(d + i, f(Load<V32>(a + i), Load<V32>(b + i))), i += 32;
+        // The last bytes as one block overlapping the one before, which
+        // rewrites those bytes with the same values, unless d is a source.
+        if (i < nb && nb >= 32 && d != a && d != b)
+            Store(d + nb - 32, f(Load<V32>(a + nb - 32), Load<V32>(b + nb - 32)));
+        else
+            Tail(a, b, d, i, nb, f);
+        ClearRowTail(d, r.w, r.dstStride);
+    }
+}
+
+template <class F>
+void RowsSse2(const BitRows &r, F f) {
+    const std::size_t nb = static_cast<std::size_t>(r.w + 7) / 8;
+    for (int y = 0; y < r.count; ++y) {
+        const std::uint8_t *a = r.a + y * r.strideA, *b = r.b + y * r.strideB;
+        std::uint8_t *d = r.d + static_cast<std::ptrdiff_t>(y) * r.dstStride;
+        std::size_t i = 0;
+        for (; i + 16 <= nb; i += 16) Store(d + i, f(Load<V16>(a + i), Load<V16>(b + i)));
+        Tail(a, b, d, i, nb, f);
+        ClearRowTail(d, r.w, r.dstStride);
+    }
+}
+
+template <class F>
+void Rows(const BitRows &r, F f) {
+    if (Avx2On())
+        RowsAvx2(r, f);
+    else
+        RowsSse2(r, f);
+}
+
+// Blocks where the AND clears no bit (b covers a) leave a unwritten.
+__attribute__((target("avx2"))) void AndRowsBackAvx2(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b,
+                                                     std::ptrdiff_t strideB, std::uint8_t *d, int dstStride, int w, int count) {
+    const std::size_t nb = static_cast<std::size_t>(w / 8);
+    const Op<Logic::kAnd> both;
+    for (int y = 0; y < count; ++y, a += strideA, b += strideB, d += dstStride) {
+        if (nb < 32) {
+            Tail(a, b, d, 0, nb, both);
+            for (std::size_t i = 0; i < nb; ++i) a[i] = d[i];
+            ClearRowTail(d, w, dstStride);
+            continue;
+        }
+        // The last block overlaps the one before: ANDing a's bytes again
+        // that already took the AND leaves them as they are.
+        for (std::size_t i = 0;; i += 32) {
+            const bool last = i + 32 >= nb;
+            if (last) i = nb - 32;
+            const __m256i u = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(a + i));
+            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(b + i));
+            const __m256i r = _mm256_and_si256(u, v);
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(d + i), r);
+            if (!_mm256_testc_si256(v, u)) _mm256_storeu_si256(reinterpret_cast<__m256i *>(a + i), r);
+            if (last) break;
+        }
+        ClearRowTail(d, w, dstStride);
+    }
+}
+
+// t = op(a, b) bytes; d byte = op(t, t shifted left one bit, the next byte's
+// top bit coming in), 32 bytes a step while the next byte is in the row.
+// Every byte but the last, which needs the identity past w. Each block's
+// combined rows are kept for the next step, which supplies the next byte's
+// top bit through a lane-crossing byte shift; the row's end is one block
+// overlapping the one before. Returns the bytes done.
+template <bool Minimum>
+__attribute__((target("avx2"), always_inline)) inline V32 Combine32(const std::uint8_t *p, const std::uint8_t *q) {
+    const V32 u = Load<V32>(p), v = Load<V32>(q);
+    return Minimum ? u & v : u | v;
+}
+
+template <bool Minimum>
+__attribute__((target("avx2"))) int Filter2x2Avx2(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int nb) {
+    if (nb < 33) return 0;
+    V32 t = Combine32<Minimum>(a, b);
+    int i = 0;
+    for (; i + 65 <= nb; i += 32) {
+        const V32 later = Combine32<Minimum>(a + i + 32, b + i + 32);
+        const __m256i ti = reinterpret_cast<__m256i>(t), li = reinterpret_cast<__m256i>(later);
+        const V32 next = reinterpret_cast<V32>(_mm256_alignr_epi8(_mm256_permute2x128_si256(ti, li, 0x21), ti, 1));
+        const V32 shifted = (t + t) | (next >> 7);
+        Store(d + i, Minimum ? t & shifted : t | shifted);
+        t = later;
+    }
+    for (;; i += 32) {
+        const bool last = i + 33 >= nb;
+        if (last) i = nb - 33;
+        const V32 u = Combine32<Minimum>(a + i, b + i), next = Combine32<Minimum>(a + i + 1, b + i + 1);
+        const V32 shifted = (u + u) | (next >> 7);
+        Store(d + i, Minimum ? u & shifted : u | shifted);
+        if (last) return nb - 1;
+    }
+}
+
+}  // namespace
+
+namespace {
+
+template <bool Minimum>
+inline void Filter2x2(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool avx2) {
+    if (w <= 0) return;
+    const int nb = (x + w + 7) / 8;
+    if (b == nullptr) b = a;
+    const std::uint8_t first = d[0];
+    int j = avx2 ? Filter2x2Avx2<Minimum>(a, b, d, nb) : 0;
+    // The rest a byte at a time; the bits past the span count as the
+    // identity, and d's bits outside it keep their values.
+    const int end = (x + w) & 7;
+    const unsigned valid = (0xFF00u >> (end != 0 ? end : 8)) & 0xFFu, identity = Minimum ? 0xFFu : 0u;
+    const auto op = [](unsigned u, unsigned v) { return Minimum ? u & v : u | v; };
+    for (; j < nb; ++j) {
+        const bool last = j + 1 == nb;
+        unsigned t = op(a[j], b[j]);
+        if (last) t = (t & valid) | (identity & ~valid);
+        const unsigned next = last ? identity : op(a[j + 1], b[j + 1]);
+        const unsigned r = op(t, ((t << 1) | (next >> 7)) & 0xFFu), keep = last ? ~valid & 0xFFu : 0u;
+        d[j] = static_cast<std::uint8_t>((r & ~keep) | (d[j] & keep));
+    }
+    if (x != 0) {
+        const unsigned head = ~(0xFFu >> x) & 0xFFu;  // bits before the span
+        d[0] = static_cast<std::uint8_t>((d[0] & ~head) | (first & head));
+    }
+}
+
+template <bool Minimum>
+void Filter2x2Page(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *d, std::ptrdiff_t strideD, int x, int w,
+                   int count) {
+    const bool avx2 = Avx2On();
+    for (int y = 0; y < count; ++y, a += strideA, d += strideD)
+        Filter2x2<Minimum>(a, y + 1 < count ? a + strideA : nullptr, d, x, w, avx2);
+}
+
+}  // namespace
+
+void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool minimum) {
+    if (minimum)
+        Filter2x2<true>(a, b, d, x, w, Avx2On());
+    else
+        Filter2x2<false>(a, b, d, x, w, Avx2On());
+}
+
+void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *d, std::ptrdiff_t strideD, int x, int w,
+                   int count, bool minimum) {
+    if (minimum)
+        Filter2x2Page<true>(a, strideA, d, strideD, x, w, count);
+    else
+        Filter2x2Page<false>(a, strideA, d, strideD, x, w, count);
+}
+
+void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b, std::ptrdiff_t strideB, std::uint8_t *d,
+                 int dstStride, int w, int count) {
+    if (Avx2On()) {
+        AndRowsBackAvx2(a, strideA, b, strideB, d, dstStride, w, count);
+        return;
+    }
+    plain::AndRowsBack(a, strideA, b, strideB, d, dstStride, w, count);
+}
+
+void LogicRows(const BitRows &rows, Logic op) {
+    BitRows r = rows;
+    if (op == Logic::kCopy || op == Logic::kNot) r.b = r.a, r.strideB = r.strideA;
+    switch (op) {
+        case Logic::kCopy: Rows(r, Op<Logic::kCopy>{}); break;
+        case Logic::kNot: Rows(r, Op<Logic::kNot>{}); break;
+        case Logic::kAnd: Rows(r, Op<Logic::kAnd>{}); break;
+        case Logic::kOr: Rows(r, Op<Logic::kOr>{}); break;
+        case Logic::kAndNot: Rows(r, Op<Logic::kAndNot>{}); break;
+    }
+}
+
+}  // namespace quarvel::kernels
