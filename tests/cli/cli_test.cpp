@@ -316,6 +316,10 @@ TEST(Options, RotationCentreDefaultsToTheMiddleOfANonSquarePage) {
     ASSERT_EQ(Tool(d, "rotate --angle 30 --interpolate 0 --x 30 --y 60 in.png swapped.png").code, 0);
     EXPECT_EQ(Slurp(d / "default.png"), Slurp(d / "explicit.png"));
     EXPECT_NE(Slurp(d / "default.png"), Slurp(d / "swapped.png"));
+    // A quarter turn is clockwise unless told otherwise.
+    ASSERT_EQ(Tool(d, "quarter-turn in.png q.png").code, 0);
+    ASSERT_EQ(Tool(d, "quarter-turn --angle 90 in.png q90.png").code, 0);
+    EXPECT_EQ(Slurp(d / "q.png"), Slurp(d / "q90.png"));
 }
 
 TEST(Options, JsonEscapesFileNames) {
@@ -370,6 +374,7 @@ TEST(Batch, NamesJpegInputsPngAndNumbersPagesOfOnePageFormats) {
     EXPECT_EQ(Count(d / "o2"), 2u);
     EXPECT_EQ(Tool(d, "flip in/book.tif one.bmp").code, 0);  // the single command numbers pages too
     EXPECT_TRUE(fs::exists(d / "one-1.bmp") && fs::exists(d / "one-2.bmp") && !fs::exists(d / "one.bmp"));
+    EXPECT_NE(Tool(d, "get-obliquity in/book.tif").out.find("in/book.tif[2]: "), std::string::npos);
     const Out json = Tool(d, "run get-obliquity --json -o o4 in/book.tif");
     EXPECT_EQ(nlohmann::json::parse(json.out.substr(json.out.find('\n') + 1))["page"], 2) << json.out;
 }
@@ -398,6 +403,7 @@ TEST(Batch, RefusedPagesFailTheirFileAndParallelRunsAgree) {
     EXPECT_EQ(Slurp(d / "out1/book.tif"), Slurp(d / "out2/book.tif"));
     EXPECT_EQ(Slurp(d / "out1/ok.png"), Slurp(d / "out2/ok.png"));
     EXPECT_EQ(runs[0].out, runs[1].out);
+    EXPECT_EQ(Tool(d, "run invert -o out3 ok.png folder").code, 1);  // a file skipped, none failed
     const Out single = Tool(d, "mirror folder x.png");
     EXPECT_EQ(single.code, 3);
     EXPECT_NE(single.err.find("folder: is a directory"), std::string::npos);

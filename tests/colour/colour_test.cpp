@@ -292,6 +292,13 @@ TEST(DeColorize, WholePageAndRectangle) {
     RECT full{0, 0, 4, 1};
     Block d(DeColorize(page.get(), &full, 50, 50, 50));
     EXPECT_EQ(At(d.get(), 1), (Bgr{90, 90, 90}));
+    // Over the whole page, left and top leave columns from the left and rows
+    // from the top alone: (B >> 2) + (G >> 1) + (R >> 2) = 100 elsewhere.
+    Block two = MakePageWith(Shape(3, 2, 24), [](int, int, int c) { return 40 + 60 * c; });
+    RECT offset{1, 1, 0, 0};
+    Block e(DeColorize(two.get(), &offset, 0, 0, 0));
+    PageView v(e.get());
+    EXPECT_EQ((std::vector<int>{v.get(0, 0), v.get(1, 0), v.get(1, 1)}), (std::vector<int>{40, 100, 40}));
     // Over the whole page each threshold keeps only its own colour, from an
     // excess equal to it: red, blue, green, then a green just short.
     Block marks = Row({{40, 60, 110}, {110, 60, 40}, {40, 110, 60}, {40, 109, 60}});
