@@ -22,8 +22,6 @@ auto Square(int x0, int y0, int side) {
     return [=](int x, int y) { return x >= x0 && x < x0 + side && y >= y0 && y < y0 + side; };
 }
 
-// ---- Denoise ----------------------------------------------------------------------
-
 TEST(Denoise, SpeckSizesAgainstN) {
     struct Case {
         int side, n;
@@ -110,8 +108,6 @@ TEST(Denoise, RectangleLimitsTheSpeckSearch) {
     EXPECT_EQ(DenoiseRect(page.get(), nullptr, 2), nullptr);
 }
 
-// ---- IsBlankPage --------------------------------------------------------------------
-
 TEST(IsBlankPage, InkShares) {
     EXPECT_EQ(IsBlankPage(Inked(300, 300, [](int, int) { return false; }).get(), 128), 0);
     EXPECT_EQ(IsBlankPage(Inked(300, 300, [](int, int) { return true; }).get(), 128), 10000);
@@ -138,8 +134,6 @@ TEST(IsBlankPage, BitonalInkByPalette) {
         EXPECT_EQ(IsBlankPage(page.get(), 128), 2500);
     }
 }
-
-// ---- Watermark ------------------------------------------------------------------------
 
 Block Mark(int w, int h, int value) { return MakePageWith(Shape(w, h, 8), [=](int, int, int) { return value; }); }
 
@@ -179,8 +173,6 @@ TEST(WaterMark, DepthsAndLargeMarks) {
     EXPECT_EQ(AddWaterMark(page.get(), MakePage(Shape(4, 4, 24)).get()), nullptr);
     EXPECT_EQ(AddWaterMarkEx(page.get(), nullptr), nullptr);
 }
-
-// ---- Combine ------------------------------------------------------------------------------
 
 TEST(Combine, LayoutsAndMargins) {
     Block a = MakePageWith(Shape(100, 200, 8), [](int, int, int) { return 10; });

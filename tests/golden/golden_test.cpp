@@ -14,7 +14,6 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <sstream>
 
 #include "support/pages.h"
 

@@ -68,9 +68,8 @@ TEST(ScanClean, CropsFrameAndKeepsEveryMark) {
     }
 }
 
-// Text turned either way, or a quarter turn either way, comes back straight
-// and upright; --margin 0 keeps no paper round text that reaches the edges
-// of a turned page, so a margin of 12 pixels gives a taller page.
+// Text skewed or quarter-turned either way comes back straight and upright;
+// margin 0 keeps no paper round text reaching a turned page's edges, 12 does.
 TEST(ScanClean, StraightensBothWaysTurnsUprightAndKeepsTheMarginAsked) {
     cv::Mat text(1754, 1240, CV_8UC1, cv::Scalar(235));
     DrawText(&text, cv::Rect(20, 30, 1200, 1700));

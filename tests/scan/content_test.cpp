@@ -250,11 +250,9 @@ TEST(Blank, Verdict) {
     }
 }
 
-// The content box of text under a heading rule, between a punch hole on the
-// left whose shadow falls inside its rim and a book edge's shadow hugging the
-// right edge, with a lone hairline far below: the shadows are left out, the
-// hairline (thinner than a speck, longer than one) kept, and the box's top
-// and bottom are the rule's and the hairline's rows.
+// Text under a heading rule, a punch hole's shadow inside its rim, a book
+// edge's shadow on the right, a lone hairline (thinner than a speck, longer
+// than one) far below: the box runs from the rule to the hairline, shadows out.
 TEST(Content, LeavesOutEdgeAndHoleShadowsKeepsALoneHairline) {
     cv::Mat page(kA4, CV_8UC1, cv::Scalar(235));
     DrawText(&page, cv::Scalar(20), Mm(30), 10);
@@ -274,9 +272,8 @@ TEST(Content, LeavesOutEdgeAndHoleShadowsKeepsALoneHairline) {
     EXPECT_EQ(box.br().y, hairline + 2);
 }
 
-// Text lines count from 0.8 mm tall (5 rows at 150 dpi): a page of twelve
-// lines of small capitals that tall is straightened with confidence, one
-// row shorter they read as rules.
+// Text lines count from 0.8 mm tall (5 rows at 150 dpi): twelve such lines
+// give full confidence; one row shorter they read as rules.
 TEST(ScanSkew, LinesFromTheShortestTextHeightCount) {
     for (const int rows : {5, 4}) {
         cv::Mat page(kA4, CV_8UC1, cv::Scalar(235));
