@@ -71,8 +71,8 @@ TEST(ScanClean, CropsFrameAndKeepsEveryMark) {
 // Text skewed or quarter-turned either way comes back straight and upright;
 // margin 0 keeps no paper round text reaching a turned page's edges, 12 does.
 TEST(ScanClean, StraightensBothWaysTurnsUprightAndKeepsTheMarginAsked) {
-    cv::Mat text(1754, 1240, CV_8UC1, cv::Scalar(235));
-    DrawText(&text, cv::Rect(20, 30, 1200, 1700));
+    cv::Mat text(900, 1240, CV_8UC1, cv::Scalar(235));
+    DrawText(&text, cv::Rect(20, 30, 1200, 850));
     const struct {
         double skew;
         int turn;  // cv::rotate code, -1: none

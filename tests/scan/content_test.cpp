@@ -131,11 +131,11 @@ TEST(Holes, FindsPunchedHolesAndFillsThemWithThePaper) {
             const double along = i * Mm(108);
             centres.emplace_back(Mm(12) - along * std::sin(t), kA4.height / 2.0 + along * std::cos(t));
             const cv::Point at(static_cast<int>(centres.back().x), static_cast<int>(centres.back().y));
+            const cv::Size axes(static_cast<int>(r * std::sqrt(c.aspect)), static_cast<int>(r / std::sqrt(c.aspect)));
             if (c.aspect == 1)
                 cv::circle(page, at, static_cast<int>(r), c.hole, cv::FILLED, cv::LINE_AA);
             else
-                cv::ellipse(page, at, cv::Size(static_cast<int>(r * std::sqrt(c.aspect)), static_cast<int>(r / std::sqrt(c.aspect))), 0, 0, 360, c.hole,
-                            cv::FILLED, cv::LINE_AA);
+                cv::ellipse(page, at, axes, 0, 0, 360, c.hole, cv::FILLED, cv::LINE_AA);
         }
         const int frame = Mm(c.frameMm);
         if (frame > 0) {
