@@ -184,7 +184,7 @@ TEST(Combine, LayoutsAndMargins) {
     EXPECT_EQ((std::vector<int>{s.get(99, 0), s.get(100, 199), s.get(100, 80), s.get(100, 79)}), (std::vector<int>{10, 20, 20, 255}));
     EXPECT_EQ((std::vector<int>{t.get(0, 319), t.get(120, 319), t.get(149, 0)}), (std::vector<int>{10, 255, 20}));
     Block shorterFirst(Combine(b.get(), a.get(), 0));  // flush with the top as well
-    EXPECT_EQ(PageView(shorterFirst.get()).get(0, 199) * 1000 + PageView(shorterFirst.get()).get(0, 79), 20 * 1000 + 255);
+    EXPECT_EQ(RowValues(shorterFirst.get(), 199)[0] * 1000 + RowValues(shorterFirst.get(), 79)[0], 20 * 1000 + 255);
 }
 
 TEST(Combine, FormatUnificationAndHeaders) {

@@ -216,7 +216,8 @@ TEST(EnhanceColorEx1, MismatchedBaseGivesItsCopy) {
     Block page = Row({{80, 90, 150}, {100, 100, 100}, {250, 250, 250}}), other = MakePage(Colour(5, 1));
     Block map(EnhanceColorEx(page.get(), nullptr, nullptr, 0, 0, 0, 0, 0, 0, 0));
     RECT two{0, 0, 2, 1};
-    EXPECT_EQ(Block(EnhanceColorEx1(page.get(), other.get(), map.get(), &two, 128, 0, 10, 0, 0, 0, 0)).bytes(), other.bytes());
+    Block copy(EnhanceColorEx1(page.get(), other.get(), map.get(), &two, 128, 0, 10, 0, 0, 0, 0));
+    EXPECT_EQ(copy.bytes(), other.bytes());
 }
 
 // Pages below 24 bits, including depths the rest of the library refuses

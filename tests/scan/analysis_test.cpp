@@ -142,18 +142,6 @@ TEST(ScanSheet, FramesOnGivenSides) {
     }
 }
 
-// A speck far from the text is not content; a page number is.
-TEST(ScanContent, KeepsPageNumberNotDust) {
-    cv::Mat img(1754, 1240, CV_8UC1, cv::Scalar(235));
-    DrawText(&img, cv::Rect(200, 200, 800, 600));
-    img(cv::Rect(1100, 1500, 2, 2)).setTo(0);
-    QuarvelPageReport r = Analyze(PageFromMat(img, 150).get());
-    EXPECT_LT(r.content.bottom, 820);
-    cv::putText(img, "17", cv::Point(600, 1650), cv::FONT_HERSHEY_SIMPLEX, 0.7, cv::Scalar(20), 2);
-    r = Analyze(PageFromMat(img, 150).get());
-    EXPECT_GT(r.content.bottom, 1640);
-}
-
 // Bad pages and options: no crash, usable 0 / NULL; a short report record
 // is written only as far as its size says.
 TEST(ScanAnalyze, RefusesBadInputAndHonoursRecordSize) {

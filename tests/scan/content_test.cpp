@@ -252,14 +252,16 @@ TEST(Blank, Verdict) {
 
 // Text under a heading rule, a punch hole's shadow inside its rim, a book
 // edge's shadow on the right, a lone hairline (thinner than a speck, longer
-// than one) far below: the box runs from the rule to the hairline, shadows out.
+// than one) far below, dust further down: the box runs from the rule to the
+// hairline; shadows and dust are left out.
 TEST(Content, LeavesOutEdgeAndHoleShadowsKeepsALoneHairline) {
     cv::Mat page(kA4, CV_8UC1, cv::Scalar(235));
     DrawText(&page, cv::Scalar(20), Mm(30), 10);
     const Hole hole{static_cast<double>(Mm(12)), kA4.height / 2.0, static_cast<double>(Mm(3.25))};
     cv::ellipse(page, cv::Point(static_cast<int>(hole.cx), static_cast<int>(hole.cy)),
                 cv::Size(static_cast<int>(hole.r), static_cast<int>(hole.r)), 0, -40, 40, cv::Scalar(60), Mm(0.5));
-    cv::rectangle(page, cv::Rect(kA4.width - Mm(1.5), Mm(30), Mm(1.5), kA4.height - Mm(60)), cv::Scalar(40), cv::FILLED);
+    cv::rectangle(page, cv::Rect(kA4.width - Mm(1.5), Mm(30), Mm(1.5), Mm(200)), cv::Scalar(40), cv::FILLED);
+    page(cv::Rect(Mm(150), Mm(250), 2, 2)).setTo(0);  // dust far from the text
     cv::rectangle(page, cv::Rect(Mm(60), Mm(20), Mm(40), Mm(2)), cv::Scalar(20), cv::FILLED);  // a heading rule
     const int hairline = Mm(200);
     cv::rectangle(page, cv::Rect(Mm(80), hairline, Mm(10), 2), cv::Scalar(20), cv::FILLED);

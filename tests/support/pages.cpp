@@ -181,7 +181,7 @@ Block Copy(HGLOBAL h) {
     return out;
 }
 
-void ExpectMoved(HGLOBAL in, HGLOBAL out, const std::function<std::pair<int, int>(int, int)> &to, const std::string &what) {
+void ExpectMoved(HGLOBAL in, HGLOBAL out, const Move &to, const std::string &what) {
     PageView a(in), b(out);
     const int channels = a.bitCount() >= 24 ? a.bitCount() / 8 : 1;
     for (int y = 0; y < a.height(); ++y)
@@ -189,7 +189,7 @@ void ExpectMoved(HGLOBAL in, HGLOBAL out, const std::function<std::pair<int, int
             const auto [X, Y] = to(x, y);
             if (X < 0 || X >= b.width() || Y < 0 || Y >= b.height()) continue;
             for (int c = 0; c < channels; ++c)
-                ASSERT_EQ(b.get(X, Y, c), a.get(x, y, c)) << what << " " << a.bitCount() << " bits at " << x << "," << y;
+                ASSERT_EQ(b.get(X, Y, c), a.get(x, y, c)) << what << ", " << a.bitCount() << " bits: " << x << "," << y;
         }
 }
 

@@ -109,7 +109,8 @@ Block LoadScan(const std::string &name);
 
 // Every pixel (x, y) of `in`, all channels, equals `out` at to(x, y)
 // wherever that lies on `out`; a failure names `what` and the pixel.
-void ExpectMoved(HGLOBAL in, HGLOBAL out, const std::function<std::pair<int, int>(int, int)> &to, const std::string &what);
+using Move = std::function<std::pair<int, int>(int, int)>;
+void ExpectMoved(HGLOBAL in, HGLOBAL out, const Move &to, const std::string &what);
 
 // A new block holding the same bytes.
 Block Copy(HGLOBAL h);
