@@ -22,8 +22,6 @@ auto Square(int x0, int y0, int side) {
     return [=](int x, int y) { return x >= x0 && x < x0 + side && y >= y0 && y < y0 + side; };
 }
 
-// ---- Denoise ----------------------------------------------------------------------
-
 TEST(Denoise, SpeckSizesAgainstN) {
     struct Case {
         int side, n;
@@ -110,8 +108,6 @@ TEST(Denoise, RectangleLimitsTheSpeckSearch) {
     EXPECT_EQ(DenoiseRect(page.get(), nullptr, 2), nullptr);
 }
 
-// ---- IsBlankPage --------------------------------------------------------------------
-
 TEST(IsBlankPage, InkShares) {
     EXPECT_EQ(IsBlankPage(Inked(300, 300, [](int, int) { return false; }).get(), 128), 0);
     EXPECT_EQ(IsBlankPage(Inked(300, 300, [](int, int) { return true; }).get(), 128), 10000);
@@ -138,8 +134,6 @@ TEST(IsBlankPage, BitonalInkByPalette) {
         EXPECT_EQ(IsBlankPage(page.get(), 128), 2500);
     }
 }
-
-// ---- Watermark ------------------------------------------------------------------------
 
 Block Mark(int w, int h, int value) { return MakePageWith(Shape(w, h, 8), [=](int, int, int) { return value; }); }
 
@@ -180,8 +174,6 @@ TEST(WaterMark, DepthsAndLargeMarks) {
     EXPECT_EQ(AddWaterMarkEx(page.get(), nullptr), nullptr);
 }
 
-// ---- Combine ------------------------------------------------------------------------------
-
 TEST(Combine, LayoutsAndMargins) {
     Block a = MakePageWith(Shape(100, 200, 8), [](int, int, int) { return 10; });
     Block b = MakePageWith(Shape(150, 120, 8), [](int, int, int) { return 20; });
@@ -191,6 +183,8 @@ TEST(Combine, LayoutsAndMargins) {
     PageView s(side.get()), t(stacked.get());
     EXPECT_EQ((std::vector<int>{s.get(99, 0), s.get(100, 199), s.get(100, 80), s.get(100, 79)}), (std::vector<int>{10, 20, 20, 255}));
     EXPECT_EQ((std::vector<int>{t.get(0, 319), t.get(120, 319), t.get(149, 0)}), (std::vector<int>{10, 255, 20}));
+    Block shorterFirst(Combine(b.get(), a.get(), 0));  // flush with the top as well
+    EXPECT_EQ(RowValues(shorterFirst.get(), 199)[0] * 1000 + RowValues(shorterFirst.get(), 79)[0], 20 * 1000 + 255);
 }
 
 TEST(Combine, FormatUnificationAndHeaders) {

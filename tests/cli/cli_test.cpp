@@ -124,8 +124,6 @@ std::string Bmp(int w, int h, int bits, const std::vector<std::uint32_t> &table,
     return b + rows;
 }
 
-// ---- Formats and readers ---------------------------------------------------------
-
 TEST(Formats, RoundTripKeepsPixelsAndResolution) {
     Dir dir;
     for (const auto &[ext, bits] : std::initializer_list<std::pair<std::string, int>>{
@@ -155,7 +153,6 @@ TEST(Formats, JpegMultiPageTiffAndOnePageFormats) {
         EXPECT_NEAR(DpiOf(b.header()->biXPelsPerMeter), 200, 0.5);
     }
     Page a = Pattern(1), b = Pattern(8), c = Pattern(24);
-    EXPECT_THROW(WriteImage(dir / "x.jpg", {&a}), FormatError);
     WriteImage(dir / "book.tif", {&a, &b, &c});
     std::vector<Page> back = ReadImage(dir / "book.tif");
     ASSERT_EQ(back.size(), 3u);
@@ -233,10 +230,7 @@ TEST(Readers, PalettesAndOddDepthsAreReadThroughTheirColours) {
     }
 }
 
-// ---- The operation table and options ------------------------------------------------
-
 TEST(Operations, TableNamesAndPipelines) {
-    EXPECT_EQ(Operations().size(), 48u);  // the 44 exports and detect, clean, deskew, binarize
     EXPECT_EQ(KebabCase("RemoveBorder_GPY"), "remove-border-gpy");
     ASSERT_NE(FindOp("RemoveHole"), nullptr);
     EXPECT_EQ(FindOp("RemoveHole"), FindOp("remove-hole"));
@@ -316,6 +310,10 @@ TEST(Options, RotationCentreDefaultsToTheMiddleOfANonSquarePage) {
     ASSERT_EQ(Tool(d, "rotate --angle 30 --interpolate 0 --x 30 --y 60 in.png swapped.png").code, 0);
     EXPECT_EQ(Slurp(d / "default.png"), Slurp(d / "explicit.png"));
     EXPECT_NE(Slurp(d / "default.png"), Slurp(d / "swapped.png"));
+    // A quarter turn is clockwise unless told otherwise.
+    ASSERT_EQ(Tool(d, "quarter-turn in.png q.png").code, 0);
+    ASSERT_EQ(Tool(d, "quarter-turn --angle 90 in.png q90.png").code, 0);
+    EXPECT_EQ(Slurp(d / "q.png"), Slurp(d / "q90.png"));
 }
 
 TEST(Options, JsonEscapesFileNames) {
@@ -329,8 +327,6 @@ TEST(Options, JsonEscapesFileNames) {
     EXPECT_EQ(j["file"], name);
     EXPECT_EQ(j["page"], 1);
 }
-
-// ---- Batches ---------------------------------------------------------------------
 
 TEST(Batch, RefusesOutputsThatWouldReplaceInputsOrEachOther) {
     Dir d;
@@ -370,6 +366,7 @@ TEST(Batch, NamesJpegInputsPngAndNumbersPagesOfOnePageFormats) {
     EXPECT_EQ(Count(d / "o2"), 2u);
     EXPECT_EQ(Tool(d, "flip in/book.tif one.bmp").code, 0);  // the single command numbers pages too
     EXPECT_TRUE(fs::exists(d / "one-1.bmp") && fs::exists(d / "one-2.bmp") && !fs::exists(d / "one.bmp"));
+    EXPECT_NE(Tool(d, "get-obliquity in/book.tif").out.find("in/book.tif[2]: "), std::string::npos);
     const Out json = Tool(d, "run get-obliquity --json -o o4 in/book.tif");
     EXPECT_EQ(nlohmann::json::parse(json.out.substr(json.out.find('\n') + 1))["page"], 2) << json.out;
 }
@@ -398,6 +395,7 @@ TEST(Batch, RefusedPagesFailTheirFileAndParallelRunsAgree) {
     EXPECT_EQ(Slurp(d / "out1/book.tif"), Slurp(d / "out2/book.tif"));
     EXPECT_EQ(Slurp(d / "out1/ok.png"), Slurp(d / "out2/ok.png"));
     EXPECT_EQ(runs[0].out, runs[1].out);
+    EXPECT_EQ(Tool(d, "run invert -o out3 ok.png folder").code, 1);  // a file skipped, none failed
     const Out single = Tool(d, "mirror folder x.png");
     EXPECT_EQ(single.code, 3);
     EXPECT_NE(single.err.find("folder: is a directory"), std::string::npos);
@@ -430,8 +428,6 @@ TEST(Batch, InterruptRemovesTemporaryFilesAndReportsProgress) {
         EXPECT_EQ(WEXITSTATUS(st), 0);
     EXPECT_TRUE(NoTemporaryFiles(d / "out"));
 }
-
-// ---- Scan commands -------------------------------------------------------------------
 
 TEST(Scan, OptionsReachTheRecord) {
     const struct {
@@ -503,8 +499,6 @@ TEST(Scan, DetectReportsEveryKeyInItsShape) {
     EXPECT_EQ(page, 2);
     EXPECT_EQ(Tool(d, "run \"deskew | binarize --method otsu | clean --no-crop\" -o out two.tif").code, 0);
 }
-
-// ---- The demo and the manual ------------------------------------------------------------
 
 TEST(Tool, DemoMeasuresItsOwnSkew) {
     Dir dir;

@@ -7,7 +7,6 @@
 #include <chrono>
 #include <climits>
 #include <cmath>
-#include <limits>
 #include <vector>
 
 #include "support/operations.h"

@@ -29,20 +29,6 @@ int Channels(int bits) { return bits >= 24 ? bits / 8 : 1; }
 using Box = std::array<LONG, 4>;
 Box Edges(const RECT &r) { return {r.left, r.top, r.right, r.bottom}; }
 
-// Every pixel of `in` at (x, y) equals `out` at to(x, y) where that lies on
-// the result.
-template <class To>
-void ExpectMoved(HGLOBAL in, HGLOBAL out, To to, const char *what) {
-    PageView a(in), b(out);
-    for (int y = 0; y < a.height(); ++y)
-        for (int x = 0; x < a.width(); ++x) {
-            const auto [X, Y] = to(x, y);
-            if (X < 0 || X >= b.width() || Y < 0 || Y >= b.height()) continue;
-            for (int c = 0; c < Channels(a.bitCount()); ++c)
-                ASSERT_EQ(b.get(X, Y, c), a.get(x, y, c)) << what << " " << a.bitCount() << " bits at " << x << "," << y;
-        }
-}
-
 class Depths : public ::testing::TestWithParam<int> {};
 INSTANTIATE_TEST_SUITE_P(Geometry, Depths, ::testing::Values(1, 8, 24, 32),
                          [](const auto &info) { return std::to_string(info.param) + "bit"; });
@@ -80,27 +66,6 @@ TEST_P(Depths, TurnsMoveEveryPixel) {
         Block exact(RotateExpand(page.get(), a, 0, 0, 0)), past(RotateExpand(page.get(), a + (a > 0 ? 1e-3 : -1e-3), 0, 0, 0));
         EXPECT_TRUE(qtest::SamePixels(exact.get(), past.get())) << a;
     }
-}
-
-TEST(Rotate, BackgroundFollowsThePaletteAndLinearInterpolates) {
-    for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
-        Block page = MakePageWith(Shape(20, 20, 8, p), [](int, int, int) { return 100; });
-        Block out(Rotate(page.get(), 45.0, 10, 10, 1));
-        EXPECT_EQ(PageView(out.get()).get(0, 0), p == Palette::kLightFirst ? 0 : 255);
-        EXPECT_EQ(PageView(out.get()).get(10, 10), 100);
-    }
-    // A ramp turned by 3 degrees: every pixel well inside is the bilinear
-    // value at its mapped source position.
-    Block page = MakePageWith(Shape(64, 48, 8), [](int x, int y, int) { return 2 * x + y; });
-    Block out(Rotate(page.get(), 3.0, 32, 20, 1));
-    PageView res(out.get());
-    const double a = 3.0 * M_PI / 180, c = std::cos(a), s = std::sin(a);
-    const double xs = 32 - (32 * c + 20 * s), ys = 20 - (-32 * s + 20 * c);
-    for (int Y = 8; Y < 40; ++Y)
-        for (int X = 8; X < 56; ++X) {
-            const double x = c * (X - xs) - s * (Y - ys), y = s * (X - xs) + c * (Y - ys);
-            ASSERT_NEAR(res.get(X, Y), 2 * x + y, 1.0) << X << "," << Y;
-        }
 }
 
 TEST(RotateEx, CanvasSizesAndTheCentresPlace) {
@@ -152,8 +117,6 @@ TEST(RotateExpand, FractionalUnknownAndRefusedTurns) {
     EXPECT_EQ(Rotate(four.get(), 3, 0, 0, 1), nullptr);
     EXPECT_EQ(Crop(four.get(), &r, 0, 0), nullptr);
 }
-
-// ---- Crop ------------------------------------------------------------------------------
 
 // A white 8-bit page with dark print in columns [x0, x1) and page rows
 // [top, bottom) counted from the top.

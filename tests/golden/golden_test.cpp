@@ -14,7 +14,6 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <sstream>
 
 #include "support/pages.h"
 
@@ -208,6 +207,7 @@ void RunAll(const std::string &prefix, const GoldenPage &gp, Results *out) {
     num("Otsu", GetBinaryThresholdByOtsu(p));
     num("RidCal", GetBinaryThresholdByRidCal(p));
     num("GetObliquity", GetObliquity(p));
+    num("GetObliquity.a4", GetObliquity(Block(Resize(p, w, 1754)).get()));  // A4 at 150 dpi: reduced by 3
     for (int dpi : {100, 300}) {
         double hz = -1, vt = -1;
         const int r = TestPrecision(p, dpi, &hz, &vt);

@@ -1,8 +1,8 @@
-// The pixel operations through the C API: mirror, flip and invert pixel by
-// pixel over every depth and padded widths, contrast on every level,
-// exact neighbourhoods and rectangles, arithmetic against a per-pixel model
-// with rectangles placed differently on each page, and the values at every
-// threshold's boundary.
+// The pixel operations through the C API (mirror, flip and invert are held
+// by the golden hashes on every depth and padded width): contrast on every
+// level, exact neighbourhoods and rectangles, arithmetic against a per-pixel
+// model with rectangles placed differently on each page, and the values at
+// every threshold's boundary.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,44 +17,6 @@ namespace {
 
 // A 256 x 1 gray page holding every level once.
 Block Ramp() { return MakePageWith(Shape(256, 1, 8), [](int x, int, int) { return x; }); }
-
-// ---- Mirror, flip and invert ---------------------------------------------------
-
-struct Dims {
-    int bitCount, width, height;
-};
-
-TEST(SamePageOps, EveryPixelMovesOrComplements) {
-    for (const Dims d : {Dims{1, 33, 5}, Dims{1, 64, 3}, Dims{1, 1, 1}, Dims{1, 7, 9}, Dims{8, 5, 4}, Dims{8, 1, 1},
-                         Dims{24, 5, 3}, Dims{24, 4, 2}, Dims{32, 3, 3}}) {
-        SCOPED_TRACE(testing::Message() << d.bitCount << " bits " << d.width << "x" << d.height);
-        Block page = qtest::MakePageWith(qtest::Shape(d.width, d.height, d.bitCount), [&](int x, int y, int c) {
-            return d.bitCount == 1 ? ((x * 7 + y * 3) % 5 < 2) : (x * 31 + y * 17 + c * 101) % 256;
-        });
-        const auto before = page.bytes();
-        Block mirrored(Mirror(page.get())), flipped(Flip(page.get())), inverted(Invert(page.get()));
-        ASSERT_TRUE(mirrored && flipped && inverted);
-        PageView in(page.get()), m(mirrored.get()), f(flipped.get()), n(inverted.get());
-        const int w = in.width(), h = in.height(), bits = in.bitCount();
-        const int channels = bits >= 24 ? bits / 8 : 1, max = bits == 1 ? 1 : 255;
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x)
-                for (int c = 0; c < channels; ++c) {
-                    const int v = in.get(x, y, c);
-                    ASSERT_EQ(m.get(w - 1 - x, y, c), v) << x << "," << y;
-                    ASSERT_EQ(f.get(x, h - 1 - y, c), v) << x << "," << y;
-                    ASSERT_EQ(n.get(x, y, c), c == 3 ? v : max - v) << x << "," << y;  // the fourth byte is kept
-                }
-        for (HGLOBAL out : {mirrored.get(), flipped.get(), inverted.get()}) EXPECT_EQ(qtest::DirtyPaddingRow(out), -1);
-        for (auto op : {Mirror, Flip, Invert}) {
-            Block once(op(page.get()));
-            EXPECT_EQ(Block(op(once.get())).bytes(), before);
-        }
-        EXPECT_EQ(page.bytes(), before);
-    }
-}
-
-// ---- Brightness and contrast ---------------------------------------------------
 
 TEST(Contrast, ThroughTheApiOnEveryLevel) {
     Block ramp = Ramp();
@@ -74,12 +36,7 @@ TEST(Contrast, ThroughTheApiOnEveryLevel) {
     for (int v = 0; v < 256; ++v) ASSERT_EQ(both[v], t[std::max(0, v - 40)]) << v;
 }
 
-TEST(Tone, KeepsTheFourthByteAndRefuses) {
-    Block page = MakePageWith(Shape(3, 2, 32), [](int x, int, int c) { return c == 3 ? 200 + x : 10 + 100 * c; });
-    Block out(AdjustContrast(page.get(), 50)), bright(AdjustBrightness(page.get(), 20));
-    EXPECT_EQ(RowValues(out.get(), 1, 3), (std::vector<int>{200, 201, 202}));
-    EXPECT_EQ(RowValues(bright.get(), 1, 3), RowValues(out.get(), 1, 3));
-    for (int c : {0, 2}) EXPECT_EQ(RowValues(bright.get(), 1, c), std::vector<int>(3, 30 + 100 * c)) << c;
+TEST(Tone, RefusesLevelsOutOfRange) {
     EXPECT_EQ(AdjustBrightnessAndContrast(MakePage(Shape(8, 8, 1)).get(), 10, 10), nullptr);
     Block ramp = Ramp();
     EXPECT_EQ(AdjustContrast(ramp.get(), 101), nullptr);
@@ -89,8 +46,6 @@ TEST(Tone, KeepsTheFourthByteAndRefuses) {
     EXPECT_TRUE(Block(AdjustBrightnessAndContrast(ramp.get(), 515, -100)));
     EXPECT_TRUE(Block(AdjustBrightnessAndContrast(ramp.get(), -511, 100)));
 }
-
-// ---- Text effect ----------------------------------------------------------------
 
 TEST(TextEffect, NeighbourhoodReachesRightAndUp) {
     // One dark pixel at column 5, storage row 5 of a white page; output (x, y)
@@ -148,8 +103,6 @@ TEST(TextEffect, RectangleFiltersOnlyInside) {
     EXPECT_EQ(TextEffectRect(page.get(), nullptr, 1), nullptr);
 }
 
-// ---- Fill -------------------------------------------------------------------------
-
 TEST(Fill, RowsFromTheTopValuesByPaletteAndClipping) {
     for (Palette p : {Palette::kDarkFirst, Palette::kLightFirst}) {
         Block page = MakePage(Shape(20, 10, 1, p));
@@ -177,8 +130,6 @@ TEST(Fill, RowsFromTheTopValuesByPaletteAndClipping) {
     EXPECT_EQ(Fill(page.get(), &whole, 256), nullptr);
     EXPECT_EQ(Fill(page.get(), nullptr, 0), nullptr);
 }
-
-// ---- Image arithmetic -----------------------------------------------------------
 
 // Page 1 combined with page 2 by a per-pixel model: the rectangle of w x h at
 // (x1, y1) on page 1 meets the one at (x2, y2) on page 2 (rows from the top)
@@ -262,8 +213,6 @@ TEST(Arithmetic, GetLessMarksStrictlyGreaterPixels) {
     EXPECT_EQ(GetLess(g1.get(), MakePage(Shape(4, 2, 8)).get()), nullptr);  // sizes differ
 }
 
-// ---- Mode conversion ---------------------------------------------------------------
-
 TEST(ConvertMode, PaletteAndThresholdRules) {
     // A light-first 1-bit page keeps its bits under a black-then-white table.
     Block light = MakePageWith(Shape(9, 1, 1, Palette::kLightFirst), [](int x, int, int) { return x & 1; });
@@ -305,8 +254,6 @@ TEST(ConvertModeToGrayEx, RedAndBlueBecomeBlack) {
         }
     }
 }
-
-// ---- Resize and thumbnail ----------------------------------------------------------
 
 TEST(Resize, FittedSizesAndInterpolation) {
     const int fits[][6] = {{2000, 1000, 200, 200, 200, 100}, {100, 100, 300, 200, 200, 200}, {300, 100, 100, 90, 100, 33}};

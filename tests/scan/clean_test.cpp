@@ -68,6 +68,37 @@ TEST(ScanClean, CropsFrameAndKeepsEveryMark) {
     }
 }
 
+// Text skewed or quarter-turned either way comes back straight and upright;
+// margin 0 keeps no paper round text reaching a turned page's edges, 12 does.
+TEST(ScanClean, StraightensBothWaysTurnsUprightAndKeepsTheMarginAsked) {
+    cv::Mat text(900, 1240, CV_8UC1, cv::Scalar(235));
+    DrawText(&text, cv::Rect(20, 30, 1200, 850));
+    const struct {
+        double skew;
+        int turn;  // cv::rotate code, -1: none
+    } cases[] = {{3.0, -1}, {-3.0, -1}, {0.0, cv::ROTATE_90_CLOCKWISE}, {0.0, cv::ROTATE_90_COUNTERCLOCKWISE}};
+    QuarvelScanOptions o;
+    QuarvelDefaultOptions(&o);
+    o.steps = QUARVEL_CLEAN_DESKEW | QUARVEL_CLEAN_ORIENT;
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.skew + c.turn);
+        cv::Mat img = Turned(text, c.skew);
+        if (c.turn >= 0) cv::rotate(img, img, c.turn);
+        const QuarvelPageReport r = Analyze(Block(QuarvelCleanPage(PageFromMat(img, 150).get(), &o, nullptr)).get());
+        EXPECT_NEAR(r.skew_angle, 0.0, 0.1);
+        EXPECT_EQ(r.orientation, 0);
+        EXPECT_GE(r.orientation_confidence, 0.6);
+    }
+    o.steps = QUARVEL_CLEAN_DESKEW | QUARVEL_CLEAN_CROP;
+    const Block turned = PageFromMat(Turned(text, 3.0), 150);
+    int heights[2];
+    for (const int margin : {0, 12}) {
+        o.margin = margin;
+        heights[margin > 0] = Block(QuarvelCleanPage(turned.get(), &o, nullptr)).header().biHeight;
+    }
+    EXPECT_GT(heights[1], heights[0] + 10);
+}
+
 // Without a frame and with low skew confidence nothing moves: the page comes
 // back pixel for pixel; a 1-bit page stays 1-bit; binarising gives 1 bit.
 TEST(ScanClean, LeavesUnframedPagesAndDepthsAlone) {

@@ -108,6 +108,7 @@ struct HoleCase {
     bool bitonal;
     double skewDeg;
     double frameMm;  // dark scanner background along the left and top
+    double aspect = 1;  // oval holes: width over height, same area
 };
 
 const HoleCase kHoleCases[] = {
@@ -115,7 +116,8 @@ const HoleCase kHoleCases[] = {
     {"white holes on yellow", cv::Scalar(170, 230, 235), cv::Scalar(252, 252, 252), false, 0, 0},
     {"black holes, 1-bit", cv::Scalar(255, 255, 255), cv::Scalar(0, 0, 0), true, 0, 0},
     {"skewed sheet", cv::Scalar(235, 240, 240), cv::Scalar(60, 60, 60), false, 2.5, 0},
-    {"in a dark frame", cv::Scalar(225, 225, 225), cv::Scalar(20, 20, 20), false, 0, 20}};
+    {"in a dark frame", cv::Scalar(225, 225, 225), cv::Scalar(20, 20, 20), false, 0, 20},
+    {"oval holes", cv::Scalar(245, 245, 245), cv::Scalar(40, 40, 40), false, 0, 0, 1.3}};
 
 TEST(Holes, FindsPunchedHolesAndFillsThemWithThePaper) {
     for (const HoleCase &c : kHoleCases) {
@@ -128,8 +130,12 @@ TEST(Holes, FindsPunchedHolesAndFillsThemWithThePaper) {
         for (int i = -1; i <= 1; ++i) {
             const double along = i * Mm(108);
             centres.emplace_back(Mm(12) - along * std::sin(t), kA4.height / 2.0 + along * std::cos(t));
-            cv::circle(page, cv::Point(static_cast<int>(centres.back().x), static_cast<int>(centres.back().y)),
-                       static_cast<int>(r), c.hole, cv::FILLED, cv::LINE_AA);
+            const cv::Point at(static_cast<int>(centres.back().x), static_cast<int>(centres.back().y));
+            const cv::Size axes(static_cast<int>(r * std::sqrt(c.aspect)), static_cast<int>(r / std::sqrt(c.aspect)));
+            if (c.aspect == 1)
+                cv::circle(page, at, static_cast<int>(r), c.hole, cv::FILLED, cv::LINE_AA);
+            else
+                cv::ellipse(page, at, axes, 0, 0, 360, c.hole, cv::FILLED, cv::LINE_AA);
         }
         const int frame = Mm(c.frameMm);
         if (frame > 0) {
@@ -181,6 +187,7 @@ struct BlankCase {
     bool blank;
     std::size_t holes;
     void (*draw)(cv::Mat *);
+    int frameMm = 0;  // a dark frame on the left, given as the sheet
 };
 
 const BlankCase kBlankCases[] = {
@@ -208,6 +215,20 @@ const BlankCase kBlankCases[] = {
          cv::Mat lines(m->rows, Mm(60), CV_8UC1, cv::Scalar(235));
          DrawText(&lines, cv::Scalar(30), Mm(120), 3);
          lines.copyTo((*m)(cv::Rect(Mm(80), 0, Mm(60), m->rows)));
+     }},
+    {"a lone disc 20 mm in from the edge", false, 0,
+     [](cv::Mat *m) { cv::circle(*m, cv::Point(Mm(20), m->rows / 2), Mm(3), cv::Scalar(20), cv::FILLED); }},
+    {"a title alone at the top, a frame on the left", false, 0,
+     [](cv::Mat *m) {
+         cv::rectangle(*m, cv::Rect(0, 0, Mm(20), m->rows), cv::Scalar(30), cv::FILLED);
+         DrawText(m, cv::Scalar(30), Mm(12), 1);
+     },
+     20},
+    {"dense heavy print", false, 0,
+     [](cv::Mat *m) {
+         for (int y = Mm(20); y < m->rows - Mm(20); y += Mm(4))
+             for (int x = Mm(20); x < m->cols - Mm(20); x += Mm(2.2))
+                 cv::rectangle(*m, cv::Rect(x, y, Mm(1.5), Mm(2.5)), cv::Scalar(90), cv::FILLED);
      }}};
 
 TEST(Blank, Verdict) {
@@ -219,11 +240,51 @@ TEST(Blank, Verdict) {
         c.draw(&page);
         const ScanPage p = PageOf(page);
         Analysis a = WholeSheet(p);
+        if (c.frameMm > 0) a.sheet.box = cv::Rect(Mm(c.frameMm), 0, p.width - Mm(c.frameMm), p.height);
+        a.sheet.sides = c.frameMm > 0 ? QUARVEL_SIDE_LEFT : 0;
         a.holes = FindHoles(p, a.sheet);
         EXPECT_EQ(a.holes.size(), c.holes) << c.name;
         const Blank b = JudgeBlank(p, a);
         EXPECT_EQ(b.blank, c.blank) << c.name << " ink " << b.ink;
         EXPECT_EQ(b.ink < 0.0003, c.blank) << c.name;
+    }
+}
+
+// Text under a heading rule, a punch hole's shadow inside its rim, a book
+// edge's shadow on the right, a lone hairline (thinner than a speck, longer
+// than one) far below, dust further down: the box runs from the rule to the
+// hairline; shadows and dust are left out.
+TEST(Content, LeavesOutEdgeAndHoleShadowsKeepsALoneHairline) {
+    cv::Mat page(kA4, CV_8UC1, cv::Scalar(235));
+    DrawText(&page, cv::Scalar(20), Mm(30), 10);
+    const Hole hole{static_cast<double>(Mm(12)), kA4.height / 2.0, static_cast<double>(Mm(3.25))};
+    cv::ellipse(page, cv::Point(static_cast<int>(hole.cx), static_cast<int>(hole.cy)),
+                cv::Size(static_cast<int>(hole.r), static_cast<int>(hole.r)), 0, -40, 40, cv::Scalar(60), Mm(0.5));
+    cv::rectangle(page, cv::Rect(kA4.width - Mm(1.5), Mm(30), Mm(1.5), Mm(200)), cv::Scalar(40), cv::FILLED);
+    page(cv::Rect(Mm(150), Mm(250), 2, 2)).setTo(0);  // dust far from the text
+    cv::rectangle(page, cv::Rect(Mm(60), Mm(20), Mm(40), Mm(2)), cv::Scalar(20), cv::FILLED);  // a heading rule
+    const int hairline = Mm(200);
+    cv::rectangle(page, cv::Rect(Mm(80), hairline, Mm(10), 2), cv::Scalar(20), cv::FILLED);
+    const ScanPage p = PageOf(page);
+    cv::Rect box;
+    ASSERT_TRUE(FindContent(p, WholeSheet(p).sheet, {hole}, &box, nullptr));
+    EXPECT_GE(box.x, hole.cx + hole.r * 1.2);
+    EXPECT_LE(box.br().x, kA4.width - Mm(5));
+    EXPECT_EQ(box.y, Mm(20));
+    EXPECT_EQ(box.br().y, hairline + 2);
+}
+
+// Text lines count from 0.8 mm tall (5 rows at 150 dpi): twelve such lines
+// give full confidence; one row shorter they read as rules.
+TEST(ScanSkew, LinesFromTheShortestTextHeightCount) {
+    for (const int rows : {5, 4}) {
+        cv::Mat page(kA4, CV_8UC1, cv::Scalar(235));
+        for (int line = 0; line < 12; ++line)
+            for (int x = Mm(25); x < kA4.width - Mm(25); x += 6)
+                page(cv::Rect(x, Mm(40) + line * Mm(6), 4, rows)).setTo(20);
+        const ScanPage p = PageOf(page);
+        const Skew s = FindSkew(p, WholeSheet(p).sheet, 10);
+        EXPECT_EQ(s.confidence >= 0.6, rows == 5) << rows << " rows: " << s.confidence << ", " << s.lines << " lines";
     }
 }
 

@@ -20,8 +20,6 @@ PageShape Gray(int w, int h) { return qtest::Shape(w, h, 8); }
 
 PageShape Colour(int w, int h, int bits = 24) { return qtest::Shape(w, h, bits, Palette::kNone); }
 
-// ---- Thresholds -------------------------------------------------------------
-
 TEST(Thresholds, PagesOfKnownHistograms) {
     // Both answers are 255 minus a threshold on ink (255 - level).
     PageShape bits = qtest::Shape(64, 32, 1, Palette::kLightFirst);  // bit 1 is black
@@ -64,8 +62,6 @@ TEST(Thresholds, RegionsRestrictTheHistogram) {
     EXPECT_EQ(quarvel::skew::RidlerCalvardThreshold(r, RECT{2, 0, 2, 1}), quarvel::skew::RidlerCalvardThreshold(r, RECT{}));
     EXPECT_EQ(quarvel::skew::OtsuThreshold(r, RECT{0, 1, 4, 2}), 0);
 }
-
-// ---- The raster loader --------------------------------------------------------
 
 quarvel::skew::PageRaster Load(HGLOBAL h) {
     quarvel::skew::DibBlock block;
@@ -197,8 +193,6 @@ TEST(Raster, UnsupportedDepthReadsAsBlankPaper) {
     EXPECT_EQ(GetObliquity(b.get()), 0.0);
 }
 
-// ---- Skew -------------------------------------------------------------------
-
 TEST(Skew, BlankPagesGiveExactlyZero) {
     EXPECT_EQ(GetObliquity(MakePageWith(Colour(600, 900), [](int, int, int) { return 255; }).get()), 0.0);
     EXPECT_EQ(GetObliquity(MakePageWith(Gray(300, 200), [](int, int, int) { return 90; }).get()), 0.0);
@@ -245,41 +239,6 @@ TEST(Skew, ReductionAveragesWholeBlocksOfTheRegion) {
     for (int j = 0; j < 2; ++j)
         for (int i = 0; i < 2; ++i) EXPECT_EQ(reduced.at(i, j), 30 * i + 20 + 2 * j) << i << "," << j;
 }
-
-TEST(Skew, RotateRasterLeavesSmallAnglesAlone) {
-    quarvel::skew::PageRaster r;
-    ASSERT_TRUE(r.Resize(5, 3));
-    for (std::uint32_t i = 0; i < r.size(); ++i) r.data()[i] = static_cast<std::uint8_t>(i * 17);
-    std::vector<std::uint8_t> before(r.data(), r.data() + r.size());
-    quarvel::skew::RotateRaster(r, 0.04, 2, 1);
-    EXPECT_TRUE(std::equal(before.begin(), before.end(), r.data()));
-    // A half turn about the centre of an odd-sized raster moves pixels (the
-    // degree constant is not exactly pi / 180, so bilinear weights may take
-    // one level off).
-    quarvel::skew::RotateRaster(r, 180, 2, 1);
-    EXPECT_NEAR(r.at(0, 0), before[14], 1);
-    EXPECT_NEAR(r.at(4, 2), before[0], 1);
-    EXPECT_NEAR(r.at(2, 1), before[7], 1);
-}
-
-TEST(Skew, ShearedProfileFollowsItsSlope) {
-    // A line rising one row per column sums into a single entry at slope 1.
-    quarvel::skew::PageRaster r;
-    ASSERT_TRUE(r.Resize(6, 6));
-    std::memset(r.data(), 0, r.size());
-    for (int x = 0; x < 6; ++x) r.data()[((x + 1) % 6) * 6 + x] = 10;
-    float profile[6];
-    quarvel::skew::ShearedRowProfile(r, RECT{0, 0, 6, 6}, profile, 1.0f);
-    int nonzero = 0;
-    for (float p : profile) nonzero += p != 0;
-    EXPECT_EQ(nonzero, 1);
-    // Rows requested above and below the raster read 0.
-    float tall[8];
-    quarvel::skew::ShearedRowProfile(r, RECT{0, -1, 6, 7}, tall, 0.0f);
-    EXPECT_EQ((std::vector<float>{tall[0], tall[7], tall[1]}), (std::vector<float>{0, 0, 10}));
-}
-
-// ---- Precision test -----------------------------------------------------------
 
 // A 300-dpi page with a frame of 3-pixel lines whose outer box is w x h.
 // A 3-pixel frame on a 1700 x 1700 page; `gap` display rows of its left side

@@ -1,5 +1,7 @@
 #include "support/pages.h"
 
+#include <gtest/gtest.h>
+
 #include <jpeglib.h>
 #include <png.h>
 
@@ -177,6 +179,18 @@ Block Copy(HGLOBAL h) {
     GlobalUnlock(h);
     GlobalUnlock(out.get());
     return out;
+}
+
+void ExpectMoved(HGLOBAL in, HGLOBAL out, const Move &to, const std::string &what) {
+    PageView a(in), b(out);
+    const int channels = a.bitCount() >= 24 ? a.bitCount() / 8 : 1;
+    for (int y = 0; y < a.height(); ++y)
+        for (int x = 0; x < a.width(); ++x) {
+            const auto [X, Y] = to(x, y);
+            if (X < 0 || X >= b.width() || Y < 0 || Y >= b.height()) continue;
+            for (int c = 0; c < channels; ++c)
+                ASSERT_EQ(b.get(X, Y, c), a.get(x, y, c)) << what << ", " << a.bitCount() << " bits: " << x << "," << y;
+        }
 }
 
 bool SamePixels(HGLOBAL a, HGLOBAL b) {

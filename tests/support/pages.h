@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -105,6 +106,11 @@ private:
 // A real scan from tests/data as a packed DIB: 1-bit (palette kept as the file
 // gives it), 8-bit gray or 24-bit colour. PNG and JPEG.
 Block LoadScan(const std::string &name);
+
+// Every pixel (x, y) of `in`, all channels, equals `out` at to(x, y)
+// wherever that lies on `out`; a failure names `what` and the pixel.
+using Move = std::function<std::pair<int, int>(int, int)>;
+void ExpectMoved(HGLOBAL in, HGLOBAL out, const Move &to, const std::string &what);
 
 // A new block holding the same bytes.
 Block Copy(HGLOBAL h);
