@@ -59,7 +59,7 @@ extern "C" {
 typedef struct QuarvelScanOptions {
     uint32_t size;            /* sizeof(QuarvelScanOptions) */
     uint32_t steps;           /* QUARVEL_CLEAN_* for QuarvelCleanPage */
-    int32_t dpi;              /* resolution to assume; 0: the page's own, else estimated from its size */
+    int32_t dpi;              /* resolution to assume; 0: the page's own tag, checked against its text's scale */
     double max_skew;          /* degrees searched either side of upright, up to 45; 0: 45 */
     double min_skew_confidence; /* deskew only at or above this confidence (0..1); default 0.5 */
     double min_orientation_confidence; /* turn only at or above this (0..1); default 0.6 */
@@ -81,7 +81,7 @@ typedef struct QuarvelPageReport {
     uint32_t size;            /* sizeof(QuarvelPageReport), set by the caller */
     int32_t usable;           /* 1: the page was read and every field below is set; 0: nothing below is */
     int32_t width, height;    /* page size in pixels */
-    int32_t dpi;              /* resolution used (the page's, the option's, or estimated) */
+    int32_t dpi;              /* resolution used (the option's, the tag, or from the text or page size) */
 
     double skew_angle;        /* degrees; positive: text lines fall toward the right as displayed (GetObliquity's sign) */
     double skew_confidence;   /* 0..1; low on pages without text lines */
