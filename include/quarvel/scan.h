@@ -51,6 +51,12 @@ extern "C" {
 #define QUARVEL_SIDE_RIGHT  0x4
 #define QUARVEL_SIDE_BOTTOM 0x8
 
+/* Where QuarvelPageReport.dpi came from. */
+#define QUARVEL_DPI_GIVEN 1 /* the dpi option */
+#define QUARVEL_DPI_TAG   2 /* the page's own resolution */
+#define QUARVEL_DPI_TEXT  3 /* the scale of the page's text (the tag or size it contradicted replaced) */
+#define QUARVEL_DPI_SIZE  4 /* the page's size, taken as a letter or A4 sheet */
+
 /* Content colour modes: what the content needs, whatever the file stores. */
 #define QUARVEL_MODE_BITONAL 1  /* black-and-white content on any paper tint */
 #define QUARVEL_MODE_GRAY    8  /* needs gray levels: photos, halftones, pencil */
@@ -101,6 +107,7 @@ typedef struct QuarvelPageReport {
     int32_t blank;            /* 1: no content worth keeping */
     double ink;               /* fraction of the sheet covered by content ink, 0..1 */
     int32_t mode;             /* QUARVEL_MODE_*; 0 when unusable */
+    int32_t dpi_source;       /* QUARVEL_DPI_*: where dpi came from */
 } QuarvelPageReport;
 
 /* QUARVEL_SCAN_VERSION of the library actually loaded. */

@@ -220,9 +220,14 @@ TEST(ScanResolution, WrongTagsGiveWayToTheText) {
         cv::Rect crop;
         int want;
         double tolerance;
+        int source;
     } cases[] = {
-        {150, 0, {}, 150, 0},        {72, 0, {}, 150, 0.25}, {600, 0, {}, 150, 0.25}, {0, 0, {}, 153, 0},
-        {0, 0, {100, 300, 600, 400}, 150, 0.25}, {72, 96, {}, 96, 0},
+        {150, 0, {}, 150, 0, QUARVEL_DPI_TAG},
+        {72, 0, {}, 150, 0.25, QUARVEL_DPI_TEXT},
+        {600, 0, {}, 150, 0.25, QUARVEL_DPI_TEXT},
+        {0, 0, {}, 153, 0, QUARVEL_DPI_SIZE},
+        {0, 0, {100, 300, 600, 400}, 150, 0.25, QUARVEL_DPI_TEXT},
+        {72, 96, {}, 96, 0, QUARVEL_DPI_GIVEN},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(testing::Message() << c.tag << " " << c.option << " " << c.crop);
@@ -233,5 +238,6 @@ TEST(ScanResolution, WrongTagsGiveWayToTheText) {
         const QuarvelPageReport r = Analyze(block.get(), &o);
         ASSERT_EQ(r.usable, 1);
         EXPECT_NEAR(r.dpi, c.want, c.want * c.tolerance);
+        EXPECT_EQ(r.dpi_source, c.source);
     }
 }
