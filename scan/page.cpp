@@ -181,24 +181,25 @@ double TextDpi(const ScanPage &p) {
 // Replaces a tag or size resolution the text contradicts (see the file's
 // header); true when p->dpi changed.
 bool CheckDpi(ScanPage *p) {
-    const double text = TextDpi(*p);
+    if (p->dpiSource != DpiSource::kTag && p->dpiSource != DpiSource::kSize) return false;
     const double longSide = std::max(p->width, p->height);
     const double size = EstimateDpi(p->width, p->height);
+    const bool tag = p->dpiSource == DpiSource::kTag;
+    const bool tooLong = tag && longSide / p->dpi > kMaxSheetInches;
+    const double lean = size / p->dpi;
+    // A tag its page size agrees with stands whatever the text says, so the
+    // text is not measured (a sheet scanned with its right tag costs nothing).
+    if (tag && !tooLong && lean < kSizeLean && lean * kSizeLean > 1.0) return false;
+    const double text = TextDpi(*p);
     const bool textSheet = text > 0 && longSide / text <= kMaxSheetInches;
     const double against = textSheet ? text / p->dpi : 1.0;
-    bool replace = false;
-    if (p->dpiSource == DpiSource::kTag) {
-        const double lean = size / p->dpi;
-        if (longSide / p->dpi > kMaxSheetInches) {
-            p->dpi = textSheet ? static_cast<int>(std::lround(text)) : static_cast<int>(size);
-            p->dpiSource = textSheet ? DpiSource::kText : DpiSource::kSize;
-            return true;
-        }
-        replace = (against >= kDisagreement && lean >= kSizeLean) ||
-                  (against * kDisagreement <= 1.0 && lean * kSizeLean <= 1.0);
-    } else if (p->dpiSource == DpiSource::kSize) {
-        replace = against >= kDisagreement || against * kDisagreement <= 1.0;
+    if (tooLong) {
+        p->dpi = textSheet ? static_cast<int>(std::lround(text)) : static_cast<int>(size);
+        p->dpiSource = textSheet ? DpiSource::kText : DpiSource::kSize;
+        return true;
     }
+    const bool up = against >= kDisagreement, down = against * kDisagreement <= 1.0;
+    const bool replace = tag ? (up && lean >= kSizeLean) || (down && lean * kSizeLean <= 1.0) : up || down;
     if (!replace) return false;
     p->dpi = std::clamp(static_cast<int>(std::lround(text)), 20, 10000);
     p->dpiSource = DpiSource::kText;
