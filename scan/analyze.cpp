@@ -42,6 +42,8 @@ void FillReport(const ScanPage &page, const Analysis &a, QuarvelPageReport *repo
     r.width = page.width;
     r.height = page.height;
     r.dpi = page.dpi;
+    constexpr int32_t kSources[] = {QUARVEL_DPI_GIVEN, QUARVEL_DPI_TAG, QUARVEL_DPI_TEXT, QUARVEL_DPI_SIZE};
+    r.dpi_source = kSources[static_cast<int>(page.dpiSource)];
     r.skew_angle = a.skew.angle;
     r.skew_confidence = a.skew.confidence;
     r.orientation = a.orientation.angle;

@@ -1,16 +1,31 @@
 // Decoding a page block into the layer's top-down gray and colour images, and
-// building result blocks from them.
+// building result blocks from them; and the resolution the analyses trust.
 //
 // Stored rows run bottom-up; each is decoded straight into the image row it
 // shows as (row height-1-y), so the page is read once. Palette pages go
 // through their table: gray tables give true gray levels whatever their
 // order, colour tables give colour. 16-bit rows are 5-5-5.
+//
+// Resolution: the option's always; else the header's (the tag) or, without
+// one, the size's (a letter or A4 sheet). Tags lie (72 or 96 dpi on a
+// 300-dpi scan, a crop keeping its 600-dpi tag), so the tag or size is
+// checked against the text's own scale, measured on the reduced page's ink:
+// the median height of letter-sized blobs by ink (or width, on pages whose
+// lines run down), which is about 1.9 mm for body text at any resolution
+// (x-height letters, ascenders and words weighing their pixels; 1.7 to 2.4
+// mm on the shared pages of known resolution). The text's resolution
+// replaces the tag when the tag makes the page longer than 18 inches, or
+// when the text disagrees with it by a factor of 2 or more and the page's
+// size, taken as a sheet, points the same way; it replaces the size when
+// they disagree by a factor of 2. A tag agreeing with its page size is kept
+// whatever the print size.
 #include "scan/page.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 #include <opencv2/imgproc.hpp>
 
@@ -68,43 +83,29 @@ cv::Mat Reduce(const cv::Mat &image, int f, bool bottomUp) {
     return out;
 }
 
-// Fills the reduced and coarse pages from the whole page in gray (CV_8UC1)
-// or colour (CV_8UC3 BGR, CV_8UC4 BGRA). Colour is reduced first and turned
-// to gray after, so the whole page is read once whichever way it came.
-void PrepareReduced(ScanPage *p, const cv::Mat &image, bool bottomUp) {
-    // About kReducedDpi, but never below 1000 pixels on the long side, so a
-    // small fragment tagged with a high resolution keeps its text lines,
-    // and never above kReducedMaxSide, so a large page tagged with a low
-    // resolution (or none) does not run the analyses at full size.
-    const int longSide = std::max(p->width, p->height);
-    int f = std::max(1, static_cast<int>(std::lround(p->dpi / static_cast<double>(kReducedDpi))));
+// Page pixels per reduced pixel: about kReducedDpi, but never below 1000
+// pixels on the long side, so a small fragment tagged with a high
+// resolution keeps its text lines, and never above kReducedMaxSide, so a
+// large page tagged with a low resolution (or none) does not run the
+// analyses at full size.
+int ReductionFor(const ScanPage &p) {
+    const int longSide = std::max(p.width, p.height);
+    int f = std::max(1, static_cast<int>(std::lround(p.dpi / static_cast<double>(kReducedDpi))));
     f = std::min(f, std::max(1, longSide / kReducedMinSide));
-    f = std::max(f, (longSide + kReducedMaxSide - 1) / kReducedMaxSide);
-    p->reduction = f;
-    // The coarse page, about kCoarseDpi: from the reduced page when its
-    // factor is a whole number of reduced pixels, else from the page again.
-    // (Never coarser than the page's short side: a tiny fragment keeps a pixel.)
-    const int F = std::clamp(static_cast<int>(std::lround(PaperDpi(*p) / kCoarseDpi)), 1,
-                             std::max(1, std::min(p->width, p->height)));
-    p->coarseReduction = F;
+    return std::max(f, (longSide + kReducedMaxSide - 1) / kReducedMaxSide);
+}
+
+// The reduced page by p->reduction (and its colour, BGR, for colour
+// sources) and its ink.
+void ReduceWithInk(ScanPage *p, const cv::Mat &image, bool bottomUp, cv::Mat *colour) {
+    const int f = p->reduction;
     if (image.channels() == 1) {
         p->reduced = Reduce(image, f, bottomUp);
-        p->coarse = F % f == 0 ? Reduce(p->reduced, F / f, false) : Reduce(image, F, bottomUp);
     } else {
-        const int bgr = image.channels() == 4 ? cv::COLOR_BGRA2BGR : -1;
-        cv::Mat colour = Reduce(image, f, bottomUp);
-        if (bgr >= 0) cv::cvtColor(colour, colour, bgr);
-        cv::cvtColor(colour, p->reduced, cv::COLOR_BGR2GRAY);
-        if (F % f == 0) {
-            p->coarseColor = Reduce(colour, F / f, false);
-        } else {
-            p->coarseColor = Reduce(image, F, bottomUp);
-            if (bgr >= 0) cv::cvtColor(p->coarseColor, p->coarseColor, bgr);
-        }
-        cv::cvtColor(p->coarseColor, p->coarse, cv::COLOR_BGR2GRAY);
+        *colour = Reduce(image, f, bottomUp);
+        if (image.channels() == 4) cv::cvtColor(*colour, *colour, cv::COLOR_BGRA2BGR);
+        cv::cvtColor(*colour, p->reduced, cv::COLOR_BGR2GRAY);
     }
-    const double mm = PaperDpi(*p) / 25.4 / p->coarseReduction;
-    p->coarsePaper = PaperLevel(p->coarse, std::max(2, static_cast<int>(mm)), static_cast<int>(6 * mm));
     const int rw = p->reduced.cols, rh = p->reduced.rows;
 
     // Paper level round each pixel: the brightest of ~7 mm cells, smoothed,
@@ -128,6 +129,118 @@ void PrepareReduced(ScanPage *p, const cv::Mat &image, bool bottomUp) {
     cv::threshold(flat, p->ink, t, 255, cv::THRESH_BINARY_INV);
 }
 
+constexpr double kLetterMm = 1.9;    // median letter-blob height of body text, by ink
+constexpr double kMaxSheetInches = 18.0;
+constexpr double kDisagreement = 2.0; // text against tag or size, either way
+constexpr double kSizeLean = 1.15;   // size against tag: beyond this it takes a side
+
+// The resolution the text on the reduced page implies (0 when there is too
+// little of it to tell): letter-sized blobs are those at least 3 reduced
+// pixels and at most an eighth of the page across, neither side over 15
+// times the other. Heights or widths, whichever spread less (words merge
+// along their lines, so the size across the lines is the steady one), must
+// have their quartiles within 50 % of their median, over 40 blobs at least.
+double TextDpi(const ScanPage &p) {
+    cv::Mat stats;
+    const int n = LabelBlobs(p.ink, nullptr, &stats);
+    const int largest = std::max(p.ink.rows, p.ink.cols) / 8;
+    std::vector<std::pair<int, int>> hs, ws;  // (size, area)
+    for (int i = 1; i < n; ++i) {
+        const int *b = stats.ptr<int>(i);
+        const int w = b[cv::CC_STAT_WIDTH], h = b[cv::CC_STAT_HEIGHT], a = b[cv::CC_STAT_AREA];
+        if (std::max(w, h) < 3 || std::max(w, h) > largest || w > 15 * h || h > 15 * w) continue;
+        hs.emplace_back(h, a);
+        ws.emplace_back(w, a);
+    }
+    constexpr std::size_t kMinLetters = 40;
+    if (hs.size() < kMinLetters) return 0;
+    // Quartiles and median by ink (each blob weighs its pixels, so a
+    // sprinkling of noise specks does not outvote the letters); returns the
+    // spread (q3 - q1) / median.
+    auto spread = [](std::vector<std::pair<int, int>> &v, double *median) {
+        std::sort(v.begin(), v.end());
+        std::int64_t total = 0;
+        for (const auto &e : v) total += e.second;
+        double q[3] = {0, 0, 0};
+        std::int64_t sum = 0;
+        int k = 0;
+        for (const auto &e : v) {
+            sum += e.second;
+            while (k < 3 && 4 * sum >= (k + 1) * total) q[k++] = e.first;
+        }
+        *median = q[1];
+        return (q[2] - q[0]) / q[1];
+    };
+    double mh = 0, mw = 0;
+    const double sh = spread(hs, &mh), sw = spread(ws, &mw);
+    const double size = sh <= sw ? mh : mw;
+    if (std::min(sh, sw) > 0.5) return 0;
+    return size * p.reduction * 25.4 / kLetterMm;
+}
+
+// Replaces a tag or size resolution the text contradicts (see the file's
+// header); true when p->dpi changed.
+bool CheckDpi(ScanPage *p) {
+    if (p->dpiSource != DpiSource::kTag && p->dpiSource != DpiSource::kSize) return false;
+    const double longSide = std::max(p->width, p->height);
+    const double size = EstimateDpi(p->width, p->height);
+    const bool tag = p->dpiSource == DpiSource::kTag;
+    const bool tooLong = tag && longSide / p->dpi > kMaxSheetInches;
+    const double lean = size / p->dpi;
+    // A tag its page size agrees with stands whatever the text says, so the
+    // text is not measured (a sheet scanned with its right tag costs nothing).
+    if (tag && !tooLong && lean < kSizeLean && lean * kSizeLean > 1.0) return false;
+    const double text = TextDpi(*p);
+    const bool textSheet = text > 0 && longSide / text <= kMaxSheetInches;
+    const double against = textSheet ? text / p->dpi : 1.0;
+    if (tooLong) {
+        p->dpi = textSheet ? static_cast<int>(std::lround(text)) : static_cast<int>(size);
+        p->dpiSource = textSheet ? DpiSource::kText : DpiSource::kSize;
+        return true;
+    }
+    const bool up = against >= kDisagreement, down = against * kDisagreement <= 1.0;
+    const bool replace = tag ? (up && lean >= kSizeLean) || (down && lean * kSizeLean <= 1.0) : up || down;
+    if (!replace) return false;
+    p->dpi = std::clamp(static_cast<int>(std::lround(text)), 20, 10000);
+    p->dpiSource = DpiSource::kText;
+    return true;
+}
+
+// Fills the reduced and coarse pages from the whole page in gray (CV_8UC1)
+// or colour (CV_8UC3 BGR, CV_8UC4 BGRA). Colour is reduced first and turned
+// to gray after, so the whole page is read once whichever way it came; it
+// is read again only when the text changes the resolution enough to change
+// the reduction.
+void PrepareReduced(ScanPage *p, const cv::Mat &image, bool bottomUp) {
+    p->reduction = ReductionFor(*p);
+    cv::Mat colour;
+    ReduceWithInk(p, image, bottomUp, &colour);
+    if (!p->dpiKnown && CheckDpi(p) && ReductionFor(*p) != p->reduction) {
+        p->reduction = ReductionFor(*p);
+        ReduceWithInk(p, image, bottomUp, &colour);
+    }
+    const int f = p->reduction;
+    // The coarse page, about kCoarseDpi: from the reduced page when its
+    // factor is a whole number of reduced pixels, else from the page again.
+    // (Never coarser than the page's short side: a tiny fragment keeps a pixel.)
+    const int F = std::clamp(static_cast<int>(std::lround(PaperDpi(*p) / kCoarseDpi)), 1,
+                             std::max(1, std::min(p->width, p->height)));
+    p->coarseReduction = F;
+    if (image.channels() == 1) {
+        p->coarse = F % f == 0 ? Reduce(p->reduced, F / f, false) : Reduce(image, F, bottomUp);
+    } else {
+        if (F % f == 0) {
+            p->coarseColor = Reduce(colour, F / f, false);
+        } else {
+            p->coarseColor = Reduce(image, F, bottomUp);
+            if (image.channels() == 4) cv::cvtColor(p->coarseColor, p->coarseColor, cv::COLOR_BGRA2BGR);
+        }
+        cv::cvtColor(p->coarseColor, p->coarse, cv::COLOR_BGR2GRAY);
+    }
+    const double mm = PaperDpi(*p) / 25.4 / p->coarseReduction;
+    p->coarsePaper = PaperLevel(p->coarse, std::max(2, static_cast<int>(mm)), static_cast<int>(6 * mm));
+}
+
 }  // namespace
 
 bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page, ScanRead read) {
@@ -148,11 +261,13 @@ bool LoadScanPage(HGLOBAL h, int dpiOverride, ScanPage *page, ScanRead read) {
     if (dpiOverride > 0) {
         p.dpi = std::min(dpiOverride, 10000);
         p.dpiKnown = true;
+        p.dpiSource = DpiSource::kGiven;
     } else if (headerDpi > 0) {
         p.dpi = headerDpi;
-        p.dpiKnown = true;
+        p.dpiSource = DpiSource::kTag;
     } else {
         p.dpi = EstimateDpi(w, ht);
+        p.dpiSource = DpiSource::kSize;
     }
 
     // Palette: up to 256 entries; indices past the table read as gray levels.

@@ -18,14 +18,21 @@ namespace quarvel::scan {
 // about 70 million); the decoded copies cost 4 bytes per pixel at most.
 constexpr std::int64_t kMaxScanPixels = std::int64_t{1} << 28;
 
+enum class DpiSource { kGiven, kTag, kText, kSize };
+
 struct ScanPage {
     int width = 0;
     int height = 0;
     int bits = 0;            // stored depth: 1, 4, 8, 16, 24 or 32
     bool colorSource = false; // stored as colour (24/32 bits, or a palette with any non-gray entry)
     bool bitonalSource = false; // 1-bit page, or a palette of two entries
-    int dpi = 0;             // the option's, the page's own, or estimated from the size
-    bool dpiKnown = false;   // the option or the page gave it
+    // The resolution the analyses size their windows by, and where it came
+    // from: the option, the page's tag, the text's scale or the page's size
+    // (scan/page.cpp). A page marked dpiKnown keeps its dpi as it is; any
+    // other is checked against its text when the reduced page is made.
+    int dpi = 0;
+    bool dpiKnown = false;
+    DpiSource dpiSource = DpiSource::kGiven;
     // Whole page (only when read with kReadWhole): CV_8UC1, row 0 = top as
     // displayed, 255 = white paper; CV_8UC3 BGR, empty unless colorSource.
     cv::Mat gray;
@@ -60,7 +67,8 @@ constexpr int kReducedMaxSide = 2400;
 constexpr double kCoarseDpi = 75.0;
 
 // Fills reduction, reduced, ink and the coarse pages from page->color
-// (colour sources) or page->gray.
+// (colour sources) or page->gray; unless page->dpiKnown, first checks
+// page->dpi against the text (which may change dpi and dpiSource).
 void PrepareReduced(ScanPage *page);
 
 // What LoadScanPage makes: the reduced and coarse pages every analysis

@@ -282,8 +282,9 @@ Unpaper RunUnpaper(const qtool::Page &page) {
 }
 
 // The gray page turned counter-clockwise (as displayed) q quarter turns, as
-// an 8-bit gray page.
-qtool::Page TurnedGray(const Gray &g, int q) {
+// an 8-bit gray page carrying the original's resolution (x and y swapped on
+// odd turns), so turn 0 is the page as the user stored it, tag and all.
+qtool::Page TurnedGray(const Gray &g, int q, HGLOBAL original) {
     Gray t = g;
     for (int i = 0; i < q; ++i) {
         Gray n;
@@ -297,6 +298,11 @@ qtool::Page TurnedGray(const Gray &g, int q) {
     qtool::Page page = qtool::NewPage(t.w, t.h, 8, qtool::GrayTable());
     auto *b = static_cast<std::uint8_t *>(GlobalLock(page.get()));
     auto *h = reinterpret_cast<BITMAPINFOHEADER *>(b);
+    if (const auto *o = static_cast<const BITMAPINFOHEADER *>(GlobalLock(original))) {
+        h->biXPelsPerMeter = q % 2 ? o->biYPelsPerMeter : o->biXPelsPerMeter;
+        h->biYPelsPerMeter = q % 2 ? o->biXPelsPerMeter : o->biYPelsPerMeter;
+        GlobalUnlock(original);
+    }
     std::uint8_t *rows = b + h->biSize + 4 * 256;
     const std::size_t stride = (static_cast<std::size_t>(t.w) + 3) / 4 * 4;
     for (int y = 0; y < t.h; ++y) std::memcpy(rows + stride * (t.h - 1 - y), &t.px[static_cast<std::size_t>(y) * t.w], t.w);
@@ -386,7 +392,7 @@ int main(int argc, char **argv) {
         if (t.text) {
             turns.clear();
             for (int q = 0; q < 4; ++q) {
-                const qtool::Page turned = TurnedGray(gray, q);
+                const qtool::Page turned = TurnedGray(gray, q, page);
                 QuarvelPageReport tr{};
                 tr.size = sizeof tr;
                 QuarvelAnalyzePage(turned.get(), nullptr, &tr);

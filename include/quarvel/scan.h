@@ -51,6 +51,12 @@ extern "C" {
 #define QUARVEL_SIDE_RIGHT  0x4
 #define QUARVEL_SIDE_BOTTOM 0x8
 
+/* Where QuarvelPageReport.dpi came from. */
+#define QUARVEL_DPI_GIVEN 1 /* the dpi option */
+#define QUARVEL_DPI_TAG   2 /* the page's own resolution */
+#define QUARVEL_DPI_TEXT  3 /* the scale of the page's text (the tag or size it contradicted replaced) */
+#define QUARVEL_DPI_SIZE  4 /* the page's size, taken as a letter or A4 sheet */
+
 /* Content colour modes: what the content needs, whatever the file stores. */
 #define QUARVEL_MODE_BITONAL 1  /* black-and-white content on any paper tint */
 #define QUARVEL_MODE_GRAY    8  /* needs gray levels: photos, halftones, pencil */
@@ -59,7 +65,7 @@ extern "C" {
 typedef struct QuarvelScanOptions {
     uint32_t size;            /* sizeof(QuarvelScanOptions) */
     uint32_t steps;           /* QUARVEL_CLEAN_* for QuarvelCleanPage */
-    int32_t dpi;              /* resolution to assume; 0: the page's own, else estimated from its size */
+    int32_t dpi;              /* resolution to assume; 0: the page's own tag, checked against its text's scale */
     double max_skew;          /* degrees searched either side of upright, up to 45; 0: 45 */
     double min_skew_confidence; /* deskew only at or above this confidence (0..1); default 0.5 */
     double min_orientation_confidence; /* turn only at or above this (0..1); default 0.6 */
@@ -81,7 +87,7 @@ typedef struct QuarvelPageReport {
     uint32_t size;            /* sizeof(QuarvelPageReport), set by the caller */
     int32_t usable;           /* 1: the page was read and every field below is set; 0: nothing below is */
     int32_t width, height;    /* page size in pixels */
-    int32_t dpi;              /* resolution used (the page's, the option's, or estimated) */
+    int32_t dpi;              /* resolution used (the option's, the tag, or from the text or page size) */
 
     double skew_angle;        /* degrees; positive: text lines fall toward the right as displayed (GetObliquity's sign) */
     double skew_confidence;   /* 0..1; low on pages without text lines */
@@ -101,6 +107,7 @@ typedef struct QuarvelPageReport {
     int32_t blank;            /* 1: no content worth keeping */
     double ink;               /* fraction of the sheet covered by content ink, 0..1 */
     int32_t mode;             /* QUARVEL_MODE_*; 0 when unusable */
+    int32_t dpi_source;       /* QUARVEL_DPI_*: where dpi came from */
 } QuarvelPageReport;
 
 /* QUARVEL_SCAN_VERSION of the library actually loaded. */

@@ -156,6 +156,8 @@ py::dict Report(const QuarvelPageReport &r) {
     d["width"] = r.width;
     d["height"] = r.height;
     d["dpi"] = r.dpi;
+    const char *sources[] = {"", "given", "tag", "text", "size"};
+    d["dpi_source"] = sources[r.dpi_source >= 0 && r.dpi_source <= 4 ? r.dpi_source : 0];
     py::dict skew, orientation, sheet, blank;
     skew["angle"] = r.skew_angle, skew["confidence"] = r.skew_confidence;
     orientation["angle"] = r.orientation, orientation["confidence"] = r.orientation_confidence;

@@ -189,3 +189,45 @@ TEST(ScanAnalyze, RefusesBadInputAndHonoursRecordSize) {
 }
 
 }  // namespace
+
+// The resolution used for a drawn A4 page at 150 dpi (body text of about
+// 1.8 mm letters) as tagged: a right tag is kept exactly; 72 (the page 24
+// inches long) and 600 (the text's letters under 0.5 mm) give way to the
+// text's; no tag gives the size's; a fragment with no tag, which the size
+// would put at 52 dpi, takes the text's. An explicit option always wins.
+TEST(ScanResolution, WrongTagsGiveWayToTheText) {
+    // Letters drawn one by one, 2 pixels apart, so they stay apart as print does.
+    cv::Mat page(1754, 1240, CV_8UC1, cv::Scalar(235));
+    const std::string text = "the which held a black table field of and built kind light hill by its more ";
+    for (int y = 180, k = 0; y < 1600; y += 30)
+        for (int x = 140; x < 1080; ++k) {
+            const std::string ch(1, text[static_cast<std::size_t>(k) % text.size()]);
+            cv::putText(page, ch, cv::Point(x, y), cv::FONT_HERSHEY_SIMPLEX, 0.55, cv::Scalar(20), 1, cv::LINE_AA);
+            x += cv::getTextSize(ch, cv::FONT_HERSHEY_SIMPLEX, 0.55, 1, nullptr).width + 2;
+        }
+    const struct {
+        int tag, option;
+        cv::Rect crop;
+        int want;
+        double tolerance;
+        int source;
+    } cases[] = {
+        {150, 0, {}, 150, 0, QUARVEL_DPI_TAG},
+        {72, 0, {}, 150, 0.25, QUARVEL_DPI_TEXT},
+        {600, 0, {}, 150, 0.25, QUARVEL_DPI_TEXT},
+        {0, 0, {}, 153, 0, QUARVEL_DPI_SIZE},
+        {0, 0, {100, 300, 600, 400}, 150, 0.25, QUARVEL_DPI_TEXT},
+        {72, 96, {}, 96, 0, QUARVEL_DPI_GIVEN},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.tag << " " << c.option << " " << c.crop);
+        const Block block = PageFromMat(c.crop.empty() ? page : page(c.crop), c.tag);
+        QuarvelScanOptions o;
+        QuarvelDefaultOptions(&o);
+        o.dpi = c.option;
+        const QuarvelPageReport r = Analyze(block.get(), &o);
+        ASSERT_EQ(r.usable, 1);
+        EXPECT_NEAR(r.dpi, c.want, c.want * c.tolerance);
+        EXPECT_EQ(r.dpi_source, c.source);
+    }
+}

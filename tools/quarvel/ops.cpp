@@ -454,6 +454,20 @@ QuarvelScanOptions ScanOptionsOf(const Op &op, const Values &v) {
     return o;
 }
 
+namespace {
+
+const char *DpiSourceName(int source) {
+    switch (source) {
+        case QUARVEL_DPI_GIVEN: return "given";
+        case QUARVEL_DPI_TAG: return "tag";
+        case QUARVEL_DPI_TEXT: return "text";
+        case QUARVEL_DPI_SIZE: return "size";
+        default: return "";
+    }
+}
+
+}  // namespace
+
 Measure DescribeReport(const QuarvelPageReport &r) {
     using nlohmann::ordered_json;
     auto box = [](const RECT &b) { return ordered_json::array({b.left, b.top, b.right, b.bottom}); };
@@ -471,6 +485,7 @@ Measure DescribeReport(const QuarvelPageReport &r) {
     const ordered_json j = {{"width", r.width},
                             {"height", r.height},
                             {"dpi", r.dpi},
+                            {"dpi_source", DpiSourceName(r.dpi_source)},
                             {"skew", {{"angle", r.skew_angle}, {"confidence", r.skew_confidence}}},
                             {"orientation", {{"angle", r.orientation}, {"confidence", r.orientation_confidence}}},
                             {"sheet", {{"box", box(r.sheet)}, {"frame", r.frame_sides != 0}, {"sides", sides}}},
