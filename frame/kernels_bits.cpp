@@ -86,7 +86,21 @@ __attribute__((always_inline)) inline void Store(std::uint8_t *p, T v) {
     std::memcpy(p, &v, sizeof v);
 }
 
-// The operations, each over any of the widths.
+using V32 = std::uint8_t __attribute__((vector_size(32)));
+using V16 = std::uint8_t __attribute__((vector_size(16)));
+
+// 32-byte loads and stores, compiled for AVX2 like their callers: a 32-byte
+// vector may only pass between functions that both have AVX (Clang refuses
+// the call otherwise).
+__attribute__((target("avx2"), always_inline)) inline V32 Load32(const std::uint8_t *p) {
+    V32 v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+__attribute__((target("avx2"), always_inline)) inline void Store32(std::uint8_t *p, V32 v) { std::memcpy(p, &v, sizeof v); }
+
+// The operations, each over any of the widths; the 32-byte form for AVX2.
 template <Logic L>
 struct Op {
     template <class T>
@@ -97,10 +111,14 @@ struct Op {
         if constexpr (L == Logic::kOr) return a | b;
         if constexpr (L == Logic::kAndNot) return a & ~b;
     }
+    __attribute__((target("avx2"), always_inline)) V32 operator()(V32 a, V32 b) const {
+        if constexpr (L == Logic::kCopy) return a;
+        if constexpr (L == Logic::kNot) return ~a;
+        if constexpr (L == Logic::kAnd) return a & b;
+        if constexpr (L == Logic::kOr) return a | b;
+        if constexpr (L == Logic::kAndNot) return a & ~b;
+    }
 };
-
-using V32 = std::uint8_t __attribute__((vector_size(32)));
-using V16 = std::uint8_t __attribute__((vector_size(16)));
 
 // The steps after the blocks: at most one of 16, 8 and 4 bytes, then bytes.
 template <class F>
@@ -122,15 +140,15 @@ __attribute__((target("avx2"))) void RowsAvx2(const BitRows &r, F f) {
         std::uint8_t *d = r.d + static_cast<std::ptrdiff_t>(y) * r.dstStride;
         std::size_t i = 0;
         for (; i + 64 <= nb; i += 64) {
-            const V32 u = f(Load<V32>(a + i), Load<V32>(b + i)), v = f(Load<V32>(a + i + 32), Load<V32>(b + i + 32));
-            Store(d + i, u);
-            Store(d + i + 32, v);
+            const V32 u = f(Load32(a + i), Load32(b + i)), v = f(Load32(a + i + 32), Load32(b + i + 32));
+            Store32(d + i, u);
+            Store32(d + i + 32, v);
         }
-        if (i + 32 <= nb) Store(d + i, f(Load<V32>(a + i), Load<V32>(b + i))), i += 32;
+        if (i + 32 <= nb) Store32(d + i, f(Load32(a + i), Load32(b + i))), i += 32;
         // The last bytes as one block overlapping the one before, which
         // rewrites those bytes with the same values, unless d is a source.
         if (i < nb && nb >= 32 && d != a && d != b)
-            Store(d + nb - 32, f(Load<V32>(a + nb - 32), Load<V32>(b + nb - 32)));
+            Store32(d + nb - 32, f(Load32(a + nb - 32), Load32(b + nb - 32)));
         else
             Tail(a, b, d, i, nb, f);
         ClearRowTail(d, r.w, r.dstStride);
@@ -194,7 +212,7 @@ __attribute__((target("avx2"))) void AndRowsBackAvx2(std::uint8_t *a, std::ptrdi
 // overlapping the one before. Returns the bytes done.
 template <bool Minimum>
 __attribute__((target("avx2"), always_inline)) inline V32 Combine32(const std::uint8_t *p, const std::uint8_t *q) {
-    const V32 u = Load<V32>(p), v = Load<V32>(q);
+    const V32 u = Load32(p), v = Load32(q);
     return Minimum ? u & v : u | v;
 }
 
@@ -208,7 +226,7 @@ __attribute__((target("avx2"))) int Filter2x2Avx2(const std::uint8_t *a, const s
         const __m256i ti = reinterpret_cast<__m256i>(t), li = reinterpret_cast<__m256i>(later);
         const V32 next = reinterpret_cast<V32>(_mm256_alignr_epi8(_mm256_permute2x128_si256(ti, li, 0x21), ti, 1));
         const V32 shifted = (t + t) | (next >> 7);
-        Store(d + i, Minimum ? t & shifted : t | shifted);
+        Store32(d + i, Minimum ? t & shifted : t | shifted);
         t = later;
     }
     for (;; i += 32) {
@@ -216,7 +234,7 @@ __attribute__((target("avx2"))) int Filter2x2Avx2(const std::uint8_t *a, const s
         if (last) i = nb - 33;
         const V32 u = Combine32<Minimum>(a + i, b + i), next = Combine32<Minimum>(a + i + 1, b + i + 1);
         const V32 shifted = (u + u) | (next >> 7);
-        Store(d + i, Minimum ? u & shifted : u | shifted);
+        Store32(d + i, Minimum ? u & shifted : u | shifted);
         if (last) return nb - 1;
     }
 }
