@@ -44,7 +44,9 @@ void RunOnPage(benchmark::State &state, F f) {
 
 void BM_ScanFindHoles(benchmark::State &state) {
     RunOnPage(state, [](const ScanPage &p) {
-        benchmark::DoNotOptimize(FindHoles(p, Sheet{cv::Rect(0, 0, p.width, p.height), 0}));
+        Sheet sheet;
+        sheet.box = cv::Rect(0, 0, p.width, p.height);
+        benchmark::DoNotOptimize(FindHoles(p, sheet));
     });
 }
 BENCHMARK(BM_ScanFindHoles)->Arg(8)->Arg(24)->Unit(benchmark::kMillisecond);

@@ -679,7 +679,7 @@ void ColourToGrayRow(const std::uint8_t *src, std::uint8_t *dst, int n, int bpp,
         const int b = src[0], g = src[1], r = src[2];
         const bool red = (redDelta > 0) & (r >= 60) & (r - std::max(g, b) >= redDelta);
         const bool blue = (blueDelta > 0) & (b >= 60) & (b - std::max(g, r) >= blueDelta);
-        dst[x] = red | blue ? 0 : Gray(b, g, r);
+        dst[x] = (red || blue) ? 0 : Gray(b, g, r);
     }
 }
 
