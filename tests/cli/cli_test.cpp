@@ -517,10 +517,6 @@ TEST(Tool, DemoMeasuresItsOwnSkew) {
     EXPECT_GE(report.scans[1].confidence, 0.5);
     EXPECT_EQ(report.scans[2].mode, 24);
     for (const DemoScan &s : report.scans) EXPECT_FALSE(s.blank) << s.file;
-    DemoReport bare;
-    ASSERT_EQ(RunDemo(dir / "bare", &bare, true, dir / "no-such-folder"), 0);
-    EXPECT_TRUE(bare.scans.empty());
-    EXPECT_TRUE(fs::exists(fs::path(dir / "bare") / "overview.png"));
 }
 
 TEST(Docs, ManPageListsEveryOperation) {
