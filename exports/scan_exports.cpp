@@ -56,6 +56,7 @@ HGLOBAL QUARVEL_CALL QuarvelBinarizePage(HGLOBAL page, const QuarvelScanOptions 
         const QuarvelScanOptions o = scan::ResolveOptions(options);
         scan::ScanPage p;
         if (!scan::LoadScanPage(page, o.dpi, &p, scan::kReadWhole)) return nullptr;
+        if (scan::DpiWantsText(p)) scan::PrepareReduced(&p);  // a doubtful resolution checked against the text
         return scan::MakeBitonalPage(scan::Binarize(p.gray, o.binarize_method, o.binarize_window, o.binarize_k, p.dpi), p);
     });
 }

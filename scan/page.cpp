@@ -178,18 +178,29 @@ double TextDpi(const ScanPage &p) {
     return size * p.reduction * 25.4 / kLetterMm;
 }
 
+}  // namespace
+
+bool DpiWantsText(const ScanPage &p) {
+    if (p.dpiKnown || (p.dpiSource != DpiSource::kTag && p.dpiSource != DpiSource::kSize)) return false;
+    if (p.dpiSource == DpiSource::kSize) return true;
+    // A tag its page size agrees with stands whatever the text says, so the
+    // text is not measured (a sheet scanned with its right tag costs nothing).
+    const double lean = EstimateDpi(p.width, p.height) / static_cast<double>(p.dpi);
+    const bool tooLong = std::max(p.width, p.height) / static_cast<double>(p.dpi) > kMaxSheetInches;
+    return tooLong || lean >= kSizeLean || lean * kSizeLean <= 1.0;
+}
+
+namespace {
+
 // Replaces a tag or size resolution the text contradicts (see the file's
 // header); true when p->dpi changed.
 bool CheckDpi(ScanPage *p) {
-    if (p->dpiSource != DpiSource::kTag && p->dpiSource != DpiSource::kSize) return false;
+    if (!DpiWantsText(*p)) return false;
     const double longSide = std::max(p->width, p->height);
     const double size = EstimateDpi(p->width, p->height);
     const bool tag = p->dpiSource == DpiSource::kTag;
     const bool tooLong = tag && longSide / p->dpi > kMaxSheetInches;
     const double lean = size / p->dpi;
-    // A tag its page size agrees with stands whatever the text says, so the
-    // text is not measured (a sheet scanned with its right tag costs nothing).
-    if (tag && !tooLong && lean < kSizeLean && lean * kSizeLean > 1.0) return false;
     const double text = TextDpi(*p);
     const bool textSheet = text > 0 && longSide / text <= kMaxSheetInches;
     const double against = textSheet ? text / p->dpi : 1.0;

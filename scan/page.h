@@ -71,6 +71,12 @@ constexpr double kCoarseDpi = 75.0;
 // page->dpi against the text (which may change dpi and dpiSource).
 void PrepareReduced(ScanPage *page);
 
+// Whether PrepareReduced would measure the text to check page.dpi: an
+// untagged page, or a tag that makes the page too long or that its size
+// disagrees with. A caller that reads only the whole page calls
+// PrepareReduced first when this holds.
+bool DpiWantsText(const ScanPage &page);
+
 // What LoadScanPage makes: the reduced and coarse pages every analysis
 // reads, the whole page (gray, and color for colour sources) that cleaning
 // and binarisation change, or both.

@@ -230,4 +230,25 @@ TEST(ScanResolution, WrongTagsGiveWayToTheText) {
         EXPECT_NEAR(r.dpi, c.want, c.want * c.tolerance);
         EXPECT_EQ(r.dpi_source, c.source);
     }
+    // A 150-dpi scan tagged 30 (a 58-inch page): binarisation's window
+    // follows the resolution the analysis settles on, not the tag.
+    const Block real = LoadScan("deskew-2.png");
+    auto *h = static_cast<BITMAPINFOHEADER *>(GlobalLock(real.get()));
+    h->biXPelsPerMeter = h->biYPelsPerMeter = 1181;
+    GlobalUnlock(real.get());
+    const QuarvelPageReport r = Analyze(real.get());
+    ASSERT_NE(r.dpi_source, QUARVEL_DPI_TAG);
+    QuarvelScanOptions o;
+    QuarvelDefaultOptions(&o);
+    std::vector<std::uint8_t> bytes[3];
+    for (const int dpi : {0, r.dpi, 30}) {
+        o.dpi = dpi;
+        const Block b(QuarvelBinarizePage(real.get(), &o));
+        ASSERT_TRUE(b);
+        const auto *p = static_cast<const std::uint8_t *>(GlobalLock(b.get()));
+        bytes[dpi == 0 ? 0 : dpi == 30 ? 2 : 1].assign(p, p + GlobalSize(b.get()));
+        GlobalUnlock(b.get());
+    }
+    EXPECT_TRUE(bytes[0] == bytes[1]);
+    EXPECT_FALSE(bytes[0] == bytes[2]);
 }
