@@ -56,21 +56,26 @@ void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d,
 void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *d, std::ptrdiff_t strideD, int x, int w,
                    int count, bool minimum);
 
-// Clears the bits of a row of `stride` bytes past its first w pixels: the
-// rest of the byte holding pixel w - 1 and the bytes after it.
-inline void ClearRowTail(std::uint8_t *row, int w, int stride) {
-    int j = w >> 3;
-    if ((w & 7) != 0) row[j] &= static_cast<std::uint8_t>(0xFF00u >> (w & 7)), ++j;
-    // At most 4 bytes on a DIB row: plain stores, not a memset call per row.
-    std::uint8_t *p = row + j;
-    switch (stride - j) {
+// Clears a row's padding, n bytes at p: at most 4 on a DIB row, so plain
+// stores, not a memset call per row (which costs more than a 1-bit row's
+// copy).
+inline void ZeroPadding(std::uint8_t *p, std::size_t n) {
+    switch (n) {
         case 4: p[3] = 0; [[fallthrough]];
         case 3: p[2] = 0; [[fallthrough]];
         case 2: p[1] = 0; [[fallthrough]];
         case 1: p[0] = 0; [[fallthrough]];
         case 0: break;
-        default: std::memset(p, 0, static_cast<std::size_t>(stride - j));
+        default: std::memset(p, 0, n);
     }
+}
+
+// Clears the bits of a row of `stride` bytes past its first w pixels: the
+// rest of the byte holding pixel w - 1 and the bytes after it.
+inline void ClearRowTail(std::uint8_t *row, int w, int stride) {
+    int j = w >> 3;
+    if ((w & 7) != 0) row[j] &= static_cast<std::uint8_t>(0xFF00u >> (w & 7)), ++j;
+    ZeroPadding(row + j, static_cast<std::size_t>(stride - j));
 }
 
 namespace plain {

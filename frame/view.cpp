@@ -1,5 +1,6 @@
 #include "frame/view.h"
 
+#include "frame/kernels_bits.h"
 #include "platform/global_memory.h"
 
 #include <cstring>
@@ -33,23 +34,6 @@ bool ResultBlock::Open(std::size_t size, bool zeroed) {
     return data_ != nullptr;
 }
 
-namespace {
-
-// A row's padding (at most 4 bytes with the partial byte) cleared with
-// plain stores: a memset call per row costs more than the row's copy on a
-// 1-bit page.
-inline void ZeroPadding(std::uint8_t *p, std::size_t n) {
-    switch (n) {
-        case 4: p[3] = 0; [[fallthrough]];
-        case 3: p[2] = 0; [[fallthrough]];
-        case 2: p[1] = 0; [[fallthrough]];
-        case 1: p[0] = 0; break;
-        default: std::memset(p, 0, n);
-    }
-}
-
-}  // namespace
-
 ResultBlock ResultBlock::CopiedHeader(const LockedDib &in, bool pixelsWritten) {
     return CopiedHeader(in, pixelsWritten ? ResultRows::kPaddingZeroed : ResultRows::kZeroed);
 }
@@ -67,7 +51,7 @@ ResultBlock ResultBlock::CopiedHeader(const LockedDib &in, ResultRows rows) {
         const std::size_t used = static_cast<std::size_t>(in.width()) * static_cast<std::size_t>(in.bitCount()) / 8;
         std::uint8_t *first = out.data_ + in.prefixSize();
         if (used < stride && rows == ResultRows::kPaddingZeroed)
-            for (int y = 0; y < in.height(); ++y) ZeroPadding(first + y * stride + used, stride - used);
+            for (int y = 0; y < in.height(); ++y) kernels::ZeroPadding(first + y * stride + used, stride - used);
         const std::size_t end = in.prefixSize() + in.imageSize();
         std::memset(out.data_ + end, 0, in.blockSize() - end);
     }
@@ -104,7 +88,7 @@ ResultBlock ResultBlock::Rewritten(const LockedDib &in, PixelFormat format, int 
         const std::size_t stride = static_cast<std::size_t>(probe->widthStep);
         const std::size_t used = static_cast<std::size_t>(width) * static_cast<std::size_t>(Traits(format).bitCount) / 8;
         if (used < stride && rows == ResultRows::kPaddingZeroed)
-            for (int y = 0; y < height; ++y) ZeroPadding(out.data_ + prefix + y * stride + used, stride - used);
+            for (int y = 0; y < height; ++y) kernels::ZeroPadding(out.data_ + prefix + y * stride + used, stride - used);
     }
     std::memcpy(out.data_, in.block(), table == NewTable::kKeep ? in.prefixSize() : kHeaderSize);
     BITMAPINFOHEADER *h = out.header();
