@@ -62,25 +62,11 @@ void iplOr(IplImage *src1, IplImage *src2, IplImage *dst) {
 
 void iplGreater(IplImage *srcA, IplImage *srcB, IplImage *dst) {
     if (srcA == nullptr || srcB == nullptr || dst == nullptr || !SameFormat(*srcA, *srcB)) return;
-    if (FormatOf(*dst) != PixelFormat::kBitonal) return;
+    // 1-bit pages compare in whole rows (a & ~b) through the page kernels.
+    if (FormatOf(*dst) != PixelFormat::kBitonal || FormatOf(*srcA) == PixelFormat::kBitonal) return;
     Region ra, rb, rd;
     if (!CommonRegions(*srcA, *srcB, *dst, &ra, &rb, &rd)) return;
-    if (FormatOf(*srcA) == PixelFormat::kBitonal) {
-        const bool aligned = ((ra.x | rb.x | rd.x) & 7) == 0;
-        for (int i = 0; i < ra.height; ++i) {
-            std::uint8_t *d = RowOf(*dst, rd.y + i);
-            if (aligned) {
-                bits::CombineInPhase(RowOf(*srcA, ra.y + i) + (ra.x >> 3), RowOf(*srcB, rb.y + i) + (rb.x >> 3),
-                                     d + (rd.x >> 3), 0, ra.width, [](auto a, auto b) { return static_cast<decltype(a)>(a & ~b); });
-                continue;
-            }
-            bits::Copy(RowOf(*srcA, ra.y + i), ra.x, d, rd.x, ra.width);
-            bits::ApplyRow(RowOf(*srcB, rb.y + i), rb.x, d, rd.x, ra.width,
-                           [](std::uint8_t a, std::uint8_t b) { return static_cast<std::uint8_t>(a & ~b); });
-        }
-        return;
-    }
-    // Deeper images: a pixel is greater when any of its channels is.
+    // A pixel is greater when any of its channels is.
     const int bpp = Traits(FormatOf(*srcA)).bytesPerPixel;
     const int channels = std::min(bpp, 3);
     for (int i = 0; i < ra.height; ++i) {
