@@ -20,6 +20,7 @@
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
+#include "frame/area_reduce.h"
 #include "frame/bits.h"
 #include "frame/ipl.h"
 #include "frame/ipl_mat.h"
@@ -108,6 +109,22 @@ void iplResize(IplImage *src, IplImage *dst, int xDst, int xSrc, int yDst, int y
             ReduceBitonalCells(*src, rs, *dst, rd, fx, fy, w, h);
             return;
         }
+        if (mode == cv::INTER_AREA && AreaReduceCovers(rs.width, rs.height, static_cast<int>(outW), static_cast<int>(outH))) {
+            AreaSource bitsIn;
+            bitsIn.data = RowOf(*src, rs.y);
+            bitsIn.step = src->widthStep;
+            bitsIn.width = rs.width;
+            bitsIn.height = rs.height;
+            bitsIn.bitX = rs.x;
+            std::vector<std::uint8_t> levels(static_cast<std::size_t>(w) * h);
+            if (AreaReduce(bitsIn, static_cast<int>(outW), static_cast<int>(outH), levels.data(), w, w, h)) {
+                for (int y = 0; y < h; ++y) {
+                    std::uint8_t *row = RowOf(*dst, rd.y + y);
+                    for (int x = 0; x < w; ++x) bits::Set(row, rd.x + x, levels[static_cast<std::size_t>(y) * w + x] >= 128);
+                }
+                return;
+            }
+        }
         cv::Mat gray(rs.height, rs.width, CV_8UC1);
         for (int y = 0; y < rs.height; ++y) {
             const std::uint8_t *row = RowOf(*src, rs.y + y);
@@ -125,6 +142,16 @@ void iplResize(IplImage *src, IplImage *dst, int xDst, int xSrc, int yDst, int y
     }
     const cv::Mat in = MatOf(*src, rs);
     cv::Mat out = MatOf(*dst, Region{rd.x, rd.y, w, h});
+    if (mode == cv::INTER_AREA && AreaReduceCovers(rs.width, rs.height, static_cast<int>(outW), static_cast<int>(outH))) {
+        AreaSource samples;
+        samples.data = in.data;
+        samples.step = static_cast<std::ptrdiff_t>(in.step);
+        samples.width = in.cols;
+        samples.height = in.rows;
+        samples.channels = in.channels();
+        if (AreaReduce(samples, static_cast<int>(outW), static_cast<int>(outH), out.data, static_cast<std::ptrdiff_t>(out.step), w, h))
+            return;
+    }
     if (w == outW && h == outH) {
         cv::resize(in, out, out.size(), 0, 0, mode);
     } else {  // the scaled image is larger than the region: keep its corner

@@ -1,0 +1,115 @@
+// The area reduction against OpenCV's resize with INTER_AREA, its plain
+// twin, byte for byte: random sizes and output sizes at 1, 3 and 4 channels
+// over noise, flat runs and ramps (where rounding ties gather), 1-bit rows at
+// any bit offset with either level order, the clipped corner, and guard
+// bytes around the written block.
+#include <gtest/gtest.h>
+
+#include <opencv2/imgproc.hpp>
+#include <random>
+#include <vector>
+
+#include "frame/area_reduce.h"
+#include "frame/bits.h"
+
+namespace {
+
+using quarvel::AreaReduce;
+using quarvel::AreaReduceCovers;
+using quarvel::AreaSource;
+
+constexpr std::uint8_t kGuard = 0xA5;
+
+// A page of three kinds of content side by side: noise, flat runs, ramps.
+cv::Mat Page(int w, int h, int cn, std::mt19937 &rng) {
+    cv::Mat m(h, w, CV_8UC(cn));
+    const int flat = static_cast<int>(rng() % 256);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w * cn; ++x) {
+            const int kind = (x / cn) * 3 / w;
+            m.ptr(y)[x] = static_cast<std::uint8_t>(kind == 0 ? rng() : kind == 1 ? flat : (x + 7 * y) & 255);
+        }
+    return m;
+}
+
+// Runs AreaReduce into a guarded block; returns the w x h corner and checks
+// the guard.
+cv::Mat Reduce(const AreaSource &s, int outW, int outH, int w, int h) {
+    const int cn = s.channels, pad = 5;
+    cv::Mat block(h + 2, (w + 2 * pad) * cn, CV_8UC1, cv::Scalar(kGuard));
+    EXPECT_TRUE(AreaReduce(s, outW, outH, block.ptr(1) + pad * cn, static_cast<std::ptrdiff_t>(block.step), w, h));
+    cv::Mat inner = block(cv::Rect(pad * cn, 1, w * cn, h)).clone();
+    block(cv::Rect(pad * cn, 1, w * cn, h)).setTo(kGuard);
+    EXPECT_EQ(cv::countNonZero(block != kGuard), 0) << "written outside the block";
+    return inner.reshape(cn);
+}
+
+bool Same(const cv::Mat &a, const cv::Mat &b) {
+    return a.size() == b.size() && a.type() == b.type() && cv::countNonZero(a.reshape(1) != b.reshape(1)) == 0;
+}
+
+TEST(AreaReduce, EqualsOpenCvAreaResize) {
+    if (!AreaReduceCovers(3, 3, 2, 2)) GTEST_SKIP() << "no AVX2";
+    std::mt19937 rng(5);
+    struct Case {
+        int srcW, srcH, outW, outH, cn;
+    };
+    std::vector<Case> cases = {{2480, 3508, 141, 200, 1}, {1240, 1754, 141, 200, 3}, {1000, 700, 999, 699, 4},
+                               {300, 200, 100, 67, 3},    {17, 40, 5, 40, 1},         {40, 17, 40, 3, 4}};
+    for (int i = 0; i < 150; ++i) {
+        const int cn = i % 3 == 0 ? 1 : i % 3 == 1 ? 3 : 4;
+        const int sw = 1 + static_cast<int>(rng() % 260), sh = 1 + static_cast<int>(rng() % 120);
+        cases.push_back({sw, sh, 1 + static_cast<int>(rng() % sw), 1 + static_cast<int>(rng() % sh), cn});
+    }
+    for (const Case &c : cases) {
+        if (!AreaReduceCovers(c.srcW, c.srcH, c.outW, c.outH)) continue;
+        SCOPED_TRACE(::testing::Message() << c.srcW << "x" << c.srcH << " to " << c.outW << "x" << c.outH << " cn " << c.cn);
+        const cv::Mat in = Page(c.srcW, c.srcH, c.cn, rng);
+        cv::Mat want;
+        cv::resize(in, want, cv::Size(c.outW, c.outH), 0, 0, cv::INTER_AREA);
+        AreaSource s{in.data, static_cast<std::ptrdiff_t>(in.step), c.srcW, c.srcH, c.cn};
+        ASSERT_TRUE(Same(Reduce(s, c.outW, c.outH, c.outW, c.outH), want));
+        const int w = 1 + static_cast<int>(rng() % c.outW), h = 1 + static_cast<int>(rng() % c.outH);
+        ASSERT_TRUE(Same(Reduce(s, c.outW, c.outH, w, h), want(cv::Rect(0, 0, w, h)))) << "corner " << w << "x" << h;
+    }
+}
+
+TEST(AreaReduce, BitonalRowsEqualTheirGrayLevelsResized) {
+    if (!AreaReduceCovers(3, 3, 2, 2)) GTEST_SKIP() << "no AVX2";
+    std::mt19937 rng(9);
+    for (int i = 0; i < 60; ++i) {
+        const int sw = 1 + static_cast<int>(rng() % 300), sh = 1 + static_cast<int>(rng() % 80);
+        const int outW = 1 + static_cast<int>(rng() % sw), outH = 1 + static_cast<int>(rng() % sh);
+        if (!AreaReduceCovers(sw, sh, outW, outH)) continue;
+        const int bitX = static_cast<int>(rng() % 12);
+        const std::uint8_t zero = i % 2 ? 255 : 0, one = 255 - zero;
+        const int stride = (bitX + sw + 31) / 32 * 4;
+        std::vector<std::uint8_t> packed(static_cast<std::size_t>(stride) * sh);
+        for (auto &b : packed) b = static_cast<std::uint8_t>(rng() & rng());
+        cv::Mat gray(sh, sw, CV_8UC1);
+        for (int y = 0; y < sh; ++y)
+            for (int x = 0; x < sw; ++x)
+                gray.at<std::uint8_t>(y, x) = quarvel::bits::Get(packed.data() + y * stride, bitX + x) ? one : zero;
+        cv::Mat want;
+        cv::resize(gray, want, cv::Size(outW, outH), 0, 0, cv::INTER_AREA);
+        AreaSource s{packed.data(), stride, sw, sh, 1, bitX, zero, one};
+        ASSERT_TRUE(Same(Reduce(s, outW, outH, outW, outH), want)) << sw << "x" << sh << " to " << outW << "x" << outH;
+    }
+}
+
+TEST(AreaReduce, CoversReductionsNotWholeOnBothAxes) {
+    if (!AreaReduceCovers(3, 3, 2, 2)) GTEST_SKIP() << "no AVX2";
+    struct Case {
+        int srcW, srcH, outW, outH;
+        bool covered;
+    } const cases[] = {{100, 100, 50, 50, false},  {100, 100, 100, 100, false}, {100, 100, 50, 30, true},
+                       {100, 100, 100, 99, true},  {100, 100, 101, 50, false},  {100, 100, 50, 101, false},
+                       {100, 100, 0, 50, false},   {0, 100, 1, 1, false},       {99, 99, 33, 9, false}};
+    for (const Case &c : cases)
+        EXPECT_EQ(AreaReduceCovers(c.srcW, c.srcH, c.outW, c.outH), c.covered) << c.srcW << "x" << c.srcH << " to " << c.outW << "x" << c.outH;
+    const bool was = quarvel::UseAreaReduce(false);
+    EXPECT_FALSE(AreaReduceCovers(100, 100, 50, 30));
+    quarvel::UseAreaReduce(was);
+}
+
+}  // namespace
