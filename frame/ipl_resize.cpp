@@ -11,8 +11,14 @@
 // that average does, in single precision (255 n / area, half to even, the
 // int sum wrapping past 2^31 as it does there). It needs no 8-bit copy of
 // the page, and no per-cell offset table (4 bytes per source pixel of a
-// cell), which made Resize(1, 1) of a 20000 x 20000 page take 1.6 GB. Every
-// other 1-bit case expands the region to gray levels and resizes those.
+// cell), which made Resize(1, 1) of a 20000 x 20000 page take 1.6 GB.
+// Narrow cells are counted column by column on rows expanded to bytes of 0
+// and 1; wide cells a byte of bits at a time.
+//
+// Other super-sampled reductions (8-bit, colour, and 1-bit read as gray
+// levels) run on our own area reduction (area_reduce.cpp), which gives
+// OpenCV's bytes; OpenCV computes what it does not cover. Every other 1-bit
+// case expands the region to gray levels and resizes those.
 #include <algorithm>
 #include <cfloat>
 #include <climits>
@@ -24,6 +30,7 @@
 #include "frame/bits.h"
 #include "frame/ipl.h"
 #include "frame/ipl_mat.h"
+#include "frame/kernels.h"
 
 namespace quarvel {
 
@@ -57,12 +64,51 @@ int WholeFactor(int from, int to) {
     return scale >= 1.0 && whole <= INT_MAX && std::abs(scale - whole) < DBL_EPSILON ? static_cast<int>(whole) : 0;
 }
 
+// The mean level of a cell with `count` set bits, thresholded (see the file
+// header).
+inline bool CellIsSet(std::int64_t count, float scale) {
+    const auto sum = static_cast<std::int32_t>(static_cast<std::uint32_t>(255 * count));
+    return std::nearbyint(static_cast<float>(sum) * scale) >= 128.f;
+}
+
 // The super-sampled reduction of a 1-bit region by whole factors, on packed
-// bits (see the file header); w x h destination pixels are written.
+// bits (see the file header); w x h destination pixels are written. Narrow
+// cells (fx < 16, fy < 256) count their bits column by column: each source
+// row is expanded to bytes of 0 or 1 and added into per-column byte counts,
+// which are summed across each cell at the end of the cell's rows. Wider
+// cells count bits a byte at a time.
 void ReduceBitonalCells(const IplImage &src, const Region &rs, IplImage &dst, const Region &rd, int fx, int fy, int w,
                         int h) {
     const std::int64_t area = static_cast<std::int64_t>(fx) * fy;
     const float scale = 1.f / static_cast<float>(area);
+    if (fx < 16 && fy < 256) {
+        const int skip = rs.x & 7, n = w * fx;
+        std::vector<std::uint8_t> ones(static_cast<std::size_t>(n + skip)), columns(static_cast<std::size_t>(n));
+        std::vector<std::uint8_t> cells(static_cast<std::size_t>(w)), packed((static_cast<std::size_t>(w) + 7) / 8), set(static_cast<std::size_t>(area) + 1);
+        for (std::int64_t count = 0; count <= area; ++count) set[count] = CellIsSet(count, scale);
+        for (int y = 0; y < h; ++y) {
+            std::fill(columns.begin(), columns.end(), 0);
+            for (int k = 0; k < fy; ++k) {
+                kernels::ExpandBitsRow(RowOf(src, rs.y + y * fy + k) + (rs.x >> 3), ones.data(), n + skip, 1, 0, 1);
+                const std::uint8_t *o = ones.data() + skip;
+                for (int i = 0; i < n; ++i) columns[i] = static_cast<std::uint8_t>(columns[i] + o[i]);
+            }
+            std::uint8_t *out = RowOf(dst, rd.y + y);
+            const std::uint8_t *c = columns.data();
+            if (fx == 2) {
+                for (int x = 0; x < w; ++x) cells[x] = set[c[2 * x] + c[2 * x + 1]];
+            } else {
+                for (int x = 0; x < w; ++x, c += fx) {
+                    int count = 0;
+                    for (int i = 0; i < fx; ++i) count += c[i];
+                    cells[x] = set[count];
+                }
+            }
+            kernels::ThresholdToBits(cells.data(), packed.data(), w, 1);
+            bits::Copy(packed.data(), 0, out, rd.x, w);
+        }
+        return;
+    }
     std::vector<std::int64_t> counts(static_cast<std::size_t>(w));
     for (int y = 0; y < h; ++y) {
         std::fill(counts.begin(), counts.end(), 0);
@@ -72,11 +118,7 @@ void ReduceBitonalCells(const IplImage &src, const Region &rs, IplImage &dst, co
                 counts[x] += CountBits(row, rs.x + static_cast<std::int64_t>(x) * fx, fx);
         }
         std::uint8_t *out = RowOf(dst, rd.y + y);
-        for (int x = 0; x < w; ++x) {
-            const auto sum = static_cast<std::int32_t>(static_cast<std::uint32_t>(255 * counts[x]));
-            const float mean = std::nearbyint(static_cast<float>(sum) * scale);
-            bits::Set(out, rd.x + x, mean >= 128.f);
-        }
+        for (int x = 0; x < w; ++x) bits::Set(out, rd.x + x, CellIsSet(counts[x], scale));
     }
 }
 

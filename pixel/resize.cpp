@@ -3,11 +3,13 @@
 // is fitted when its ratio is the smaller, else the width). Reductions below
 // 70 % along either axis are super-sampled (an area average), everything else
 // is cubic. Thumbnail returns the fitted size itself (at least 1 x 1; a 1-bit
-// page comes back as an 8-bit gray thumbnail); Resize returns exactly the
+// page comes back as an 8-bit gray thumbnail, reduced straight from its bits
+// where the area reduction covers the sizes); Resize returns exactly the
 // requested size with the scaled page centred on white (255) margins.
 #include <algorithm>
 #include <climits>
 
+#include "frame/area_reduce.h"
 #include "frame/convert.h"
 #include "frame/view.h"
 #include "pixel/pixel.h"
@@ -53,10 +55,24 @@ HGLOBAL Thumbnail(HGLOBAL hDib, int maxWidth, int maxHeight) {
     const int mode = Interpolation(fitW, fitH, in.width(), in.height());
     if (in.bitCount() == 1) {
         if (!BitonalResizeFits(in.width(), in.height(), fitW, fitH, mode)) return nullptr;
-        ImagePtr gray = MakeGrayImage(view.get(), nullptr, in.header());
-        if (!gray) return nullptr;
         ResultBlock out = ResultBlock::Rewritten(in, PixelFormat::kGray, fitW, fitH, NewTable::kGray);
         if (!out) return nullptr;
+        if (mode == IPL_INTER_SUPER) {  // straight from the bits, with no gray copy of the page
+            AreaSource bits;
+            bits.data = RowOf(*view, 0);
+            bits.step = view->widthStep;
+            bits.width = in.width();
+            bits.height = in.height();
+            bits.bitX = 0;
+            int zero = 0, one = 0;
+            BitonalScales(in.header(), &zero, &one);
+            bits.zero = static_cast<std::uint8_t>(zero);
+            bits.one = static_cast<std::uint8_t>(one);
+            IplImage *o = out.image();
+            if (AreaReduce(bits, fitW, fitH, RowOf(*o, 0), o->widthStep, fitW, fitH)) return out.Release();
+        }
+        ImagePtr gray = MakeGrayImage(view.get(), nullptr, in.header());
+        if (!gray) return nullptr;
         iplResize(gray.get(), out.image(), fitW, in.width(), fitH, in.height(), mode);
         return out.Release();
     }

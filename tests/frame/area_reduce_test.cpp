@@ -11,6 +11,7 @@
 
 #include "frame/area_reduce.h"
 #include "frame/bits.h"
+#include "frame/ipl.h"
 
 namespace {
 
@@ -94,6 +95,46 @@ TEST(AreaReduce, BitonalRowsEqualTheirGrayLevelsResized) {
         cv::resize(gray, want, cv::Size(outW, outH), 0, 0, cv::INTER_AREA);
         AreaSource s{packed.data(), stride, sw, sh, 1, bitX, zero, one};
         ASSERT_TRUE(Same(Reduce(s, outW, outH, outW, outH), want)) << sw << "x" << sh << " to " << outW << "x" << outH;
+    }
+}
+
+// iplResize of a 1-bit region at any bit offset, by whole factors (counted
+// on packed bits) and not (the area reduction): the region's levels 0 and
+// 255 resized by OpenCV and thresholded at 128, with the destination
+// region's neighbours untouched.
+TEST(AreaReduce, BitonalRegionResizeAtBitOffsets) {
+    using namespace quarvel;
+    std::mt19937 rng(3);
+    for (int i = 0; i < 80; ++i) {
+        const int fx = 1 + static_cast<int>(rng() % 18), fy = 1 + static_cast<int>(rng() % 5);
+        const int outW = 1 + static_cast<int>(rng() % 40), outH = 1 + static_cast<int>(rng() % 20);
+        const bool whole = i % 2 == 0;
+        const int sw = whole ? fx * outW : outW + static_cast<int>(rng() % 200), sh = whole ? fy * outH : outH + static_cast<int>(rng() % 60);
+        const int sx = static_cast<int>(rng() % 11), sy = static_cast<int>(rng() % 3), dx = static_cast<int>(rng() % 9);
+        ImagePtr src = CreateImage(PixelFormat::kBitonal, sx + sw + 5, sy + sh, 0);
+        ImagePtr dst = CreateImage(PixelFormat::kBitonal, dx + outW + 9, outH + 1, 0);
+        for (int y = 0; y < src->height; ++y)
+            for (int x = 0; x < src->width; ++x) bits::Set(RowOf(*src, y), x, (rng() % 3) == 0);
+        for (int y = 0; y < dst->height; ++y)
+            for (int x = 0; x < dst->width; ++x) bits::Set(RowOf(*dst, y), x, static_cast<int>((x + y) & 1));
+        ImagePtr before = CreateImage(PixelFormat::kBitonal, dst->width, dst->height, 0);
+        iplCopy(dst.get(), before.get());
+        cv::Mat gray(sh, sw, CV_8UC1), want;
+        for (int y = 0; y < sh; ++y)
+            for (int x = 0; x < sw; ++x) gray.at<std::uint8_t>(y, x) = bits::Get(RowOf(*src, sy + y), sx + x) ? 255 : 0;
+        cv::resize(gray, want, cv::Size(outW, outH), 0, 0, cv::INTER_AREA);
+        RoiPtr rs(iplCreateROI(0, sx, sy, sw, sh)), rd(iplCreateROI(0, dx, 0, outW + 9, outH + 1));
+        {
+            RoiScope a(src.get(), rs.get()), b(dst.get(), rd.get());
+            iplResize(src.get(), dst.get(), outW, sw, outH, sh, IPL_INTER_SUPER);
+        }
+        for (int y = 0; y < dst->height; ++y)
+            for (int x = 0; x < dst->width; ++x) {
+                const bool inside = x >= dx && x < dx + outW && y < outH;
+                const int expected = inside ? want.at<std::uint8_t>(y, x - dx) >= 128 : bits::Get(RowOf(*before, y), x);
+                ASSERT_EQ(bits::Get(RowOf(*dst, y), x), expected)
+                    << sw << "x" << sh << " at " << sx << " to " << outW << "x" << outH << " pixel " << x << "," << y;
+            }
     }
 }
 
