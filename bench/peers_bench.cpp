@@ -84,6 +84,31 @@ void BM_PeerResizeArea(benchmark::State &state) {
 }
 BENCHMARK(BM_PeerResizeArea)->Arg(8)->Arg(24)->Unit(benchmark::kMillisecond);
 
+// The sizes Resize(page, 1240, 1754) (half: whole cells) and
+// Resize(page, 1000, 1415) (1000 x 1414 inside it: 2.48 times smaller) scale
+// the page to.
+void BM_PeerResizeHalf(benchmark::State &state) {
+    const int bits = static_cast<int>(state.range(0));
+    const cv::Mat in = PageMat(qbench::A4Page(bits), bits);
+    for (auto _ : state) {
+        cv::Mat out;
+        cv::resize(in, out, cv::Size(in.cols / 2, in.rows / 2), 0, 0, cv::INTER_AREA);
+        benchmark::DoNotOptimize(out.data);
+    }
+}
+BENCHMARK(BM_PeerResizeHalf)->Arg(8)->Arg(24)->Unit(benchmark::kMillisecond);
+
+void BM_PeerResizeFit(benchmark::State &state) {
+    const int bits = static_cast<int>(state.range(0));
+    const cv::Mat in = PageMat(qbench::A4Page(bits), bits);
+    for (auto _ : state) {
+        cv::Mat out;
+        cv::resize(in, out, cv::Size(1000, in.rows * 1000 / in.cols), 0, 0, cv::INTER_AREA);
+        benchmark::DoNotOptimize(out.data);
+    }
+}
+BENCHMARK(BM_PeerResizeFit)->Arg(8)->Arg(24)->Unit(benchmark::kMillisecond);
+
 #ifdef QUARVEL_HAVE_LEPTONICA
 // The 1-bit page as a Leptonica image (32-bit words, most significant bit
 // first).

@@ -98,4 +98,10 @@ void BM_Resize(benchmark::State &state) {
 }
 BENCHMARK(BM_Resize)->Arg(1)->Arg(8)->Arg(24)->Unit(benchmark::kMillisecond);
 
+// A reduction by 2.48, not by whole cells.
+void BM_ResizeFit(benchmark::State &state) {
+    qbench::RunImageOp(state, Page(state), [](HGLOBAL p) { return Resize(p, 1000, 1415); });
+}
+BENCHMARK(BM_ResizeFit)->Arg(1)->Arg(8)->Arg(24)->Unit(benchmark::kMillisecond);
+
 }  // namespace
