@@ -120,6 +120,32 @@ QUARVEL_AVX2 inline void Transpose16(const __m128i r[16], std::uint8_t *out) {
     }
 }
 
+// Two 16 x 16 transposes at once: rows r[i] of 32 pixels, one 16 x 16 block
+// per 128-bit lane (the unpacks work within lanes); pixel p of the low lane
+// goes to out + 16 p, of the high lane to out + 16 (16 + p).
+QUARVEL_AVX2 inline void Transpose16x2(const __m256i r[16], std::uint8_t *out) {
+    __m256i a[16], b[16];
+    for (int k = 0; k < 8; ++k) {
+        a[k] = _mm256_unpacklo_epi8(r[2 * k], r[2 * k + 1]);
+        a[k + 8] = _mm256_unpackhi_epi8(r[2 * k], r[2 * k + 1]);
+    }
+    for (int half = 0; half < 2; ++half)
+        for (int m = 0; m < 4; ++m) {
+            b[half * 8 + m] = _mm256_unpacklo_epi16(a[half * 8 + 2 * m], a[half * 8 + 2 * m + 1]);
+            b[half * 8 + m + 4] = _mm256_unpackhi_epi16(a[half * 8 + 2 * m], a[half * 8 + 2 * m + 1]);
+        }
+    for (int q = 0; q < 4; ++q) {
+        const __m256i lo0 = _mm256_unpacklo_epi32(b[4 * q], b[4 * q + 1]), lo1 = _mm256_unpacklo_epi32(b[4 * q + 2], b[4 * q + 3]);
+        const __m256i hi0 = _mm256_unpackhi_epi32(b[4 * q], b[4 * q + 1]), hi1 = _mm256_unpackhi_epi32(b[4 * q + 2], b[4 * q + 3]);
+        const __m256i c[4] = {_mm256_unpacklo_epi64(lo0, lo1), _mm256_unpackhi_epi64(lo0, lo1), _mm256_unpacklo_epi64(hi0, hi1),
+                              _mm256_unpackhi_epi64(hi0, hi1)};
+        for (int i = 0; i < 4; ++i) {
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(out + (4 * q + i) * kLanes), _mm256_castsi256_si128(c[i]));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(out + (16 + 4 * q + i) * kLanes), _mm256_extracti128_si256(c[i], 1));
+        }
+    }
+}
+
 // 8 x 8 floats: r[i] becomes column i.
 QUARVEL_AVX2 inline void Transpose8(__m256 r[8]) {
     __m256 t[8], s[8];
@@ -174,6 +200,11 @@ struct Reducer {
         for (int r = 0; r < kLanes; ++r) rows[r] = Row(std::min(y0 + r, src.height - 1), r);
         std::uint8_t *out = columns.data();
         int e = 0;
+        for (; e + 32 <= elements; e += 32) {
+            __m256i r32[kLanes];
+            for (int r = 0; r < kLanes; ++r) r32[r] = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(rows[r] + e));
+            Transpose16x2(r32, out + static_cast<std::size_t>(e) * kLanes);
+        }
         for (; e + 16 <= elements; e += 16) {
             __m128i r16[kLanes];
             for (int r = 0; r < kLanes; ++r) r16[r] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(rows[r] + e));

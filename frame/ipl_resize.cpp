@@ -160,9 +160,10 @@ void iplResize(IplImage *src, IplImage *dst, int xDst, int xSrc, int yDst, int y
             bitsIn.bitX = rs.x;
             std::vector<std::uint8_t> levels(static_cast<std::size_t>(w) * h);
             if (AreaReduce(bitsIn, static_cast<int>(outW), static_cast<int>(outH), levels.data(), w, w, h)) {
+                std::vector<std::uint8_t> packed((static_cast<std::size_t>(w) + 7) / 8);
                 for (int y = 0; y < h; ++y) {
-                    std::uint8_t *row = RowOf(*dst, rd.y + y);
-                    for (int x = 0; x < w; ++x) bits::Set(row, rd.x + x, levels[static_cast<std::size_t>(y) * w + x] >= 128);
+                    kernels::ThresholdToBits(levels.data() + static_cast<std::size_t>(y) * w, packed.data(), w, 128);
+                    bits::Copy(packed.data(), 0, RowOf(*dst, rd.y + y), rd.x, w);
                 }
                 return;
             }
