@@ -20,6 +20,9 @@
 // across each row. Multiply and add stay two rounded operations: this file
 // is compiled with -ffp-contract=off, and the vector code asks for no FMA.
 //
+// A reduction by exactly 2 on both axes is OpenCV's integer average of each
+// 2 x 2 cell, rounded half up; it is done 16 samples a step per lane.
+//
 // A 1-bit source is expanded to its two gray levels 16 rows at a time, so
 // no 8-bit copy of the page is made. Cells that OpenCV would not reach the
 // same way (an output row or column with no tap) send the caller back to
@@ -310,7 +313,55 @@ struct Reducer {
     }
 };
 
+// Halving: each output sample is (a + b + c + d + 2) >> 2 over its 2 x 2
+// cell, as OpenCV's area resize computes a reduction by 2 on both axes. A
+// 128-bit lane takes 16 bytes (12 for 3-byte pixels) of each of the cell's
+// two rows, a byte shuffle puts the two pixels of each cell side by side,
+// and one multiply-add against ones sums each pair.
+QUARVEL_AVX2 void HalveRow(const std::uint8_t *r0, const std::uint8_t *r1, std::uint8_t *out, int n, int cn) {
+    const int in = cn == 3 ? 12 : 16, made = in / 2;
+    const __m128i pairs = cn == 1   ? _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15)
+                          : cn == 3 ? _mm_setr_epi8(0, 3, 1, 4, 2, 5, 6, 9, 7, 10, 8, 11, -1, -1, -1, -1)
+                                    : _mm_setr_epi8(0, 4, 1, 5, 2, 6, 3, 7, 8, 12, 9, 13, 10, 14, 11, 15);
+    const __m256i shuffle = _mm256_broadcastsi128_si256(pairs);
+    const __m256i ones = _mm256_set1_epi8(1), two = _mm256_set1_epi16(2);
+    int o = 0, i = 0;
+    for (; o + made + 8 <= n && i + in + 16 <= 2 * n; o += 2 * made, i += 2 * in) {
+        const __m256i a = _mm256_shuffle_epi8(_mm256_loadu2_m128i(reinterpret_cast<const __m128i *>(r0 + i + in),
+                                                                  reinterpret_cast<const __m128i *>(r0 + i)),
+                                              shuffle);
+        const __m256i b = _mm256_shuffle_epi8(_mm256_loadu2_m128i(reinterpret_cast<const __m128i *>(r1 + i + in),
+                                                                  reinterpret_cast<const __m128i *>(r1 + i)),
+                                              shuffle);
+        const __m256i sum = _mm256_add_epi16(_mm256_maddubs_epi16(a, ones), _mm256_maddubs_epi16(b, ones));
+        const __m256i bytes = _mm256_packus_epi16(_mm256_srli_epi16(_mm256_add_epi16(sum, two), 2), sum);
+        _mm_storel_epi64(reinterpret_cast<__m128i *>(out + o), _mm256_castsi256_si128(bytes));
+        _mm_storel_epi64(reinterpret_cast<__m128i *>(out + o + made), _mm256_extracti128_si256(bytes, 1));
+    }
+    for (; o < n; ++o) {
+        const int s = 2 * (o - o % cn) + o % cn;
+        out[o] = static_cast<std::uint8_t>((r0[s] + r0[s + cn] + r1[s] + r1[s + cn] + 2) >> 2);
+    }
+}
+
 }  // namespace
+
+bool AreaHalveCovers(int srcW, int srcH, int outW, int outH, int channels) {
+    if (!kHasAvx2 || !gEnabled.load(std::memory_order_relaxed)) return false;
+    if (channels != 1 && channels != 3 && channels != 4) return false;
+    return outW > 0 && outH > 0 && srcW / 2 == outW && srcH / 2 == outH && srcW % 2 == 0 && srcH % 2 == 0;
+}
+
+bool AreaHalve(const AreaSource &src, std::uint8_t *dst, std::ptrdiff_t dstStep, int w, int h) {
+    if (src.data == nullptr || dst == nullptr || src.bitX >= 0) return false;
+    if (!AreaHalveCovers(src.width, src.height, src.width / 2, src.height / 2, src.channels)) return false;
+    if (w <= 0 || h <= 0 || w > src.width / 2 || h > src.height / 2) return false;
+    for (int y = 0; y < h; ++y) {
+        const std::uint8_t *r0 = src.data + static_cast<std::ptrdiff_t>(2 * y) * src.step;
+        HalveRow(r0, r0 + src.step, dst + static_cast<std::ptrdiff_t>(y) * dstStep, w * src.channels, src.channels);
+    }
+    return true;
+}
 
 bool UseAreaReduce(bool on) { return gEnabled.exchange(on); }
 

@@ -33,8 +33,16 @@ bool AreaReduceCovers(int srcW, int srcH, int outW, int outH);
 // cover the case (the caller resizes through OpenCV then).
 bool AreaReduce(const AreaSource &src, int outW, int outH, std::uint8_t *dst, std::ptrdiff_t dstStep, int w, int h);
 
-// Turns the fast reduction off (AreaReduce then always answers false) or on;
-// returns the previous setting. For tests and benchmarks.
+// Whether AreaHalve runs here: a reduction of srcW x srcH pixels to exactly
+// half on both axes, at 1, 3 or 4 channels, on a processor with AVX2.
+bool AreaHalveCovers(int srcW, int srcH, int outW, int outH, int channels);
+// Writes the w x h corner of the halved `src` (8-bit samples) as AreaReduce
+// does, with OpenCV's bytes for that case: each 2 x 2 cell's sum plus 2,
+// over 4. False, with nothing written, where it does not cover the case.
+bool AreaHalve(const AreaSource &src, std::uint8_t *dst, std::ptrdiff_t dstStep, int w, int h);
+
+// Turns the fast reductions off (AreaReduce and AreaHalve then always answer
+// false) or on; returns the previous setting. For tests and benchmarks.
 bool UseAreaReduce(bool on);
 
 }  // namespace quarvel

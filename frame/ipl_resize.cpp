@@ -195,6 +195,10 @@ void iplResize(IplImage *src, IplImage *dst, int xDst, int xSrc, int yDst, int y
         if (AreaReduce(samples, static_cast<int>(outW), static_cast<int>(outH), out.data, static_cast<std::ptrdiff_t>(out.step), w, h))
             return;
     }
+    if (mode == cv::INTER_AREA && AreaHalveCovers(rs.width, rs.height, static_cast<int>(outW), static_cast<int>(outH), in.channels())) {
+        AreaSource samples{in.data, static_cast<std::ptrdiff_t>(in.step), in.cols, in.rows, in.channels()};
+        if (AreaHalve(samples, out.data, static_cast<std::ptrdiff_t>(out.step), w, h)) return;
+    }
     if (w == outW && h == outH) {
         cv::resize(in, out, out.size(), 0, 0, mode);
     } else {  // the scaled image is larger than the region: keep its corner

@@ -1,5 +1,6 @@
-// The area reduction against OpenCV's resize with INTER_AREA, its plain
-// twin, byte for byte: random sizes and output sizes at 1, 3 and 4 channels
+// The area reduction and the halving against OpenCV's resize with
+// INTER_AREA, their plain twin, byte for byte: random sizes and output sizes
+// (halves among them) at 1, 3 and 4 channels
 // over noise, flat runs and ramps (where rounding ties gather), 1-bit rows at
 // any bit offset with either level order, the clipped corner, and guard
 // bytes around the written block.
@@ -33,12 +34,17 @@ cv::Mat Page(int w, int h, int cn, std::mt19937 &rng) {
     return m;
 }
 
-// Runs AreaReduce into a guarded block; returns the w x h corner and checks
-// the guard.
+bool Halving(int srcW, int srcH, int outW, int outH) { return srcW == 2 * outW && srcH == 2 * outH; }
+
+// Runs AreaReduce (AreaHalve for a halving) into a guarded block; returns
+// the w x h corner and checks the guard.
 cv::Mat Reduce(const AreaSource &s, int outW, int outH, int w, int h) {
     const int cn = s.channels, pad = 5;
     cv::Mat block(h + 2, (w + 2 * pad) * cn, CV_8UC1, cv::Scalar(kGuard));
-    EXPECT_TRUE(AreaReduce(s, outW, outH, block.ptr(1) + pad * cn, static_cast<std::ptrdiff_t>(block.step), w, h));
+    std::uint8_t *at = block.ptr(1) + pad * cn;
+    const auto step = static_cast<std::ptrdiff_t>(block.step);
+    EXPECT_TRUE(Halving(s.width, s.height, outW, outH) ? quarvel::AreaHalve(s, at, step, w, h)
+                                                       : AreaReduce(s, outW, outH, at, step, w, h));
     cv::Mat inner = block(cv::Rect(pad * cn, 1, w * cn, h)).clone();
     block(cv::Rect(pad * cn, 1, w * cn, h)).setTo(kGuard);
     EXPECT_EQ(cv::countNonZero(block != kGuard), 0) << "written outside the block";
@@ -56,14 +62,21 @@ TEST(AreaReduce, EqualsOpenCvAreaResize) {
         int srcW, srcH, outW, outH, cn;
     };
     std::vector<Case> cases = {{2480, 3508, 141, 200, 1}, {1240, 1754, 141, 200, 3}, {1000, 700, 999, 699, 4},
-                               {300, 200, 100, 67, 3},    {17, 40, 5, 40, 1},         {40, 17, 40, 3, 4}};
+                               {300, 200, 100, 67, 3},    {17, 40, 5, 40, 1},         {40, 17, 40, 3, 4},
+                               {2480, 702, 1240, 351, 3}, {62, 4, 31, 2, 1},          {34, 2, 17, 1, 4}};
     for (int i = 0; i < 150; ++i) {
         const int cn = i % 3 == 0 ? 1 : i % 3 == 1 ? 3 : 4;
         const int sw = 1 + static_cast<int>(rng() % 260), sh = 1 + static_cast<int>(rng() % 120);
-        cases.push_back({sw, sh, 1 + static_cast<int>(rng() % sw), 1 + static_cast<int>(rng() % sh), cn});
+        if (i % 4 == 0)
+            cases.push_back({2 * sw, 2 * sh, sw, sh, cn});
+        else
+            cases.push_back({sw, sh, 1 + static_cast<int>(rng() % sw), 1 + static_cast<int>(rng() % sh), cn});
     }
     for (const Case &c : cases) {
-        if (!AreaReduceCovers(c.srcW, c.srcH, c.outW, c.outH)) continue;
+        const bool halving = Halving(c.srcW, c.srcH, c.outW, c.outH);
+        if (!(halving ? quarvel::AreaHalveCovers(c.srcW, c.srcH, c.outW, c.outH, c.cn)
+                      : AreaReduceCovers(c.srcW, c.srcH, c.outW, c.outH)))
+            continue;
         SCOPED_TRACE(::testing::Message() << c.srcW << "x" << c.srcH << " to " << c.outW << "x" << c.outH << " cn " << c.cn);
         const cv::Mat in = Page(c.srcW, c.srcH, c.cn, rng);
         cv::Mat want;
