@@ -83,7 +83,8 @@ bool CellTaps(int size, int cells, Taps *taps) {
             taps->weight.push_back(static_cast<float>((whole1 - from) / width));
         }
         for (int s = whole1; s < whole2; ++s) taps->weight.push_back(static_cast<float>(1.0 / width));
-        if (to - whole2 > 1e-3) taps->weight.push_back(static_cast<float>(std::min(std::min(to - whole2, 1.0), width) / width));
+        if (to - whole2 > 1e-3)
+            taps->weight.push_back(static_cast<float>(std::min(std::min(to - whole2, 1.0), width) / width));
         taps->count[d] = static_cast<int>(taps->weight.size()) - taps->offset[d];
         if (taps->count[d] == 0) return false;
     }
@@ -113,8 +114,10 @@ QUARVEL_AVX2 inline void Transpose16(const __m128i r[16], std::uint8_t *out) {
         }
     // b[4 q + m]: pixels 4q .. 4q + 3, rows 4m .. 4m + 3.
     for (int q = 0; q < 4; ++q) {
-        const __m128i lo0 = _mm_unpacklo_epi32(b[4 * q], b[4 * q + 1]), lo1 = _mm_unpacklo_epi32(b[4 * q + 2], b[4 * q + 3]);
-        const __m128i hi0 = _mm_unpackhi_epi32(b[4 * q], b[4 * q + 1]), hi1 = _mm_unpackhi_epi32(b[4 * q + 2], b[4 * q + 3]);
+        const __m128i lo0 = _mm_unpacklo_epi32(b[4 * q], b[4 * q + 1]),
+                      lo1 = _mm_unpacklo_epi32(b[4 * q + 2], b[4 * q + 3]);
+        const __m128i hi0 = _mm_unpackhi_epi32(b[4 * q], b[4 * q + 1]),
+                      hi1 = _mm_unpackhi_epi32(b[4 * q + 2], b[4 * q + 3]);
         auto *o = reinterpret_cast<__m128i *>(out + 4 * q * kLanes);
         _mm_storeu_si128(o, _mm_unpacklo_epi64(lo0, lo1));
         _mm_storeu_si128(o + 1, _mm_unpackhi_epi64(lo0, lo1));
@@ -138,13 +141,16 @@ QUARVEL_AVX2 inline void Transpose16x2(const __m256i r[16], std::uint8_t *out) {
             b[half * 8 + m + 4] = _mm256_unpackhi_epi16(a[half * 8 + 2 * m], a[half * 8 + 2 * m + 1]);
         }
     for (int q = 0; q < 4; ++q) {
-        const __m256i lo0 = _mm256_unpacklo_epi32(b[4 * q], b[4 * q + 1]), lo1 = _mm256_unpacklo_epi32(b[4 * q + 2], b[4 * q + 3]);
-        const __m256i hi0 = _mm256_unpackhi_epi32(b[4 * q], b[4 * q + 1]), hi1 = _mm256_unpackhi_epi32(b[4 * q + 2], b[4 * q + 3]);
-        const __m256i c[4] = {_mm256_unpacklo_epi64(lo0, lo1), _mm256_unpackhi_epi64(lo0, lo1), _mm256_unpacklo_epi64(hi0, hi1),
-                              _mm256_unpackhi_epi64(hi0, hi1)};
+        const __m256i lo0 = _mm256_unpacklo_epi32(b[4 * q], b[4 * q + 1]),
+                      lo1 = _mm256_unpacklo_epi32(b[4 * q + 2], b[4 * q + 3]);
+        const __m256i hi0 = _mm256_unpackhi_epi32(b[4 * q], b[4 * q + 1]),
+                      hi1 = _mm256_unpackhi_epi32(b[4 * q + 2], b[4 * q + 3]);
+        const __m256i c[4] = {_mm256_unpacklo_epi64(lo0, lo1), _mm256_unpackhi_epi64(lo0, lo1),
+                              _mm256_unpacklo_epi64(hi0, hi1), _mm256_unpackhi_epi64(hi0, hi1)};
         for (int i = 0; i < 4; ++i) {
             _mm_storeu_si128(reinterpret_cast<__m128i *>(out + (4 * q + i) * kLanes), _mm256_castsi256_si128(c[i]));
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(out + (16 + 4 * q + i) * kLanes), _mm256_extracti128_si256(c[i], 1));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(out + (16 + 4 * q + i) * kLanes),
+                             _mm256_extracti128_si256(c[i], 1));
         }
     }
 }
@@ -174,9 +180,9 @@ struct Reducer {
     const AreaSource &src;
     int w, h, cn;
     Taps xt, yt;
-    int elements = 0;  // source samples per row the taps reach
-    int rowLen = 0;    // output samples per row, w * cn
-    int rowStride = 0; // floats between rows of `sums`, a multiple of 8
+    int elements = 0;                    // source samples per row the taps reach
+    int rowLen = 0;                      // output samples per row, w * cn
+    int rowStride = 0;                   // floats between rows of `sums`, a multiple of 8
     std::vector<std::uint8_t> expanded;  // 1-bit rows as levels
     std::vector<std::uint8_t> columns;   // a group's samples, 16 rows per sample
     std::vector<float> lanes;            // horizontal sums, 16 rows per output sample
@@ -205,7 +211,8 @@ struct Reducer {
         int e = 0;
         for (; e + 32 <= elements; e += 32) {
             __m256i r32[kLanes];
-            for (int r = 0; r < kLanes; ++r) r32[r] = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(rows[r] + e));
+            for (int r = 0; r < kLanes; ++r)
+                r32[r] = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(rows[r] + e));
             Transpose16x2(r32, out + static_cast<std::size_t>(e) * kLanes);
         }
         for (; e + 16 <= elements; e += 16) {
@@ -249,7 +256,8 @@ struct Reducer {
         for (; e + 8 <= rowLen; e += 8)
             for (int half = 0; half < 2; ++half) {
                 __m256 r[8];
-                for (int i = 0; i < 8; ++i) r[i] = _mm256_loadu_ps(in + static_cast<std::size_t>(e + i) * kLanes + half * 8);
+                for (int i = 0; i < 8; ++i)
+                    r[i] = _mm256_loadu_ps(in + static_cast<std::size_t>(e + i) * kLanes + half * 8);
                 Transpose8(r);
                 for (int i = 0; i < 8; ++i)
                     _mm256_storeu_ps(sums.data() + static_cast<std::size_t>(half * 8 + i) * rowStride + e, r[i]);
@@ -262,9 +270,15 @@ struct Reducer {
     QUARVEL_AVX2 void Group(int y0) {
         Gather(y0);
         switch (cn) {
-            case 1: Horizontal<1>(); break;
-            case 3: Horizontal<3>(); break;
-            default: Horizontal<4>(); break;
+            case 1:
+                Horizontal<1>();
+                break;
+            case 3:
+                Horizontal<3>();
+                break;
+            default:
+                Horizontal<4>();
+                break;
         }
         Untranspose();
     }
@@ -287,7 +301,8 @@ struct Reducer {
                 const __m256 beta = _mm256_set1_ps(yt.weight[yt.offset[dy] + t]);
                 int e = 0;
                 if (t == 0) {
-                    for (; e + 8 <= rowLen; e += 8) _mm256_storeu_ps(&acc[e], _mm256_mul_ps(beta, _mm256_loadu_ps(row + e)));
+                    for (; e + 8 <= rowLen; e += 8)
+                        _mm256_storeu_ps(&acc[e], _mm256_mul_ps(beta, _mm256_loadu_ps(row + e)));
                     for (; e < rowLen; ++e) acc[e] = yt.weight[yt.offset[dy]] * row[e];
                 } else {
                     for (; e + 8 <= rowLen; e += 8)
@@ -302,7 +317,8 @@ struct Reducer {
                 const __m256i a = _mm256_cvtps_epi32(_mm256_loadu_ps(&acc[e]));
                 const __m256i b = _mm256_cvtps_epi32(_mm256_loadu_ps(&acc[e + 8]));
                 const __m256i words = _mm256_permute4x64_epi64(_mm256_packs_epi32(a, b), 0xD8);
-                const __m128i bytes = _mm_packus_epi16(_mm256_castsi256_si128(words), _mm256_extracti128_si256(words, 1));
+                const __m128i bytes =
+                    _mm_packus_epi16(_mm256_castsi256_si128(words), _mm256_extracti128_si256(words, 1));
                 _mm_storeu_si128(reinterpret_cast<__m128i *>(out + e), bytes);
             }
             for (; e < rowLen; ++e) {
@@ -363,7 +379,9 @@ bool AreaHalve(const AreaSource &src, std::uint8_t *dst, std::ptrdiff_t dstStep,
     return true;
 }
 
-bool UseAreaReduce(bool on) { return gEnabled.exchange(on); }
+bool UseAreaReduce(bool on) {
+    return gEnabled.exchange(on);
+}
 
 bool AreaReduceCovers(int srcW, int srcH, int outW, int outH) {
     if (!kHasAvx2 || !gEnabled.load(std::memory_order_relaxed)) return false;

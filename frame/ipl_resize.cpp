@@ -84,7 +84,8 @@ void ReduceBitonalCells(const IplImage &src, const Region &rs, IplImage &dst, co
     if (fx < 16 && fy < 256) {
         const int skip = rs.x & 7, n = w * fx;
         std::vector<std::uint8_t> ones(static_cast<std::size_t>(n + skip)), columns(static_cast<std::size_t>(n));
-        std::vector<std::uint8_t> cells(static_cast<std::size_t>(w)), packed((static_cast<std::size_t>(w) + 7) / 8), set(static_cast<std::size_t>(area) + 1);
+        std::vector<std::uint8_t> cells(static_cast<std::size_t>(w)), packed((static_cast<std::size_t>(w) + 7) / 8);
+        std::vector<std::uint8_t> set(static_cast<std::size_t>(area) + 1);
         for (std::int64_t count = 0; count <= area; ++count) set[count] = CellIsSet(count, scale);
         for (int y = 0; y < h; ++y) {
             std::fill(columns.begin(), columns.end(), 0);

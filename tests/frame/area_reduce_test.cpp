@@ -4,13 +4,14 @@
 // over noise, flat runs and ramps (where rounding ties gather), 1-bit rows at
 // any bit offset with either level order, the clipped corner, and guard
 // bytes around the written block.
+#include "frame/area_reduce.h"
+
 #include <gtest/gtest.h>
 
 #include <opencv2/imgproc.hpp>
 #include <random>
 #include <vector>
 
-#include "frame/area_reduce.h"
 #include "frame/bits.h"
 #include "frame/ipl.h"
 
@@ -34,7 +35,9 @@ cv::Mat Page(int w, int h, int cn, std::mt19937 &rng) {
     return m;
 }
 
-bool Halving(int srcW, int srcH, int outW, int outH) { return srcW == 2 * outW && srcH == 2 * outH; }
+bool Halving(int srcW, int srcH, int outW, int outH) {
+    return srcW == 2 * outW && srcH == 2 * outH;
+}
 
 // Runs AreaReduce (AreaHalve for a halving) into a guarded block; returns
 // the w x h corner and checks the guard.
@@ -62,8 +65,8 @@ TEST(AreaReduce, EqualsOpenCvAreaResize) {
         int srcW, srcH, outW, outH, cn;
     };
     std::vector<Case> cases = {{2480, 3508, 141, 200, 1}, {1240, 1754, 141, 200, 3}, {1000, 700, 999, 699, 4},
-                               {300, 200, 100, 67, 3},    {17, 40, 5, 40, 1},         {40, 17, 40, 3, 4},
-                               {2480, 702, 1240, 351, 3}, {62, 4, 31, 2, 1},          {34, 2, 17, 1, 4}};
+                               {300, 200, 100, 67, 3},    {17, 40, 5, 40, 1},        {40, 17, 40, 3, 4},
+                               {2480, 702, 1240, 351, 3}, {62, 4, 31, 2, 1},         {34, 2, 17, 1, 4}};
     for (int i = 0; i < 150; ++i) {
         const int cn = i % 3 == 0 ? 1 : i % 3 == 1 ? 3 : 4;
         const int sw = 1 + static_cast<int>(rng() % 260), sh = 1 + static_cast<int>(rng() % 120);
@@ -77,7 +80,8 @@ TEST(AreaReduce, EqualsOpenCvAreaResize) {
         if (!(halving ? quarvel::AreaHalveCovers(c.srcW, c.srcH, c.outW, c.outH, c.cn)
                       : AreaReduceCovers(c.srcW, c.srcH, c.outW, c.outH)))
             continue;
-        SCOPED_TRACE(::testing::Message() << c.srcW << "x" << c.srcH << " to " << c.outW << "x" << c.outH << " cn " << c.cn);
+        SCOPED_TRACE(::testing::Message()
+                     << c.srcW << "x" << c.srcH << " to " << c.outW << "x" << c.outH << " cn " << c.cn);
         const cv::Mat in = Page(c.srcW, c.srcH, c.cn, rng);
         cv::Mat want;
         cv::resize(in, want, cv::Size(c.outW, c.outH), 0, 0, cv::INTER_AREA);
@@ -122,7 +126,8 @@ TEST(AreaReduce, BitonalRegionResizeAtBitOffsets) {
         const int fx = 1 + static_cast<int>(rng() % 18), fy = 1 + static_cast<int>(rng() % 5);
         const int outW = 1 + static_cast<int>(rng() % 40), outH = 1 + static_cast<int>(rng() % 20);
         const bool whole = i % 2 == 0;
-        const int sw = whole ? fx * outW : outW + static_cast<int>(rng() % 200), sh = whole ? fy * outH : outH + static_cast<int>(rng() % 60);
+        const int sw = whole ? fx * outW : outW + static_cast<int>(rng() % 200),
+                  sh = whole ? fy * outH : outH + static_cast<int>(rng() % 60);
         const int sx = static_cast<int>(rng() % 11), sy = static_cast<int>(rng() % 3), dx = static_cast<int>(rng() % 9);
         ImagePtr src = CreateImage(PixelFormat::kBitonal, sx + sw + 5, sy + sh, 0);
         ImagePtr dst = CreateImage(PixelFormat::kBitonal, dx + outW + 9, outH + 1, 0);
@@ -156,11 +161,12 @@ TEST(AreaReduce, CoversReductionsNotWholeOnBothAxes) {
     struct Case {
         int srcW, srcH, outW, outH;
         bool covered;
-    } const cases[] = {{100, 100, 50, 50, false},  {100, 100, 100, 100, false}, {100, 100, 50, 30, true},
-                       {100, 100, 100, 99, true},  {100, 100, 101, 50, false},  {100, 100, 50, 101, false},
-                       {100, 100, 0, 50, false},   {0, 100, 1, 1, false},       {99, 99, 33, 9, false}};
+    } const cases[] = {{100, 100, 50, 50, false}, {100, 100, 100, 100, false}, {100, 100, 50, 30, true},
+                       {100, 100, 100, 99, true}, {100, 100, 101, 50, false},  {100, 100, 50, 101, false},
+                       {100, 100, 0, 50, false},  {0, 100, 1, 1, false},       {99, 99, 33, 9, false}};
     for (const Case &c : cases)
-        EXPECT_EQ(AreaReduceCovers(c.srcW, c.srcH, c.outW, c.outH), c.covered) << c.srcW << "x" << c.srcH << " to " << c.outW << "x" << c.outH;
+        EXPECT_EQ(AreaReduceCovers(c.srcW, c.srcH, c.outW, c.outH), c.covered)
+            << c.srcW << "x" << c.srcH << " to " << c.outW << "x" << c.outH;
     const bool was = quarvel::UseAreaReduce(false);
     EXPECT_FALSE(AreaReduceCovers(100, 100, 50, 30));
     quarvel::UseAreaReduce(was);
