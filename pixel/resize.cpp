@@ -93,15 +93,23 @@ HGLOBAL Resize(HGLOBAL hDib, int width, int height) {
         return nullptr;
     ImagePtr view = DibToIplImage(in.header());
     if (!view) return nullptr;
-    ResultBlock out = ResultBlock::Rewritten(in, FormatOf(*view), width, height, NewTable::kKeep);
+    // The scaled page is written into its rectangle, then only the margins
+    // around it are painted white: each byte of the block is written once.
+    ResultBlock out =
+        ResultBlock::Rewritten(in, FormatOf(*view), width, height, NewTable::kKeep, ResultRows::kPaddingZeroed);
     if (!out) return nullptr;
-    out.Fill(255);
-    if (fitW > 0 && fitH > 0) {
-        RoiPtr roi(iplCreateROI(0, (width - fitW) / 2, (height - fitH) / 2, fitW, fitH));
-        if (!roi) return nullptr;
+    if (fitW <= 0 || fitH <= 0) {
+        out.Fill(255);
+        return out.Release();
+    }
+    const int x = (width - fitW) / 2, y = (height - fitH) / 2;
+    RoiPtr roi(iplCreateROI(0, x, y, fitW, fitH));
+    if (!roi) return nullptr;
+    {
         RoiScope scope(out.image(), roi.get());
         iplResize(view.get(), out.image(), fitW, in.width(), fitH, in.height(), mode);
     }
+    PaintOutside(nullptr, out.image(), x, y, fitW, fitH, 255);
     return out.Release();
 }
 
