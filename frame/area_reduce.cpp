@@ -21,7 +21,8 @@
 // is compiled with -ffp-contract=off, and the vector code asks for no FMA.
 //
 // A reduction by exactly 2 on both axes is OpenCV's integer average of each
-// 2 x 2 cell, rounded half up; it is done 16 samples a step per lane.
+// 2 x 2 cell, rounded half up; it makes 16 output samples a step (12 for
+// 3-byte pixels).
 //
 // A 1-bit source is expanded to its two gray levels 16 rows at a time, so
 // no 8-bit copy of the page is made. Cells that OpenCV would not reach the
@@ -74,8 +75,8 @@ bool CellTaps(int size, int cells, Taps *taps) {
         const double from = d * scale;
         const double to = from + scale;
         const double width = std::min(scale, size - from);
-        int whole2 = std::min(static_cast<int>(std::floor(to)), size - 1);
-        int whole1 = std::min(static_cast<int>(std::ceil(from)), whole2);
+        const int whole2 = std::min(static_cast<int>(std::floor(to)), size - 1);
+        const int whole1 = std::min(static_cast<int>(std::ceil(from)), whole2);
         taps->offset[d] = static_cast<int>(taps->weight.size());
         taps->first[d] = whole1;
         if (whole1 - from > 1e-3) {
