@@ -93,10 +93,13 @@ HGLOBAL Resize(HGLOBAL hDib, int width, int height) {
         return nullptr;
     ImagePtr view = DibToIplImage(in.header());
     if (!view) return nullptr;
-    // The scaled page is written into its rectangle, then only the margins
-    // around it are painted white: each byte of the block is written once.
-    ResultBlock out =
-        ResultBlock::Rewritten(in, FormatOf(*view), width, height, NewTable::kKeep, ResultRows::kPaddingZeroed);
+    // Only the margins around the scaled page's rectangle are painted white,
+    // then the scaled page is written into it: each pixel is written once.
+    // A 1-bit rectangle shares its edge bytes with the margins and is written
+    // bit by bit into them, so those rows start zeroed; deeper rows start
+    // with only their padding set.
+    const ResultRows rows = in.bitCount() == 1 ? ResultRows::kZeroed : ResultRows::kPaddingZeroed;
+    ResultBlock out = ResultBlock::Rewritten(in, FormatOf(*view), width, height, NewTable::kKeep, rows);
     if (!out) return nullptr;
     if (fitW <= 0 || fitH <= 0) {
         out.Fill(255);
@@ -105,11 +108,11 @@ HGLOBAL Resize(HGLOBAL hDib, int width, int height) {
     const int x = (width - fitW) / 2, y = (height - fitH) / 2;
     RoiPtr roi(iplCreateROI(0, x, y, fitW, fitH));
     if (!roi) return nullptr;
+    PaintOutside(nullptr, out.image(), x, y, fitW, fitH, 255);
     {
         RoiScope scope(out.image(), roi.get());
         iplResize(view.get(), out.image(), fitW, in.width(), fitH, in.height(), mode);
     }
-    PaintOutside(nullptr, out.image(), x, y, fitW, fitH, 255);
     return out.Release();
 }
 
