@@ -153,12 +153,7 @@ void iplResize(IplImage *src, IplImage *dst, int xDst, int xSrc, int yDst, int y
             return;
         }
         if (mode == cv::INTER_AREA && AreaReduceCovers(rs.width, rs.height, static_cast<int>(outW), static_cast<int>(outH))) {
-            AreaSource bitsIn;
-            bitsIn.data = RowOf(*src, rs.y);
-            bitsIn.step = src->widthStep;
-            bitsIn.width = rs.width;
-            bitsIn.height = rs.height;
-            bitsIn.bitX = rs.x;
+            const AreaSource bitsIn{RowOf(*src, rs.y), src->widthStep, rs.width, rs.height, 1, rs.x};
             std::vector<std::uint8_t> levels(static_cast<std::size_t>(w) * h);
             if (AreaReduce(bitsIn, static_cast<int>(outW), static_cast<int>(outH), levels.data(), w, w, h)) {
                 std::vector<std::uint8_t> packed((static_cast<std::size_t>(w) + 7) / 8);
@@ -186,19 +181,12 @@ void iplResize(IplImage *src, IplImage *dst, int xDst, int xSrc, int yDst, int y
     }
     const cv::Mat in = MatOf(*src, rs);
     cv::Mat out = MatOf(*dst, Region{rd.x, rd.y, w, h});
-    if (mode == cv::INTER_AREA && AreaReduceCovers(rs.width, rs.height, static_cast<int>(outW), static_cast<int>(outH))) {
-        AreaSource samples;
-        samples.data = in.data;
-        samples.step = static_cast<std::ptrdiff_t>(in.step);
-        samples.width = in.cols;
-        samples.height = in.rows;
-        samples.channels = in.channels();
-        if (AreaReduce(samples, static_cast<int>(outW), static_cast<int>(outH), out.data, static_cast<std::ptrdiff_t>(out.step), w, h))
-            return;
-    }
-    if (mode == cv::INTER_AREA && AreaHalveCovers(rs.width, rs.height, static_cast<int>(outW), static_cast<int>(outH), in.channels())) {
-        AreaSource samples{in.data, static_cast<std::ptrdiff_t>(in.step), in.cols, in.rows, in.channels()};
-        if (AreaHalve(samples, out.data, static_cast<std::ptrdiff_t>(out.step), w, h)) return;
+    if (mode == cv::INTER_AREA && outW <= INT_MAX && outH <= INT_MAX) {  // our reductions, where they cover the sizes
+        const AreaSource samples{in.data, static_cast<std::ptrdiff_t>(in.step), in.cols, in.rows, in.channels()};
+        const int ow = static_cast<int>(outW), oh = static_cast<int>(outH);
+        const auto step = static_cast<std::ptrdiff_t>(out.step);
+        if (AreaReduce(samples, ow, oh, out.data, step, w, h)) return;
+        if (outW * 2 == rs.width && outH * 2 == rs.height && AreaHalve(samples, out.data, step, w, h)) return;
     }
     if (w == outW && h == outH) {
         cv::resize(in, out, out.size(), 0, 0, mode);
