@@ -1,9 +1,8 @@
 // The area reduction and the halving against OpenCV's resize with
 // INTER_AREA, their plain twin, byte for byte: random sizes and output sizes
-// (halves among them) at 1, 3 and 4 channels
-// over noise, flat runs and ramps (where rounding ties gather), 1-bit rows at
-// any bit offset with either level order, the clipped corner, and guard
-// bytes around the written block.
+// (halves among them) at 1, 3 and 4 channels over noise, flat runs and ramps
+// (where rounding ties gather), 1-bit regions at any bit offset (through
+// iplResize), the clipped corner, and guard bytes around the written block.
 #include "frame/area_reduce.h"
 
 #include <gtest/gtest.h>
@@ -89,29 +88,6 @@ TEST(AreaReduce, EqualsOpenCvAreaResize) {
         ASSERT_TRUE(Same(Reduce(s, c.outW, c.outH, c.outW, c.outH), want));
         const int w = 1 + static_cast<int>(rng() % c.outW), h = 1 + static_cast<int>(rng() % c.outH);
         ASSERT_TRUE(Same(Reduce(s, c.outW, c.outH, w, h), want(cv::Rect(0, 0, w, h)))) << "corner " << w << "x" << h;
-    }
-}
-
-TEST(AreaReduce, BitonalRowsEqualTheirGrayLevelsResized) {
-    if (!AreaReduceCovers(3, 3, 2, 2)) GTEST_SKIP() << "no AVX2";
-    std::mt19937 rng(9);
-    for (int i = 0; i < 60; ++i) {
-        const int sw = 1 + static_cast<int>(rng() % 300), sh = 1 + static_cast<int>(rng() % 80);
-        const int outW = 1 + static_cast<int>(rng() % sw), outH = 1 + static_cast<int>(rng() % sh);
-        if (!AreaReduceCovers(sw, sh, outW, outH)) continue;
-        const int bitX = static_cast<int>(rng() % 12);
-        const std::uint8_t zero = i % 2 ? 255 : 0, one = 255 - zero;
-        const int stride = (bitX + sw + 31) / 32 * 4;
-        std::vector<std::uint8_t> packed(static_cast<std::size_t>(stride) * sh);
-        for (auto &b : packed) b = static_cast<std::uint8_t>(rng() & rng());
-        cv::Mat gray(sh, sw, CV_8UC1);
-        for (int y = 0; y < sh; ++y)
-            for (int x = 0; x < sw; ++x)
-                gray.at<std::uint8_t>(y, x) = quarvel::bits::Get(packed.data() + y * stride, bitX + x) ? one : zero;
-        cv::Mat want;
-        cv::resize(gray, want, cv::Size(outW, outH), 0, 0, cv::INTER_AREA);
-        AreaSource s{packed.data(), stride, sw, sh, 1, bitX, zero, one};
-        ASSERT_TRUE(Same(Reduce(s, outW, outH, outW, outH), want)) << sw << "x" << sh << " to " << outW << "x" << outH;
     }
 }
 
