@@ -39,7 +39,6 @@
 #include <cmath>
 #include <vector>
 
-#include "frame/bits.h"
 #include "frame/kernels.h"
 
 namespace quarvel {
@@ -156,7 +155,8 @@ QUARVEL_AVX2 inline void Transpose16x2(const __m256i r[16], std::uint8_t *out) {
     }
 }
 
-// 8 x 8 floats: r[i] becomes column i.
+// An 8 x 8 block of floats transposed in place: r[i] becomes what was
+// column i.
 QUARVEL_AVX2 inline void Transpose8(__m256 r[8]) {
     __m256 t[8], s[8];
     for (int k = 0; k < 4; ++k) {
@@ -191,18 +191,15 @@ struct Reducer {
 
     Reducer(const AreaSource &s, int ww, int hh) : src(s), w(ww), h(hh), cn(s.channels) {}
 
+    // Source row y; a 1-bit row is expanded to levels in lane's scratch row
+    // (from the byte holding its first pixel on).
     const std::uint8_t *Row(int y, int lane) {
         const std::uint8_t *row = src.data + static_cast<std::ptrdiff_t>(y) * src.step;
         if (src.bitX < 0) return row;
-        std::uint8_t *out = expanded.data() + static_cast<std::size_t>(lane) * elements;
         const int skip = src.bitX & 7;
-        row += src.bitX >> 3;
-        if (skip == 0) {
-            kernels::ExpandBitsRow(row, out, elements, 1, src.zero, src.one);
-        } else {
-            for (int x = 0; x < elements; ++x) out[x] = bits::Get(row, skip + x) ? src.one : src.zero;
-        }
-        return out;
+        std::uint8_t *out = expanded.data() + static_cast<std::size_t>(lane) * (elements + 8);
+        kernels::ExpandBitsRow(row + (src.bitX >> 3), out, elements + skip, 1, src.zero, src.one);
+        return out + skip;
     }
 
     QUARVEL_AVX2 void Gather(int y0) {
@@ -288,7 +285,7 @@ struct Reducer {
         elements = (xt.first[w - 1] + xt.count[w - 1]) * cn;
         rowLen = w * cn;
         rowStride = (rowLen + 7) / 8 * 8;
-        if (src.bitX >= 0) expanded.resize(static_cast<std::size_t>(kLanes) * elements);
+        if (src.bitX >= 0) expanded.resize(static_cast<std::size_t>(kLanes) * (elements + 8));
         columns.resize(static_cast<std::size_t>(kLanes) * elements);
         lanes.resize(static_cast<std::size_t>(kLanes) * rowLen);
         sums.resize(static_cast<std::size_t>(kLanes) * rowStride);
