@@ -1,8 +1,8 @@
 // Whole-byte kernels for packed 1-bit pages, a page (or a band of rows) a
 // call: copy, complement, AND, OR and AND-NOT of rows (LogicRows), ImageAnd's
 // AND written back to its first page (AndRowsBack), and the 2 x 2 minimum and
-// maximum filter of the first text levels (Filter2x2Rows). 32 bytes a step
-// under AVX2, 16 under SSE2; the plain byte and bit loops in `plain` are the
+// maximum filter of the first text levels (Filter2x2Rows). 64 bytes a step
+// under AVX-512 (the row logic), 32 under AVX2, 16 under SSE2; the plain byte and bit loops in `plain` are the
 // oracle the tests compare against bit for bit.
 //
 // Contracts of LogicRows and AndRowsBack: they read the (w + 7) / 8 bytes
