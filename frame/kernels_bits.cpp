@@ -12,6 +12,7 @@
 #include <emmintrin.h>
 #include <immintrin.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "frame/kernels.h"
@@ -69,6 +70,11 @@ void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *
                    int count, bool minimum) {
     for (int y = 0; y < count; ++y)
         Filter2x2Row(a + y * strideA, y + 1 < count ? a + (y + 1) * strideA : nullptr, d + y * strideD, x, w, minimum);
+}
+
+void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count, bool minimum) {
+    Filter2x2Rows(a, stride, d, stride, 0, w, count, minimum);
+    for (int y = 0; y < count; ++y) ClearRowTail(d + static_cast<std::ptrdiff_t>(y) * stride, w, stride);
 }
 
 }  // namespace plain
@@ -341,7 +347,99 @@ void Filter2x2Page(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *
         Filter2x2<Minimum>(a, y + 1 < count ? a + strideA : nullptr, d, x, w, avx2);
 }
 
+using V64 = std::uint8_t __attribute__((vector_size(64)));
+
+// Bytes [k, n - 1) of a run of rows filtered, 64 (or 32) bytes a step:
+// byte k from bytes k and k + 1 of its row and of the next (the reads stay
+// below n + stride). Under AVX-512 each step's rows are combined once and
+// the bytes one on taken from that and the next step's by one two-register
+// byte permute (a load one byte on splits a cache line every time, which
+// made the loads the limit); the run ends with a block overlapping the one
+// before. Returns the bytes done.
+template <bool Minimum>
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) std::size_t FilterRunAvx512(const std::uint8_t *a, std::uint8_t *d,
+                                                                                std::size_t stride, std::size_t k, std::size_t n) {
+    const auto rows = [&](std::size_t at) {
+        V64 u, v;
+        std::memcpy(&u, a + at, sizeof u);
+        std::memcpy(&v, a + at + stride, sizeof v);
+        return Minimum ? u & v : u | v;
+    };
+    const auto put = [&](std::size_t at, V64 u, V64 next) {
+        const V64 shifted = (u + u) | (next >> 7), r = Minimum ? u & shifted : u | shifted;
+        std::memcpy(d + at, &r, sizeof r);
+    };
+    alignas(64) static constexpr std::uint8_t kOn[64] = {1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 12, 13, 14, 15, 16,
+                                                         17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31, 32,
+                                                         33, 34, 35, 36, 37, 38, 39, 40, 41, 42, 43, 44, 45, 46, 47, 48,
+                                                         49, 50, 51, 52, 53, 54, 55, 56, 57, 58, 59, 60, 61, 62, 63, 64};
+    if (k + 65 > n) return k;
+    if (k + 128 <= n) {
+        const __m512i on = _mm512_load_si512(kOn);
+        V64 u = rows(k);
+        for (; k + 128 <= n; k += 64) {
+            const V64 later = rows(k + 64);
+            put(k, u, reinterpret_cast<V64>(_mm512_permutex2var_epi8(reinterpret_cast<__m512i>(u), on, reinterpret_cast<__m512i>(later))));
+            u = later;
+        }
+    }
+    if (k + 65 <= n) put(k, rows(k), rows(k + 1)), k += 64;
+    if (k + 1 < n) put(n - 65, rows(n - 65), rows(n - 64));
+    return n - 1;
+}
+
+template <bool Minimum>
+__attribute__((target("avx2"))) std::size_t FilterRunAvx2(const std::uint8_t *a, std::uint8_t *d, std::size_t stride, std::size_t k,
+                                                          std::size_t n) {
+    for (; k + 32 < n; k += 32) {
+        const V32 u = Combine32<Minimum>(a + k, a + k + stride), next = Combine32<Minimum>(a + k + 1, a + k + 1 + stride);
+        const V32 shifted = (u + u) | (next >> 7);
+        Store32(d + k, Minimum ? u & shifted : u | shifted);
+    }
+    return k;
+}
+
+template <bool Minimum>
+void FilterPage(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count) {
+    if (w <= 0 || count <= 0) return;
+    const auto op = [](unsigned u, unsigned v) { return Minimum ? u & v : u | v; };
+    const std::size_t s = static_cast<std::size_t>(stride), nb = static_cast<std::size_t>(w + 7) / 8;
+    const int end = w & 7;
+    const unsigned valid = (0xFF00u >> (end != 0 ? end : 8)) & 0xFFu, identity = Minimum ? 0xFFu : 0u;
+    const bool avx512 = Avx512On(), avx2 = Avx2On();
+    // Rows 0 .. count - 2 as runs of 16 rows (5 KB on an A4 page); each
+    // run's last byte (padding, or a last pixel byte) is left to the rows'
+    // ends, which are taken while the run is in cache.
+    constexpr int kBand = 16;
+    for (int y0 = 0; y0 + 1 < count; y0 += kBand) {
+        const int y1 = std::min(y0 + kBand, count - 1);
+        std::size_t k = static_cast<std::size_t>(y0) * s;
+        const std::size_t n = static_cast<std::size_t>(y1) * s;
+        k = avx512 ? FilterRunAvx512<Minimum>(a, d, s, k, n) : avx2 ? FilterRunAvx2<Minimum>(a, d, s, k, n) : k;
+        for (; k + 1 < n; ++k) {
+            const unsigned t = op(a[k], a[k + s]), next = op(a[k + 1], a[k + 1 + s]);
+            d[k] = static_cast<std::uint8_t>(op(t, ((t << 1) | (next >> 7)) & 0xFFu));
+        }
+        for (int y = y0; y < y1; ++y) {
+            const std::size_t j = static_cast<std::size_t>(y) * s + nb - 1;
+            const unsigned t = (op(a[j], a[j + s]) & valid) | (identity & ~valid);
+            d[j] = static_cast<std::uint8_t>(op(t, ((t << 1) | (identity >> 7)) & 0xFFu));
+            ClearRowTail(d + static_cast<std::size_t>(y) * s, w, stride);
+        }
+    }
+    const std::size_t last = static_cast<std::size_t>(count - 1) * s;
+    Filter2x2<Minimum>(a + last, nullptr, d + last, 0, w, Avx2On());
+    ClearRowTail(d + last, w, stride);
+}
+
 }  // namespace
+
+void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count, bool minimum) {
+    if (minimum)
+        FilterPage<true>(a, d, stride, w, count);
+    else
+        FilterPage<false>(a, d, stride, w, count);
+}
 
 void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool minimum) {
     if (minimum)

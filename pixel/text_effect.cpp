@@ -4,9 +4,9 @@
 // copy), whatever the level. The neighbourhood of a pixel reaches right and up the page (its
 // anchor is cell (0, 0) on bottom-up rows). TextEffectRect filters only the
 // rectangle, clipped to the page, and treats it as the whole image: cells
-// beyond it are left out. On 8 bits with a side of 2 (levels 1 and -1) the
-// rectangle's rows are filtered in the same pass that copies the page
-// around them.
+// beyond it are left out. With a side of 2 (levels 1 and -1) a whole 1-bit
+// page is filtered as one run of bytes, and on 8 bits the rectangle's rows
+// are filtered in the same pass that copies the page around them.
 #include <algorithm>
 
 #include "frame/kernels.h"
@@ -42,6 +42,13 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
     if (!whole && rect == nullptr) return nullptr;
     LockedDib in(hDib, kTextDepths);
     if (!in.ok()) return nullptr;
+    if (whole && in.bitCount() == 1 && Side(level) == 2) {
+        // One run of bytes down the page; every byte of every row written.
+        ResultBlock out = ResultBlock::CopiedHeader(in, ResultRows::kUnset);
+        if (!out) return nullptr;
+        kernels::Filter2x2Page(in.bits(), RowOf(*out.image(), 0), in.stride(), in.width(), in.height(), level > 0);
+        return out.Release();
+    }
     ImagePtr view = DibToIplImage(in.header());
     ResultBlock out = ResultBlock::CopiedHeader(in, true);  // every pixel is written
     if (!view || !out) return nullptr;
