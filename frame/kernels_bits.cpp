@@ -356,19 +356,27 @@ using V64 = std::uint8_t __attribute__((vector_size(64)));
 // byte permute (a load one byte on splits a cache line every time, which
 // made the loads the limit); the run ends with a block overlapping the one
 // before. Returns the bytes done.
+#define KERNELS_RUN512 __attribute__((target("avx512f,avx512bw,avx512vbmi"), always_inline)) inline
+
+// Bytes p .. p + 63 of a row combined with the bytes one stride on.
+template <bool Minimum>
+KERNELS_RUN512 V64 RowPair(const std::uint8_t *p, std::size_t stride) {
+    V64 u, v;
+    std::memcpy(&u, p, sizeof u);
+    std::memcpy(&v, p + stride, sizeof v);
+    return Minimum ? u & v : u | v;
+}
+
+// 64 result bytes from the combined rows u and the combined bytes one on.
+template <bool Minimum>
+KERNELS_RUN512 void PutFiltered(std::uint8_t *d, V64 u, V64 next) {
+    const V64 shifted = (u + u) | (next >> 7), r = Minimum ? u & shifted : u | shifted;
+    std::memcpy(d, &r, sizeof r);
+}
+
 template <bool Minimum>
 __attribute__((target("avx512f,avx512bw,avx512vbmi"))) std::size_t FilterRunAvx512(const std::uint8_t *a, std::uint8_t *d,
                                                                                 std::size_t stride, std::size_t k, std::size_t n) {
-    const auto rows = [&](std::size_t at) {
-        V64 u, v;
-        std::memcpy(&u, a + at, sizeof u);
-        std::memcpy(&v, a + at + stride, sizeof v);
-        return Minimum ? u & v : u | v;
-    };
-    const auto put = [&](std::size_t at, V64 u, V64 next) {
-        const V64 shifted = (u + u) | (next >> 7), r = Minimum ? u & shifted : u | shifted;
-        std::memcpy(d + at, &r, sizeof r);
-    };
     alignas(64) static constexpr std::uint8_t kOn[64] = {1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 12, 13, 14, 15, 16,
                                                          17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31, 32,
                                                          33, 34, 35, 36, 37, 38, 39, 40, 41, 42, 43, 44, 45, 46, 47, 48,
@@ -376,15 +384,16 @@ __attribute__((target("avx512f,avx512bw,avx512vbmi"))) std::size_t FilterRunAvx5
     if (k + 65 > n) return k;
     if (k + 128 <= n) {
         const __m512i on = _mm512_load_si512(kOn);
-        V64 u = rows(k);
+        V64 u = RowPair<Minimum>(a + k, stride);
         for (; k + 128 <= n; k += 64) {
-            const V64 later = rows(k + 64);
-            put(k, u, reinterpret_cast<V64>(_mm512_permutex2var_epi8(reinterpret_cast<__m512i>(u), on, reinterpret_cast<__m512i>(later))));
+            const V64 later = RowPair<Minimum>(a + k + 64, stride);
+            PutFiltered<Minimum>(d + k, u,
+                                 reinterpret_cast<V64>(_mm512_permutex2var_epi8(reinterpret_cast<__m512i>(u), on, reinterpret_cast<__m512i>(later))));
             u = later;
         }
     }
-    if (k + 65 <= n) put(k, rows(k), rows(k + 1)), k += 64;
-    if (k + 1 < n) put(n - 65, rows(n - 65), rows(n - 64));
+    if (k + 65 <= n) PutFiltered<Minimum>(d + k, RowPair<Minimum>(a + k, stride), RowPair<Minimum>(a + k + 1, stride)), k += 64;
+    if (k + 1 < n) PutFiltered<Minimum>(d + n - 65, RowPair<Minimum>(a + n - 65, stride), RowPair<Minimum>(a + n - 64, stride));
     return n - 1;
 }
 
