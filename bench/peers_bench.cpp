@@ -1,6 +1,6 @@
 // The floor and the peers, measured in the same run as the operations: a new
 // block plus memcpy of the page (what any pass that writes a new page must
-// at least pay), OpenCV's affine warp, Otsu threshold (after a conversion to
+// at least pay) and the same for ImageAnd's two pages, OpenCV's affine warp, Otsu threshold (after a conversion to
 // gray on a colour page) and area resize, and Leptonica's 1-bit sampling
 // rotation and quarter turn. scripts/bench-table divides each operation's
 // median by these.
@@ -33,6 +33,29 @@ void BM_Floor(benchmark::State &state) {
     GlobalUnlock(page);
 }
 BENCHMARK(BM_Floor)->Arg(1)->Arg(8)->Arg(24)->Arg(32)->Unit(benchmark::kMillisecond);
+
+// ImageAnd's memory floor: a new block that takes the AND of two pages
+// (two pages read, one written; ImageAnd's own page 1 is written back only
+// where the AND changes it, which on the benchmark's pages is nowhere).
+void BM_FloorAnd(benchmark::State &state) {
+    HGLOBAL page = qbench::A4Page(static_cast<int>(state.range(0)));
+    HGLOBAL first = ConvertMode(page, static_cast<int>(state.range(0)), 128);
+    const std::size_t n = GlobalSize(page) / 8;
+    const auto *a = static_cast<const std::uint64_t *>(GlobalLock(first));
+    const auto *b = static_cast<const std::uint64_t *>(GlobalLock(page));
+    for (auto _ : state) {
+        HGLOBAL out = quarvel::AllocateBlock(8 * n, false);
+        auto *d = static_cast<std::uint64_t *>(GlobalLock(out));
+        for (std::size_t i = 0; i < n; ++i) d[i] = a[i] & b[i];
+        GlobalUnlock(out);
+        benchmark::DoNotOptimize(out);
+        GlobalFree(out);
+    }
+    GlobalUnlock(page);
+    GlobalUnlock(first);
+    GlobalFree(first);
+}
+BENCHMARK(BM_FloorAnd)->Arg(1)->Arg(8)->Arg(24)->Unit(benchmark::kMillisecond);
 
 // A Mat over the page's rows (no copy).
 cv::Mat PageMat(HGLOBAL page, int bits) {

@@ -17,7 +17,11 @@
 
 namespace quarvel::colour {
 
-// A copy of a whole block (GlobalSize bytes), locked while this lives.
+// A copy of a whole block (GlobalSize bytes), locked while this lives. The
+// bytes before and after the rows are copied at once; the rows either by
+// CopyRows, which hands each row of a band to the pass right after copying
+// it (so the pass finds it in cache instead of reading the copy back from
+// memory), or, if no pass asked for them, by Release.
 class BlockCopy {
 public:
     explicit BlockCopy(const LockedDib &from);
@@ -28,12 +32,28 @@ public:
     explicit operator bool() const { return data_ != nullptr; }
     BITMAPINFOHEADER *header() const { return reinterpret_cast<BITMAPINFOHEADER *>(data_); }
     std::uint8_t *bits() const { return DibPixelBits(header()); }
-    // Unlocks the copy and hands it to the caller.
+    // Copies every stored row, calling work(y) right after row y is copied
+    // for y in [y0, y1). Once only, before Release.
+    template <class F>
+    void CopyRows(int y0, int y1, F work) {
+        for (int y = 0; y < rows_; ++y) {
+            CopyRow(y);
+            if (y >= y0 && y < y1) work(y);
+        }
+        rows_ = 0;
+    }
+    // Copies the rows no pass has copied, unlocks the copy and hands it to
+    // the caller.
     HGLOBAL Release();
 
 private:
+    void CopyRow(int y);
+
     HGLOBAL handle_ = nullptr;
     std::uint8_t *data_ = nullptr;
+    const std::uint8_t *from_ = nullptr;
+    std::size_t first_ = 0, stride_ = 0;  // offset of row 0, row stride
+    int rows_ = 0;                        // rows still to copy
 };
 
 // Pixel rows of a colour page: bytes per pixel and row stride.

@@ -1,8 +1,9 @@
-// Shared by the colour operations: whole-block copies, colour rows and the
-// caller's rectangle.
+// Shared by the colour operations: block copies whose rows are copied as a
+// pass reaches them, colour rows and the caller's rectangle.
 #include <cstring>
 
 #include "colour/colour.h"
+#include "frame/kernels.h"
 #include "platform/global_memory.h"
 
 namespace quarvel::colour {
@@ -18,7 +19,13 @@ BlockCopy::BlockCopy(const LockedDib &from) {
         handle_ = nullptr;
         return;
     }
-    std::memcpy(data_, from.block(), from.blockSize());
+    from_ = from.block();
+    first_ = static_cast<std::size_t>(from.bits() - from.block());
+    stride_ = static_cast<std::size_t>(from.stride());
+    rows_ = from.height();
+    const std::size_t end = first_ + from.imageSize();
+    std::memcpy(data_, from_, first_);
+    std::memcpy(data_ + end, from_ + end, from.blockSize() - end);
 }
 
 BlockCopy::~BlockCopy() {
@@ -28,9 +35,18 @@ BlockCopy::~BlockCopy() {
     }
 }
 
+void BlockCopy::CopyRow(int y) {
+    const std::size_t at = first_ + static_cast<std::size_t>(y) * stride_;
+    // The next row is prefetched while this one is copied, so that it
+    // arrives while the pass works on this one.
+    kernels::CopyRow(from_ + at, data_ + at, stride_, y + 1 < rows_ ? from_ + at + stride_ : nullptr);
+}
+
 HGLOBAL BlockCopy::Release() {
     HGLOBAL h = handle_;
-    if (h != nullptr) GlobalUnlock(h);
+    if (h == nullptr) return nullptr;
+    for (int y = 0; y < rows_; ++y) CopyRow(y);
+    GlobalUnlock(h);
     handle_ = nullptr;
     data_ = nullptr;
     return h;

@@ -27,9 +27,10 @@ HGLOBAL DeColorize(HGLOBAL hDib, const RECT *rect, int redThreshold, int blueThr
         return out.Release();
     }
     const ColourRows rows = RowsOf(out.header());
-    for (int y = span.y0; y < span.y1; ++y)
+    out.CopyRows(span.y0, span.y1, [&](int y) {
         kernels::DecolourRow(rows.row(y) + static_cast<std::size_t>(span.x0) * rows.bytesPerPixel, span.x1 - span.x0,
                              rows.bytesPerPixel, wholePage, redThreshold, blueThreshold, greenThreshold);
+    });
     return out.Release();
 }
 

@@ -11,7 +11,8 @@
 // Every sum and difference is taken in 64 bits and clamped to 0..255, so
 // negative amounts work the other way round instead of wrapping, and no
 // amount overflows. The rules run a row at a time in the colour kernels
-// (eight pixels a step, see frame/kernels_colour.cpp).
+// (eight pixels a step, see frame/kernels_colour.cpp), each row right after
+// it is copied into the result block, while it is in cache.
 #include <algorithm>
 
 #include "colour/colour.h"
@@ -51,8 +52,12 @@ std::uint8_t *At(std::uint8_t *bits, std::size_t stride, int bpp, int x, int y) 
     return bits + static_cast<std::size_t>(y) * stride + static_cast<std::size_t>(x) * static_cast<std::size_t>(bpp);
 }
 
-void WriteMaps(const Span &s, const ColourRows &rows) {
-    for (int y = s.y0; y < s.y1; ++y) kernels::ExcessMapRow(At(rows.bits, static_cast<std::size_t>(rows.stride), rows.bytesPerPixel, s.x0, y), s.x1 - s.x0, rows.bytesPerPixel);
+void WriteMaps(BlockCopy &out, const Span &s) {
+    const ColourRows rows = RowsOf(out.header());
+    out.CopyRows(s.y0, s.y1, [&](int y) {
+        kernels::ExcessMapRow(At(rows.bits, static_cast<std::size_t>(rows.stride), rows.bytesPerPixel, s.x0, y), s.x1 - s.x0,
+                              rows.bytesPerPixel);
+    });
 }
 
 }  // namespace
@@ -66,10 +71,10 @@ HGLOBAL EnhanceColor(HGLOBAL hDib, const RECT *rect, const EnhanceParams &p) {
     const kernels::EnhanceRule rule = RuleOf(p, false, false);
     const ColourRows rows = RowsOf(out.header());
     const std::size_t stride = static_cast<std::size_t>(rows.stride);
-    for (int y = span.y0; y < span.y1; ++y) {
+    out.CopyRows(span.y0, span.y1, [&](int y) {
         std::uint8_t *px = At(rows.bits, stride, rows.bytesPerPixel, span.x0, y);
         kernels::EnhanceRow(px, nullptr, px, span.x1 - span.x0, rows.bytesPerPixel, rule);
-    }
+    });
     return out.Release();
 }
 
@@ -79,20 +84,20 @@ HGLOBAL EnhanceColorEx(HGLOBAL hDib, HGLOBAL hMap, const RECT *rect, const Enhan
     if (!out) return nullptr;
     Span span;
     if (in.bitCount() < 24 || !ResolveRect(rect, in.width(), in.height(), &span)) return out.Release();
-    const ColourRows rows = RowsOf(out.header());
     if (hMap == nullptr) {
-        WriteMaps(span, rows);
+        WriteMaps(out, span);
         return out.Release();
     }
+    const ColourRows rows = RowsOf(out.header());
     LockedDib map(hMap, kColorDepths);
     if (!map.ok() || !SameLayout(in, map)) return out.Release();
     const kernels::EnhanceRule rule = RuleOf(p, false, true);
     const int bpp = rows.bytesPerPixel;
     std::uint8_t *mapBits = map.row(0);
-    for (int y = span.y0; y < span.y1; ++y) {
+    out.CopyRows(span.y0, span.y1, [&](int y) {
         std::uint8_t *px = At(rows.bits, static_cast<std::size_t>(rows.stride), bpp, span.x0, y);
         kernels::EnhanceRow(px, At(mapBits, static_cast<std::size_t>(map.stride()), bpp, span.x0, y), px, span.x1 - span.x0, bpp, rule);
-    }
+    });
     return out.Release();
 }
 
@@ -107,22 +112,22 @@ HGLOBAL EnhanceColorEx1(HGLOBAL hDib, HGLOBAL hBaseDib, HGLOBAL hMap, const RECT
     const LockedDib &start = withBase ? base : page;
     Span span;
     if (start.bitCount() < 24 || !ResolveRect(rect, start.width(), start.height(), &span)) return out.Release();
-    const ColourRows rows = RowsOf(out.header());
     if (hMap == nullptr) {
-        WriteMaps(span, rows);
+        WriteMaps(out, span);
         return out.Release();
     }
+    const ColourRows rows = RowsOf(out.header());
     LockedDib map(hMap, kColorDepths);
     if (!map.ok() || !SameLayout(page, map) || (withBase && !SameLayout(page, base))) return out.Release();
     const kernels::EnhanceRule rule = RuleOf(p, true, true);
     const int bpp = rows.bytesPerPixel;
     std::uint8_t *mapBits = map.row(0);
     std::uint8_t *pageBits = page.row(0);
-    for (int y = span.y0; y < span.y1; ++y) {
+    out.CopyRows(span.y0, span.y1, [&](int y) {
         const std::uint8_t *in = At(pageBits, static_cast<std::size_t>(page.stride()), bpp, span.x0, y);
         std::uint8_t *px = At(rows.bits, static_cast<std::size_t>(rows.stride), bpp, span.x0, y);
         kernels::EnhanceRow(in, At(mapBits, static_cast<std::size_t>(map.stride()), bpp, span.x0, y), px, span.x1 - span.x0, bpp, rule);
-    }
+    });
     return out.Release();
 }
 

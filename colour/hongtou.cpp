@@ -20,8 +20,9 @@ HGLOBAL ConvertHongTou(HGLOBAL hColorDib, HGLOBAL hGrayDib, int colorDiff, int m
         return out.Release();
 
     const ColourRows rows = RowsOf(out.header());
-    for (int y = 0; y < rows.height; ++y)
+    out.CopyRows(0, rows.height, [&](int y) {
         kernels::RedMarksRow(rows.row(y), gray.row(y), rows.width, rows.bytesPerPixel, colorDiff, minLevel, keepBlue);
+    });
     return out.Release();
 }
 

@@ -955,7 +955,42 @@ __attribute__((target("avx2"))) int DecolourAvx2(std::uint8_t *p, int n, int bpp
     return x;
 }
 
+// Lanes where channel c is at least 60 and exceeds o1 and o2 by more than
+// delta, if `use`.
+__attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,bmi2"), always_inline)) inline __mmask16 Distinct512(
+    __mmask16 use, __m512i c, __m512i o1, __m512i o2, __m512i delta) {
+    return static_cast<__mmask16>(use & _mm512_cmpgt_epi32_mask(c, _mm512_set1_epi32(59)) &
+                                  _mm512_cmpgt_epi32_mask(_mm512_sub_epi32(c, _mm512_maskz_max_epi32(0xFFFF, o1, o2)), delta));
+}
+
+// Sixteen pixels a step in the same lanes, the tests as lane masks.
+KERNELS_SPREAD512 int DecolourAvx512(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta, int blueDelta, int greenDelta) {
+    const Spread512 m = SpreadMasks512(bpp);
+    const __m512i repeat = _mm512_set1_epi32(0x010101);
+    const __m512i rd = _mm512_set1_epi32(redDelta > 0 ? redDelta - 1 : 0), bd = _mm512_set1_epi32(blueDelta > 0 ? blueDelta - 1 : 0),
+                  gd = _mm512_set1_epi32(greenDelta > 0 ? greenDelta - 1 : 0);
+    const __mmask16 useRed = keepDistinct && redDelta > 0 ? 0xFFFF : 0, useBlue = keepDistinct && blueDelta > 0 ? 0xFFFF : 0,
+                    useGreen = keepDistinct && greenDelta > 0 ? 0xFFFF : 0;
+    int x = 0;
+    for (; (n - x) * bpp >= 64; x += 16) {
+        std::uint8_t *q = p + static_cast<std::ptrdiff_t>(x) * bpp;
+        const __m512i v = LoadSixteen(q, m);
+        const __m512i b = _mm512_shuffle_epi8(v, m.b), g = _mm512_shuffle_epi8(v, m.g), r = _mm512_shuffle_epi8(v, m.r);
+        const __m512i level = _mm512_add_epi32(_mm512_add_epi32(_mm512_maskz_srli_epi32(0xFFFF, b, 2), _mm512_maskz_srli_epi32(0xFFFF, g, 1)),
+                                               _mm512_maskz_srli_epi32(0xFFFF, r, 2));
+        const __mmask16 keep = Distinct512(useRed, r, g, b, rd) | Distinct512(useBlue, b, g, r, bd) | Distinct512(useGreen, g, b, r, gd);
+        const __m512i gray = _mm512_shuffle_epi8(_mm512_mullo_epi32(level, repeat), m.back);
+        // Bytes of pixels grayed; the rest (and bytes with no lane) keep v.
+        StoreSixteen(q, m, _mm512_mask_blend_epi8(LaneBytes(static_cast<__mmask16>(~keep), m), v, gray));
+    }
+    return x;
+}
+
 void DecolourRow(std::uint8_t *p, int n, int bpp, bool keepDistinct, int redDelta, int blueDelta, int greenDelta) {
+    if (useAvx512 && (bpp == 3 || bpp == 4)) {
+        const int done = DecolourAvx512(p, n, bpp, keepDistinct, redDelta, blueDelta, greenDelta);
+        p += static_cast<std::ptrdiff_t>(done) * bpp, n -= done;
+    }
     const int done = useAvx2 && (bpp == 3 || bpp == 4) ? DecolourAvx2(p, n, bpp, keepDistinct, redDelta, blueDelta, greenDelta) : 0;
     plain::DecolourRow(p + static_cast<std::ptrdiff_t>(done) * bpp, n - done, bpp, keepDistinct, redDelta, blueDelta, greenDelta);
 }

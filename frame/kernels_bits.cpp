@@ -1,5 +1,6 @@
 // 1-bit row kernels (see kernels_bits.h). One loop shape serves every
-// operation: 32-byte AVX2 blocks where the processor has them (two a step,
+// operation: 64-byte AVX-512 blocks with a masked last step (LogicRows),
+// 32-byte AVX2 blocks where the processor has them (two a step,
 // the row's last bytes as one block overlapping the one before), else
 // 16-byte SSE2 blocks, then one 16-, 8- and 4-byte step each as the length
 // needs, then single bytes; so a 310-byte A4 row is ten blocks. The
@@ -11,6 +12,7 @@
 #include <emmintrin.h>
 #include <immintrin.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "frame/kernels.h"
@@ -68,6 +70,11 @@ void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *
                    int count, bool minimum) {
     for (int y = 0; y < count; ++y)
         Filter2x2Row(a + y * strideA, y + 1 < count ? a + (y + 1) * strideA : nullptr, d + y * strideD, x, w, minimum);
+}
+
+void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count, bool minimum) {
+    Filter2x2Rows(a, stride, d, stride, 0, w, count, minimum);
+    for (int y = 0; y < count; ++y) ClearRowTail(d + static_cast<std::ptrdiff_t>(y) * stride, w, stride);
 }
 
 }  // namespace plain
@@ -168,12 +175,75 @@ void RowsSse2(const BitRows &r, F f) {
     }
 }
 
-template <class F>
-void Rows(const BitRows &r, F f) {
-    if (Avx2On())
-        RowsAvx2(r, f);
+#define AVX512 __attribute__((target("avx512f,avx512bw,avx512vl,bmi2")))
+
+// Masks of the first n bytes of a 64-byte block.
+AVX512 inline __mmask64 FirstBytes(std::size_t n) { return n >= 64 ? ~0ull : _bzhi_u64(~0ull, static_cast<unsigned>(n)); }
+
+template <Logic L>
+AVX512 inline __m512i Op512(__m512i a, __m512i b) {
+    if constexpr (L == Logic::kCopy) return a;
+    if constexpr (L == Logic::kNot) return ~a;
+    if constexpr (L == Logic::kAnd) return a & b;
+    if constexpr (L == Logic::kOr) return a | b;
+    if constexpr (L == Logic::kAndNot) return a & ~b;
+}
+
+// 64 bytes a step, and the row's last step writes the rest of the row,
+// padding included, at once: its loads masked to the pixel bytes, the bytes
+// past them zeroed, the bits past w cleared in their byte, the store masked
+// to the row. So a 312-byte A4 row is five steps with no tail code.
+template <Logic L>
+AVX512 void RowsAvx512(const BitRows &r) {
+    const std::size_t nb = static_cast<std::size_t>(r.w + 7) / 8, stride = static_cast<std::size_t>(r.dstStride);
+    const std::size_t full = nb & ~std::size_t{63};
+    // The step holding the last pixel byte clears the bits past w in it.
+    const std::size_t lastAt = full < nb ? full : full - 64, lastByte = nb - 1 - lastAt;
+    const __m512i tail = _mm512_mask_set1_epi8(_mm512_set1_epi8(-1), __mmask64{1} << lastByte,
+                                               static_cast<char>(0xFF00u >> ((r.w & 7) != 0 ? r.w & 7 : 8)));
+    for (int y = 0; y < r.count; ++y) {
+        const std::uint8_t *a = r.a + y * r.strideA, *b = r.b + y * r.strideB;
+        std::uint8_t *d = r.d + static_cast<std::ptrdiff_t>(y) * r.dstStride;
+        std::size_t i = 0;
+        for (; i < full; i += 64) {
+            __m512i v = Op512<L>(_mm512_loadu_si512(a + i), _mm512_loadu_si512(b + i));
+            if (i == lastAt) v &= tail;
+            _mm512_storeu_si512(d + i, v);
+        }
+        for (; i < stride; i += 64) {
+            const __mmask64 pixels = FirstBytes(nb > i ? nb - i : 0);
+            __m512i v = Op512<L>(_mm512_maskz_loadu_epi8(pixels, a + i), _mm512_maskz_loadu_epi8(pixels, b + i));
+            v = _mm512_maskz_mov_epi8(pixels, i == lastAt ? v & tail : v);
+            _mm512_mask_storeu_epi8(d + i, FirstBytes(stride - i), v);
+        }
+    }
+}
+
+// AndRowsBack 64 bytes a step, the last block overlapping the one before.
+AVX512 void AndRowsBackAvx512(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b, std::ptrdiff_t strideB,
+                              std::uint8_t *d, int dstStride, int w, int count) {
+    const std::size_t nb = static_cast<std::size_t>(w / 8);
+    for (int y = 0; y < count; ++y, a += strideA, b += strideB, d += dstStride) {
+        for (std::size_t i = 0;; i += 64) {
+            const bool last = i + 64 >= nb;
+            if (last) i = nb - 64;
+            const __m512i u = _mm512_loadu_si512(a + i), v = _mm512_loadu_si512(b + i), r = u & v;
+            _mm512_storeu_si512(d + i, r);
+            if (_mm512_test_epi64_mask(u, ~v) != 0) _mm512_storeu_si512(a + i, r);
+            if (last) break;
+        }
+        ClearRowTail(d, w, dstStride);
+    }
+}
+
+template <Logic L>
+void Rows(const BitRows &r) {
+    if (Avx512On() && r.w > 0)
+        RowsAvx512<L>(r);
+    else if (Avx2On())
+        RowsAvx2(r, Op<L>{});
     else
-        RowsSse2(r, f);
+        RowsSse2(r, Op<L>{});
 }
 
 // Blocks where the AND clears no bit (b covers a) leave a unwritten.
@@ -277,7 +347,108 @@ void Filter2x2Page(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *
         Filter2x2<Minimum>(a, y + 1 < count ? a + strideA : nullptr, d, x, w, avx2);
 }
 
+using V64 = std::uint8_t __attribute__((vector_size(64)));
+
+// Bytes [k, n - 1) of a run of rows filtered, 64 (or 32) bytes a step:
+// byte k from bytes k and k + 1 of its row and of the next (the reads stay
+// below n + stride). Under AVX-512 each step's rows are combined once and
+// the bytes one on taken from that and the next step's by one two-register
+// byte permute (a load one byte on splits a cache line every time, which
+// made the loads the limit); the run ends with a block overlapping the one
+// before. Returns the bytes done.
+#define KERNELS_RUN512 __attribute__((target("avx512f,avx512bw,avx512vbmi"), always_inline)) inline
+
+// Bytes p .. p + 63 of a row combined with the bytes one stride on.
+template <bool Minimum>
+KERNELS_RUN512 V64 RowPair(const std::uint8_t *p, std::size_t stride) {
+    V64 u, v;
+    std::memcpy(&u, p, sizeof u);
+    std::memcpy(&v, p + stride, sizeof v);
+    return Minimum ? u & v : u | v;
+}
+
+// 64 result bytes from the combined rows u and the combined bytes one on.
+template <bool Minimum>
+KERNELS_RUN512 void PutFiltered(std::uint8_t *d, V64 u, V64 next) {
+    const V64 shifted = (u + u) | (next >> 7), r = Minimum ? u & shifted : u | shifted;
+    std::memcpy(d, &r, sizeof r);
+}
+
+template <bool Minimum>
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) std::size_t FilterRunAvx512(const std::uint8_t *a, std::uint8_t *d,
+                                                                                std::size_t stride, std::size_t k, std::size_t n) {
+    alignas(64) static constexpr std::uint8_t kOn[64] = {1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 12, 13, 14, 15, 16,
+                                                         17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31, 32,
+                                                         33, 34, 35, 36, 37, 38, 39, 40, 41, 42, 43, 44, 45, 46, 47, 48,
+                                                         49, 50, 51, 52, 53, 54, 55, 56, 57, 58, 59, 60, 61, 62, 63, 64};
+    if (k + 65 > n) return k;
+    if (k + 128 <= n) {
+        const __m512i on = _mm512_load_si512(kOn);
+        V64 u = RowPair<Minimum>(a + k, stride);
+        for (; k + 128 <= n; k += 64) {
+            const V64 later = RowPair<Minimum>(a + k + 64, stride);
+            PutFiltered<Minimum>(d + k, u,
+                                 reinterpret_cast<V64>(_mm512_permutex2var_epi8(reinterpret_cast<__m512i>(u), on, reinterpret_cast<__m512i>(later))));
+            u = later;
+        }
+    }
+    if (k + 65 <= n) PutFiltered<Minimum>(d + k, RowPair<Minimum>(a + k, stride), RowPair<Minimum>(a + k + 1, stride)), k += 64;
+    if (k + 1 < n) PutFiltered<Minimum>(d + n - 65, RowPair<Minimum>(a + n - 65, stride), RowPair<Minimum>(a + n - 64, stride));
+    return n - 1;
+}
+
+template <bool Minimum>
+__attribute__((target("avx2"))) std::size_t FilterRunAvx2(const std::uint8_t *a, std::uint8_t *d, std::size_t stride, std::size_t k,
+                                                          std::size_t n) {
+    for (; k + 32 < n; k += 32) {
+        const V32 u = Combine32<Minimum>(a + k, a + k + stride), next = Combine32<Minimum>(a + k + 1, a + k + 1 + stride);
+        const V32 shifted = (u + u) | (next >> 7);
+        Store32(d + k, Minimum ? u & shifted : u | shifted);
+    }
+    return k;
+}
+
+template <bool Minimum>
+void FilterPage(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count) {
+    if (w <= 0 || count <= 0) return;
+    const auto op = [](unsigned u, unsigned v) { return Minimum ? u & v : u | v; };
+    const std::size_t s = static_cast<std::size_t>(stride), nb = static_cast<std::size_t>(w + 7) / 8;
+    const int end = w & 7;
+    const unsigned valid = (0xFF00u >> (end != 0 ? end : 8)) & 0xFFu, identity = Minimum ? 0xFFu : 0u;
+    const bool avx512 = Avx512On(), avx2 = Avx2On();
+    // Rows 0 .. count - 2 as runs of 16 rows (5 KB on an A4 page); each
+    // run's last byte (padding, or a last pixel byte) is left to the rows'
+    // ends, which are taken while the run is in cache.
+    constexpr int kBand = 16;
+    for (int y0 = 0; y0 + 1 < count; y0 += kBand) {
+        const int y1 = std::min(y0 + kBand, count - 1);
+        std::size_t k = static_cast<std::size_t>(y0) * s;
+        const std::size_t n = static_cast<std::size_t>(y1) * s;
+        k = avx512 ? FilterRunAvx512<Minimum>(a, d, s, k, n) : avx2 ? FilterRunAvx2<Minimum>(a, d, s, k, n) : k;
+        for (; k + 1 < n; ++k) {
+            const unsigned t = op(a[k], a[k + s]), next = op(a[k + 1], a[k + 1 + s]);
+            d[k] = static_cast<std::uint8_t>(op(t, ((t << 1) | (next >> 7)) & 0xFFu));
+        }
+        for (int y = y0; y < y1; ++y) {
+            const std::size_t j = static_cast<std::size_t>(y) * s + nb - 1;
+            const unsigned t = (op(a[j], a[j + s]) & valid) | (identity & ~valid);
+            d[j] = static_cast<std::uint8_t>(op(t, ((t << 1) | (identity >> 7)) & 0xFFu));
+            ClearRowTail(d + static_cast<std::size_t>(y) * s, w, stride);
+        }
+    }
+    const std::size_t last = static_cast<std::size_t>(count - 1) * s;
+    Filter2x2<Minimum>(a + last, nullptr, d + last, 0, w, Avx2On());
+    ClearRowTail(d + last, w, stride);
+}
+
 }  // namespace
+
+void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count, bool minimum) {
+    if (minimum)
+        FilterPage<true>(a, d, stride, w, count);
+    else
+        FilterPage<false>(a, d, stride, w, count);
+}
 
 void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool minimum) {
     if (minimum)
@@ -296,6 +467,10 @@ void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *
 
 void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b, std::ptrdiff_t strideB, std::uint8_t *d,
                  int dstStride, int w, int count) {
+    if (Avx512On() && w >= 512) {
+        AndRowsBackAvx512(a, strideA, b, strideB, d, dstStride, w, count);
+        return;
+    }
     if (Avx2On()) {
         AndRowsBackAvx2(a, strideA, b, strideB, d, dstStride, w, count);
         return;
@@ -307,11 +482,11 @@ void LogicRows(const BitRows &rows, Logic op) {
     BitRows r = rows;
     if (op == Logic::kCopy || op == Logic::kNot) r.b = r.a, r.strideB = r.strideA;
     switch (op) {
-        case Logic::kCopy: Rows(r, Op<Logic::kCopy>{}); break;
-        case Logic::kNot: Rows(r, Op<Logic::kNot>{}); break;
-        case Logic::kAnd: Rows(r, Op<Logic::kAnd>{}); break;
-        case Logic::kOr: Rows(r, Op<Logic::kOr>{}); break;
-        case Logic::kAndNot: Rows(r, Op<Logic::kAndNot>{}); break;
+        case Logic::kCopy: Rows<Logic::kCopy>(r); break;
+        case Logic::kNot: Rows<Logic::kNot>(r); break;
+        case Logic::kAnd: Rows<Logic::kAnd>(r); break;
+        case Logic::kOr: Rows<Logic::kOr>(r); break;
+        case Logic::kAndNot: Rows<Logic::kAndNot>(r); break;
     }
 }
 

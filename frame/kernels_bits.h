@@ -1,8 +1,8 @@
 // Whole-byte kernels for packed 1-bit pages, a page (or a band of rows) a
 // call: copy, complement, AND, OR and AND-NOT of rows (LogicRows), ImageAnd's
 // AND written back to its first page (AndRowsBack), and the 2 x 2 minimum and
-// maximum filter of the first text levels (Filter2x2Rows). 32 bytes a step
-// under AVX2, 16 under SSE2; the plain byte and bit loops in `plain` are the
+// maximum filter of the first text levels (Filter2x2Rows). 64 bytes a step
+// under AVX-512 (the row logic), 32 under AVX2, 16 under SSE2; the plain byte and bit loops in `plain` are the
 // oracle the tests compare against bit for bit.
 //
 // Contracts of LogicRows and AndRowsBack: they read the (w + 7) / 8 bytes
@@ -56,6 +56,13 @@ void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d,
 void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *d, std::ptrdiff_t strideD, int x, int w,
                    int count, bool minimum);
 
+// The same over a whole page whose rows (source and result) lie `stride`
+// bytes apart, from bit 0, each result row written whole: bits past w and
+// the padding cleared. The rows but the last are filtered as one run of
+// bytes (row y's bytes and the bytes one stride on), and then each row's
+// last pixel byte is taken again with the identity past w.
+void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count, bool minimum);
+
 // Clears a row's padding, n bytes at p: at most 4 on a DIB row, so plain
 // stores, not a memset call per row (which costs more than a 1-bit row's
 // copy).
@@ -85,6 +92,7 @@ void AndRowsBack(std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *b,
 void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool minimum);
 void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *d, std::ptrdiff_t strideD, int x, int w,
                    int count, bool minimum);
+void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count, bool minimum);
 }  // namespace plain
 
 }  // namespace quarvel::kernels

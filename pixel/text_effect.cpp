@@ -4,9 +4,9 @@
 // copy), whatever the level. The neighbourhood of a pixel reaches right and up the page (its
 // anchor is cell (0, 0) on bottom-up rows). TextEffectRect filters only the
 // rectangle, clipped to the page, and treats it as the whole image: cells
-// beyond it are left out. On 8 bits with a side of 2 (levels 1 and -1) the
-// rectangle's rows are filtered in the same pass that copies the page
-// around them.
+// beyond it are left out. With a side of 2 (levels 1 and -1) a whole 1-bit
+// page is filtered as one run of bytes, and on 8 bits the rectangle's rows
+// are filtered in the same pass that copies the page around them.
 #include <algorithm>
 
 #include "frame/kernels.h"
@@ -42,9 +42,23 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
     if (!whole && rect == nullptr) return nullptr;
     LockedDib in(hDib, kTextDepths);
     if (!in.ok()) return nullptr;
+    if (whole && in.bitCount() == 1 && Side(level) == 2) {
+        // One run of bytes down the page; every byte of every row written.
+        ResultBlock out = ResultBlock::CopiedHeader(in, ResultRows::kUnset);
+        if (!out) return nullptr;
+        kernels::Filter2x2Page(in.bits(), RowOf(*out.image(), 0), in.stride(), in.width(), in.height(), level > 0);
+        return out.Release();
+    }
+    // Every pixel is written; a 1-bit page's rectangle form copies the page
+    // whole by a kernel that writes every byte of each row, padding included.
+    const bool bitonal = in.bitCount() == 1;
     ImagePtr view = DibToIplImage(in.header());
-    ResultBlock out = ResultBlock::CopiedHeader(in, true);  // every pixel is written
+    ResultBlock out = ResultBlock::CopiedHeader(in, bitonal && !whole ? ResultRows::kUnset : ResultRows::kPaddingZeroed);
     if (!view || !out) return nullptr;
+    const auto copyBits = [&] {
+        kernels::LogicRows({in.bits(), in.stride(), in.bits(), in.stride(), RowOf(*out.image(), 0), in.stride(), in.width(), in.height()},
+                           kernels::Logic::kCopy);
+    };
     if (whole) {
         Filter(view.get(), out.image(), level, in.width(), in.height());
         return out.Release();
@@ -53,7 +67,10 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
     const RECT page{0, 0, in.width(), in.height()};
     RECT r;
     if (!IntersectRect(&r, &asked, &page)) {  // nothing of the page to filter
-        iplCopy(view.get(), out.image());
+        if (bitonal)
+            copyBits();
+        else
+            iplCopy(view.get(), out.image());
         return out.Release();
     }
     const int rw = r.right - r.left, rh = r.bottom - r.top;
@@ -74,11 +91,7 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
     // rectangle costs more per row than the whole row's); the filter then
     // writes the rectangle's bits over it.
     IplROI roi{0, r.left, r.top, r.right - r.left, r.bottom - r.top};
-    const bool bitonal = in.bitCount() == 1;
-    if (bitonal)
-        kernels::LogicRows({in.bits(), in.stride(), in.bits(), in.stride(), RowOf(*out.image(), 0), in.stride(), in.width(),
-                            in.height()},
-                           kernels::Logic::kCopy);
+    if (bitonal) copyBits();
     {
         RoiScope a(view.get(), &roi), b(out.image(), &roi);
         Filter(view.get(), out.image(), level, r.right - r.left, r.bottom - r.top);

@@ -102,6 +102,8 @@ const std::vector<Twin> kTwins = {
      [](auto c, auto s, auto d) { TWIN(Filter2x2Row, s, c.b ? s + c.n : nullptr, d, c.bpp - 1, c.n, c.a == 1); }},
     {"filter 2x2 rows", {1, 4}, {0, 1}, {0},
      [](auto c, auto s, auto d) { TWIN(Filter2x2Rows, s, c.n / 8 + 3, d, c.n / 8 + 2, c.bpp - 1, c.n, 5, c.a == 1); }},
+    {"filter 2x2 page", {1}, {0, 1}, {0, 5},  // a: minimum; b: extra padding and 20 rows (two bands)
+     [](auto c, auto s, auto d) { TWIN(Filter2x2Page, s, d, (c.n + 31) / 32 * 4 + c.b, c.n, c.b ? 20 : 5, c.a == 1); }},
     {"mirror bits", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBits, s, d, c.n); }},
     {"min max 2 x 2", {1}, {0, 1}, {0, 1},
      [](auto c, auto s, auto d) { TWIN(MinMaxSquareRow, s, c.b ? s : s + 4 * c.n + 32, d, c.n, c.a); }},

@@ -80,6 +80,30 @@ TEST(TextEffect, BitonalPagesSpreadZeroBits) {
     }
 }
 
+// On 1 bit, levels 1 and -1 filter the rectangle's rows as a page and put
+// the page back around it: the rectangle must equal the filtered crop (its
+// last column and row with nothing beyond) and every other bit the page,
+// for rectangles at every bit phase, one byte wide, one row high and
+// reaching the page's right edge.
+TEST(TextEffect, BitonalRectangleEqualsTheFilteredCrop) {
+    const int w = 203, h = 41;
+    Block page = MakePageWith(Shape(w, h, 1), [](int x, int y, int) { return (x * 7 + y * 13 + x * y) % 5 < 2; });
+    RECT rects[] = {{3, 2, 150, 30}, {9, 0, 14, 41}, {0, 7, 203, 8}, {77, 11, 203, 40}, {130, 5, 138, 25}, {1, 1, 2, 2}};
+    PageView in(page.get());
+    for (RECT &r : rects)
+        for (int level : {1, -1}) {
+            const int rw = r.right - r.left, rh = r.bottom - r.top, y0 = h - r.bottom;  // storage rows y0 .. y0 + rh - 1
+            Block crop = MakePageWith(Shape(rw, rh, 1), [&](int x, int y, int) { return in.get(r.left + x, y0 + y); });
+            Block want(TextEffect(crop.get(), level)), got(TextEffectRect(page.get(), &r, level));
+            PageView cut(want.get()), res(got.get());
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x) {
+                    const bool inside = x >= r.left && x < r.right && y >= y0 && y < y0 + rh;
+                    ASSERT_EQ(res.get(x, y), inside ? cut.get(x - r.left, y - y0) : in.get(x, y)) << r.left << " " << r.top << " " << level;
+                }
+        }
+}
+
 TEST(TextEffect, RectangleFiltersOnlyInside) {
     Block page = MakePageWith(Shape(40, 30, 8), [](int x, int y, int) { return (x * 7 + y * 13) % 256; });
     RECT full{0, 0, 40, 30};
