@@ -37,6 +37,9 @@ constexpr double kMinPaperShare = 0.2;  // a "sheet" smaller than this share of 
 constexpr double kMinBedGap = 0.12;   // a light bed lies at least this share of the paper level below it,
 constexpr double kBedStep = 0.6;      // meets the paper at a step of this share of the gap,
 constexpr double kBedSpread = 0.25;   // and is flat: its ring's interquartile spread is at most this share
+constexpr double kRectFill = 0.7;     // a paper region filling this share of its rectangle is a sheet
+constexpr int kRectInset = 2;         // grid pixels (about 1.4 mm) of its rim left to the frame
+constexpr int kBayWidth = 5;          // grid pixels (about 3.4 mm): thinner strips along the edge stay frame
 
 int PaperLevel(const cv::Mat &g) {
     const cv::Mat mid = g(cv::Rect(g.cols / 4, g.rows / 4, std::max(1, g.cols / 2), std::max(1, g.rows / 2)));
@@ -159,6 +162,32 @@ Sheet FindSheet(const ScanPage &page) {
     // strip of light scanner lid beyond a black bed, or a stray corner, does
     // not stretch the sheet to the page edge.
     cv::Mat sheetGrid = (plabels == best), cols, rows;
+    // A sheet is a rectangle: a dark picture printed to its edge joins the
+    // frame there and leaves a bay in the paper region, but it lies inside
+    // the rectangle the region fits, while the bed (and the wedges round a
+    // skewed sheet) lie outside it. So the rectangle, less its rim, is sheet
+    // whenever the region fills most of it (a book's stack edges and
+    // binding leave shapes that do not); only bays at least 3.4 mm thick
+    // are taken back, so a page edge's shadow or a strip the scanner left
+    // along the sheet's side stays frame.
+    std::vector<cv::Point> points;
+    cv::findNonZero(sheetGrid, points);
+    const cv::RotatedRect fit = cv::minAreaRect(points);
+    if (stats.at<int>(best, cv::CC_STAT_AREA) >= kRectFill * fit.size.area() &&
+        std::min(fit.size.width, fit.size.height) > 4 * kRectInset) {
+        const cv::RotatedRect inner(fit.center, cv::Size2f(fit.size.width - 2 * kRectInset, fit.size.height - 2 * kRectInset),
+                                    fit.angle);
+        cv::Point2f corners[4];
+        inner.points(corners);
+        std::vector<cv::Point> quad;
+        for (const cv::Point2f &c : corners) quad.push_back(cv::Point(cvRound(c.x), cvRound(c.y)));
+        cv::Mat bays(sheetGrid.size(), CV_8UC1, cv::Scalar(0));
+        cv::fillConvexPoly(bays, quad, cv::Scalar(255));
+        bays &= ~sheetGrid;
+        cv::morphologyEx(bays, bays, cv::MORPH_OPEN,
+                         cv::getStructuringElement(cv::MORPH_RECT, cv::Size(kBayWidth, kBayWidth)));
+        sheetGrid |= bays;
+    }
     cv::reduce(sheetGrid, cols, 0, cv::REDUCE_SUM, CV_32S);
     cv::reduce(sheetGrid, rows, 1, cv::REDUCE_SUM, CV_32S);
     double colMax = 0, rowMax = 0;
