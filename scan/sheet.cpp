@@ -110,8 +110,12 @@ bool FindFrame(const cv::Mat &g, cv::Mat dark, double minStep, double maxLevel, 
         for (int x = 0; x < g.cols; ++x) p.at<std::uint8_t>(y, x) = frame[static_cast<std::size_t>(labels.at<int>(y, x))] ? 0 : 255;
     cv::Mat gradient, rim;
     cv::morphologyEx(g, gradient, cv::MORPH_GRADIENT, cv::Mat());
-    cv::dilate(p, rim, cv::Mat());
-    rim &= ~p;
+    // The rim is the frame's border with the paper, not with single paper
+    // pixels inside a noisy bed (opened away first).
+    cv::Mat open;
+    cv::morphologyEx(p, open, cv::MORPH_OPEN, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3)));
+    cv::dilate(open, rim, cv::Mat());
+    rim &= ~open;
     if (cv::countNonZero(rim) > 0 && cv::mean(gradient, rim)[0] < minStep) return false;
     return cv::mean(g, ~p)[0] <= maxLevel;
 }

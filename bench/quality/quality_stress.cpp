@@ -337,6 +337,17 @@ bool Punch(Variant &v, cv::Scalar colour, double dpi) {
     return true;
 }
 
+// The box of the pixels in `r` darker than 60 % of the paper.
+cv::Rect InkBox(const cv::Mat &img, const cv::Rect &r) {
+    const cv::Mat g = Gray(img(r));
+    cv::Mat dark = g < Paper(img)[1] * 0.6;
+    std::vector<cv::Point> points;
+    cv::findNonZero(dark, points);
+    if (points.empty()) return {};
+    const cv::Rect b = cv::boundingRect(points);
+    return b + r.tl();
+}
+
 // The first line of ink in the content box (rows darker than 60 % of paper).
 cv::Rect FirstLine(const cv::Mat &img, const cv::Rect2d &content, double dpi) {
     const cv::Mat g = Gray(img);
@@ -347,8 +358,12 @@ cv::Rect FirstLine(const cv::Mat &img, const cv::Rect2d &content, double dpi) {
         int n = 0;
         for (int x = c.x; x < c.x + c.width; ++x) n += g.at<std::uint8_t>(y, x) * 10 < paper * 6;
         if (y0 < 0 && n > 3) y0 = y;
-        if (y0 >= 0 && n == 0 && y - y0 > dpi / 25.4)
+        if (y0 < 0 || n > 0) continue;
+        // A band under 1.5 mm tall is a rule or dust, not a line of text.
+        if (y - y0 > 10 * dpi / 25.4) return {};
+        if (y - y0 > 1.5 * dpi / 25.4)
             return cv::Rect(c.x, y0 - 2, std::min(c.width, int(120 * dpi / 25.4)), y - y0 + 4) & cv::Rect(0, 0, img.cols, img.rows);
+        y0 = -1;
     }
     return {};
 }
@@ -362,7 +377,7 @@ void Bare(Variant &v, const cv::Rect &piece, cv::Point at, unsigned seed) {
     sheet -= noise;
     if (piece.area() > 0 && cv::Rect(at, piece.size()) == (cv::Rect(at, piece.size()) & cv::Rect(0, 0, sheet.cols, sheet.rows))) {
         v.img(piece).copyTo(sheet(cv::Rect(at, piece.size())));
-        v.content = cv::Rect2d(at.x, at.y, piece.width, piece.height);
+        v.content = InkBox(v.img, piece) - piece.tl() + at;
     }
     v.img = sheet;
     v.hasSkew = false;
@@ -390,7 +405,8 @@ void Photo(Variant &v, unsigned seed) {
 
 // Ink darkness in a box: the sum of how far each pixel lies below the paper
 // level less a noise allowance, counted only where `mask` is set (null:
-// everywhere). The page is first area-reduced to cells of about 1/75 inch,
+// everywhere). The page (the rest painted paper) is first area-reduced to
+// cells of about 1/75 inch from its origin,
 // so resampling (which spreads a stroke's darkness over its neighbours but
 // keeps its sum) does not read as ink lost.
 int PaperLevel(const cv::Mat &gray) {
@@ -405,16 +421,19 @@ int PaperLevel(const cv::Mat &gray) {
 
 double InkIn(const cv::Mat &gray, cv::Rect r, const cv::Mat *mask, double dpi) {
     const int paper = PaperLevel(gray);
+    cv::Mat kept(gray.size(), CV_8UC1, cv::Scalar(paper));
     r &= cv::Rect(0, 0, gray.cols, gray.rows);
     if (r.area() == 0) return 0;
-    cv::Mat box = gray(r).clone();
-    if (mask) box.setTo(paper, (*mask)(r) == 0);
+    if (mask)
+        gray(r).copyTo(kept(r), (*mask)(r));
+    else
+        gray(r).copyTo(kept(r));
     const int f = std::max(1, cvRound(dpi / 75));
     cv::Mat cells;
-    cv::resize(box, cells, cv::Size((box.cols + f - 1) / f, (box.rows + f - 1) / f), 0, 0, cv::INTER_AREA);
+    cv::resize(kept, cells, cv::Size((kept.cols + f - 1) / f, (kept.rows + f - 1) / f), 0, 0, cv::INTER_AREA);
     double sum = 0;
     for (int y = 0; y < cells.rows; ++y)
-        for (int x = 0; x < cells.cols; ++x) sum += std::max(0, paper - 8 - cells.at<std::uint8_t>(y, x));
+        for (int x = 0; x < cells.cols; ++x) sum += std::max(0, paper - 6 - cells.at<std::uint8_t>(y, x));
     return sum * f * f;
 }
 
@@ -565,6 +584,9 @@ int main(int argc, char **argv) {
         make.push_back({"pagenumber", [=](Variant &v) {
             cv::Rect line = FirstLine(v.img, v.content, dpi);
             if (line.area() == 0) return false;
+            const cv::Rect ink = InkBox(v.img, line);
+            if (ink.area() == 0) return false;
+            line.x = ink.x - 2;
             line.width = std::min(line.width, static_cast<int>(8 * dpi / 25.4));
             Bare(v, line, {(v.img.cols - line.width) / 2, v.img.rows - static_cast<int>(15 * dpi / 25.4) - line.height}, i);
             return true;
