@@ -18,6 +18,7 @@
 // without a frame keeps the page edge, so a page without a frame is not
 // trimmed at all. A skewed sheet gives its axis-aligned bounding box.
 #include <algorithm>
+#include <cmath>
 
 #include <opencv2/imgproc.hpp>
 
@@ -40,6 +41,8 @@ constexpr double kBedSpread = 0.25;   // and is flat: its ring's interquartile s
 constexpr double kRectFill = 0.7;     // a paper region filling this share of its rectangle is a sheet
 constexpr int kRectInset = 2;         // grid pixels (about 1.4 mm) of its rim left to the frame
 constexpr int kBayWidth = 5;          // grid pixels (about 3.4 mm): thinner strips along the edge stay frame
+constexpr double kBayLift = 0.10;     // a bay this share of the paper level above the bed's mean,
+constexpr double kBayTexture = 0.15;  // or this much more varied (standard deviation), is the sheet's
 
 int PaperLevel(const cv::Mat &g) {
     const cv::Mat mid = g(cv::Rect(g.cols / 4, g.rows / 4, std::max(1, g.cols / 2), std::max(1, g.rows / 2)));
@@ -110,12 +113,8 @@ bool FindFrame(const cv::Mat &g, cv::Mat dark, double minStep, double maxLevel, 
         for (int x = 0; x < g.cols; ++x) p.at<std::uint8_t>(y, x) = frame[static_cast<std::size_t>(labels.at<int>(y, x))] ? 0 : 255;
     cv::Mat gradient, rim;
     cv::morphologyEx(g, gradient, cv::MORPH_GRADIENT, cv::Mat());
-    // The rim is the frame's border with the paper, not with single paper
-    // pixels inside a noisy bed (opened away first).
-    cv::Mat open;
-    cv::morphologyEx(p, open, cv::MORPH_OPEN, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3)));
-    cv::dilate(open, rim, cv::Mat());
-    rim &= ~open;
+    cv::dilate(p, rim, cv::Mat());
+    rim &= ~p;
     if (cv::countNonZero(rim) > 0 && cv::mean(gradient, rim)[0] < minStep) return false;
     return cv::mean(g, ~p)[0] <= maxLevel;
 }
@@ -173,7 +172,8 @@ Sheet FindSheet(const ScanPage &page) {
     // whenever the region fills most of it (a book's stack edges and
     // binding leave shapes that do not); only bays at least 3.4 mm thick
     // are taken back, so a page edge's shadow or a strip the scanner left
-    // along the sheet's side stays frame.
+    // along the sheet's side stays frame, and only those lighter on the
+    // whole than the bed.
     std::vector<cv::Point> points;
     cv::findNonZero(sheetGrid, points);
     const cv::RotatedRect fit = cv::minAreaRect(points);
@@ -190,7 +190,38 @@ Sheet FindSheet(const ScanPage &page) {
         bays &= ~sheetGrid;
         cv::morphologyEx(bays, bays, cv::MORPH_OPEN,
                          cv::getStructuringElement(cv::MORPH_RECT, cv::Size(kBayWidth, kBayWidth)));
-        sheetGrid |= bays;
+        // A bay at the bed's own level and about as flat is the bed seen
+        // past the sheet (a torn corner, a dark glove holding the page): it
+        // stays frame. A picture is lighter on the whole, or far more
+        // varied (a dark halftone).
+        cv::Mat outside(sheetGrid.size(), CV_8UC1, cv::Scalar(255));
+        fit.points(corners);
+        quad.clear();
+        for (const cv::Point2f &c : corners) quad.push_back(cv::Point(cvRound(c.x), cvRound(c.y)));
+        cv::fillConvexPoly(outside, quad, cv::Scalar(0));
+        outside &= ~paperGrid;
+        cv::Scalar bed(0), bedSpread(0);
+        if (cv::countNonZero(outside) > 0) cv::meanStdDev(g, bed, bedSpread, outside);
+        cv::Mat bayLabels;
+        const int nb = cv::connectedComponents(bays, bayLabels, 8, CV_32S);
+        std::vector<double> sum(static_cast<std::size_t>(nb), 0.0), squares(sum), count(sum);
+        for (int y = 0; y < g.rows; ++y)
+            for (int x = 0; x < g.cols; ++x) {
+                const std::size_t l = static_cast<std::size_t>(bayLabels.at<int>(y, x));
+                const double v = g.at<std::uint8_t>(y, x);
+                sum[l] += v;
+                squares[l] += v * v;
+                count[l] += 1;
+            }
+        std::vector<char> sheetBay(static_cast<std::size_t>(nb), 0);
+        for (std::size_t l = 1; l < sum.size(); ++l) {
+            const double mean = sum[l] / count[l];
+            const double spread = std::sqrt(std::max(0.0, squares[l] / count[l] - mean * mean));
+            sheetBay[l] = mean > bed[0] + kBayLift * s.paperLevel || spread > bedSpread[0] + kBayTexture * s.paperLevel;
+        }
+        for (int y = 0; y < g.rows; ++y)
+            for (int x = 0; x < g.cols; ++x)
+                if (sheetBay[static_cast<std::size_t>(bayLabels.at<int>(y, x))]) sheetGrid.at<std::uint8_t>(y, x) = 255;
     }
     cv::reduce(sheetGrid, cols, 0, cv::REDUCE_SUM, CV_32S);
     cv::reduce(sheetGrid, rows, 1, cv::REDUCE_SUM, CV_32S);
