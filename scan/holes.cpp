@@ -89,7 +89,8 @@ cv::Vec3b Median(const cv::Mat &image, const cv::Rect &r, const cv::Mat &sheet) 
 // whose median (mean of its channels) is under `minPaper` is not paper (a
 // picture printed to the sheet's edge, a dark stamp) and is left at 0: its
 // own blobs stand on its median as on paper and would pass for holes.
-void PaperDifference(const cv::Mat &image, const cv::Mat &sheet, const cv::Rect &band, int cell, int minPaper, cv::Mat *diff) {
+void PaperDifference(const cv::Mat &image, const cv::Mat &sheet, const cv::Rect &band, int cell, int minPaper,
+                     cv::Mat *diff) {
     const int ch = image.channels();
     const bool horizontal = band.width >= band.height;
     const int length = horizontal ? band.width : band.height;
@@ -160,7 +161,9 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet) {
     cv::Mat onSheet;
     if (sheet.sides != 0 && !sheet.paper.empty()) {
         const int k = std::max(1, f / std::max(1, page.reduction));
-        cv::Mat cropped = sheet.paper(cv::Rect(0, 0, std::min(sheet.paper.cols, image.cols * k), std::min(sheet.paper.rows, image.rows * k)));
+        const cv::Rect whole(0, 0, std::min(sheet.paper.cols, image.cols * k),
+                             std::min(sheet.paper.rows, image.rows * k));
+        const cv::Mat cropped = sheet.paper(whole);
         cv::resize(cropped, onSheet, image.size(), 0, 0, cv::INTER_NEAREST);
     }
     for (const cv::Rect &b : bands) PaperDifference(image, onSheet, b, cell, minPaper, &diff);

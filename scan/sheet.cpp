@@ -153,10 +153,12 @@ void ReclaimBays(const cv::Mat &g, const cv::Mat &paperGrid, int area, int paper
         return quad;
     };
     cv::Mat bays(sheetGrid->size(), CV_8UC1, cv::Scalar(0));
-    cv::fillConvexPoly(bays, corners(cv::RotatedRect(fit.center, fit.size - cv::Size2f(2 * kRectInset, 2 * kRectInset), fit.angle)),
-                       cv::Scalar(255));
+    cv::fillConvexPoly(
+        bays, corners(cv::RotatedRect(fit.center, fit.size - cv::Size2f(2 * kRectInset, 2 * kRectInset), fit.angle)),
+        cv::Scalar(255));
     bays &= ~*sheetGrid;
-    cv::morphologyEx(bays, bays, cv::MORPH_OPEN, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(kBayWidth, kBayWidth)));
+    cv::morphologyEx(bays, bays, cv::MORPH_OPEN,
+                     cv::getStructuringElement(cv::MORPH_RECT, cv::Size(kBayWidth, kBayWidth)));
     if (cv::countNonZero(bays) == 0) return;
     cv::Mat outside(sheetGrid->size(), CV_8UC1, cv::Scalar(255));
     cv::fillConvexPoly(outside, corners(fit), cv::Scalar(0));
