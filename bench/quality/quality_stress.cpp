@@ -423,12 +423,6 @@ void Photo(Variant &v, unsigned seed) {
     v.hasSkew = false;
 }
 
-// Ink darkness in a box: the sum of how far each pixel lies below the paper
-// level less a noise allowance, counted only where `mask` is set (null:
-// everywhere). The page (the rest painted paper) is first area-reduced to
-// cells of about 1/75 inch from its origin,
-// so resampling (which spreads a stroke's darkness over its neighbours but
-// keeps its sum) does not read as ink lost.
 // The 90th percentile of every other pixel of every other row.
 int PaperLevel(const cv::Mat &gray) {
     std::vector<long> hist(256, 0);
@@ -443,8 +437,19 @@ int PaperLevel(const cv::Mat &gray) {
     return paper;
 }
 
+// Ink darkness in a box: the sum of how far each cell lies below the paper
+// level less a noise allowance, counted only where `mask` is set (null:
+// everywhere). The page (the rest painted paper) is area-reduced to cells of
+// about 1/75 inch from its origin, and the paper level is the cells' 90th
+// percentile, so resampling (which spreads a stroke's darkness over its
+// neighbours but keeps its sum, and smooths the paper's grain) does not read
+// as ink lost.
 double InkIn(const cv::Mat &gray, cv::Rect r, const cv::Mat *mask, double dpi) {
-    const int paper = PaperLevel(gray);
+    const int f = std::max(1, cvRound(dpi / 75));
+    const cv::Size size((gray.cols + f - 1) / f, (gray.rows + f - 1) / f);
+    cv::Mat cells;
+    cv::resize(gray, cells, size, 0, 0, cv::INTER_AREA);
+    const int paper = PaperLevel(cells);
     cv::Mat kept(gray.size(), CV_8UC1, cv::Scalar(paper));
     r &= cv::Rect(0, 0, gray.cols, gray.rows);
     if (r.area() == 0) return 0;
@@ -452,9 +457,7 @@ double InkIn(const cv::Mat &gray, cv::Rect r, const cv::Mat *mask, double dpi) {
         gray(r).copyTo(kept(r), (*mask)(r));
     else
         gray(r).copyTo(kept(r));
-    const int f = std::max(1, cvRound(dpi / 75));
-    cv::Mat cells;
-    cv::resize(kept, cells, cv::Size((kept.cols + f - 1) / f, (kept.rows + f - 1) / f), 0, 0, cv::INTER_AREA);
+    cv::resize(kept, cells, size, 0, 0, cv::INTER_AREA);
     double sum = 0;
     for (int y = 0; y < cells.rows; ++y)
         for (int x = 0; x < cells.cols; ++x) sum += std::max(0, paper - 6 - cells.at<std::uint8_t>(y, x));
