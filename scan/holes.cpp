@@ -14,6 +14,8 @@
 //    circle of its area >= 0.7 (a shadowed hole shows as a crescent), an
 //    outline no more than 1.45 times a circle's perimeter squared over area,
 //    and its own pixels cover most of its disc (a ring or an O does not);
+//  - on paper: a cell whose median is under 60 % of the sheet's paper level
+//    (a picture reaching the sheet's edge) holds no hole;
 //  - alone: the ring out to 1.9 radii is paper, so letters, words and
 //    bullets inside text (which have neighbours) are never holes;
 //  - position: the centre within 25 mm of a sheet edge, not cut by the
@@ -39,6 +41,7 @@ constexpr double kMinDiameterMm = 4.0, kMaxDiameterMm = 11.0;
 constexpr double kMaxCentreToEdgeMm = 25.0;
 constexpr double kLoneCentreToEdgeMm = 16.0;
 constexpr int kMinDifference = 28;  // levels off the paper that count as "not paper"
+constexpr double kMinPaperLevel = 0.6;  // a cell darker than this share of the sheet's paper is no paper
 
 struct Candidate {
     double cx, cy, r;  // reduced pixels
@@ -57,17 +60,23 @@ bool Partners(const Candidate &a, const Candidate &b) {
     return along >= 4 * std::max(a.r, b.r) && across <= std::max(a.r, 0.05 * along);
 }
 
-// Per-channel median of the pixels of `image` in `r` (CV_8UC1 or CV_8UC3).
-cv::Vec3b Median(const cv::Mat &image, const cv::Rect &r) {
+// Per-channel median of the pixels of `image` in `r` (CV_8UC1 or CV_8UC3)
+// that `sheet` marks (all of them when it is empty).
+cv::Vec3b Median(const cv::Mat &image, const cv::Rect &r, const cv::Mat &sheet) {
     std::array<std::array<int, 256>, 3> h{};
     const int ch = image.channels();
+    int n = 0;
     for (int y = r.y; y < r.y + r.height; ++y) {
         const std::uint8_t *p = image.ptr<std::uint8_t>(y) + r.x * ch;
-        for (int x = 0; x < r.width; ++x, p += ch)
+        const std::uint8_t *m = sheet.empty() ? nullptr : sheet.ptr<std::uint8_t>(y) + r.x;
+        for (int x = 0; x < r.width; ++x, p += ch) {
+            if (m != nullptr && m[x] == 0) continue;
+            ++n;
             for (int c = 0; c < ch; ++c) ++h[c][p[c]];
+        }
     }
     cv::Vec3b out;
-    const int half = r.area() / 2;
+    const int half = n / 2;
     for (int c = 0; c < ch; ++c) {
         int acc = 0, v = 0;
         while (v < 255 && acc + h[c][v] <= half) acc += h[c][v++];
@@ -76,8 +85,12 @@ cv::Vec3b Median(const cv::Mat &image, const cv::Rect &r) {
     return out;
 }
 
-// Largest channel difference from the paper, over the band's cells.
-void PaperDifference(const cv::Mat &image, const cv::Rect &band, int cell, cv::Mat *diff) {
+// Largest channel difference from the paper, over the band's cells. A cell
+// whose median (mean of its channels) is under `minPaper` is not paper (a
+// picture printed to the sheet's edge, a dark stamp) and is left at 0: its
+// own blobs stand on its median as on paper and would pass for holes.
+void PaperDifference(const cv::Mat &image, const cv::Mat &sheet, const cv::Rect &band, int cell, int minPaper,
+                     cv::Mat *diff) {
     const int ch = image.channels();
     const bool horizontal = band.width >= band.height;
     const int length = horizontal ? band.width : band.height;
@@ -85,11 +98,16 @@ void PaperDifference(const cv::Mat &image, const cv::Rect &band, int cell, cv::M
         const int n = std::min(cell, length - at);
         const cv::Rect c =
             horizontal ? cv::Rect(band.x + at, band.y, n, band.height) : cv::Rect(band.x, band.y + at, band.width, n);
-        const cv::Vec3b paper = Median(image, c);
+        const cv::Vec3b paper = Median(image, c, sheet);
+        int level = 0;
+        for (int k = 0; k < ch; ++k) level += paper[k];
+        if (level < minPaper * ch) continue;
         for (int y = c.y; y < c.y + c.height; ++y) {
             const std::uint8_t *p = image.ptr<std::uint8_t>(y) + c.x * ch;
             std::uint8_t *d = diff->ptr<std::uint8_t>(y) + c.x;
+            const std::uint8_t *m = sheet.empty() ? nullptr : sheet.ptr<std::uint8_t>(y) + c.x;
             for (int x = 0; x < c.width; ++x) {
+                if (m != nullptr && m[x] == 0) continue;
                 int m = 0;
                 for (int k = 0; k < ch; ++k) m = std::max(m, std::abs(p[x * ch + k] - paper[k]));
                 d[x] = static_cast<std::uint8_t>(std::min(m, 255));
@@ -137,7 +155,18 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet) {
                                            cv::Rect(box.x, box.y, box.width, band),
                                            cv::Rect(box.x + box.width - band, box.y, band, box.height),
                                            cv::Rect(box.x, box.y + box.height - band, box.width, band)};
-    for (const cv::Rect &b : bands) PaperDifference(image, b, cell, &diff);
+    const int minPaper = static_cast<int>(kMinPaperLevel * sheet.paperLevel);
+    // The frame (the bed beside a skewed sheet's corner) is neither paper
+    // nor hole: left out of the cells' medians and of the differences.
+    cv::Mat onSheet;
+    if (sheet.sides != 0 && !sheet.paper.empty()) {
+        const int k = std::max(1, f / std::max(1, page.reduction));
+        const cv::Rect whole(0, 0, std::min(sheet.paper.cols, image.cols * k),
+                             std::min(sheet.paper.rows, image.rows * k));
+        const cv::Mat cropped = sheet.paper(whole);
+        cv::resize(cropped, onSheet, image.size(), 0, 0, cv::INTER_NEAREST);
+    }
+    for (const cv::Rect &b : bands) PaperDifference(image, onSheet, b, cell, minPaper, &diff);
     cv::Mat raw = diff > kMinDifference;
     cv::Mat mask;
     cv::morphologyEx(raw, mask, cv::MORPH_CLOSE, cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(3, 3)));

@@ -18,6 +18,7 @@
 // without a frame keeps the page edge, so a page without a frame is not
 // trimmed at all. A skewed sheet gives its axis-aligned bounding box.
 #include <algorithm>
+#include <cmath>
 
 #include <opencv2/imgproc.hpp>
 
@@ -37,6 +38,11 @@ constexpr double kMinPaperShare = 0.2;  // a "sheet" smaller than this share of 
 constexpr double kMinBedGap = 0.12;   // a light bed lies at least this share of the paper level below it,
 constexpr double kBedStep = 0.6;      // meets the paper at a step of this share of the gap,
 constexpr double kBedSpread = 0.25;   // and is flat: its ring's interquartile spread is at most this share
+constexpr double kRectFill = 0.7;     // a paper region filling this share of its rectangle is a sheet
+constexpr int kRectInset = 2;         // grid pixels (about 1.4 mm) of its rim left to the frame
+constexpr int kBayWidth = 5;          // grid pixels (about 3.4 mm): thinner strips along the edge stay frame
+constexpr double kBayLift = 0.10;     // a bay this share of the paper level above the bed's mean,
+constexpr double kBayTexture = 0.15;  // or this much more varied (standard deviation), is the sheet's
 
 int PaperLevel(const cv::Mat &g) {
     const cv::Mat mid = g(cv::Rect(g.cols / 4, g.rows / 4, std::max(1, g.cols / 2), std::max(1, g.rows / 2)));
@@ -113,6 +119,74 @@ bool FindFrame(const cv::Mat &g, cv::Mat dark, double minStep, double maxLevel, 
     return cv::mean(g, ~p)[0] <= maxLevel;
 }
 
+// A sheet is a rectangle: a dark picture printed to its edge joins the
+// frame there and leaves a bay in the paper region, but it lies inside the
+// rectangle the region fits, while the bed (and the wedges round a skewed
+// sheet) lie outside it. So the rectangle, less its rim, is sheet whenever
+// the region fills most of it (a book's stack edges and binding leave shapes
+// that do not); only bays at least 3.4 mm thick are taken back, so a page
+// edge's shadow or a strip the scanner left along the sheet's side stays
+// frame. A bay at the bed's own level and about as flat is the bed seen past
+// the sheet (a torn corner, a dark glove holding the page) and stays frame
+// too; a picture is lighter on the whole, or far more varied (a dark
+// halftone).
+void ReclaimBays(const cv::Mat &g, const cv::Mat &paperGrid, int area, int paperLevel, cv::Mat *sheetGrid) {
+    // Each row's first and last paper pixel hold the region's hull.
+    std::vector<cv::Point> points;
+    for (int y = 0; y < sheetGrid->rows; ++y) {
+        const std::uint8_t *row = sheetGrid->ptr<std::uint8_t>(y);
+        int x0 = 0, x1 = sheetGrid->cols - 1;
+        while (x0 <= x1 && row[x0] == 0) ++x0;
+        while (x1 >= x0 && row[x1] == 0) --x1;
+        if (x0 > x1) continue;
+        points.emplace_back(x0, y);
+        points.emplace_back(x1, y);
+    }
+    if (points.empty()) return;
+    const cv::RotatedRect fit = cv::minAreaRect(points);
+    if (area < kRectFill * fit.size.area() || std::min(fit.size.width, fit.size.height) <= 4 * kRectInset) return;
+    auto corners = [](const cv::RotatedRect &r) {
+        cv::Point2f c[4];
+        r.points(c);
+        std::vector<cv::Point> quad;
+        for (const cv::Point2f &p : c) quad.emplace_back(cvRound(p.x), cvRound(p.y));
+        return quad;
+    };
+    cv::Mat bays(sheetGrid->size(), CV_8UC1, cv::Scalar(0));
+    cv::fillConvexPoly(
+        bays, corners(cv::RotatedRect(fit.center, fit.size - cv::Size2f(2 * kRectInset, 2 * kRectInset), fit.angle)),
+        cv::Scalar(255));
+    bays &= ~*sheetGrid;
+    cv::morphologyEx(bays, bays, cv::MORPH_OPEN,
+                     cv::getStructuringElement(cv::MORPH_RECT, cv::Size(kBayWidth, kBayWidth)));
+    if (cv::countNonZero(bays) == 0) return;
+    cv::Mat outside(sheetGrid->size(), CV_8UC1, cv::Scalar(255));
+    cv::fillConvexPoly(outside, corners(fit), cv::Scalar(0));
+    outside &= ~paperGrid;
+    cv::Scalar bed(0), bedSpread(0);
+    if (cv::countNonZero(outside) > 0) cv::meanStdDev(g, bed, bedSpread, outside);
+    cv::Mat labels;
+    const int n = cv::connectedComponents(bays, labels, 8, CV_32S);
+    std::vector<double> sum(static_cast<std::size_t>(n), 0.0), squares(sum), count(sum);
+    for (int y = 0; y < g.rows; ++y)
+        for (int x = 0; x < g.cols; ++x) {
+            const std::size_t l = static_cast<std::size_t>(labels.at<int>(y, x));
+            const double v = g.at<std::uint8_t>(y, x);
+            sum[l] += v;
+            squares[l] += v * v;
+            count[l] += 1;
+        }
+    std::vector<char> sheet(static_cast<std::size_t>(n), 0);
+    for (std::size_t l = 1; l < sum.size(); ++l) {
+        const double mean = sum[l] / count[l];
+        const double spread = std::sqrt(std::max(0.0, squares[l] / count[l] - mean * mean));
+        sheet[l] = mean > bed[0] + kBayLift * paperLevel || spread > bedSpread[0] + kBayTexture * paperLevel;
+    }
+    for (int y = 0; y < g.rows; ++y)
+        for (int x = 0; x < g.cols; ++x)
+            if (sheet[static_cast<std::size_t>(labels.at<int>(y, x))]) sheetGrid->at<std::uint8_t>(y, x) = 255;
+}
+
 }  // namespace
 
 Sheet FindSheet(const ScanPage &page) {
@@ -159,6 +233,7 @@ Sheet FindSheet(const ScanPage &page) {
     // strip of light scanner lid beyond a black bed, or a stray corner, does
     // not stretch the sheet to the page edge.
     cv::Mat sheetGrid = (plabels == best), cols, rows;
+    ReclaimBays(g, paperGrid, stats.at<int>(best, cv::CC_STAT_AREA), s.paperLevel, &sheetGrid);
     cv::reduce(sheetGrid, cols, 0, cv::REDUCE_SUM, CV_32S);
     cv::reduce(sheetGrid, rows, 1, cv::REDUCE_SUM, CV_32S);
     double colMax = 0, rowMax = 0;

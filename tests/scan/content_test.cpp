@@ -224,6 +224,16 @@ const BlankCase kBlankCases[] = {
          DrawText(m, cv::Scalar(30), Mm(12), 1);
      },
      20},
+    // A smooth picture printed to the sheet's top edge: its blobs stand on
+    // its own median, not on paper, and are no holes.
+    {"a picture at the edge", false, 0,
+     [](cv::Mat *m) {
+         cv::Mat small(5, 7, CV_8UC1), picture;
+         cv::RNG(3).fill(small, cv::RNG::UNIFORM, 30, 200);
+         cv::resize(small, picture, cv::Size(Mm(90), Mm(50)), 0, 0, cv::INTER_CUBIC);
+         picture.copyTo((*m)(cv::Rect(Mm(20), 0, Mm(90), Mm(50))));
+         DrawText(m, cv::Scalar(30), Mm(70), 4);
+     }},
     {"dense heavy print", false, 0,
      [](cv::Mat *m) {
          for (int y = Mm(20); y < m->rows - Mm(20); y += Mm(4))
