@@ -58,11 +58,15 @@ constexpr double kLean = 1.5;            // a line leans one way with this much 
 constexpr double kFullAgreement = 0.45;  // surplus of leaning lines for a full ascender vote
 constexpr double kFullBalance = 0.25;    // ascender balance for a full vote
 constexpr double kFullEdge = 0.08;       // baseline step surplus for a full vote
-constexpr double kFullLines = 30.0;     // strip lines for full confidence
+constexpr double kFullLetters = 360.0;  // line length, in median core heights, for full confidence
+constexpr double kFullLines = 30.0;     // ... and strip lines
 constexpr double kFullDirection = 4.0;  // product of the two directions' ratios for certainty
 constexpr double kSureDirection = 0.5;  // certainty under which both directions are read
-constexpr double kFullMarks = 0.12;     // marks per line above the call's core for full trust
+constexpr double kFullMarks = 0.01;     // marks per core height of line above the call's core for full trust
 constexpr double kStopWidth = 0.3, kStopHeight = 0.6;  // largest stop (comma), in core heights
+constexpr int kMaxCore = 14;           // median core height (pixels) above which the ink is taken down
+constexpr double kMaxCoreMm = 4.0;     // ... while under this: larger cores are staves or drawings, not letters
+constexpr double kTargetCore = 10.0;   // ... to this, a body text line's core at 150 dpi
 constexpr double kStopsWeight = 5.0;    // the stops' vote on a page without marks, against one cue's
 
 // One text line of a strip: rows [top, bottom), core rows [core0, core1].
@@ -250,6 +254,16 @@ Marks MeasureMarks(const cv::Mat &ink, const Lines &lines, int strip, const InkB
     return out;
 }
 
+// The median core height of the lines, in pixels (0 without lines).
+int MedianCore(const Lines &l) {
+    std::vector<int> cores;
+    cores.reserve(l.found.size());
+    for (const Line &line : l.found) cores.push_back(line.core1 - line.core0 + 1);
+    if (cores.empty()) return 0;
+    std::nth_element(cores.begin(), cores.begin() + static_cast<std::ptrdiff_t>(cores.size() / 2), cores.end());
+    return cores[cores.size() / 2];
+}
+
 double Vote(double value, double full) {
     return std::clamp(value / full, -1.0, 1.0);
 }
@@ -266,13 +280,17 @@ Reading Read(const cv::Mat &upright, const Lines &l, double px, int strip, const
     Reading r;
     const Margins m = MeasureMargins(upright, px);
     const Marks k = MeasureMarks(upright, l, strip, blobs);
-    const double count = static_cast<double>(l.found.size());
+    // Line length in letters (median core heights), which does not change
+    // with the pixel scale or the strip width as a count of strip lines does.
+    double length = 0;
+    for (const Line &line : l.found) length += line.x1 - line.x0;
+    const double letters = length / std::max(1, MedianCore(l));
     // How far the shape cues can be trusted: Latin-like text has a dot or
     // an accent clear of the core every few lines (kFullMarks a line).
     // Where marks are scarce (capitals, handwriting, Hebrew) the shape cues
     // fade and the stops, which sit on the baseline in every script with
     // full stops, weigh in.
-    const double latin = std::min(1.0, std::max(k.above, k.below) / std::max(1.0, count) / kFullMarks);
+    const double latin = std::min(1.0, std::max(k.above, k.below) / std::max(1.0, letters) / kFullMarks);
     r.votes[0] = Vote(l.balance, kFullBalance) * std::min(1.0, l.agreement / kFullAgreement);
     r.votes[1] = Vote(l.edge, kFullEdge);
     r.votes[2] = (m.left - m.right) / (m.left + m.right + 6.0);
@@ -291,14 +309,14 @@ Reading Read(const cv::Mat &upright, const Lines &l, double px, int strip, const
     // which the other cues are tuned on, has a dot or accent every few
     // lines; a script without them (or text read the wrong way up) is not
     // trusted as far.
-    const double marks = (r.sum >= 0 ? k.above : k.below) / std::max(1.0, count);
+    const double marks = (r.sum >= 0 ? k.above : k.below) / std::max(1.0, letters);
     // The ascender balance is the cue the others stand beside: a call it
     // does not back is halved, one it opposes fades out. (Hebrew's balance
     // swings with the scale it is read at while its sharp top line and
     // right-aligned lines both read as Latin upside down.)
-    const double backed = std::clamp(0.5 + (r.sum >= 0 ? r.votes[0] : -r.votes[0]), 0.0, 1.0);
-    r.confidence = r.evidence * backed * std::min(1.0, count / kFullLines) * std::min(1.0, marks / kFullMarks);
-    r.lines = static_cast<int>(count);
+    const double backed = std::clamp(2 * (r.sum >= 0 ? r.votes[0] : -r.votes[0]), 0.0, 1.0);
+    r.confidence = r.evidence * backed * std::min({1.0, letters / kFullLetters, l.found.size() / kFullLines}) * std::min(1.0, marks / kFullMarks);
+    r.lines = static_cast<int>(l.found.size());
     return r;
 }
 
@@ -352,7 +370,18 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
         const cv::Mat upright = Straighten(level, lines);
         const bool kept = upright.data == level.data;
         const Lines l = kept ? (v ? downLines : acrossLines) : MeasureLines(upright, strip, minLine, maxLine);
-        return Read(upright, l, px, strip, same && !v && kept ? blobs : nullptr);
+        const int core = MedianCore(l);
+        if (core <= kMaxCore || core > kMaxCoreMm * px) return Read(upright, l, px, strip, same && !v && kept ? blobs : nullptr);
+        // Letters drawn larger than the cues were made for (a small page
+        // analysed near its full resolution, a tag that lies): the ink is
+        // taken down until the median core is kTargetCore pixels tall.
+        const double k = kTargetCore / core;
+        cv::Mat small;
+        cv::resize(upright, small, cv::Size(), k, k, cv::INTER_AREA);
+        cv::threshold(small, small, 95, 255, cv::THRESH_BINARY);
+        const int s2 = std::max(8, static_cast<int>(strip * k));
+        const int min2 = std::max(2, static_cast<int>(minLine * k)), max2 = std::max(min2 + 1, static_cast<int>(maxLine * k));
+        return Read(small, MeasureLines(small, s2, min2, max2), px * k, s2, nullptr);
     };
     Reading r = read(vertical);
     // Unsure of the direction: the one whose cues read clearer; one the

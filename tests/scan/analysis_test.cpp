@@ -88,23 +88,27 @@ TEST(ScanSkew, LowConfidenceWithoutLinesAcross) {
 // same page in capitals (no ascenders, descenders, dots or stops: nothing
 // tells up from down) is never turned with confidence. Hebrew (a real page),
 // whose letters read as Latin upside down, is called right by its full
-// stops on the baseline, though not with confidence.
+// stops on the baseline, though not with confidence, both at 150 dpi and
+// with the file's own 600-dpi tag, which leaves its letters twice the size
+// the cues are read at until the ink is taken down by its letters' size.
 TEST(ScanOrientation, QuarterTurnsAreUndone) {
     const cv::Mat hebrew = MatFromPage(LoadScan("hebtypo.jpg").get());
     const struct {
         cv::Mat page;
         bool sure, called;  // confidence at least 0.6; the right turn reported
         double skew;
-    } pages[] = {{Turned(TextPage(), 4.0), true, true, 4.0},
-                 {Turned(TextPage(140, true), 4.0), false, false, 4.0},
-                 {hebrew, false, true, 0.0}};
+        int dpi;
+    } pages[] = {{Turned(TextPage(), 4.0), true, true, 4.0, 150},
+                 {Turned(TextPage(140, true), 4.0), false, false, 4.0, 150},
+                 {hebrew, false, true, 0.0, 150},
+                 {hebrew, false, true, 0.0, 600}};
     const int codes[] = {-1, cv::ROTATE_90_COUNTERCLOCKWISE, cv::ROTATE_180, cv::ROTATE_90_CLOCKWISE};
     for (const auto &p : pages)
         for (int q = 0; q < 4; ++q) {
-            SCOPED_TRACE(testing::Message() << p.page.cols << " wide, turn " << q);
+            SCOPED_TRACE(testing::Message() << p.page.cols << " wide at " << p.dpi << " dpi, turn " << q);
             cv::Mat img;  // never a header on `page`: rotating into it would overwrite it
             codes[q] >= 0 ? cv::rotate(p.page, img, codes[q]) : p.page.copyTo(img);
-            const QuarvelPageReport r = Analyze(PageFromMat(img, 150).get());
+            const QuarvelPageReport r = Analyze(PageFromMat(img, p.dpi).get());
             if (p.called) EXPECT_EQ(r.orientation, 90 * q);
             EXPECT_EQ(p.sure, r.orientation_confidence >= 0.6) << r.orientation_confidence;
             EXPECT_NEAR(r.skew_angle, p.skew, 0.05);  // a quarter turn leaves the skew as it was
