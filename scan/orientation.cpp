@@ -26,18 +26,23 @@
 //   above it, hardly ever below;
 // - stops: full stops and commas sit on the baseline, their tops inside
 //   the core's lower half, in Latin, Greek, Cyrillic and Hebrew alike.
+// Before the cues are read, the ink is brought to one scale of letters: a
+// median line core over 14 pixels (a small page read near its full
+// resolution, a tag that lies) is taken down to 10, a body line's core at
+// 150 dpi, since several cues count in pixels. Marks and amounts of text
+// are counted per letter (one core height of line), not per strip line.
 // The first four are shapes of Latin-like text and count in proportion to
-// the marks the page has (0.12 a line for full): a page without dots or
+// the marks the page has (0.01 a letter for full): a page without dots or
 // accents (capitals, handwriting, Hebrew) is read by its stops instead,
 // whose vote then weighs as much as five cues, since Hebrew's sharp top
 // line, final-letter descenders and right-aligned lines all read as Latin
 // upside down. The call follows the sum of the votes (lines down the page:
 // 90 or 270). The evidence is the support left after counting every
 // opposing vote twice; the confidence is that evidence times the
-// direction's certainty, the number of lines (30 strip lines, about five
-// lines of a column, for full) and two checks that the text is of the kind
-// the shape cues were tuned on: the ascender vote must back the call (a
-// call it does not back is halved, one it opposes fades out), and the side
+// direction's certainty, the amount of text (360 letters and 30 strip
+// lines for full) and two checks that the text is of the kind the shape
+// cues were tuned on: the ascender vote must back the call (by half its
+// full value for full trust, fading to none), and the side
 // the call puts above the lines must carry marks. Hebrew is so called right
 // and a page of capitals gets its best guess, but neither with confidence.
 #include <algorithm>
@@ -311,11 +316,13 @@ Reading Read(const cv::Mat &upright, const Lines &l, double px, int strip, const
     // trusted as far.
     const double marks = (r.sum >= 0 ? k.above : k.below) / std::max(1.0, letters);
     // The ascender balance is the cue the others stand beside: a call it
-    // does not back is halved, one it opposes fades out. (Hebrew's balance
+    // backs by less than half its full vote is trusted less, down to not at
+    // all (vertical Japanese and sheet music balance weakly). (Hebrew's balance
     // swings with the scale it is read at while its sharp top line and
     // right-aligned lines both read as Latin upside down.)
     const double backed = std::clamp(2 * (r.sum >= 0 ? r.votes[0] : -r.votes[0]), 0.0, 1.0);
-    r.confidence = r.evidence * backed * std::min({1.0, letters / kFullLetters, l.found.size() / kFullLines}) * std::min(1.0, marks / kFullMarks);
+    const double amount = std::min({1.0, letters / kFullLetters, static_cast<double>(l.found.size()) / kFullLines});
+    r.confidence = r.evidence * backed * amount * std::min(1.0, marks / kFullMarks);
     r.lines = static_cast<int>(l.found.size());
     return r;
 }
