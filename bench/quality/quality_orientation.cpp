@@ -4,7 +4,8 @@
 // wrong; cut to a few lines, a paragraph or a column; lightened, blurred,
 // JPEG-recompressed, skewed, and all of these at once), each in its four
 // quarter turns, and scored: right, wrong, wrong at the default turning
-// confidence (0.6) and unsure (under 0.3). Pages without text (the truth's
+// confidence (0.6) and unsure (under 0.3); "by 90" counts the wrong answers
+// that took the lines' direction wrong. Pages without text (the truth's
 // other pages and drawn ones: specks, a soft photo, a ruled grid, halftone)
 // report their largest confidence, which should stay low.
 //
@@ -257,10 +258,11 @@ cv::Mat Turn(const cv::Mat &g, int q) {
 }
 
 struct Tally {
-    int right = 0, wrong = 0, wrongSure = 0, unsure = 0;
-    void add(bool ok, double confidence) {
+    int right = 0, wrong = 0, across = 0, wrongSure = 0, unsure = 0;
+    void add(bool ok, bool quarter, double confidence) {
         right += ok;
         wrong += !ok;
+        across += quarter;
         wrongSure += !ok && confidence >= 0.6;
         unsure += confidence < 0.3;
     }
@@ -340,18 +342,19 @@ int main(int argc, char **argv) {
                 const bool ok = c.angle == 90 * q;
                 right += ok;
                 sureWrong |= !ok && c.confidence >= 0.6;
-                byVariant[v].add(ok, c.confidence);
-                all.add(ok, c.confidence);
+                const bool quarter = (c.angle - 90 * q + 360) % 180 != 0;
+                byVariant[v].add(ok, quarter, c.confidence);
+                all.add(ok, quarter, c.confidence);
             }
             std::printf("%d%c", right, sureWrong ? '!' : ' ');
         }
         std::printf("\n");
     }
-    std::printf("\n%-10s %6s %6s %6s %6s\n", "variant", "right", "wrong", ">=0.6", "unsure");
+    std::printf("\n%-10s %6s %6s %6s %6s %6s\n", "variant", "right", "wrong", "by 90", ">=0.6", "unsure");
     for (std::size_t v = 0; v < variants.size(); ++v)
-        std::printf("%-10s %6d %6d %6d %6d\n", Variants()[variants[v]].name, byVariant[v].right, byVariant[v].wrong,
-                    byVariant[v].wrongSure, byVariant[v].unsure);
-    std::printf("%-10s %6d %6d %6d %6d   of %d\n", "all", all.right, all.wrong, all.wrongSure, all.unsure,
+        std::printf("%-10s %6d %6d %6d %6d %6d\n", Variants()[variants[v]].name, byVariant[v].right, byVariant[v].wrong,
+                    byVariant[v].across, byVariant[v].wrongSure, byVariant[v].unsure);
+    std::printf("%-10s %6d %6d %6d %6d %6d   of %d\n", "all", all.right, all.wrong, all.across, all.wrongSure, all.unsure,
                 all.right + all.wrong);
 
     // Pages without text lines across: the largest confidence over the four
