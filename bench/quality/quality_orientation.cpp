@@ -13,7 +13,8 @@
 //
 // Per page, one digit per variant: the turns of four called right, with
 // '!' after it when a wrong one was at 0.6 or more. QUALITY_ONLY=name
-// scores the pages whose name holds it; QUALITY_VARIANT=name the variants.
+// scores the pages whose name holds it; QUALITY_VARIANT=name the variants;
+// QUALITY_LIST=1 lists every wrong call on stderr.
 // Two threads; a full run reads about 1,700 page turns.
 #include <algorithm>
 #include <array>
@@ -343,6 +344,9 @@ int main(int argc, char **argv) {
                 right += ok;
                 sureWrong |= !ok && c.confidence >= 0.6;
                 const bool quarter = (c.angle - 90 * q + 360) % 180 != 0;
+                if (!ok && std::getenv("QUALITY_LIST"))
+                    std::fprintf(stderr, "wrong %s %s turn %d: %d at %.2f\n", text[i].file.c_str(),
+                                 Variants()[variants[v]].name, q, c.angle, c.confidence);
                 byVariant[v].add(ok, quarter, c.confidence);
                 all.add(ok, quarter, c.confidence);
             }
