@@ -74,9 +74,10 @@ constexpr double kMaxCoreMm = 4.0;     // ... while under this: larger cores are
 constexpr double kTargetCore = 10.0;   // ... to this, a body text line's core at 150 dpi
 constexpr double kStopsWeight = 5.0;    // the stops' vote on a page without marks, against one cue's
 
-// One text line of a strip: rows [top, bottom), core rows [core0, core1].
+// One text line of a strip: rows [top, bottom), core rows [core0, core1],
+// its fullest row's ink.
 struct Line {
-    int x0, x1, top, bottom, core0, core1;
+    int x0, x1, top, bottom, core0, core1, peak;
 };
 
 struct Lines {
@@ -128,7 +129,7 @@ Lines MeasureLines(const cv::Mat &ink, int strip, int minLine, int maxLine) {
                 topStep += at(c0) - (c0 > y ? at(c0 - 1) : 0);
                 baseStep += at(c1) - at(c1 + 1);
                 lineInk += sum;
-                out.found.push_back(Line{x0, x1, y, end, c0, c1});
+                out.found.push_back(Line{x0, x1, y, end, c0, c1, peak});
             }
             y = end;
         }
@@ -259,11 +260,14 @@ Marks MeasureMarks(const cv::Mat &ink, const Lines &lines, int strip, const InkB
     return out;
 }
 
-// The median core height of the lines, in pixels (0 without lines).
+// The median core height of the lines of letters, in pixels (0 without
+// them). A line whose fullest row is inked over 80 % of the strip is a rule
+// or a staff, not letters, whose rows have gaps between strokes.
 int MedianCore(const Lines &l) {
     std::vector<int> cores;
     cores.reserve(l.found.size());
-    for (const Line &line : l.found) cores.push_back(line.core1 - line.core0 + 1);
+    for (const Line &line : l.found)
+        if (5 * line.peak < 4 * (line.x1 - line.x0)) cores.push_back(line.core1 - line.core0 + 1);
     if (cores.empty()) return 0;
     std::nth_element(cores.begin(), cores.begin() + static_cast<std::ptrdiff_t>(cores.size() / 2), cores.end());
     return cores[cores.size() / 2];
@@ -385,7 +389,7 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
         const double k = kTargetCore / core;
         cv::Mat small;
         cv::resize(upright, small, cv::Size(), k, k, cv::INTER_AREA);
-        cv::threshold(small, small, 95, 255, cv::THRESH_BINARY);
+        cv::threshold(small, small, 127, 255, cv::THRESH_BINARY);
         const int s2 = std::max(8, static_cast<int>(strip * k));
         const int min2 = std::max(2, static_cast<int>(minLine * k)), max2 = std::max(min2 + 1, static_cast<int>(maxLine * k));
         return Read(small, MeasureLines(small, s2, min2, max2), px * k, s2, nullptr);
