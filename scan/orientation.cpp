@@ -388,7 +388,14 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
         // taken down until the median core is kTargetCore pixels tall.
         const double k = kTargetCore / core;
         cv::Mat small;
-        cv::resize(upright, small, cv::Size(), k, k, cv::INTER_AREA);
+        // At least a pixel either way: letters can stand taller than a narrow
+        // page is wide. (Otherwise the size follows from k, as a size given
+        // would change the scale the area average uses.)
+        const bool empty = std::lround(upright.cols * k) < 1 || std::lround(upright.rows * k) < 1;
+        const cv::Size size = empty ? cv::Size(std::max(1, static_cast<int>(std::lround(upright.cols * k))),
+                                               std::max(1, static_cast<int>(std::lround(upright.rows * k))))
+                                    : cv::Size();
+        cv::resize(upright, small, size, k, k, cv::INTER_AREA);
         cv::threshold(small, small, 127, 255, cv::THRESH_BINARY);
         const int s2 = std::max(8, static_cast<int>(strip * k));
         const int min2 = std::max(2, static_cast<int>(minLine * k)), max2 = std::max(min2 + 1, static_cast<int>(maxLine * k));

@@ -184,6 +184,17 @@ TEST(ScanAnalyze, RefusesBadInputAndHonoursRecordSize) {
     const Block out(QuarvelCleanPage(page.get(), &absurd, nullptr));
     EXPECT_TRUE(out);
 
+    // Letters much taller than the page is wide at 10,000 dpi, read at full
+    // size: the orientation takes its ink down by their size and must keep
+    // a pixel across (its resize once had no width left to give).
+    cv::Mat narrow(1990, 40, CV_8UC1, cv::Scalar(235));
+    for (int y = 300; y < 1700; y += 10)
+        for (int x = (y / 10) % 2 * 10; x < narrow.cols; x += 20) narrow(cv::Rect(x, y, 10, 10)).setTo(20);
+    QuarvelScanOptions fine;
+    QuarvelDefaultOptions(&fine);
+    fine.dpi = 10000;
+    EXPECT_EQ(QuarvelAnalyzePage(PageFromMat(narrow, 10000).get(), &fine, &r), 1);
+
     std::vector<unsigned char> bytes(sizeof(QuarvelPageReport), 0xab);
     auto *shortReport = reinterpret_cast<QuarvelPageReport *>(bytes.data());
     shortReport->size = offsetof(QuarvelPageReport, skew_angle);
