@@ -29,8 +29,11 @@
 // Before the cues are read, the ink is brought to one scale of letters: a
 // median line core over 14 pixels (a small page read near its full
 // resolution, a tag that lies) is taken down to 10, a body line's core at
-// 150 dpi, since several cues count in pixels. Marks and amounts of text
-// are counted per letter (one core height of line), not per strip line.
+// 150 dpi, since several cues count in pixels; lines whose fullest row is
+// nearly solid (rules, staves) do not count, and where they hold most of
+// the lines' ink nothing is taken down and the confidence falls with their
+// share. Marks and amounts of text are counted per letter (one core height
+// of line), not per strip line.
 // The first four are shapes of Latin-like text and count in proportion to
 // the marks the page has (0.01 a letter for full): a page without dots or
 // accents (capitals, handwriting, Hebrew) is read by its stops instead,
@@ -78,6 +81,7 @@ constexpr double kStopsWeight = 5.0;    // the stops' vote on a page without mar
 // its fullest row's ink.
 struct Line {
     int x0, x1, top, bottom, core0, core1, peak;
+    double ink;
 };
 
 struct Lines {
@@ -129,7 +133,7 @@ Lines MeasureLines(const cv::Mat &ink, int strip, int minLine, int maxLine) {
                 topStep += at(c0) - (c0 > y ? at(c0 - 1) : 0);
                 baseStep += at(c1) - at(c1 + 1);
                 lineInk += sum;
-                out.found.push_back(Line{x0, x1, y, end, c0, c1, peak});
+                out.found.push_back(Line{x0, x1, y, end, c0, c1, peak, sum});
             }
             y = end;
         }
@@ -260,17 +264,29 @@ Marks MeasureMarks(const cv::Mat &ink, const Lines &lines, int strip, const InkB
     return out;
 }
 
-// The median core height of the lines of letters, in pixels (0 without
-// them). A line whose fullest row is inked over 80 % of the strip is a rule
-// or a staff, not letters, whose rows have gaps between strokes.
-int MedianCore(const Lines &l) {
-    std::vector<int> cores;
+// The median core height of the lines of letters, in pixels, each line
+// weighing its ink (paper texture and specks make many thin lines with
+// little ink); 0 without them. A line whose fullest row is inked over 80 %
+// of the strip is a rule or a staff, not letters, whose rows have gaps
+// between strokes. `letterShare` gets the share of the lines' ink that is
+// in lines of letters.
+int MedianCore(const Lines &l, double *letterShare = nullptr) {
+    std::vector<std::pair<int, double>> cores;
     cores.reserve(l.found.size());
+    double total = 0, rules = 0;
     for (const Line &line : l.found)
-        if (5 * line.peak < 4 * (line.x1 - line.x0)) cores.push_back(line.core1 - line.core0 + 1);
-    if (cores.empty()) return 0;
-    std::nth_element(cores.begin(), cores.begin() + static_cast<std::ptrdiff_t>(cores.size() / 2), cores.end());
-    return cores[cores.size() / 2];
+        if (5 * line.peak < 4 * (line.x1 - line.x0)) {
+            cores.emplace_back(line.core1 - line.core0 + 1, line.ink);
+            total += line.ink;
+        } else {
+            rules += line.ink;
+        }
+    if (letterShare != nullptr) *letterShare = total + rules > 0 ? total / (total + rules) : 0.0;
+    std::sort(cores.begin(), cores.end());
+    double seen = 0;
+    for (const auto &c : cores)
+        if ((seen += c.second) * 2 >= total) return c.first;
+    return 0;
 }
 
 double Vote(double value, double full) {
@@ -381,8 +397,15 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
         const cv::Mat upright = Straighten(level, lines);
         const bool kept = upright.data == level.data;
         const Lines l = kept ? (v ? downLines : acrossLines) : MeasureLines(upright, strip, minLine, maxLine);
-        const int core = MedianCore(l);
-        if (core <= kMaxCore || core > kMaxCoreMm * px) return Read(upright, l, px, strip, same && !v && kept ? blobs : nullptr);
+        // Lines mostly of rules or staves (sheet music, an empty form) are
+        // not text: neither taken down by them nor trusted as far.
+        double share = 0;
+        const int core = MedianCore(l, &share);
+        if (core <= kMaxCore || core > kMaxCoreMm * px || share < 0.5) {
+            Reading r = Read(upright, l, px, strip, same && !v && kept ? blobs : nullptr);
+            r.confidence *= share;
+            return r;
+        }
         // Letters drawn larger than the cues were made for (a small page
         // analysed near its full resolution, a tag that lies): the ink is
         // taken down until the median core is kTargetCore pixels tall.
@@ -399,7 +422,9 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
         cv::threshold(small, small, 127, 255, cv::THRESH_BINARY);
         const int s2 = std::max(8, static_cast<int>(strip * k));
         const int min2 = std::max(2, static_cast<int>(minLine * k)), max2 = std::max(min2 + 1, static_cast<int>(maxLine * k));
-        return Read(small, MeasureLines(small, s2, min2, max2), px * k, s2, nullptr);
+        Reading r = Read(small, MeasureLines(small, s2, min2, max2), px * k, s2, nullptr);
+        r.confidence *= share;
+        return r;
     };
     Reading r = read(vertical);
     // Unsure of the direction: the one whose cues read clearer; one the
