@@ -73,12 +73,12 @@ constexpr double kSureDirection = 0.5;  // certainty under which both directions
 constexpr double kFullMarks = 0.01;     // marks per core height of line above the call's core for full trust
 constexpr double kStopWidth = 0.3, kStopHeight = 0.6;  // largest stop (comma), in core heights
 constexpr int kMaxCore = 14;           // median core height (pixels) above which the ink is taken down
-constexpr double kMaxCoreMm = 4.0;     // ... while under this: larger cores are staves or drawings, not letters
+constexpr double kMaxCoreMm = 4.0;     // ... while under this: larger cores (drawings, display type) are read as they are
 constexpr double kTargetCore = 10.0;   // ... to this, a body text line's core at 150 dpi
 constexpr double kStopsWeight = 5.0;    // the stops' vote on a page without marks, against one cue's
 
 // One text line of a strip: rows [top, bottom), core rows [core0, core1],
-// its fullest row's ink.
+// the ink of its fullest row (peak) and of the whole line.
 struct Line {
     int x0, x1, top, bottom, core0, core1, peak;
     double ink;
@@ -311,7 +311,7 @@ Reading Read(const cv::Mat &upright, const Lines &l, double px, int strip, const
     for (const Line &line : l.found) length += line.x1 - line.x0;
     const double letters = length / std::max(1, MedianCore(l));
     // How far the shape cues can be trusted: Latin-like text has a dot or
-    // an accent clear of the core every few lines (kFullMarks a line).
+    // an accent clear of the core every few lines (kFullMarks a letter).
     // Where marks are scarce (capitals, handwriting, Hebrew) the shape cues
     // fade and the stops, which sit on the baseline in every script with
     // full stops, weigh in.
