@@ -26,18 +26,26 @@
 //   above it, hardly ever below;
 // - stops: full stops and commas sit on the baseline, their tops inside
 //   the core's lower half, in Latin, Greek, Cyrillic and Hebrew alike.
+// Before the cues are read, the ink is brought to one scale of letters: a
+// median line core over 14 pixels (a small page read near its full
+// resolution, a tag that lies) is taken down to 10, a body line's core at
+// 150 dpi, since several cues count in pixels; lines whose fullest row is
+// nearly solid (rules, staves) do not count, and where they hold most of
+// the lines' ink nothing is taken down and the confidence falls with their
+// share. Marks and amounts of text are counted per letter (one core height
+// of line), not per strip line.
 // The first four are shapes of Latin-like text and count in proportion to
-// the marks the page has (0.12 a line for full): a page without dots or
+// the marks the page has (0.01 a letter for full): a page without dots or
 // accents (capitals, handwriting, Hebrew) is read by its stops instead,
 // whose vote then weighs as much as five cues, since Hebrew's sharp top
 // line, final-letter descenders and right-aligned lines all read as Latin
 // upside down. The call follows the sum of the votes (lines down the page:
 // 90 or 270). The evidence is the support left after counting every
 // opposing vote twice; the confidence is that evidence times the
-// direction's certainty, the number of lines (30 strip lines, about five
-// lines of a column, for full) and two checks that the text is of the kind
-// the shape cues were tuned on: the ascender vote must back the call (a
-// call it does not back is halved, one it opposes fades out), and the side
+// direction's certainty, the amount of text (360 letters and 30 strip
+// lines for full) and two checks that the text is of the kind the shape
+// cues were tuned on: the ascender vote must back the call (by half its
+// full value for full trust, fading to none), and the side
 // the call puts above the lines must carry marks. Hebrew is so called right
 // and a page of capitals gets its best guess, but neither with confidence.
 #include <algorithm>
@@ -58,16 +66,22 @@ constexpr double kLean = 1.5;            // a line leans one way with this much 
 constexpr double kFullAgreement = 0.45;  // surplus of leaning lines for a full ascender vote
 constexpr double kFullBalance = 0.25;    // ascender balance for a full vote
 constexpr double kFullEdge = 0.08;       // baseline step surplus for a full vote
-constexpr double kFullLines = 30.0;     // strip lines for full confidence
+constexpr double kFullLetters = 360.0;  // line length, in median core heights, for full confidence
+constexpr double kFullLines = 30.0;     // ... and strip lines
 constexpr double kFullDirection = 4.0;  // product of the two directions' ratios for certainty
 constexpr double kSureDirection = 0.5;  // certainty under which both directions are read
-constexpr double kFullMarks = 0.12;     // marks per line above the call's core for full trust
+constexpr double kFullMarks = 0.01;     // marks per core height of line above the call's core for full trust
 constexpr double kStopWidth = 0.3, kStopHeight = 0.6;  // largest stop (comma), in core heights
+constexpr int kMaxCore = 14;           // median core height (pixels) above which the ink is taken down
+constexpr double kMaxCoreMm = 4.0;     // ... while under this: larger cores (drawings, display type) are read as they are
+constexpr double kTargetCore = 10.0;   // ... to this, a body text line's core at 150 dpi
 constexpr double kStopsWeight = 5.0;    // the stops' vote on a page without marks, against one cue's
 
-// One text line of a strip: rows [top, bottom), core rows [core0, core1].
+// One text line of a strip: rows [top, bottom), core rows [core0, core1],
+// the ink of its fullest row (peak) and of the whole line.
 struct Line {
-    int x0, x1, top, bottom, core0, core1;
+    int x0, x1, top, bottom, core0, core1, peak;
+    double ink;
 };
 
 struct Lines {
@@ -119,7 +133,7 @@ Lines MeasureLines(const cv::Mat &ink, int strip, int minLine, int maxLine) {
                 topStep += at(c0) - (c0 > y ? at(c0 - 1) : 0);
                 baseStep += at(c1) - at(c1 + 1);
                 lineInk += sum;
-                out.found.push_back(Line{x0, x1, y, end, c0, c1});
+                out.found.push_back(Line{x0, x1, y, end, c0, c1, peak, sum});
             }
             y = end;
         }
@@ -250,6 +264,31 @@ Marks MeasureMarks(const cv::Mat &ink, const Lines &lines, int strip, const InkB
     return out;
 }
 
+// The median core height of the lines of letters, in pixels, each line
+// weighing its ink (paper texture and specks make many thin lines with
+// little ink); 0 without them. A line whose fullest row is inked over 80 %
+// of the strip is a rule or a staff, not letters, whose rows have gaps
+// between strokes. `letterShare` gets the share of the lines' ink that is
+// in lines of letters.
+int MedianCore(const Lines &l, double *letterShare = nullptr) {
+    std::vector<std::pair<int, double>> cores;
+    cores.reserve(l.found.size());
+    double total = 0, rules = 0;
+    for (const Line &line : l.found)
+        if (5 * line.peak < 4 * (line.x1 - line.x0)) {
+            cores.emplace_back(line.core1 - line.core0 + 1, line.ink);
+            total += line.ink;
+        } else {
+            rules += line.ink;
+        }
+    if (letterShare != nullptr) *letterShare = total + rules > 0 ? total / (total + rules) : 0.0;
+    std::sort(cores.begin(), cores.end());
+    double seen = 0;
+    for (const auto &c : cores)
+        if ((seen += c.second) * 2 >= total) return c.first;
+    return 0;
+}
+
 double Vote(double value, double full) {
     return std::clamp(value / full, -1.0, 1.0);
 }
@@ -266,13 +305,17 @@ Reading Read(const cv::Mat &upright, const Lines &l, double px, int strip, const
     Reading r;
     const Margins m = MeasureMargins(upright, px);
     const Marks k = MeasureMarks(upright, l, strip, blobs);
-    const double count = static_cast<double>(l.found.size());
+    // Line length in letters (median core heights), which does not change
+    // with the pixel scale or the strip width as a count of strip lines does.
+    double length = 0;
+    for (const Line &line : l.found) length += line.x1 - line.x0;
+    const double letters = length / std::max(1, MedianCore(l));
     // How far the shape cues can be trusted: Latin-like text has a dot or
-    // an accent clear of the core every few lines (kFullMarks a line).
+    // an accent clear of the core every few lines (kFullMarks a letter).
     // Where marks are scarce (capitals, handwriting, Hebrew) the shape cues
     // fade and the stops, which sit on the baseline in every script with
     // full stops, weigh in.
-    const double latin = std::min(1.0, std::max(k.above, k.below) / std::max(1.0, count) / kFullMarks);
+    const double latin = std::min(1.0, std::max(k.above, k.below) / std::max(1.0, letters) / kFullMarks);
     r.votes[0] = Vote(l.balance, kFullBalance) * std::min(1.0, l.agreement / kFullAgreement);
     r.votes[1] = Vote(l.edge, kFullEdge);
     r.votes[2] = (m.left - m.right) / (m.left + m.right + 6.0);
@@ -291,14 +334,16 @@ Reading Read(const cv::Mat &upright, const Lines &l, double px, int strip, const
     // which the other cues are tuned on, has a dot or accent every few
     // lines; a script without them (or text read the wrong way up) is not
     // trusted as far.
-    const double marks = (r.sum >= 0 ? k.above : k.below) / std::max(1.0, count);
+    const double marks = (r.sum >= 0 ? k.above : k.below) / std::max(1.0, letters);
     // The ascender balance is the cue the others stand beside: a call it
-    // does not back is halved, one it opposes fades out. (Hebrew's balance
+    // backs by less than half its full vote is trusted less, down to not at
+    // all (vertical Japanese and sheet music balance weakly). (Hebrew's balance
     // swings with the scale it is read at while its sharp top line and
     // right-aligned lines both read as Latin upside down.)
-    const double backed = std::clamp(0.5 + (r.sum >= 0 ? r.votes[0] : -r.votes[0]), 0.0, 1.0);
-    r.confidence = r.evidence * backed * std::min(1.0, count / kFullLines) * std::min(1.0, marks / kFullMarks);
-    r.lines = static_cast<int>(count);
+    const double backed = std::clamp(2 * (r.sum >= 0 ? r.votes[0] : -r.votes[0]), 0.0, 1.0);
+    const double amount = std::min({1.0, letters / kFullLetters, static_cast<double>(l.found.size()) / kFullLines});
+    r.confidence = r.evidence * backed * amount * std::min(1.0, marks / kFullMarks);
+    r.lines = static_cast<int>(l.found.size());
     return r;
 }
 
@@ -352,7 +397,34 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
         const cv::Mat upright = Straighten(level, lines);
         const bool kept = upright.data == level.data;
         const Lines l = kept ? (v ? downLines : acrossLines) : MeasureLines(upright, strip, minLine, maxLine);
-        return Read(upright, l, px, strip, same && !v && kept ? blobs : nullptr);
+        // Lines mostly of rules or staves (sheet music, an empty form) are
+        // not text: neither taken down by them nor trusted as far.
+        double share = 0;
+        const int core = MedianCore(l, &share);
+        if (core <= kMaxCore || core > kMaxCoreMm * px || share < 0.5) {
+            Reading r = Read(upright, l, px, strip, same && !v && kept ? blobs : nullptr);
+            r.confidence *= share;
+            return r;
+        }
+        // Letters drawn larger than the cues were made for (a small page
+        // analysed near its full resolution, a tag that lies): the ink is
+        // taken down until the median core is kTargetCore pixels tall.
+        const double k = kTargetCore / core;
+        cv::Mat small;
+        // At least a pixel either way: letters can stand taller than a narrow
+        // page is wide. (Otherwise the size follows from k, as a size given
+        // would change the scale the area average uses.)
+        const bool empty = std::lround(upright.cols * k) < 1 || std::lround(upright.rows * k) < 1;
+        const cv::Size size = empty ? cv::Size(std::max(1, static_cast<int>(std::lround(upright.cols * k))),
+                                               std::max(1, static_cast<int>(std::lround(upright.rows * k))))
+                                    : cv::Size();
+        cv::resize(upright, small, size, k, k, cv::INTER_AREA);
+        cv::threshold(small, small, 127, 255, cv::THRESH_BINARY);
+        const int s2 = std::max(8, static_cast<int>(strip * k));
+        const int min2 = std::max(2, static_cast<int>(minLine * k)), max2 = std::max(min2 + 1, static_cast<int>(maxLine * k));
+        Reading r = Read(small, MeasureLines(small, s2, min2, max2), px * k, s2, nullptr);
+        r.confidence *= share;
+        return r;
     };
     Reading r = read(vertical);
     // Unsure of the direction: the one whose cues read clearer; one the

@@ -88,23 +88,27 @@ TEST(ScanSkew, LowConfidenceWithoutLinesAcross) {
 // same page in capitals (no ascenders, descenders, dots or stops: nothing
 // tells up from down) is never turned with confidence. Hebrew (a real page),
 // whose letters read as Latin upside down, is called right by its full
-// stops on the baseline, though not with confidence.
+// stops on the baseline, though not with confidence, both at 150 dpi and
+// with the file's own 600-dpi tag, which leaves its letters twice the size
+// the cues are read at until the ink is taken down by its letters' size.
 TEST(ScanOrientation, QuarterTurnsAreUndone) {
     const cv::Mat hebrew = MatFromPage(LoadScan("hebtypo.jpg").get());
     const struct {
         cv::Mat page;
         bool sure, called;  // confidence at least 0.6; the right turn reported
         double skew;
-    } pages[] = {{Turned(TextPage(), 4.0), true, true, 4.0},
-                 {Turned(TextPage(140, true), 4.0), false, false, 4.0},
-                 {hebrew, false, true, 0.0}};
+        int dpi;
+    } pages[] = {{Turned(TextPage(), 4.0), true, true, 4.0, 150},
+                 {Turned(TextPage(140, true), 4.0), false, false, 4.0, 150},
+                 {hebrew, false, true, 0.0, 150},
+                 {hebrew, false, true, 0.0, 600}};
     const int codes[] = {-1, cv::ROTATE_90_COUNTERCLOCKWISE, cv::ROTATE_180, cv::ROTATE_90_CLOCKWISE};
     for (const auto &p : pages)
         for (int q = 0; q < 4; ++q) {
-            SCOPED_TRACE(testing::Message() << p.page.cols << " wide, turn " << q);
+            SCOPED_TRACE(testing::Message() << p.page.cols << " wide at " << p.dpi << " dpi, turn " << q);
             cv::Mat img;  // never a header on `page`: rotating into it would overwrite it
             codes[q] >= 0 ? cv::rotate(p.page, img, codes[q]) : p.page.copyTo(img);
-            const QuarvelPageReport r = Analyze(PageFromMat(img, 150).get());
+            const QuarvelPageReport r = Analyze(PageFromMat(img, p.dpi).get());
             if (p.called) EXPECT_EQ(r.orientation, 90 * q);
             EXPECT_EQ(p.sure, r.orientation_confidence >= 0.6) << r.orientation_confidence;
             EXPECT_NEAR(r.skew_angle, p.skew, 0.05);  // a quarter turn leaves the skew as it was
@@ -179,6 +183,17 @@ TEST(ScanAnalyze, RefusesBadInputAndHonoursRecordSize) {
     EXPECT_EQ(QuarvelAnalyzePage(page.get(), &absurd, &r), 1);
     const Block out(QuarvelCleanPage(page.get(), &absurd, nullptr));
     EXPECT_TRUE(out);
+
+    // Letters much taller than the page is wide at 10,000 dpi, read at full
+    // size: the orientation takes its ink down by their size and must keep
+    // a pixel across (its resize once had no width left to give).
+    cv::Mat narrow(1990, 40, CV_8UC1, cv::Scalar(235));
+    for (int y = 300; y < 1700; y += 10)
+        for (int x = (y / 10) % 2 * 10; x < narrow.cols; x += 20) narrow(cv::Rect(x, y, 10, 10)).setTo(20);
+    QuarvelScanOptions fine;
+    QuarvelDefaultOptions(&fine);
+    fine.dpi = 10000;
+    EXPECT_EQ(QuarvelAnalyzePage(PageFromMat(narrow, 10000).get(), &fine, &r), 1);
 
     std::vector<unsigned char> bytes(sizeof(QuarvelPageReport), 0xab);
     auto *shortReport = reinterpret_cast<QuarvelPageReport *>(bytes.data());
