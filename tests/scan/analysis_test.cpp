@@ -55,11 +55,11 @@ TEST(ScanAnalyze, RealScans) {
         SCOPED_TRACE(c.name);
         const QuarvelPageReport r = Analyze(LoadScan(c.name).get());
         ASSERT_EQ(r.usable, 1);
-        if (!std::isnan(c.angle)) EXPECT_NEAR(r.skew_angle, c.angle, 0.1);
-        if (c.lines >= 0) EXPECT_TRUE(c.lines ? r.skew_confidence >= 0.6 : r.skew_confidence < 0.5) << r.skew_confidence;
+        if (!std::isnan(c.angle)) { EXPECT_NEAR(r.skew_angle, c.angle, 0.1); }
+        if (c.lines >= 0) { EXPECT_TRUE(c.lines ? r.skew_confidence >= 0.6 : r.skew_confidence < 0.5) << r.skew_confidence; }
         EXPECT_EQ(r.blank, 0);
-        if (c.sure != 0) EXPECT_EQ(r.orientation, 0);
-        if (c.sure >= 0) EXPECT_EQ(r.orientation_confidence >= 0.6, c.sure == 1) << r.orientation_confidence;
+        if (c.sure != 0) { EXPECT_EQ(r.orientation, 0); }
+        if (c.sure >= 0) { EXPECT_EQ(r.orientation_confidence >= 0.6, c.sure == 1) << r.orientation_confidence; }
         ASSERT_EQ(r.hole_count, c.holes);
         for (int i = 0; i < c.holes; ++i) EXPECT_NEAR(r.holes[i].cx, 156, 47);  // 12 mm in, on the left edge
         EXPECT_EQ(r.mode, c.mode);
@@ -109,7 +109,7 @@ TEST(ScanOrientation, QuarterTurnsAreUndone) {
             cv::Mat img;  // never a header on `page`: rotating into it would overwrite it
             codes[q] >= 0 ? cv::rotate(p.page, img, codes[q]) : p.page.copyTo(img);
             const QuarvelPageReport r = Analyze(PageFromMat(img, p.dpi).get());
-            if (p.called) EXPECT_EQ(r.orientation, 90 * q);
+            if (p.called) { EXPECT_EQ(r.orientation, 90 * q); }
             EXPECT_EQ(p.sure, r.orientation_confidence >= 0.6) << r.orientation_confidence;
             EXPECT_NEAR(r.skew_angle, p.skew, 0.05);  // a quarter turn leaves the skew as it was
             EXPECT_GE(r.skew_confidence, 0.6);
