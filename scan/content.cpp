@@ -158,7 +158,9 @@ bool FindContent(const ScanPage &page, const Sheet &sheet, const std::vector<Hol
     int left = ink.cols, top = ink.rows, right = 0, bottom = 0;
     if (page.reduced.size() == page.ink.size()) {
         const int minSide = static_cast<int>(std::lround(kPictureMm * page.dpi / 25.4 * toRed));
-        for (const cv::Rect &p : FindPictures(page.reduced(area), sheet.paper(area), sheet.paperLevel, minSide,
+        const cv::Mat paper = sheet.paper.size() == page.ink.size() ? sheet.paper(area)
+                                                                   : cv::Mat(area.size(), CV_8UC1, cv::Scalar(255));
+        for (const cv::Rect &p : FindPictures(page.reduced(area), paper, sheet.paperLevel, minSide,
                                                   MmToPixels(page, kPictureEdgeMm) / f)) {
             left = std::min(left, p.x);
             top = std::min(top, p.y);
