@@ -10,7 +10,8 @@
 // threshold, which asks for marks clearly darker than the paper round them.
 // Pictures are found apart: the ink threshold reads a photo's light parts
 // against the photo itself and keeps only its dark pockets, so regions of
-// the sheet darker than 90 % of its paper level (on 4 x 4 cells, opened by 5 mm), at least
+// the sheet darker than 90 % of its paper level (on 4 x 4 cells, each read
+// by its lightest pixel, opened by 5 mm), at least
 // 10 mm across both ways, filling half their box and dark on the whole (mean
 // under 75 % of the paper: a stain or tinted patch is lighter) join the box
 // whole, out to the sheet's edge where they reach it.
@@ -45,12 +46,13 @@ constexpr double kPictureEdgeMm = 2.5; // a picture this close to the sheet's ed
 std::vector<cv::Rect> FindPictures(const cv::Mat &gray, const cv::Mat &paper, int level, int minSide, int reach) {
     constexpr int kCell = 4;
     std::vector<cv::Rect> found;
-    const int cw = gray.cols / kCell, ch = gray.rows / kCell;
-    if (cw < 1 || ch < 1 || minSide < 2 * kCell) return found;
-    cv::Mat cells, onPaper, dark;
-    const cv::Rect whole(0, 0, cw * kCell, ch * kCell);
-    cv::resize(gray(whole), cells, cv::Size(cw, ch), 0, 0, cv::INTER_AREA);
-    cv::resize(paper(whole), onPaper, cv::Size(cw, ch), 0, 0, cv::INTER_AREA);
+    if (gray.cols < kCell || gray.rows < kCell || minSide < 2 * kCell) return found;
+    // A cell's lightest pixel stands for it (a picture's cells are dark
+    // throughout), the paper mask's nearest pixel for its paper.
+    const cv::Mat cells = CellMax(gray, kCell);
+    const int cw = cells.cols, ch = cells.rows;
+    cv::Mat onPaper, dark;
+    cv::resize(paper, onPaper, cells.size(), 0, 0, cv::INTER_NEAREST);
     cv::bitwise_and(cells < kPictureTone * level, onPaper > 127, dark);
     // Opened by half a picture's side, so text, rules and a shaded rim
     // beside a picture do not join it.
@@ -83,7 +85,7 @@ std::vector<cv::Rect> FindPictures(const cv::Mat &gray, const cv::Mat &paper, in
         if (r.y <= reach) r.height += r.y, r.y = 0;
         if (r.br().x >= gray.cols - reach) r.width = gray.cols - r.x;
         if (r.br().y >= gray.rows - reach) r.height = gray.rows - r.y;
-        found.push_back(r);
+        found.push_back(r & cv::Rect(0, 0, gray.cols, gray.rows));
     }
     return found;
 }
