@@ -11,10 +11,11 @@
 // Pictures are found apart: the ink threshold reads a photo's light parts
 // against the photo itself and keeps only its dark pockets, so regions of
 // the sheet darker than 90 % of its paper level (on 4 x 4 cells, each read
-// by its lightest pixel, opened by 5 mm), at least
-// 10 mm across both ways, filling half their box and dark on the whole (mean
-// under 75 % of the paper: a stain or tinted patch is lighter) join the box
-// whole, out to the sheet's edge where they reach it.
+// by its lightest pixel, opened by 5 mm), at least 10 mm across both ways,
+// filling half their box, dark on the whole (mean under 75 % of the paper:
+// a stain or tinted patch is lighter), spread in tone (a bed is even) and
+// meeting the paper at a step (a gutter shadow fades into it) join the box
+// whole, out to the sheet's edge where they come within 2.5 mm of it.
 #include <algorithm>
 #include <cmath>
 
@@ -36,10 +37,10 @@ constexpr double kEdgeTouchMm = 1.0; // and lie this close to the sheet's edge
 constexpr double kPictureMm = 10.0;   // a picture is this wide and tall at least,
 constexpr double kPictureTone = 0.9;  // its pixels below this share of the paper level,
 constexpr double kPictureFill = 0.5;  // filling this share of its box,
-constexpr double kPictureMean = 0.75;
+constexpr double kPictureMean = 0.75; // with a mean below this share of the paper level,
 constexpr double kPictureSpread = 0.08; // and tones spread this share of it at least (the bed is even)
 constexpr double kPictureStep = 0.15;   // and meet the paper at a step of this share of it
-constexpr double kPictureEdgeMm = 2.5; // a picture this close to the sheet's edge reaches it // with a mean below this share of the paper level
+constexpr double kPictureEdgeMm = 2.5; // a picture this close to the sheet's edge reaches it
 
 // Boxes of the pictures on `gray` (a sheet's reduced pixels; `paper` 255 on
 // the sheet), in gray's pixels.
@@ -76,7 +77,8 @@ std::vector<cv::Rect> FindPictures(const cv::Mat &gray, const cv::Mat &paper, in
         cv::dilate(region, grown, cv::Mat());
         cv::erode(region, shrunk, cv::Mat());
         const cv::Mat ring = (grown & ~region) & (onPaper(near) > 127), rim = region & ~shrunk;
-        const double step = cv::countNonZero(ring) == 0 ? level : cv::mean(cells(near), ring)[0] - cv::mean(cells(near), rim)[0];
+        const double step =
+            cv::countNonZero(ring) == 0 ? level : cv::mean(cells(near), ring)[0] - cv::mean(cells(near), rim)[0];
         if (step < kPictureStep * level) continue;
         cv::Rect r(b.x * kCell, b.y * kCell, b.width * kCell, b.height * kCell);
         // A region within `reach` of the sheet's edge (the paper's outline
