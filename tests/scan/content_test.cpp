@@ -284,6 +284,28 @@ TEST(Content, LeavesOutEdgeAndHoleShadowsKeepsALoneHairline) {
     EXPECT_EQ(box.br().y, hairline + 2);
 }
 
+// A smooth picture printed to the sheet's top edge (its top rows light,
+// no ink against its own tone) belongs to the box up to the edge; a gutter
+// shadow darkening gradually to the right edge, as dark on the whole, does
+// not (it meets the paper at no step).
+TEST(Content, KeepsAPictureToTheEdgeLeavesOutGradualShading) {
+    cv::Mat page(kA4, CV_8UC1, cv::Scalar(235));
+    DrawText(&page, cv::Scalar(20), Mm(80), 10);
+    const cv::Rect picture(Mm(40), 0, Mm(90), Mm(60));
+    for (int y = 0; y < picture.height; ++y)
+        for (int x = 0; x < picture.width; ++x)
+            page.at<std::uint8_t>(y, picture.x + x) =
+                cv::saturate_cast<std::uint8_t>(205 - 160.0 * y / picture.height + 20 * std::sin(x / 15.0));
+    const int shade = Mm(20);
+    for (int x = 0; x < shade; ++x) page.col(kA4.width - shade + x).setTo(235 - 135 * x / shade);
+    const ScanPage p = PageOf(page);
+    cv::Rect box;
+    ASSERT_TRUE(FindContent(p, WholeSheet(p).sheet, {}, &box, nullptr));
+    EXPECT_EQ(box.y, 0);
+    EXPECT_LE(box.x, picture.x);
+    EXPECT_LE(box.br().x, kA4.width - Mm(15));
+}
+
 // Text lines count from 0.8 mm tall (5 rows at 150 dpi): twelve such lines
 // give full confidence; one row shorter they read as rules.
 TEST(ScanSkew, LinesFromTheShortestTextHeightCount) {
