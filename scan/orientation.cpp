@@ -430,18 +430,23 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     // Unsure of the direction: the one whose cues read clearer; one the
     // profiles leaned against is never more than a quarter sure.
     double certainty = direction;
+    bool flipped = false;
     if (direction < kSureDirection) {
         const Reading other = read(!vertical);
         if (other.evidence * (1 - direction) > r.evidence * (1 + direction)) {
             vertical = !vertical;
+            flipped = true;
             r = other;
             certainty = (kSureDirection - direction) / 2;
         }
     }
     // Lines running down the page carry the page's skew (AnalyzePage), so
-    // a quarter turn leaves the reported skew as it was.
+    // a quarter turn leaves the reported skew as it was; but where only the
+    // cues, against the profiles, turned the call down the page, the
+    // profiles' own skew across it stays (a form's long edge and box sides
+    // give the search down it a skew of their own).
     result.vertical = vertical;
-    if (vertical) result.lines = down;
+    if (vertical) result.lines = flipped ? across : down;
     result.confidence = r.confidence * certainty;
     result.angle = vertical ? (r.sum >= 0 ? 90 : 270) : (r.sum >= 0 ? 0 : 180);
     return result;

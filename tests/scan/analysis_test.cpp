@@ -119,6 +119,15 @@ TEST(ScanOrientation, QuarterTurnsAreUndone) {
 // A frame of known widths on given sides, dark or a light gray bed; the sheet
 // is the paper, the content box the text's, and a page without a frame is
 // not trimmed.
+// A form whose rows of boxes and long right edge leave the line direction
+// unsure (deskew-5 enlarged to 200 dpi, untagged): the letters' cues call it
+// turned a quarter, unsure, but the skew stays the one its rows' profile found.
+TEST(ScanOrientation, AnUnsureDirectionKeepsTheRowsSkew) {
+    const QuarvelPageReport r = Analyze(LoadScan("deskew-5-200dpi.png").get());
+    EXPECT_NEAR(r.skew_angle, 3.4, 0.1);
+    EXPECT_LT(r.orientation_confidence, 0.6);
+}
+
 TEST(ScanSheet, FramesOnGivenSides) {
     struct Case {
         int left, top, right, bottom;
