@@ -33,6 +33,7 @@
 #include "formats.h"
 #include "quarvel/quarvel.h"
 #include "quarvel/scan.h"
+#include "truth.h"
 
 #ifdef QUARVEL_HAVE_LEPTONICA
 #include <leptonica/allheaders.h>
@@ -40,15 +41,7 @@
 
 namespace {
 
-struct Truth {
-    std::string file;
-    bool hasSkew = false;
-    double skew = 0;
-    RECT sheet{};
-    unsigned sides = 0;
-    RECT content{};
-    bool text = false;  // upright text lines: orientation is scored
-};
+using Truth = quality::GeometryTruth;
 
 // Gray, top row first, from any page the library reads.
 struct Gray {
@@ -87,33 +80,6 @@ Gray ToGray(HGLOBAL page) {
     }
     GlobalUnlock(page);
     return g;
-}
-
-std::vector<Truth> ReadTruth(const std::string &path) {
-    std::vector<Truth> out;
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.empty() || line[0] == '#') continue;
-        std::istringstream s(line);
-        Truth t;
-        std::string skew, sides, text;
-        s >> t.file >> skew >> t.sheet.left >> t.sheet.top >> t.sheet.right >> t.sheet.bottom >> sides >> t.content.left >>
-            t.content.top >> t.content.right >> t.content.bottom >> text;
-        if (!s) continue;
-        t.hasSkew = skew != "-";
-        if (t.hasSkew) t.skew = std::atof(skew.c_str());
-        for (char c : sides) {
-            if (c == '-') break;
-            if (c == 'L') t.sides |= QUARVEL_SIDE_LEFT;
-            if (c == 'T') t.sides |= QUARVEL_SIDE_TOP;
-            if (c == 'R') t.sides |= QUARVEL_SIDE_RIGHT;
-            if (c == 'B') t.sides |= QUARVEL_SIDE_BOTTOM;
-        }
-        t.text = text == "text";
-        out.push_back(t);
-    }
-    return out;
 }
 
 double Iou(const RECT &a, const RECT &b) {
@@ -318,7 +284,7 @@ int main(int argc, char **argv) {
         return 2;
     }
     const std::string pages = argv[1];
-    const std::vector<Truth> truth = ReadTruth(std::string(QUARVEL_QUALITY_DIR) + "/truth-geometry.tsv");
+    const std::vector<Truth> truth = quality::ReadGeometryTruth(std::string(QUARVEL_QUALITY_DIR) + "/truth-geometry.tsv");
     if (truth.empty()) {
         std::fprintf(stderr, "quality_geometry: no truth file\n");
         return 2;

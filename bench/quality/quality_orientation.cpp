@@ -37,33 +37,11 @@
 
 #include "formats.h"
 #include "quarvel/scan.h"
+#include "truth.h"
 
 namespace {
 
-struct Truth {
-    std::string file;
-    cv::Rect content;
-    bool text = false;
-};
-
-std::vector<Truth> ReadTruth(const std::string &path) {
-    std::vector<Truth> out;
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.empty() || line[0] == '#') continue;
-        std::istringstream s(line);
-        Truth t;
-        std::string skew, sides, kind;
-        int sl, st, sr, sb, cl, ct, cr, cb;
-        s >> t.file >> skew >> sl >> st >> sr >> sb >> sides >> cl >> ct >> cr >> cb >> kind;
-        if (!s) continue;
-        t.content = cv::Rect(cl, ct, cr - cl, cb - ct);
-        t.text = kind == "text";
-        out.push_back(t);
-    }
-    return out;
-}
+using Truth = quality::GeometryTruth;
 
 // The page in gray, top row first.
 cv::Mat ToGray(HGLOBAL page) {
@@ -289,7 +267,7 @@ int main(int argc, char **argv) {
         return 2;
     }
     const std::string dir = argv[1];
-    const std::vector<Truth> truth = ReadTruth(std::string(QUARVEL_QUALITY_DIR) + "/truth-geometry.tsv");
+    const std::vector<Truth> truth = quality::ReadGeometryTruth(std::string(QUARVEL_QUALITY_DIR) + "/truth-geometry.tsv");
     const char *only = std::getenv("QUALITY_ONLY");
     const char *onlyVariant = std::getenv("QUALITY_VARIANT");
     std::vector<Truth> text, other;
@@ -307,7 +285,9 @@ int main(int argc, char **argv) {
         for (std::size_t i; (i = next++) < text.size();) {
             auto read = qtool::ReadImage(dir + "/" + text[i].file);
             if (read.empty()) continue;
-            Source s{ToGray(read[0].get()), TrueDpi(text[i].file, read[0].get()), text[i].content};
+            const RECT &c = text[i].content;
+            Source s{ToGray(read[0].get()), TrueDpi(text[i].file, read[0].get()),
+                     cv::Rect(c.left, c.top, c.right - c.left, c.bottom - c.top)};
             s.content &= cv::Rect(0, 0, s.gray.cols, s.gray.rows);
             // Pages over 400 dpi (deskew-1 is 1-g4 at twice its size, 25
             // million pixels) are taken at 300: the variants cost what the

@@ -52,6 +52,7 @@
 #include "formats.h"
 #include "page.h"
 #include "quarvel/scan.h"
+#include "truth.h"
 
 #ifdef QUARVEL_HAVE_LEPTONICA
 #include <leptonica/allheaders.h>
@@ -61,41 +62,10 @@ namespace {
 
 constexpr double kDeg = 3.14159265358979323846 / 180.0;
 
-struct Truth {
-    std::string file;
-    bool hasSkew = false;
-    double skew = 0;
-    cv::Rect2d sheet, content;
-    unsigned sides = 0;
-    bool text = false;
-};
+using Truth = quality::GeometryTruth;
 
-std::vector<Truth> ReadTruth(const std::string &path) {
-    std::vector<Truth> out;
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.empty() || line[0] == '#') continue;
-        std::istringstream s(line);
-        Truth t;
-        std::string skew, sides, text;
-        double sl, st, sr, sb, cl, ct, cr, cb;
-        s >> t.file >> skew >> sl >> st >> sr >> sb >> sides >> cl >> ct >> cr >> cb >> text;
-        if (!s) continue;
-        t.hasSkew = skew != "-";
-        if (t.hasSkew) t.skew = std::atof(skew.c_str());
-        t.sheet = {sl, st, sr - sl, sb - st};
-        t.content = {cl, ct, cr - cl, cb - ct};
-        for (char c : sides) {
-            if (c == 'L') t.sides |= QUARVEL_SIDE_LEFT;
-            if (c == 'T') t.sides |= QUARVEL_SIDE_TOP;
-            if (c == 'R') t.sides |= QUARVEL_SIDE_RIGHT;
-            if (c == 'B') t.sides |= QUARVEL_SIDE_BOTTOM;
-        }
-        t.text = text == "text";
-        out.push_back(t);
-    }
-    return out;
+cv::Rect2d TruthBox(const RECT &r) {
+    return {double(r.left), double(r.top), double(r.right - r.left), double(r.bottom - r.top)};
 }
 
 // Base pages: unframed, read with their true resolution (the tag where it is
@@ -522,7 +492,8 @@ int main(int argc, char **argv) {
         return 2;
     }
     const std::string pages = argv[1];
-    const std::vector<Truth> truth = ReadTruth(std::string(QUARVEL_QUALITY_DIR) + "/truth-geometry.tsv");
+    const std::vector<Truth> truth =
+        quality::ReadGeometryTruth(std::string(QUARVEL_QUALITY_DIR) + "/truth-geometry.tsv");
     const bool verbose = std::getenv("QUALITY_VERBOSE") != nullptr;
     const char *only = std::getenv("QUALITY_ONLY");
     const char *save = std::getenv("QUALITY_STRESS_SAVE");
@@ -560,8 +531,8 @@ int main(int argc, char **argv) {
         original.skew = t->skew;
         original.text = t->text;
         original.exactContent = true;
-        original.sheet = t->sheet;
-        original.content = t->content;
+        original.sheet = TruthBox(t->sheet);
+        original.content = TruthBox(t->content);
         const unsigned i = static_cast<unsigned>(baseIndex++);
         const double dpi = base.dpi;
         // Which variants this page gets: turns spread over the pages so every
