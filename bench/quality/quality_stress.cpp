@@ -494,6 +494,10 @@ int main(int argc, char **argv) {
     const std::string pages = argv[1];
     const std::vector<Truth> truth =
         quality::ReadGeometryTruth(std::string(QUARVEL_QUALITY_DIR) + "/truth-geometry.tsv");
+    if (truth.empty()) {
+        std::fprintf(stderr, "quality_stress: no truth file\n");
+        return 2;
+    }
     const bool verbose = std::getenv("QUALITY_VERBOSE") != nullptr;
     const char *only = std::getenv("QUALITY_ONLY");
     const char *save = std::getenv("QUALITY_STRESS_SAVE");
