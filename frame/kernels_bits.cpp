@@ -77,6 +77,12 @@ void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, in
     for (int y = 0; y < count; ++y) ClearRowTail(d + static_cast<std::ptrdiff_t>(y) * stride, w, stride);
 }
 
+void Filter2x2RectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int pageW, int count, const RectSpan &r, bool minimum) {
+    plain::LogicRows(BitRows{a, stride, a, stride, d, stride, pageW, count}, Logic::kCopy);
+    const std::size_t at = static_cast<std::size_t>(r.y) * static_cast<std::size_t>(stride) + static_cast<std::size_t>(r.x >> 3);
+    Filter2x2Rows(a + at, stride, d + at, stride, r.x & 7, r.w, r.h, minimum);
+}
+
 }  // namespace plain
 
 namespace {
@@ -382,6 +388,12 @@ __attribute__((target("avx512f,avx512bw,avx512vbmi"))) std::size_t FilterRunAvx5
                                                          33, 34, 35, 36, 37, 38, 39, 40, 41, 42, 43, 44, 45, 46, 47, 48,
                                                          49, 50, 51, 52, 53, 54, 55, 56, 57, 58, 59, 60, 61, 62, 63, 64};
     if (k + 65 > n) return k;
+    // One step to put the stores on 64-byte boundaries (a store split
+    // across two cache lines costs two).
+    if (const std::size_t off = reinterpret_cast<std::uintptr_t>(d + k) & 63; off != 0 && k + 192 <= n) {
+        PutFiltered<Minimum>(d + k, RowPair<Minimum>(a + k, stride), RowPair<Minimum>(a + k + 1, stride));
+        k += 64 - off;
+    }
     if (k + 128 <= n) {
         const __m512i on = _mm512_load_si512(kOn);
         V64 u = RowPair<Minimum>(a + k, stride);
@@ -408,6 +420,22 @@ __attribute__((target("avx2"))) std::size_t FilterRunAvx2(const std::uint8_t *a,
     return k;
 }
 
+// Bytes [k, n - 1) of a run of rows filtered as FilterRunAvx512 says, the
+// widest kernel the processor has and single bytes after it.
+template <bool Minimum>
+inline void FilterRun(const std::uint8_t *a, std::uint8_t *d, std::size_t s, std::size_t k, std::size_t n, bool avx512, bool avx2) {
+    const auto op = [](unsigned u, unsigned v) { return Minimum ? u & v : u | v; };
+    k = avx512 ? FilterRunAvx512<Minimum>(a, d, s, k, n) : avx2 ? FilterRunAvx2<Minimum>(a, d, s, k, n) : k;
+    for (; k + 1 < n; ++k) {
+        const unsigned t = op(a[k], a[k + s]), next = op(a[k + 1], a[k + 1 + s]);
+        d[k] = static_cast<std::uint8_t>(op(t, ((t << 1) | (next >> 7)) & 0xFFu));
+    }
+}
+
+// Rows of the run kernels go in bands of 16 (5 KB of an A4 page), each
+// band's row ends taken while the band is in cache.
+constexpr int kBand = 16;
+
 template <bool Minimum>
 void FilterPage(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count) {
     if (w <= 0 || count <= 0) return;
@@ -416,19 +444,11 @@ void FilterPage(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int c
     const int end = w & 7;
     const unsigned valid = (0xFF00u >> (end != 0 ? end : 8)) & 0xFFu, identity = Minimum ? 0xFFu : 0u;
     const bool avx512 = Avx512On(), avx2 = Avx2On();
-    // Rows 0 .. count - 2 as runs of 16 rows (5 KB on an A4 page); each
-    // run's last byte (padding, or a last pixel byte) is left to the rows'
-    // ends, which are taken while the run is in cache.
-    constexpr int kBand = 16;
+    // Each band's last byte (padding, or a last pixel byte) is left to the
+    // rows' ends.
     for (int y0 = 0; y0 + 1 < count; y0 += kBand) {
         const int y1 = std::min(y0 + kBand, count - 1);
-        std::size_t k = static_cast<std::size_t>(y0) * s;
-        const std::size_t n = static_cast<std::size_t>(y1) * s;
-        k = avx512 ? FilterRunAvx512<Minimum>(a, d, s, k, n) : avx2 ? FilterRunAvx2<Minimum>(a, d, s, k, n) : k;
-        for (; k + 1 < n; ++k) {
-            const unsigned t = op(a[k], a[k + s]), next = op(a[k + 1], a[k + 1 + s]);
-            d[k] = static_cast<std::uint8_t>(op(t, ((t << 1) | (next >> 7)) & 0xFFu));
-        }
+        FilterRun<Minimum>(a, d, s, static_cast<std::size_t>(y0) * s, static_cast<std::size_t>(y1) * s, avx512, avx2);
         for (int y = y0; y < y1; ++y) {
             const std::size_t j = static_cast<std::size_t>(y) * s + nb - 1;
             const unsigned t = (op(a[j], a[j + s]) & valid) | (identity & ~valid);
@@ -441,6 +461,72 @@ void FilterPage(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int c
     ClearRowTail(d + last, w, stride);
 }
 
+// d[i] = s[i] for n bytes, inline: 16-byte steps and one overlapping the
+// last, or two overlapping 8- or 4-byte moves, for the few bytes a rectangle
+// leaves at a row's ends (a library call costs more than the copy there).
+inline void CopyFew(std::uint8_t *d, const std::uint8_t *s, std::size_t n) {
+    if (n >= 16) {
+        std::size_t i = 0;
+        for (; i + 16 < n; i += 16) Store(d + i, Load<V16>(s + i));
+        Store(d + n - 16, Load<V16>(s + n - 16));
+    } else if (n >= 8) {
+        const auto u = Load<std::uint64_t>(s), v = Load<std::uint64_t>(s + n - 8);
+        Store(d, u), Store(d + n - 8, v);
+    } else if (n >= 4) {
+        const auto u = Load<std::uint32_t>(s), v = Load<std::uint32_t>(s + n - 4);
+        Store(d, u), Store(d + n - 4, v);
+    } else {
+        for (std::size_t i = 0; i < n; ++i) d[i] = s[i];
+    }
+}
+
+// The rectangle's rows but its last are filtered whole by the run kernel, a
+// band at a time; then, while the band is in cache, each row's bytes
+// outside the rectangle are copied from the source over the run's values,
+// and the bytes holding its first and last columns are taken again (the
+// last with the identity past it). Those two come from the source rows, not
+// from the run's result: a byte load from a row the run has just stored
+// waits for the stores. The rectangle's last row is copied and filtered
+// alone, and the rows around the rectangle are copied.
+template <bool Minimum>
+void FilterRectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int pageW, int count, const RectSpan &r) {
+    const auto op = [](unsigned u, unsigned v) { return Minimum ? u & v : u | v; };
+    const std::size_t s = static_cast<std::size_t>(stride), nbw = static_cast<std::size_t>(pageW + 7) / 8;
+    const auto copyRows = [&](int from, int to) {
+        if (to > from) LogicRows({a + from * s, stride, a, 0, d + from * s, stride, pageW, to - from}, Logic::kCopy);
+    };
+    copyRows(0, r.y);
+    const int j0 = r.x >> 3, j1 = (r.x + r.w - 1) >> 3, end = (r.x + r.w) & 7;
+    const unsigned identity = Minimum ? 0xFFu : 0u, inside = (0xFF00u >> (end != 0 ? end : 8)) & 0xFFu,
+                   head = ~(0xFFu >> (r.x & 7)) & 0xFFu;
+    const bool avx512 = Avx512On(), avx2 = Avx2On();
+    const int lastRow = r.y + r.h - 1;
+    for (int y0 = r.y; y0 < lastRow; y0 += kBand) {
+        const int y1 = std::min(y0 + kBand, lastRow);
+        FilterRun<Minimum>(a, d, s, static_cast<std::size_t>(y0) * s, static_cast<std::size_t>(y1) * s, avx512, avx2);
+        for (int y = y0; y < y1; ++y) {
+            const std::uint8_t *p = a + static_cast<std::size_t>(y) * s;
+            std::uint8_t *q = d + static_cast<std::size_t>(y) * s;
+            CopyFew(q, p, static_cast<std::size_t>(j0));
+            if (j0 < j1) {
+                const unsigned t = op(p[j0], p[j0 + s]), next = op(p[j0 + 1], p[j0 + 1 + s]);
+                const unsigned f = op(t, ((t << 1) | (next >> 7)) & 0xFFu);
+                q[j0] = static_cast<std::uint8_t>((f & ~head) | (p[j0] & head));
+            }
+            const unsigned t = (op(p[j1], p[j1 + s]) & inside) | (identity & ~inside);
+            const unsigned f = op(t, ((t << 1) | (identity >> 7)) & 0xFFu);
+            unsigned v = (f & inside) | (p[j1] & ~inside);
+            if (j0 == j1) v = (v & ~head) | (p[j0] & head);
+            q[j1] = static_cast<std::uint8_t>(v);
+            CopyFew(q + j1 + 1, p + j1 + 1, nbw - static_cast<std::size_t>(j1) - 1);
+            ClearRowTail(q, pageW, stride);
+        }
+    }
+    copyRows(lastRow, lastRow + 1);
+    Filter2x2<Minimum>(a + static_cast<std::size_t>(lastRow) * s + j0, nullptr, d + static_cast<std::size_t>(lastRow) * s + j0, r.x & 7, r.w, avx2);
+    copyRows(lastRow + 1, count);
+}
+
 }  // namespace
 
 void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count, bool minimum) {
@@ -448,6 +534,14 @@ void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, in
         FilterPage<true>(a, d, stride, w, count);
     else
         FilterPage<false>(a, d, stride, w, count);
+}
+
+void Filter2x2RectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int pageW, int count, const RectSpan &r, bool minimum) {
+    if (r.w <= 0 || r.h <= 0) return;
+    if (minimum)
+        FilterRectPage<true>(a, d, stride, pageW, count, r);
+    else
+        FilterRectPage<false>(a, d, stride, pageW, count, r);
 }
 
 void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d, int x, int w, bool minimum) {

@@ -1,7 +1,8 @@
 // Whole-byte kernels for packed 1-bit pages, a page (or a band of rows) a
 // call: copy, complement, AND, OR and AND-NOT of rows (LogicRows), ImageAnd's
 // AND written back to its first page (AndRowsBack), and the 2 x 2 minimum and
-// maximum filter of the first text levels (Filter2x2Rows). 64 bytes a step
+// maximum filter of the first text levels (Filter2x2Rows, over a whole page
+// and over a page with a rectangle filtered, Filter2x2RectPage). 64 bytes a step
 // under AVX-512 (the row logic), 32 under AVX2, 16 under SSE2; the plain byte and bit loops in `plain` are the
 // oracle the tests compare against bit for bit.
 //
@@ -63,6 +64,20 @@ void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *
 // last pixel byte is taken again with the identity past w.
 void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count, bool minimum);
 
+// A rectangle of a page in storage rows: bits [x, x + w) of rows
+// [y, y + h), inside the page.
+struct RectSpan {
+    int x, y, w, h;
+};
+
+// The page copied with the same filter over a rectangle taken as an image
+// of its own (its last row alone, the bit past its last column the
+// identity): the result's rows written in memory order, rows outside the
+// rectangle copied, rows inside filtered over the rectangle's bits and
+// copied around them; bits past pageW and the padding cleared. Source and
+// result rows lie `stride` bytes apart and do not overlap.
+void Filter2x2RectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int pageW, int count, const RectSpan &r, bool minimum);
+
 // Clears a row's padding, n bytes at p: at most 4 on a DIB row, so plain
 // stores, not a memset call per row (which costs more than a 1-bit row's
 // copy).
@@ -93,6 +108,7 @@ void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d,
 void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *d, std::ptrdiff_t strideD, int x, int w,
                    int count, bool minimum);
 void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count, bool minimum);
+void Filter2x2RectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int pageW, int count, const RectSpan &r, bool minimum);
 }  // namespace plain
 
 }  // namespace quarvel::kernels

@@ -5,8 +5,10 @@
 // anchor is cell (0, 0) on bottom-up rows). TextEffectRect filters only the
 // rectangle, clipped to the page, and treats it as the whole image: cells
 // beyond it are left out. With a side of 2 (levels 1 and -1) a whole 1-bit
-// page is filtered as one run of bytes, and on 8 bits the rectangle's rows
-// are filtered in the same pass that copies the page around them.
+// page is filtered as one run of bytes; a 1-bit rectangle's rows are
+// filtered as that run and put right around the rectangle band by band, and
+// on 8 bits the rectangle's rows are filtered in the same pass that copies
+// the page around them: either way each result row is written in one pass.
 #include <algorithm>
 
 #include "frame/kernels.h"
@@ -46,15 +48,28 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
     if (!whole && rect == nullptr) return nullptr;
     LockedDib in(hDib, kTextDepths);
     if (!in.ok()) return nullptr;
-    if (whole && in.bitCount() == 1 && Side(level) == 2) {
-        // One run of bytes down the page; every byte of every row written.
+    // The rectangle in storage rows, clipped to the page; empty when nothing
+    // of the page is in it.
+    RECT r{};
+    if (!whole) {
+        const RECT asked = FlipRows(*rect, in.height()), page{0, 0, in.width(), in.height()};
+        if (!IntersectRect(&r, &asked, &page)) r = RECT{};
+    }
+    const int rw = r.right - r.left, rh = r.bottom - r.top;
+    if (in.bitCount() == 1 && Side(level) == 2 && (whole || rw > 0)) {
+        // One run of bytes down the page (around the rectangle, the page
+        // copied); every byte of every row written.
         ResultBlock out = ResultBlock::CopiedHeader(in, ResultRows::kUnset);
         if (!out) return nullptr;
-        kernels::Filter2x2Page(in.bits(), RowOf(*out.image(), 0), in.stride(), in.width(), in.height(), level > 0);
+        if (whole)
+            kernels::Filter2x2Page(in.bits(), RowOf(*out.image(), 0), in.stride(), in.width(), in.height(), level > 0);
+        else
+            kernels::Filter2x2RectPage(in.bits(), RowOf(*out.image(), 0), in.stride(), in.width(), in.height(), {r.left, r.top, rw, rh},
+                                       level > 0);
         return out.Release();
     }
-    // Every pixel is written; a 1-bit page's rectangle form copies the page
-    // whole by a kernel that writes every byte of each row, padding included.
+    // Every pixel is written; the 1-bit kernels write every byte of each
+    // row, padding included.
     const bool bitonal = in.bitCount() == 1;
     ImagePtr view = DibToIplImage(in.header());
     ResultBlock out = ResultBlock::CopiedHeader(in, bitonal && !whole ? ResultRows::kUnset : ResultRows::kPaddingZeroed);
@@ -67,17 +82,13 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
         Filter(view.get(), out.image(), level, in.width(), in.height());
         return out.Release();
     }
-    const RECT asked = FlipRows(*rect, in.height());
-    const RECT page{0, 0, in.width(), in.height()};
-    RECT r;
-    if (!IntersectRect(&r, &asked, &page)) {  // nothing of the page to filter
+    if (rw <= 0) {  // nothing of the page to filter
         if (bitonal)
             copyBits();
         else
             iplCopy(view.get(), out.image());
         return out.Release();
     }
-    const int rw = r.right - r.left, rh = r.bottom - r.top;
     if (in.bitCount() == 8 && Side(level) == 2) {
         // One pass down the rows: each row copied around the rectangle, its
         // part inside filtered from it and the row above it on the page
@@ -93,10 +104,10 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
         });
         return out.Release();
     }
-    // The rectangle filtered, the page around it copied. A 1-bit page is
-    // copied whole first by one page kernel (a bit-exact copy around the
-    // rectangle costs more per row than the whole row's); the filter then
-    // writes the rectangle's bits over it.
+    // Larger sides: the rectangle filtered, the page around it copied. A
+    // 1-bit page is copied whole first by one page kernel (a bit-exact copy
+    // around the rectangle costs more per row than the whole row's); the
+    // filter then writes the rectangle's bits over it.
     IplROI roi{0, r.left, r.top, r.right - r.left, r.bottom - r.top};
     if (bitonal) copyBits();
     {

@@ -80,8 +80,8 @@ TEST(TextEffect, BitonalPagesSpreadZeroBits) {
     }
 }
 
-// On 1 bit, levels 1 and -1 filter the rectangle's rows as a page and put
-// the page back around it: the rectangle must equal the filtered crop (its
+// On 1 bit, levels 1 and -1 filter the rectangle's rows as one run of bytes
+// and put the page back around it: the rectangle must equal the filtered crop (its
 // last column and row with nothing beyond) and every other bit the page,
 // for rectangles at every bit phase, one byte wide, one row high and
 // reaching the page's right edge.
