@@ -480,6 +480,50 @@ inline void CopyFew(std::uint8_t *d, const std::uint8_t *s, std::size_t n) {
     }
 }
 
+// The same row ends under AVX-512 for a rectangle that leaves at most 63
+// bytes left of it and 63 right of it: each side one masked load, the edge
+// byte put in, and one masked store.
+struct RowEnds {
+    int j0, j1;
+    unsigned head, inside, tailByte;
+    std::size_t nbw, s;
+};
+
+template <bool Minimum>
+__attribute__((target("avx512f,avx512bw,bmi2"))) void FixRowsAvx512(const std::uint8_t *a, std::uint8_t *d, int y0, int y1, const RowEnds &e) {
+    using V = V64;
+    const std::size_t s = e.s, j0 = static_cast<std::size_t>(e.j0), j1 = static_cast<std::size_t>(e.j1);
+    const __mmask64 left = _bzhi_u64(~0ull, static_cast<unsigned>(j0 + 1));
+    const __mmask64 rightSrc = _bzhi_u64(~0ull, static_cast<unsigned>(e.nbw - j1)), rightDst = _bzhi_u64(~0ull, static_cast<unsigned>(s - j1));
+    const V ones = reinterpret_cast<V>(_mm512_set1_epi8(1)), identity = reinterpret_cast<V>(_mm512_set1_epi8(Minimum ? -1 : 0));
+    // keepLeft: the source's bits on the left side (the bytes before the
+    // rectangle and the bits of its first byte before it); inRight: the
+    // rectangle's bits in its last byte (byte 0 of the right side); tail:
+    // the bits before the page's width on the right side.
+    const V keepLeft = reinterpret_cast<V>(_mm512_mask_set1_epi8(_mm512_maskz_set1_epi8(left >> 1, -1), 1ull << j0, static_cast<char>(e.head)));
+    const V inRight = reinterpret_cast<V>(_mm512_maskz_set1_epi8(1, static_cast<char>(e.inside)));
+    const V tail = reinterpret_cast<V>(_mm512_mask_set1_epi8(_mm512_set1_epi8(-1), 1ull << (e.nbw - 1 - j1), static_cast<char>(e.tailByte)));
+#define KB_LOAD(mask, p) reinterpret_cast<V>(_mm512_maskz_loadu_epi8(mask, p))
+    for (int y = y0; y < y1; ++y) {
+        const std::uint8_t *p = a + static_cast<std::size_t>(y) * s;
+        std::uint8_t *q = d + static_cast<std::size_t>(y) * s;
+        // Left: the filtered bytes from the rows and the bytes one on, the
+        // source's bits kept before the rectangle.
+        const V l = KB_LOAD(left, p), ls = KB_LOAD(left, p + s);
+        const V lo = KB_LOAD(left, p + 1), lso = KB_LOAD(left, p + 1 + s);
+        const V t = Minimum ? l & ls : l | ls, tn = Minimum ? lo & lso : lo | lso;
+        const V sh = (t + t) | ((tn >> 7) & ones), f = Minimum ? t & sh : t | sh;
+        _mm512_mask_storeu_epi8(q, left, reinterpret_cast<__m512i>((l & keepLeft) | (f & ~keepLeft)));
+        // Right: the last byte filtered with the identity past the
+        // rectangle, the source after it, the bits past the width cleared.
+        const V r = KB_LOAD(rightSrc, p + j1), rs = KB_LOAD(1, p + j1 + s);
+        const V u = Minimum ? r & rs : r | rs, ue = (u & inRight) | (identity & ~inRight);
+        const V fr = Minimum ? ue & ((ue + ue) | (identity >> 7 & ones)) : ue | ((ue + ue) | (identity >> 7 & ones));
+        _mm512_mask_storeu_epi8(q + j1, rightDst, reinterpret_cast<__m512i>(((fr & inRight) | (r & ~inRight)) & tail));
+    }
+#undef KB_LOAD
+}
+
 // The rectangle's rows but its last are filtered whole by the run kernel, a
 // band at a time; then, while the band is in cache, each row's bytes
 // outside the rectangle are copied from the source over the run's values,
@@ -501,9 +545,16 @@ void FilterRectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int page
                    head = ~(0xFFu >> (r.x & 7)) & 0xFFu;
     const bool avx512 = Avx512On(), avx2 = Avx2On();
     const int lastRow = r.y + r.h - 1;
+    const unsigned tailByte = (pageW & 7) != 0 ? (0xFF00u >> (pageW & 7)) & 0xFFu : 0xFFu;
+    const RowEnds ends{j0, j1, head, inside, tailByte, nbw, s};
+    const bool narrowEnds = avx512 && j0 < j1 && j0 < 62 && s - static_cast<std::size_t>(j1) <= 64;
     for (int y0 = r.y; y0 < lastRow; y0 += kBand) {
         const int y1 = std::min(y0 + kBand, lastRow);
         FilterRun<Minimum>(a, d, s, static_cast<std::size_t>(y0) * s, static_cast<std::size_t>(y1) * s, avx512, avx2);
+        if (narrowEnds) {
+            FixRowsAvx512<Minimum>(a, d, y0, y1, ends);
+            continue;
+        }
         for (int y = y0; y < y1; ++y) {
             const std::uint8_t *p = a + static_cast<std::size_t>(y) * s;
             std::uint8_t *q = d + static_cast<std::size_t>(y) * s;

@@ -104,10 +104,11 @@ const std::vector<Twin> kTwins = {
      [](auto c, auto s, auto d) { TWIN(Filter2x2Rows, s, c.n / 8 + 3, d, c.n / 8 + 2, c.bpp - 1, c.n, 5, c.a == 1); }},
     {"filter 2x2 page", {1}, {0, 1}, {0, 5},  // a: minimum; b: extra padding and 20 rows (two bands)
      [](auto c, auto s, auto d) { TWIN(Filter2x2Page, s, d, (c.n + 31) / 32 * 4 + c.b, c.n, c.b ? 20 : 5, c.a == 1); }},
-    {"filter 2x2 rect page", {1, 2}, {0, 1, 2, 3, 4}, {0, 5},  // bpp: 2 minimum; a: the rectangle; b: extra padding
+    {"filter 2x2 rect page", {1, 2}, {0, 1, 2, 3, 4, 5}, {0, 5},  // bpp: 2 minimum; a: the rectangle; b: extra padding
      [](auto c, auto s, auto d) {
-         const int x = c.n / 5, spans[5][4] = {{0, 0, c.n, 20}, {c.n / 3, 3, c.n - c.n / 3, 17}, {(c.n - 1) / 2, 7, 1, 1},
-                                               {x, 2, std::max(1, (c.n - x) / 2), 11}, {c.n - 1, 0, 1, 20}};
+         const int x = c.n / 5, near = std::min(13, c.n - 1);
+         const int spans[6][4] = {{0, 0, c.n, 20}, {c.n / 3, 3, c.n - c.n / 3, 17}, {(c.n - 1) / 2, 7, 1, 1},
+                                  {x, 2, std::max(1, (c.n - x) / 2), 11}, {c.n - 1, 0, 1, 20}, {near, 1, std::max(1, c.n - near - 27), 18}};
          const auto *r = spans[c.a];
          TWIN(Filter2x2RectPage, s, d, (c.n + 31) / 32 * 4 + c.b, c.n, 20, {r[0], r[1], r[2], r[3]}, c.bpp == 2);
      }},
