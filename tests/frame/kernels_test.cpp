@@ -104,11 +104,14 @@ const std::vector<Twin> kTwins = {
      [](auto c, auto s, auto d) { TWIN(Filter2x2Rows, s, c.n / 8 + 3, d, c.n / 8 + 2, c.bpp - 1, c.n, 5, c.a == 1); }},
     {"filter 2x2 page", {1}, {0, 1}, {0, 5},  // a: minimum; b: extra padding and 40 rows (two bands)
      [](auto c, auto s, auto d) { TWIN(Filter2x2Page, s, d, (c.n + 31) / 32 * 4 + c.b, c.n, c.b ? 40 : 5, c.a == 1); }},
-    {"filter 2x2 rect page", {1, 2}, {0, 1, 2, 3, 4, 5}, {0, 5},  // bpp: 2 minimum; a: the rectangle; b: extra padding
+    {"filter 2x2 rect page", {1, 2}, {0, 1, 2, 3, 4, 5, 6}, {0, 5},  // bpp: 2 minimum; a: the rectangle; b: extra padding
      [](auto c, auto s, auto d) {
-         const int x = c.n / 5, near = std::min(13, c.n - 1);
-         const int spans[6][4] = {{0, 0, c.n, 40}, {c.n / 3, 3, c.n - c.n / 3, 37}, {(c.n - 1) / 2, 7, 1, 1},
-                                  {x, 2, std::max(1, (c.n - x) / 2), 35}, {c.n - 1, 0, 1, 40}, {near, 1, std::max(1, c.n - near - 27), 18}};
+         // Rectangles: whole; to the top right; one pixel; mid-byte ends;
+         // the last column; and near both ends, from within 31 and 62 bytes.
+         const int x = c.n / 5, near = std::min(13, c.n - 1), mid = std::min(300, c.n - 1);
+         const int spans[7][4] = {{0, 0, c.n, 40}, {c.n / 3, 3, c.n - c.n / 3, 37}, {(c.n - 1) / 2, 7, 1, 1},
+                                  {x, 2, std::max(1, (c.n - x) / 2), 35}, {c.n - 1, 0, 1, 40}, {near, 1, std::max(1, c.n - near - 27), 18},
+                                  {mid, 4, std::max(1, c.n - mid - 100), 30}};
          const auto *r = spans[c.a];  // 40 rows: two bands of the run kernel
          TWIN(Filter2x2RectPage, s, d, (c.n + 31) / 32 * 4 + c.b, c.n, 40, {r[0], r[1], r[2], r[3]}, c.bpp == 2);
      }},
