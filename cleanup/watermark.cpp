@@ -7,8 +7,9 @@
 // part of a copy inside the page is drawn: its lower-left part, since copies
 // are placed by their lower-left corner. Every result byte is written once:
 // the page is copied around the mark's copies, each of which is subtracted
-// from the page into its own rectangle; on a 1-bit page each row is written
-// whole, the page's row AND NOT a mask row holding the mark's bits.
+// from the page into its own rectangle; a 1-bit page is copied 32 rows at a
+// time and, while those rows are in cache, the mark's bytes of each are
+// taken again from the page's row AND NOT a mask row of the mark's bits.
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -23,10 +24,16 @@ namespace quarvel::cleanup {
 
 namespace {
 
-// A 1-bit page: the mark's rows thresholded once into rows as wide as the
-// page's (1 where the level is at least 128, 0 outside the mark's columns),
-// then every result row written whole by one page kernel: the page's row AND
-// NOT its mark row, rows the mark does not reach copied.
+// Rows of a 1-bit page copied before the mark's bytes are put in (16 and
+// 64 measured 2-3 us slower on an A4 page).
+constexpr int kRowsBand = 32;
+
+// A 1-bit page: the mark's rows thresholded once into mask rows as wide as
+// the mark's bytes (1 where the level is at least 128), then the page copied
+// a band of rows at a time and each row's bytes under the mark written again
+// as the page's bytes AND NOT the mask row's. Narrow mask rows (30 KB for a
+// 600 x 400 mark, against 125 KB as wide as the page) stay in the faster
+// caches while the column of copies reads them again and again.
 HGLOBAL StampBits(const LockedDib &page, const LockedDib &mark, bool column) {
     ResultBlock out = ResultBlock::CopiedHeader(page, ResultRows::kUnset);
     if (!out) return nullptr;
@@ -46,25 +53,33 @@ HGLOBAL StampBits(const LockedDib &page, const LockedDib &mark, bool column) {
         return out.Release();
     }
     // A column repeats the mark's rows: one band of them serves every copy.
-    // Each mask row: zeros, then the mark's levels thresholded straight into
-    // the page's bit phase (from `phase` levels before the mark's row, which
-    // lie in its block: an 8-bit page has a 40-byte header before its rows;
-    // their bits are cleared), then zeros.
+    // Each mask row holds the mark's columns only, bytes `from` .. `to` of
+    // a page row: the mark's levels thresholded straight into the page's
+    // bit phase (from `phase` levels before the mark's row, which lie in
+    // its block: an 8-bit page has a 40-byte header before its rows; their
+    // bits are cleared), and in the page's last byte the bits past its
+    // width set, so the AND-NOT clears them as the copy does.
     const int band = std::min(mh, h), phase = xOff & 7;
     const std::size_t nb = static_cast<std::size_t>(pw + 7) / 8, from = static_cast<std::size_t>(xOff >> 3);
-    const std::size_t to = static_cast<std::size_t>(xOff + w + 7) / 8;
-    std::unique_ptr<std::uint8_t[]> masks(new std::uint8_t[static_cast<std::size_t>(band) * static_cast<std::size_t>(stride)]);
+    const std::size_t to = static_cast<std::size_t>(xOff + w + 7) / 8, span = to - from;
+    std::unique_ptr<std::uint8_t[]> masks(new std::uint8_t[static_cast<std::size_t>(band) * span]);
     for (int j = 0; j < band; ++j) {
-        std::uint8_t *m = masks.get() + at(j);
-        std::memset(m, 0, from);
-        kernels::ThresholdToBits(mark.row(j) - phase, m + from, w + phase, 128);
-        m[from] &= static_cast<std::uint8_t>(0xFFu >> phase);
-        std::memset(m + to, 0, nb - to);
+        std::uint8_t *m = masks.get() + static_cast<std::size_t>(j) * span;
+        kernels::ThresholdToBits(mark.row(j) - phase, m, w + phase, 128);
+        m[0] &= static_cast<std::uint8_t>(0xFFu >> phase);
+        if (to == nb && (pw & 7) != 0) m[span - 1] |= static_cast<std::uint8_t>(0xFFu >> (pw & 7));
     }
     copy(0, y0);
-    for (int i = y0; i < y0 + h; i += band)
-        kernels::LogicRows({src + at(i), stride, masks.get(), stride, d + at(i), stride, pw, std::min(band, y0 + h - i)},
-                           kernels::Logic::kAndNot);
+    for (int b = y0; b < y0 + h; b += kRowsBand) {
+        const int e = std::min(b + kRowsBand, y0 + h);
+        copy(b, e);
+        for (int i = b; i < e;) {
+            const int j = (i - y0) % mh, count = std::min(band - j, e - i);
+            kernels::AndNotSpanRows(src + at(i) + from, stride, masks.get() + static_cast<std::size_t>(j) * span, static_cast<std::ptrdiff_t>(span),
+                                    d + at(i) + from, stride, static_cast<int>(span), count);
+            i += count;
+        }
+    }
     copy(y0 + h, ph);
     return out.Release();
 }

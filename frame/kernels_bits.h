@@ -64,6 +64,13 @@ void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *
 // last pixel byte is taken again with the identity past w.
 void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count, bool minimum);
 
+// d = a & ~m over the first n bytes of `count` rows (strides in bytes; m
+// may repeat one row with stride 0): a mark's bytes cleared in a page's
+// rows whose other bytes are already in d. Nothing past the n bytes is read
+// or written; d may not overlap a or m.
+void AndNotSpanRows(const std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *m, std::ptrdiff_t strideM, std::uint8_t *d,
+                    std::ptrdiff_t strideD, int n, int count);
+
 // A rectangle of a page in storage rows: bits [x, x + w) of rows
 // [y, y + h), inside the page.
 struct RectSpan {
@@ -109,6 +116,8 @@ void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *
                    int count, bool minimum);
 void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count, bool minimum);
 void Filter2x2RectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int pageW, int count, const RectSpan &r, bool minimum);
+void AndNotSpanRows(const std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *m, std::ptrdiff_t strideM, std::uint8_t *d,
+                    std::ptrdiff_t strideD, int n, int count);
 }  // namespace plain
 
 }  // namespace quarvel::kernels

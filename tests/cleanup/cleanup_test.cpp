@@ -169,6 +169,14 @@ TEST(WaterMark, DepthsAndLargeMarks) {
     EXPECT_EQ(PageView(big.get()).get(49, 49), 190);
     Block tall(AddWaterMarkEx(page.get(), Mark(20, 30, 10).get()));
     EXPECT_EQ(PageView(tall.get()).get(25, 49) * 1000 + PageView(tall.get()).get(25, 9), 190200);  // copies at rows 10 and 40
+    // A 1-bit result's bits past the width are clear even where the page's
+    // are set and the mark reaches its last byte (13 pixels, rows of 4 bytes
+    // at the block's end).
+    Block narrow = MakePageWith(Shape(13, 6, 1), [](int x, int, int) { return x % 3 != 0; });
+    auto *raw = static_cast<std::uint8_t *>(GlobalLock(narrow.get()));
+    for (std::size_t y = 0, rows = GlobalSize(narrow.get()) - 6 * 4; y < 6; ++y) raw[rows + 4 * y + 1] |= 0x07;
+    GlobalUnlock(narrow.get());
+    EXPECT_EQ(qtest::DirtyPaddingRow(Block(AddWaterMarkEx(narrow.get(), Mark(13, 2, 0).get())).get()), -1);
     // The mark must be an 8-bit page.
     EXPECT_EQ(AddWaterMark(page.get(), MakePage(Shape(4, 4, 24)).get()), nullptr);
     EXPECT_EQ(AddWaterMarkEx(page.get(), nullptr), nullptr);

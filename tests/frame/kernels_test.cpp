@@ -115,6 +115,11 @@ const std::vector<Twin> kTwins = {
          const auto *r = spans[c.a];  // 40 rows: two bands of the run kernel
          TWIN(Filter2x2RectPage, s, d, (c.n + 31) / 32 * 4 + c.b, c.n, 40, {r[0], r[1], r[2], r[3]}, c.bpp == 2);
      }},
+    {"and not spans", {1}, {0}, {0, 1},  // b: one mask row for every row
+     [](auto c, auto s, auto d) {
+         const int n = (c.n + 7) / 8;
+         TWIN(AndNotSpanRows, s, n + 3, s + 4 * c.n + 32, c.b ? 0 : n + 1, d, n + 2, n, 5);
+     }},
     {"mirror bits", {1}, {0}, {0}, [](auto c, auto s, auto d) { TWIN(MirrorBits, s, d, c.n); }},
     {"min max 2 x 2", {1}, {0, 1}, {0, 1},
      [](auto c, auto s, auto d) { TWIN(MinMaxSquareRow, s, c.b ? s : s + 4 * c.n + 32, d, c.n, c.a); }},
