@@ -75,8 +75,9 @@ HGLOBAL StampBits(const LockedDib &page, const LockedDib &mark, bool column) {
         copy(b, e);
         for (int i = b; i < e;) {
             const int j = (i - y0) % mh, count = std::min(band - j, e - i);
-            kernels::AndNotSpanRows(src + at(i) + from, stride, masks.get() + static_cast<std::size_t>(j) * span, static_cast<std::ptrdiff_t>(span),
-                                    d + at(i) + from, stride, static_cast<int>(span), count);
+            kernels::AndNotSpanRows(src + at(i) + from, stride, masks.get() + static_cast<std::size_t>(j) * span,
+                                    static_cast<std::ptrdiff_t>(span), d + at(i) + from, stride, static_cast<int>(span),
+                                    count);
             i += count;
         }
     }

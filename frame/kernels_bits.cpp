@@ -77,16 +77,19 @@ void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, in
     for (int y = 0; y < count; ++y) ClearRowTail(d + static_cast<std::ptrdiff_t>(y) * stride, w, stride);
 }
 
-void Filter2x2RectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int pageW, int count, const RectSpan &r, bool minimum) {
+void Filter2x2RectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int pageW, int count, const RectSpan &r,
+                       bool minimum) {
     plain::LogicRows(BitRows{a, stride, a, stride, d, stride, pageW, count}, Logic::kCopy);
-    const std::size_t at = static_cast<std::size_t>(r.y) * static_cast<std::size_t>(stride) + static_cast<std::size_t>(r.x >> 3);
+    const std::size_t at =
+        static_cast<std::size_t>(r.y) * static_cast<std::size_t>(stride) + static_cast<std::size_t>(r.x >> 3);
     Filter2x2Rows(a + at, stride, d + at, stride, r.x & 7, r.w, r.h, minimum);
 }
 
-void AndNotSpanRows(const std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *m, std::ptrdiff_t strideM, std::uint8_t *d,
-                    std::ptrdiff_t strideD, int n, int count) {
+void AndNotSpanRows(const std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *m, std::ptrdiff_t strideM,
+                    std::uint8_t *d, std::ptrdiff_t strideD, int n, int count) {
     for (int y = 0; y < count; ++y)
-        for (int j = 0; j < n; ++j) d[y * strideD + j] = static_cast<std::uint8_t>(a[y * strideA + j] & ~m[y * strideM + j]);
+        for (int j = 0; j < n; ++j)
+            d[y * strideD + j] = static_cast<std::uint8_t>(a[y * strideA + j] & ~m[y * strideM + j]);
 }
 
 }  // namespace plain
@@ -429,7 +432,8 @@ __attribute__((target("avx2"))) std::size_t FilterRunAvx2(const std::uint8_t *a,
 // Bytes [k, n - 1) of a run of rows filtered as FilterRunAvx512 says, the
 // widest kernel the processor has and single bytes after it.
 template <bool Minimum>
-inline void FilterRun(const std::uint8_t *a, std::uint8_t *d, std::size_t s, std::size_t k, std::size_t n, bool avx512, bool avx2) {
+inline void FilterRun(const std::uint8_t *a, std::uint8_t *d, std::size_t s, std::size_t k, std::size_t n, bool avx512,
+                      bool avx2) {
     const auto op = [](unsigned u, unsigned v) { return Minimum ? u & v : u | v; };
     k = avx512 ? FilterRunAvx512<Minimum>(a, d, s, k, n) : avx2 ? FilterRunAvx2<Minimum>(a, d, s, k, n) : k;
     for (; k + 1 < n; ++k) {
@@ -499,27 +503,32 @@ struct RowEnds {
 };
 
 template <bool Minimum>
-__attribute__((target("avx512f,avx512bw,avx512vl,bmi2"))) void FixRowsAvx512(const std::uint8_t *a, std::uint8_t *d, int y0, int y1, const RowEnds &e) {
+__attribute__((target("avx512f,avx512bw,avx512vl,bmi2"))) void FixRowsAvx512(const std::uint8_t *a, std::uint8_t *d,
+                                                                             int y0, int y1, const RowEnds &e) {
     using V = V64;
     const std::size_t s = e.s, j0 = static_cast<std::size_t>(e.j0), j1 = static_cast<std::size_t>(e.j1);
     const __mmask64 left = _bzhi_u64(~0ull, static_cast<unsigned>(j0 + 1));
-    const __mmask64 rightSrc = _bzhi_u64(~0ull, static_cast<unsigned>(e.nbw - j1)), rightDst = _bzhi_u64(~0ull, static_cast<unsigned>(s - j1));
-    const V ones = reinterpret_cast<V>(_mm512_set1_epi8(1)), identity = reinterpret_cast<V>(_mm512_set1_epi8(Minimum ? -1 : 0));
+    const __mmask64 rightSrc = _bzhi_u64(~0ull, static_cast<unsigned>(e.nbw - j1)),
+                    rightDst = _bzhi_u64(~0ull, static_cast<unsigned>(s - j1));
+    const V ones = reinterpret_cast<V>(_mm512_set1_epi8(1)),
+            identity = reinterpret_cast<V>(_mm512_set1_epi8(Minimum ? -1 : 0));
     // keepLeft: the source's bits on the left side (the bytes before the
     // rectangle and the bits of its first byte before it); inRight: the
     // rectangle's bits in its last byte (byte 0 of the right side); tail:
     // the bits before the page's width on the right side.
-    const V keepLeft = reinterpret_cast<V>(_mm512_mask_set1_epi8(_mm512_maskz_set1_epi8(left >> 1, -1), 1ull << j0, static_cast<char>(e.head)));
+    const V keepLeft = reinterpret_cast<V>(
+        _mm512_mask_set1_epi8(_mm512_maskz_set1_epi8(left >> 1, -1), 1ull << j0, static_cast<char>(e.head)));
     const V inRight = reinterpret_cast<V>(_mm512_maskz_set1_epi8(1, static_cast<char>(e.inside)));
-    const V tail = reinterpret_cast<V>(_mm512_mask_set1_epi8(_mm512_set1_epi8(-1), 1ull << (e.nbw - 1 - j1), static_cast<char>(e.tailByte)));
+    const V tail = reinterpret_cast<V>(
+        _mm512_mask_set1_epi8(_mm512_set1_epi8(-1), 1ull << (e.nbw - 1 - j1), static_cast<char>(e.tailByte)));
     // A left side within 31 bytes (rectangles from within 248 pixels of the
     // page's left edge) takes 32-byte steps: two 64-byte ones cost about
     // 2 us more on the A4 page.
     const bool narrowLeft = j0 < 31;
     const __mmask32 left32 = static_cast<__mmask32>(left);
     const V32 ones32 = reinterpret_cast<V32>(_mm256_set1_epi8(1));
-    const V32 keepLeft32 = reinterpret_cast<V32>(
-        _mm256_mask_set1_epi8(_mm256_maskz_set1_epi8(left32 >> 1, -1), static_cast<__mmask32>(1u << (j0 & 31)), static_cast<char>(e.head)));
+    const V32 keepLeft32 = reinterpret_cast<V32>(_mm256_mask_set1_epi8(
+        _mm256_maskz_set1_epi8(left32 >> 1, -1), static_cast<__mmask32>(1u << (j0 & 31)), static_cast<char>(e.head)));
 #define KB_LOAD(mask, p) reinterpret_cast<V>(_mm512_maskz_loadu_epi8(mask, p))
     for (int y = y0; y < y1; ++y) {
         const std::uint8_t *p = a + static_cast<std::size_t>(y) * s;
@@ -600,7 +609,8 @@ void FilterRectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int page
         }
     }
     copyRows(lastRow, lastRow + 1);
-    Filter2x2<Minimum>(a + static_cast<std::size_t>(lastRow) * s + j0, nullptr, d + static_cast<std::size_t>(lastRow) * s + j0, r.x & 7, r.w, avx2);
+    Filter2x2<Minimum>(a + static_cast<std::size_t>(lastRow) * s + j0, nullptr,
+                       d + static_cast<std::size_t>(lastRow) * s + j0, r.x & 7, r.w, avx2);
     copyRows(lastRow + 1, count);
 }
 
@@ -613,7 +623,8 @@ void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, in
         FilterPage<false>(a, d, stride, w, count);
 }
 
-void Filter2x2RectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int pageW, int count, const RectSpan &r, bool minimum) {
+void Filter2x2RectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int pageW, int count, const RectSpan &r,
+                       bool minimum) {
     if (r.w <= 0 || r.h <= 0) return;
     if (minimum)
         FilterRectPage<true>(a, d, stride, pageW, count, r);
@@ -640,9 +651,9 @@ namespace {
 
 // 32-byte steps and one overlapping the last; spans under 32 bytes by 8
 // and then single bytes.
-__attribute__((target("avx2"))) void AndNotSpanRowsAvx2(const std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *m,
-                                                       std::ptrdiff_t strideM, std::uint8_t *d, std::ptrdiff_t strideD, std::size_t n,
-                                                       int count) {
+__attribute__((target("avx2"))) void AndNotSpanRowsAvx2(const std::uint8_t *a, std::ptrdiff_t strideA,
+                                                        const std::uint8_t *m, std::ptrdiff_t strideM, std::uint8_t *d,
+                                                        std::ptrdiff_t strideD, std::size_t n, int count) {
     for (int y = 0; y < count; ++y, a += strideA, m += strideM, d += strideD) {
         std::size_t i = 0;
         for (; i + 32 < n; i += 32) Store32(d + i, Load32(a + i) & ~Load32(m + i));
@@ -652,8 +663,8 @@ __attribute__((target("avx2"))) void AndNotSpanRowsAvx2(const std::uint8_t *a, s
 
 }  // namespace
 
-void AndNotSpanRows(const std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *m, std::ptrdiff_t strideM, std::uint8_t *d,
-                    std::ptrdiff_t strideD, int n, int count) {
+void AndNotSpanRows(const std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *m, std::ptrdiff_t strideM,
+                    std::uint8_t *d, std::ptrdiff_t strideD, int n, int count) {
     if (n >= 32 && Avx2On()) {
         AndNotSpanRowsAvx2(a, strideA, m, strideM, d, strideD, static_cast<std::size_t>(n), count);
         return;

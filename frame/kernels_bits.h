@@ -68,8 +68,8 @@ void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, in
 // may repeat one row with stride 0): a mark's bytes cleared in a page's
 // rows whose other bytes are already in d. Nothing past the n bytes is read
 // or written; d may not overlap a or m.
-void AndNotSpanRows(const std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *m, std::ptrdiff_t strideM, std::uint8_t *d,
-                    std::ptrdiff_t strideD, int n, int count);
+void AndNotSpanRows(const std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *m, std::ptrdiff_t strideM,
+                    std::uint8_t *d, std::ptrdiff_t strideD, int n, int count);
 
 // A rectangle of a page in storage rows: bits [x, x + w) of rows
 // [y, y + h), inside the page.
@@ -83,7 +83,8 @@ struct RectSpan {
 // rectangle copied, rows inside filtered over the rectangle's bits and
 // copied around them; bits past pageW and the padding cleared. Source and
 // result rows lie `stride` bytes apart and do not overlap.
-void Filter2x2RectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int pageW, int count, const RectSpan &r, bool minimum);
+void Filter2x2RectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int pageW, int count, const RectSpan &r,
+                       bool minimum);
 
 // Clears a row's padding, n bytes at p: at most 4 on a DIB row, so plain
 // stores, not a memset call per row (which costs more than a 1-bit row's
@@ -115,9 +116,10 @@ void Filter2x2Row(const std::uint8_t *a, const std::uint8_t *b, std::uint8_t *d,
 void Filter2x2Rows(const std::uint8_t *a, std::ptrdiff_t strideA, std::uint8_t *d, std::ptrdiff_t strideD, int x, int w,
                    int count, bool minimum);
 void Filter2x2Page(const std::uint8_t *a, std::uint8_t *d, int stride, int w, int count, bool minimum);
-void Filter2x2RectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int pageW, int count, const RectSpan &r, bool minimum);
-void AndNotSpanRows(const std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *m, std::ptrdiff_t strideM, std::uint8_t *d,
-                    std::ptrdiff_t strideD, int n, int count);
+void Filter2x2RectPage(const std::uint8_t *a, std::uint8_t *d, int stride, int pageW, int count, const RectSpan &r,
+                       bool minimum);
+void AndNotSpanRows(const std::uint8_t *a, std::ptrdiff_t strideA, const std::uint8_t *m, std::ptrdiff_t strideM,
+                    std::uint8_t *d, std::ptrdiff_t strideD, int n, int count);
 }  // namespace plain
 
 }  // namespace quarvel::kernels

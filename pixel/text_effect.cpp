@@ -64,8 +64,8 @@ HGLOBAL Effect(HGLOBAL hDib, const RECT *rect, bool whole, int level) {
         if (whole)
             kernels::Filter2x2Page(in.bits(), RowOf(*out.image(), 0), in.stride(), in.width(), in.height(), level > 0);
         else
-            kernels::Filter2x2RectPage(in.bits(), RowOf(*out.image(), 0), in.stride(), in.width(), in.height(), {r.left, r.top, rw, rh},
-                                       level > 0);
+            kernels::Filter2x2RectPage(in.bits(), RowOf(*out.image(), 0), in.stride(), in.width(), in.height(),
+                                       {r.left, r.top, rw, rh}, level > 0);
         return out.Release();
     }
     // Every pixel is written; the 1-bit kernels write every byte of each
