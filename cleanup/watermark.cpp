@@ -5,11 +5,11 @@
 // centres one copy; AddWaterMarkEx stacks copies in a centred column from
 // (page height mod mark height) / 2 rows above the bottom edge. Only the
 // part of a copy inside the page is drawn: its lower-left part, since copies
-// are placed by their lower-left corner. Every result byte is written once:
-// the page is copied around the mark's copies, each of which is subtracted
-// from the page into its own rectangle; a 1-bit page is copied 32 rows at a
-// time and, while those rows are in cache, the mark's bytes of each are
-// taken again from the page's row AND NOT a mask row of the mark's bits.
+// are placed by their lower-left corner. Every result byte is written: the
+// page is copied around the mark's copies, each of which is subtracted from
+// the page into its own rectangle; a 1-bit page is copied 32 rows at a time
+// and, while those rows are in cache, the mark's bytes of each are written
+// a second time as the page's row AND NOT a mask row of the mark's bits.
 #include <algorithm>
 #include <cstring>
 #include <memory>
