@@ -18,8 +18,8 @@
 //    (a picture reaching the sheet's edge) holds no hole;
 //  - alone: the ring out to 1.9 radii is paper, so letters, words and
 //    bullets inside text (which have neighbours) are never holes;
-//  - position: the centre within 25 mm of a sheet edge, not cut by the
-//    page border;
+//  - position: the centre within 25 mm of a sheet edge, at least 1 mm of
+//    paper between the hole and that edge, not cut by the page border;
 //  - alignment: a hole is kept when it has a partner on its edge (within
 //    20 % of its size, at the same distance from the edge up to about 3
 //    degrees of skew), or alone when it is clearly one: its area within 15 %
@@ -39,6 +39,7 @@ constexpr double kBandMm = 30.0;
 constexpr double kCellMm = 20.0;
 constexpr double kMinDiameterMm = 4.0, kMaxDiameterMm = 11.0;
 constexpr double kMaxCentreToEdgeMm = 25.0;
+constexpr double kMinPaperRoundMm = 1.0;  // paper between a hole and the sheet's edge
 constexpr double kLoneCentreToEdgeMm = 16.0;
 constexpr int kMinDifference = 28;  // levels off the paper that count as "not paper"
 constexpr double kMinPaperLevel = 0.6;  // a cell darker than this share of the sheet's paper is no paper
@@ -221,6 +222,9 @@ std::vector<Hole> FindHoles(const ScanPage &page, const Sheet &sheet) {
                                                   box.y + box.height - cy};
             const int side = static_cast<int>(std::min_element(toEdge.begin(), toEdge.end()) - toEdge.begin());
             if (toEdge[side] > kMaxCentreToEdgeMm * mm) continue;
+            // Punched through the sheet, so paper all round: a blob reaching
+            // the sheet's edge is a worn corner or a notch.
+            if (toEdge[side] - reach < kMinPaperRoundMm * mm) continue;
             const bool clear = iou >= 0.85 && ragged <= 1.3 && toEdge[side] <= kLoneCentreToEdgeMm * mm;
             bool seen = false;
             for (const Candidate &o : found) seen = seen || std::hypot(o.cx - cx, o.cy - cy) < reach;

@@ -17,11 +17,20 @@
 // bounding box of the largest paper region left, on framed sides only: a side
 // without a frame keeps the page edge, so a page without a frame is not
 // trimmed at all. A skewed sheet gives its axis-aligned bounding box.
+//
+// A sheet's shaded part (a curled edge, a gutter, a fold) can be as dark as
+// the bed, but it is still paper: it carries print, and it has the paper's
+// grain where a bed is flat. So grid cells covered by printed letters are
+// never frame candidates, frame regions more varied than the bed at the
+// page's edge that reach that print are taken back as paper, and the step
+// across the frame's edge is judged only where the frame meets plain paper.
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include <opencv2/imgproc.hpp>
 
+#include "scan/paper.h"
 #include "scan/scan.h"
 
 namespace quarvel::scan {
@@ -43,6 +52,109 @@ constexpr int kRectInset = 2;         // grid pixels (about 1.4 mm) of its rim l
 constexpr int kBayWidth = 5;          // grid pixels (about 3.4 mm): thinner strips along the edge stay frame
 constexpr double kBayLift = 0.10;     // a bay this share of the paper level above the bed's mean,
 constexpr double kBayTexture = 0.15;  // or this much more varied (standard deviation), is the sheet's
+constexpr double kLetterMinMm = 0.8;  // ink blobs 0.8 to 8 mm tall and at most 8 mm wide are letters
+constexpr double kLetterMaxMm = 8.0;
+constexpr double kLetterWideMm = 8.0;
+constexpr double kLetterShape = 3.0;  // neither side over 3 times the other (rules, shadow lines, stack edges)
+constexpr double kLetterDark = 0.5;   // printed: darkest pixel under this share of the paper round it
+constexpr double kShadeRange = 0.04;  // shaded paper's grain: 3 x 3 range at least this share of the paper level
+constexpr double kBridgeShare = 0.01; // light regions this share of the page that shaded paper must not join
+constexpr double kTextCover = 0.25;   // grid cells whose 5 x 5 neighbourhood letters cover this share are text
+
+// The candidate regions that touch a side mostly made of candidates (as
+// FindFrame reads them): all a frame could be.
+cv::Mat FrameReach(cv::Mat dark, const cv::Rect edges[4]) {
+    cv::morphologyEx(dark, dark, cv::MORPH_OPEN, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3)));
+    cv::Mat reach(dark.size(), CV_8UC1, cv::Scalar(0));
+    bool any = false;
+    for (int i = 0; i < 4; ++i) any = any || cv::countNonZero(dark(edges[i])) >= kSideCover * edges[i].area();
+    if (!any) return reach;
+    cv::Mat labels;
+    const int n = cv::connectedComponents(dark, labels, 8, CV_32S);
+    std::vector<char> touches(static_cast<std::size_t>(n), 0);
+    for (int i = 0; i < 4; ++i) {
+        if (cv::countNonZero(dark(edges[i])) < kSideCover * edges[i].area()) continue;
+        const cv::Mat l = labels(edges[i]);
+        for (int y = 0; y < l.rows; ++y)
+            for (int x = 0; x < l.cols; ++x) touches[static_cast<std::size_t>(l.at<int>(y, x))] = 1;
+    }
+    touches[0] = 0;
+    for (int y = 0; y < dark.rows; ++y)
+        for (int x = 0; x < dark.cols; ++x)
+            if (touches[static_cast<std::size_t>(labels.at<int>(y, x))]) reach.at<std::uint8_t>(y, x) = 255;
+    return reach;
+}
+
+// Grid cells that carry text: the boxes of printed, letter-sized ink blobs
+// (a bed is flat and leaves none; a shadow's rim, a rule or a page stack's
+// edges are lines, far longer than they are thick; paper grain and fibres
+// are faint), as the share of each cell they cover, averaged over 5 x 5
+// cells (about 3.4 mm) so a line of text reads as one band and a stray blob
+// does not. Only the ink within `roi` (grid cells) is read: text matters
+// only where the frame could be.
+cv::Mat TextCells(const ScanPage &page, int shrink, const cv::Mat &roi) {
+    cv::Mat text(roi.size(), CV_8UC1, cv::Scalar(0));
+    if (page.ink.size() != page.reduced.size() || cv::countNonZero(roi) == 0) return text;
+    // The ink under the region's cells, copied run by run.
+    cv::Mat ink(std::min(page.ink.rows, roi.rows * shrink), std::min(page.ink.cols, roi.cols * shrink), CV_8UC1,
+                cv::Scalar(0));
+    for (int y = 0; y < ink.rows; ++y) {
+        const std::uint8_t *cells = roi.ptr<std::uint8_t>(y / shrink);
+        for (int gx = 0; gx < roi.cols;) {
+            if (!cells[gx]) {
+                ++gx;
+                continue;
+            }
+            const int start = gx;
+            while (gx < roi.cols && cells[gx]) ++gx;
+            const int x0 = start * shrink, x1 = std::min(ink.cols, gx * shrink);
+            if (x1 > x0) std::memcpy(ink.ptr<std::uint8_t>(y) + x0, page.ink.ptr<std::uint8_t>(y) + x0, x1 - x0);
+        }
+    }
+    cv::Mat stats;
+    const int n = LabelBlobs(ink, nullptr, &stats);
+    const double px = page.dpi / 25.4 / page.reduction;
+    const cv::Mat &r = page.reduced;
+    std::vector<int> cover(roi.total(), 0);
+    for (int i = 1; i < n; ++i) {
+        const int x0 = stats.at<int>(i, cv::CC_STAT_LEFT), y0 = stats.at<int>(i, cv::CC_STAT_TOP);
+        const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);
+        if (h < kLetterMinMm * px || h > kLetterMaxMm * px || w > kLetterWideMm * px || w > kLetterShape * h ||
+            h > kLetterShape * w)
+            continue;
+        // Printed: its darkest pixel well under the paper round it (the
+        // lightest pixel within half its height).
+        const int ax = std::max(0, x0 - h / 2), ay = std::max(0, y0 - h / 2);
+        const int bx = std::min(r.cols, x0 + w + h / 2), by = std::min(r.rows, y0 + h + h / 2);
+        int darkest = 255, paper = 0;
+        for (int y = ay; y < by; ++y) {
+            const std::uint8_t *row = r.ptr<std::uint8_t>(y);
+            const bool inBox = y >= y0 && y < y0 + h;
+            for (int x = ax; x < bx; ++x) {
+                paper = std::max(paper, int(row[x]));
+                if (inBox && x >= x0 && x < x0 + w) darkest = std::min(darkest, int(row[x]));
+            }
+        }
+        if (darkest > kLetterDark * paper) continue;
+        for (int gy = y0 / shrink; gy <= (y0 + h - 1) / shrink && gy < roi.rows; ++gy) {
+            const int dy = std::min(y0 + h, (gy + 1) * shrink) - std::max(y0, gy * shrink);
+            for (int gx = x0 / shrink; gx <= (x0 + w - 1) / shrink && gx < roi.cols; ++gx)
+                cover[static_cast<std::size_t>(gy) * roi.cols + gx] +=
+                    dy * (std::min(x0 + w, (gx + 1) * shrink) - std::max(x0, gx * shrink));
+        }
+    }
+    for (int y = 0; y < roi.rows; ++y)
+        for (int x = 0; x < roi.cols; ++x)
+            text.at<std::uint8_t>(y, x) = static_cast<std::uint8_t>(
+                std::min(255, cover[static_cast<std::size_t>(y) * roi.cols + x] * 255 / (shrink * shrink)));
+    // Dense enough over 5 x 5 cells, and between letters (closed over the
+    // same span): never spilled past the print onto a bed beside it.
+    const cv::Mat span = cv::getStructuringElement(cv::MORPH_RECT, cv::Size(5, 5));
+    cv::Mat between;
+    cv::morphologyEx(text > 0, between, cv::MORPH_CLOSE, span);
+    cv::blur(text, text, span.size());
+    return (text > kTextCover * 255) & between;
+}
 
 int PaperLevel(const cv::Mat &g) {
     const cv::Mat mid = g(cv::Rect(g.cols / 4, g.rows / 4, std::max(1, g.cols / 2), std::max(1, g.rows / 2)));
@@ -81,13 +193,95 @@ int RingLevel(const cv::Mat &g, int *spread) {
     return q[1];
 }
 
+// A sheet's shaded part (a curled edge, a gutter) can be as dark as the bed
+// and join the frame, but a bed is flat while paper has grain and print.
+// Frame regions varied beyond the bed's own noise (the 3 x 3 range on the
+// grid above twice the median range of the frame at the page's edge, and 4 %
+// of the paper level at least) that reach printed cells are the sheet's.
+// A book's stack edges or cover lie beyond the sheet's white margin and
+// reach no print, so they stay frame.
+cv::Mat ReclaimShadedPaper(const cv::Mat &g, int paperLevel, const cv::Mat &nearText, const cv::Rect edges[4],
+                           const bool framed[4], cv::Mat *paperGrid) {
+    cv::Mat &p = *paperGrid;
+    cv::Mat reclaimed(g.size(), CV_8UC1, cv::Scalar(0));
+    if (cv::countNonZero(nearText & ~p) == 0) return reclaimed;
+    cv::Mat range;
+    cv::morphologyEx(g, range, cv::MORPH_GRADIENT, cv::Mat());
+    int hist[256] = {};
+    long total = 0;
+    for (int i = 0; i < 4; ++i) {
+        if (!framed[i]) continue;
+        for (int y = edges[i].y; y < edges[i].br().y; ++y)
+            for (int x = edges[i].x; x < edges[i].br().x; ++x)
+                if (p.at<std::uint8_t>(y, x) == 0) ++hist[range.at<std::uint8_t>(y, x)], ++total;
+    }
+    int median = 0;
+    for (long seen = 0; median < 255 && (seen += hist[median]) * 2 < total;) ++median;
+    const double limit = std::max(2.0 * median, kShadeRange * paperLevel);
+    // Opened by 5 cells (about 3.4 mm), so the band a straight step leaves
+    // (its cells' range holds both sides) and a shadowed rim do not count.
+    cv::Mat varied = (range > limit) & ~p, labels;
+    cv::morphologyEx(varied, varied, cv::MORPH_OPEN, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(5, 5)));
+    const int n = cv::connectedComponents(varied, labels, 8, CV_32S);
+    // The print must be the main paper region's, and a shaded strip never
+    // bridges it to another light region of any size (a ruler, the next
+    // page, a lid): paper regions grown by a cell show what each strip meets.
+    cv::Mat regions, stats, centroids;
+    const int pn = cv::connectedComponentsWithStats(p, regions, stats, centroids, 4, CV_32S);
+    int main = 0;
+    for (int i = 1; i < pn; ++i)
+        if (main == 0 || stats.at<int>(i, cv::CC_STAT_AREA) > stats.at<int>(main, cv::CC_STAT_AREA)) main = i;
+    if (main == 0) return reclaimed;
+    cv::Mat mainGrown, otherGrown;
+    cv::dilate((regions == main) & nearText, mainGrown, cv::Mat());
+    cv::Mat other = (regions != main) & p;
+    for (int i = 1; i < pn; ++i)
+        if (i != main && stats.at<int>(i, cv::CC_STAT_AREA) < kBridgeShare * g.total()) other &= regions != i;
+    cv::dilate(other, otherGrown, cv::Mat());
+    std::vector<char> printed(static_cast<std::size_t>(n), 0), bridges(printed);
+    for (int y = 0; y < g.rows; ++y)
+        for (int x = 0; x < g.cols; ++x) {
+            const std::size_t l = static_cast<std::size_t>(labels.at<int>(y, x));
+            if (mainGrown.at<std::uint8_t>(y, x)) printed[l] = 1;
+            if (otherGrown.at<std::uint8_t>(y, x)) bridges[l] = 1;
+        }
+    printed[0] = 0;
+    for (int y = 0; y < g.rows; ++y)
+        for (int x = 0; x < g.cols; ++x) {
+            const std::size_t l = static_cast<std::size_t>(labels.at<int>(y, x));
+            if (printed[l] && !bridges[l]) reclaimed.at<std::uint8_t>(y, x) = 255;
+        }
+    // Frame pockets the shaded paper now closes in (darker patches of it)
+    // no longer reach the bed: they are paper too.
+    cv::Mat frame = ~(p | reclaimed);
+    const int m = cv::connectedComponents(frame, labels, 8, CV_32S);
+    std::vector<char> bed(static_cast<std::size_t>(m), 0);
+    for (int i = 0; i < 4; ++i) {
+        if (!framed[i]) continue;
+        const cv::Mat l = labels(edges[i]);
+        for (int y = 0; y < l.rows; ++y)
+            for (int x = 0; x < l.cols; ++x) bed[static_cast<std::size_t>(l.at<int>(y, x))] = 1;
+    }
+    for (int y = 0; y < g.rows; ++y)
+        for (int x = 0; x < g.cols; ++x)
+            if (frame.at<std::uint8_t>(y, x) && !bed[static_cast<std::size_t>(labels.at<int>(y, x))])
+                reclaimed.at<std::uint8_t>(y, x) = 255;
+    // A varied cell next to the bed holds the step to it in its range: the
+    // bed's side of the edge, left to the frame.
+    cv::Mat beside;
+    cv::dilate(frame & ~reclaimed, beside, cv::Mat());
+    reclaimed &= ~beside;
+    p |= reclaimed;
+    return reclaimed;
+}
+
 // The frame from candidate pixels: sides whose two outermost lines are
 // mostly candidates, then every candidate region touching such a side; it
 // must meet the paper at a mean step of at least `minStep` (3-pixel
 // gradient, about 2 mm: shading darkens gradually) and average at most
 // `maxLevel`. Fills `framed` and the paper grid (255 off the frame).
-bool FindFrame(const cv::Mat &g, cv::Mat dark, double minStep, double maxLevel, const cv::Rect edges[4], bool framed[4],
-               cv::Mat *paperGrid) {
+bool FindFrame(const cv::Mat &g, int paperLevel, cv::Mat dark, const cv::Mat &nearText, double minStep, double maxLevel,
+               const cv::Rect edges[4], bool framed[4], cv::Mat *paperGrid, cv::Mat *shaded) {
     // Strokes of text near the edge are thinner than any frame: opened away,
     // they cannot join the frame and be cut with it.
     cv::morphologyEx(dark, dark, cv::MORPH_OPEN, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3)));
@@ -115,6 +309,11 @@ bool FindFrame(const cv::Mat &g, cv::Mat dark, double minStep, double maxLevel, 
     cv::morphologyEx(g, gradient, cv::MORPH_GRADIENT, cv::Mat());
     cv::dilate(p, rim, cv::Mat());
     rim &= ~p;
+    // Where the frame meets printed paper, or is itself shaded paper, it is
+    // a shadow over the sheet, not its edge: the step is judged elsewhere.
+    *shaded = ReclaimShadedPaper(g, paperLevel, nearText, edges, framed, &p);
+    const cv::Mat &reclaimed = *shaded;
+    rim &= ~(nearText | reclaimed);
     if (cv::countNonZero(rim) > 0 && cv::mean(gradient, rim)[0] < minStep) return false;
     return cv::mean(g, ~p)[0] <= maxLevel;
 }
@@ -130,7 +329,8 @@ bool FindFrame(const cv::Mat &g, cv::Mat dark, double minStep, double maxLevel, 
 // the sheet (a torn corner, a dark glove holding the page) and stays frame
 // too; a picture is lighter on the whole, or far more varied (a dark
 // halftone).
-void ReclaimBays(const cv::Mat &g, const cv::Mat &paperGrid, int area, int paperLevel, cv::Mat *sheetGrid) {
+void ReclaimBays(const cv::Mat &g, const cv::Mat &paperGrid, const cv::Mat &shaded, int area, int paperLevel,
+                 cv::Mat *sheetGrid) {
     // Each row's first and last paper pixel hold the region's hull.
     std::vector<cv::Point> points;
     for (int y = 0; y < sheetGrid->rows; ++y) {
@@ -156,7 +356,9 @@ void ReclaimBays(const cv::Mat &g, const cv::Mat &paperGrid, int area, int paper
     cv::fillConvexPoly(
         bays, corners(cv::RotatedRect(fit.center, fit.size - cv::Size2f(2 * kRectInset, 2 * kRectInset), fit.angle)),
         cv::Scalar(255));
-    bays &= ~*sheetGrid;
+    // Shaded paper taken back counts with its bay, so a picture whose
+    // varied parts were taken is judged whole.
+    bays &= ~*sheetGrid | shaded;
     cv::morphologyEx(bays, bays, cv::MORPH_OPEN,
                      cv::getStructuringElement(cv::MORPH_RECT, cv::Size(kBayWidth, kBayWidth)));
     if (cv::countNonZero(bays) == 0) return;
@@ -208,17 +410,34 @@ Sheet FindSheet(const ScanPage &page) {
                                cv::Rect(0, gh - 2, gw, 2)};
     const unsigned sideBits[4] = {QUARVEL_SIDE_LEFT, QUARVEL_SIDE_TOP, QUARVEL_SIDE_RIGHT, QUARVEL_SIDE_BOTTOM};
     bool framed[4];
-    cv::Mat paperGrid;
+    cv::Mat paperGrid, shaded;
     // A dark frame first (black bed, book edges, strips); failing that a
-    // light one: a gray bed whose level the page's outer ring holds.
-    if (!FindFrame(g, g < kDarkFraction * s.paperLevel, kMinStep * s.paperLevel, kMaxFrameLevel * s.paperLevel, edges,
-                   framed, &paperGrid)) {
-        int spread = 0;
-        const int bed = RingLevel(g, &spread);
-        const double gap = s.paperLevel - bed;
-        if (gap < kMinBedGap * s.paperLevel || bed < kDarkFraction * s.paperLevel || spread > kBedSpread * gap) return s;
-        const double split = bed + gap / 2;
-        if (!FindFrame(g, g < split, kBedStep * gap, split, edges, framed, &paperGrid)) return s;
+    // light one: a gray bed whose level the page's outer ring holds. Cells
+    // that carry text are paper however dark: the shaded part of a sheet (a
+    // gutter, a curled edge) is as dark as a bed but still printed on.
+    int spread = 0;
+    const int bed = RingLevel(g, &spread);
+    const double gap = s.paperLevel - bed;
+    const bool lightBed =
+        gap >= kMinBedGap * s.paperLevel && bed >= kDarkFraction * s.paperLevel && spread <= kBedSpread * gap;
+    const double split = bed + gap / 2;
+    // Text is read within 7 cells (about 5 mm) of what could be frame.
+    cv::Mat roi = FrameReach(g < kDarkFraction * s.paperLevel, edges);
+    if (lightBed) roi |= FrameReach(g < split, edges);
+    cv::dilate(roi, roi, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(15, 15)));
+    // A printed cell is varied (its letters against the paper); a flat
+    // one beside the print is bed, however close a line ends to it.
+    cv::Mat range;
+    cv::morphologyEx(g, range, cv::MORPH_GRADIENT, cv::Mat());
+    const cv::Mat text = TextCells(page, kShrink, roi) & (range > kShadeRange * s.paperLevel);
+    cv::Mat nearText;
+    cv::dilate(text, nearText, cv::Mat());
+    if (!FindFrame(g, s.paperLevel, (g < kDarkFraction * s.paperLevel) & ~text, nearText, kMinStep * s.paperLevel,
+                   kMaxFrameLevel * s.paperLevel, edges, framed, &paperGrid, &shaded)) {
+        if (!lightBed) return s;
+        if (!FindFrame(g, s.paperLevel, (g < split) & ~text, nearText, kBedStep * gap, split, edges, framed, &paperGrid,
+                       &shaded))
+            return s;
     }
 
     // The largest paper region (4-connected, so a thin paper bridge along
@@ -233,7 +452,7 @@ Sheet FindSheet(const ScanPage &page) {
     // strip of light scanner lid beyond a black bed, or a stray corner, does
     // not stretch the sheet to the page edge.
     cv::Mat sheetGrid = (plabels == best), cols, rows;
-    ReclaimBays(g, paperGrid, stats.at<int>(best, cv::CC_STAT_AREA), s.paperLevel, &sheetGrid);
+    ReclaimBays(g, paperGrid, shaded, stats.at<int>(best, cv::CC_STAT_AREA), s.paperLevel, &sheetGrid);
     cv::reduce(sheetGrid, cols, 0, cv::REDUCE_SUM, CV_32S);
     cv::reduce(sheetGrid, rows, 1, cv::REDUCE_SUM, CV_32S);
     double colMax = 0, rowMax = 0;

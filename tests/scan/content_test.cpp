@@ -218,6 +218,14 @@ const BlankCase kBlankCases[] = {
      }},
     {"a lone disc 20 mm in from the edge", false, 0,
      [](cv::Mat *m) { cv::circle(*m, cv::Point(Mm(20), m->rows / 2), Mm(3), cv::Scalar(20), cv::FILLED); }},
+    // A round dark nick 0.8 mm from the sheet's edge: no paper round it.
+    {"a worn nick at the sheet's edge", false, 0,
+     [](cv::Mat *m) {
+         cv::rectangle(*m, cv::Rect(0, 0, Mm(20), m->rows), cv::Scalar(30), cv::FILLED);
+         DrawText(m, cv::Scalar(30), Mm(12), 1);
+         cv::circle(*m, cv::Point(Mm(23.8), m->rows / 2), Mm(3), cv::Scalar(30), cv::FILLED);
+     },
+     20},
     {"a title alone at the top, a frame on the left", false, 0,
      [](cv::Mat *m) {
          cv::rectangle(*m, cv::Rect(0, 0, Mm(20), m->rows), cv::Scalar(30), cv::FILLED);
