@@ -91,8 +91,11 @@ TEST(ScanSkew, LowConfidenceWithoutLinesAcross) {
 // stops on the baseline, though not with confidence, both at 150 dpi and
 // with the file's own 600-dpi tag, which leaves its letters twice the size
 // the cues are read at until the ink is taken down by its letters' size.
+// A newspaper crop (untagged) whose right column is too faint for the
+// page's ink is read on the light ink, unsure, in every turn.
 TEST(ScanOrientation, QuarterTurnsAreUndone) {
     const cv::Mat hebrew = MatFromPage(LoadScan("hebtypo.jpg").get());
+    const cv::Mat faint = MatFromPage(LoadScan("lighttext.jpg").get());
     const struct {
         cv::Mat page;
         bool sure, called;  // confidence at least 0.6; the right turn reported
@@ -101,7 +104,8 @@ TEST(ScanOrientation, QuarterTurnsAreUndone) {
     } pages[] = {{Turned(TextPage(), 4.0), true, true, 4.0, 150},
                  {Turned(TextPage(140, true), 4.0), false, false, 4.0, 150},
                  {hebrew, false, true, 0.0, 150},
-                 {hebrew, false, true, 0.0, 600}};
+                 {hebrew, false, true, 0.0, 600},
+                 {faint, false, true, 0.24, 0}};
     const int codes[] = {-1, cv::ROTATE_90_COUNTERCLOCKWISE, cv::ROTATE_180, cv::ROTATE_90_CLOCKWISE};
     for (const auto &p : pages)
         for (int q = 0; q < 4; ++q) {
