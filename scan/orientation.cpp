@@ -84,6 +84,9 @@ constexpr double kStopWidth = 0.3, kStopHeight = 0.6;  // largest stop (comma), 
 constexpr int kMaxCore = 14;           // median core height (pixels) above which the ink is taken down
 constexpr double kMaxCoreMm = 4.0;     // ... while under this: larger cores (drawings, display type) are read as they are
 constexpr double kTargetCore = 10.0;   // ... to this, a body text line's core at 150 dpi
+constexpr double kLetterMm = 1.9;       // median letter-blob height of body text, by ink
+constexpr int kMinLetter = 4;           // pixels: smaller medians are not read as letters
+constexpr double kLetterTag = 2.0;      // a tag over this many times the letters' scale is not used
 constexpr double kStopsWeight = 5.0;    // the stops' vote on a page without marks, against one cue's
 // The light ink (LightInk) and when it is read.
 constexpr double kLightBelow = 0.6;     // confidence under which the page's reading is weak
@@ -473,6 +476,47 @@ Call Orient(const cv::Mat &ink, const ScanPage &page, double px, const Skew &ske
     return call;
 }
 
+// The pixels a millimetre the letters imply: the median size of
+// letter-sized blobs (3 pixels to an eighth of the image, neither side over
+// 15 times the other), each weighing its ink, over kLetterMm, across the
+// lines: heights or widths, whichever spread less (words merge along their
+// lines). 0 with under 40 such blobs, quartiles over 0.75 of the median
+// apart, or a median under 4 pixels (strokes broken into specks, as on a
+// 45-dpi photograph enlarged, measure so too).
+double LetterScale(const cv::Mat &ink, const InkBlobs *known) {
+    cv::Mat stats = known != nullptr ? known->stats : cv::Mat();
+    const int n = known != nullptr ? known->count : LabelBlobs(ink, nullptr, &stats);
+    const int largest = std::max(ink.rows, ink.cols) / 8;
+    std::vector<std::pair<int, int>> sizes[2];  // (height or width, area)
+    for (int i = 1; i < n; ++i) {
+        const int *b = stats.ptr<int>(i);
+        const int w = b[cv::CC_STAT_WIDTH], h = b[cv::CC_STAT_HEIGHT];
+        if (std::max(w, h) < 3 || std::max(w, h) > largest || w > 15 * h || h > 15 * w) continue;
+        sizes[0].emplace_back(h, b[cv::CC_STAT_AREA]);
+        sizes[1].emplace_back(w, b[cv::CC_STAT_AREA]);
+    }
+    if (sizes[0].size() < 40) return 0;
+    // Quartiles within 0.75 of the median: closer than the factor of 2 the
+    // caller tests, so the median cannot be off by that much.
+    double best = 0, spread = 0.75;
+    for (auto &v : sizes) {
+        std::sort(v.begin(), v.end());
+        std::int64_t total = 0, seen = 0;
+        for (const auto &e : v) total += e.second;
+        double q[3] = {0, 0, 0};
+        int k = 0;
+        for (const auto &e : v) {
+            seen += e.second;
+            while (k < 3 && 4 * seen >= (k + 1) * total) q[k++] = e.first;
+        }
+        if (q[1] >= kMinLetter && (q[2] - q[0]) / q[1] <= spread) {
+            spread = (q[2] - q[0]) / q[1];
+            best = q[1] / kLetterMm;
+        }
+    }
+    return best;
+}
+
 // The level of the paper of `gray` and the value under which a pixel lies
 // clearly below it:
 // the paper's level is the peak of the histogram (the most common value
@@ -552,8 +596,23 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     // The content's blobs are those of this very image when the ink was
     // neither masked, turned nor straightened and covers the same area.
     const bool same = blobs != nullptr && !blobs->stats.empty() && sheet.sides == 0 && blobs->area == area;
-    const double px = page.dpi / 25.4 / f;
-    const Call first = Orient(ink, page, px, skew, skew, maxSkew, blobs, same);
+    double px = page.dpi / 25.4 / f;
+    Call first = Orient(ink, page, px, skew, skew, maxSkew, blobs, same);
+    // A tag the page's size did not contradict stands for the other analyses,
+    // but a tag claiming over twice the resolution its letters show (an image
+    // scaled down that kept its scanner's tag) leaves the lines under the
+    // cues' smallest size: a weak reading is read again at the letters'
+    // millimetre, and the one with more evidence kept.
+    if (first.orientation.confidence < kLightBelow && page.dpiSource == DpiSource::kTag) {
+        const double letters = LetterScale(ink, same ? blobs : nullptr);
+        if (letters > 0 && letters * kLetterTag < px) {
+            const Call other = Orient(ink, page, letters, skew, skew, maxSkew, blobs, same);
+            if (other.evidence > first.evidence) {
+                first = other;
+                px = letters;
+            }
+        }
+    }
     if (first.orientation.confidence >= kLightBelow) return first.orientation;
     // A weak reading: read the light ink too when it holds much more than
     // the page's ink. Where the page's ink saw under half the light ink's

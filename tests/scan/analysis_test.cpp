@@ -120,6 +120,34 @@ TEST(ScanOrientation, QuarterTurnsAreUndone) {
         }
 }
 
+// A 150-dpi page tagged 600 (an image scaled down that kept its scanner's
+// tag; the page's size does not contradict it): its lines are under the
+// cues' smallest size at that tag, so the orientation reads its letters'
+// own scale. Upright and turned a quarter either way it is called right
+// and sure.
+TEST(ScanOrientation, ATagOverTwiceTheLettersScaleGivesWay) {
+    const Block colour = LoadScan("breviar.38.150.jpg");
+    const PageView v(colour.get());
+    ASSERT_EQ(v.bitCount(), 24);
+    cv::Mat gray(v.height(), v.width(), CV_8UC1);
+    for (int y = 0; y < gray.rows; ++y)
+        for (int x = 0; x < gray.cols; ++x) {
+            const std::uint8_t *p = v.row(gray.rows - 1 - y) + 3 * x;
+            gray.at<std::uint8_t>(y, x) = static_cast<std::uint8_t>((114 * p[0] + 587 * p[1] + 299 * p[2]) / 1000);
+        }
+    const struct {
+        int code, angle;
+    } turns[] = {{-1, 0}, {cv::ROTATE_90_COUNTERCLOCKWISE, 90}, {cv::ROTATE_90_CLOCKWISE, 270}};
+    for (const auto &t : turns) {
+        SCOPED_TRACE(t.angle);
+        cv::Mat img;
+        t.code >= 0 ? cv::rotate(gray, img, t.code) : gray.copyTo(img);
+        const QuarvelPageReport r = Analyze(PageFromMat(img, 600).get());
+        EXPECT_EQ(r.orientation, t.angle);
+        EXPECT_GE(r.orientation_confidence, 0.6);
+    }
+}
+
 // A frame of known widths on given sides, dark or a light gray bed; the sheet
 // is the paper, the content box the text's, and a page without a frame is
 // not trimmed.
