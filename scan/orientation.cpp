@@ -56,6 +56,10 @@
 // between the paper and the darkest pixel near it) and read the same way;
 // the page's reading stands only where its ink saw at least half the light
 // ink's strokes and has more evidence, weighed by that share.
+// A tag that claims over twice the resolution the letters show (a small
+// image scaled down that kept its scanner's tag) leaves every line under the
+// cues' smallest size: a weak reading of a tagged page is made again at the
+// letters' own scale (LetterScale) and the one with more evidence kept.
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -412,8 +416,7 @@ Call Orient(const cv::Mat &ink, const ScanPage &page, double px, const Skew &ske
     bool vertical = score > 0;
     const double direction = std::clamp(std::abs(score) / std::log(kFullDirection), 0.0, 1.0);
     if (vertical || direction < kSureDirection) down = FindInkSkew(turned, page, maxSkew);
-    // The content's blobs are those of this very image when the ink was
-    // neither masked, turned nor straightened and covers the same area.
+    // `same`: the content's blobs are those of `ink` (see FindOrientation).
     auto read = [&](bool v) {
         const Skew &lines = v ? down : across;
         const cv::Mat &level = v ? turned : ink;
@@ -518,11 +521,11 @@ double LetterScale(const cv::Mat &ink, const InkBlobs *known) {
 }
 
 // The level of the paper of `gray` and the value under which a pixel lies
-// clearly below it:
-// the paper's level is the peak of the histogram (the most common value
-// from kLightDarkest up) and its grain the half width of the peak on its
-// bright side, where no ink lies, over 1.1774 for a standard deviation;
-// clearly below is more than 6 % of the level or four grains under it.
+// clearly below it: the level is the peak of the histogram (the most common
+// value from kLightDarkest up) and the paper's grain the half width of the
+// peak on its bright side, where no ink lies, over 1.1774 for a standard
+// deviation; clearly below is more than 6 % of the level or `grains`
+// grains under it.
 struct PaperPeak {
     int level = 0, under = 0;
     std::int64_t below = 0;  // pixels under `under`
