@@ -54,8 +54,9 @@
 // its paper than the ink has, a light ink is made (LightInk: the flattened
 // page against its paper's own grain, each pixel cut at the midpoint
 // between the paper and the darkest pixel near it) and read the same way;
-// the page's reading stands only where its ink saw at least half the light
-// ink's strokes and has more evidence, weighed by that share.
+// the page's reading stands only where its ink saw at least a third of the
+// light ink's strokes and has more evidence, weighed by that share (the
+// show-through of a page's back alone can double its light ink).
 // A tag that claims over twice the resolution the letters show (a small
 // image scaled down that kept its scanner's tag) leaves every line under the
 // cues' smallest size: a weak reading of a tagged page is made again at the
@@ -95,7 +96,7 @@ constexpr double kStopsWeight = 5.0;    // the stops' vote on a page without mar
 // The light ink (LightInk) and when it is read.
 constexpr double kLightBelow = 0.6;     // confidence under which the page's reading is weak
 constexpr double kLightMore = 1.5;      // ... and the light ink is read when it holds this many times the ink
-constexpr double kLightSeen = 0.5;      // share of the light ink under which the page's reading gives way
+constexpr double kLightSeen = 0.34;     // share of the light ink (a third) under which the page's reading gives way
 constexpr double kLightCellMm = 1.5, kLightPaperMm = 6.0;  // paper level: cells, and the window they spread over
 constexpr int kLightDarkest = 64;       // darkest value taken for the paper's peak
 constexpr double kLightGap = 0.06;      // ink lies this share of the paper under it at least
@@ -618,10 +619,10 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     }
     if (first.orientation.confidence >= kLightBelow) return first.orientation;
     // A weak reading: read the light ink too when it holds much more than
-    // the page's ink. Where the page's ink saw under half the light ink's
-    // strokes, its cues read fragments and the light reading stands; else
-    // the reading with more evidence, the page's weighed by the share of
-    // the strokes it saw.
+    // the page's ink. Where the page's ink saw under a third of the light
+    // ink's strokes, its cues read fragments and the light reading stands;
+    // else the reading with more evidence, the page's weighed by the share
+    // of the strokes it saw.
     // First a cheap look, before the paper is flattened: the pixels of the
     // reduced page 6 % under its paper's peak, grain or not, are a generous
     // count of the light ink's strokes (on clean paper, the page's ink alone).
