@@ -561,8 +561,8 @@ PaperPeak ReadPaper(const cv::Mat &gray, double grains = kLightGrains) {
 // dropped.
 cv::Mat LightInk(const ScanPage &page, const cv::Rect &area, double px) {
     const cv::Mat gray = page.reduced(area);
-    const cv::Mat level = PaperLevel(gray, std::max(2, static_cast<int>(kLightCellMm * px)),
-                                     static_cast<int>(kLightPaperMm * px));
+    const cv::Mat level =
+        PaperLevel(gray, std::max(2, static_cast<int>(kLightCellMm * px)), static_cast<int>(kLightPaperMm * px));
     cv::Mat flat;
     cv::divide(gray, cv::max(level, 1), flat, 255.0);
     const PaperPeak paper = ReadPaper(flat);
