@@ -48,7 +48,21 @@
 // full value for full trust, fading to none), and the side
 // the call puts above the lines must carry marks. Hebrew is so called right
 // and a page of capitals gets its best guess, but neither with confidence.
+// Faint text: the page's ink takes only marks well under the paper, and a
+// faded column gives it strokes in fragments. Where the reading is weak
+// (under 0.6) and the reduced page holds many more pixels a little under
+// its paper than the ink has, a light ink is made (LightInk: the flattened
+// page against its paper's own grain, each pixel cut at the midpoint
+// between the paper and the darkest pixel near it) and read the same way;
+// the page's reading stands only where its ink saw at least a third of the
+// light ink's strokes and has more evidence, weighed by that share (the
+// show-through of a page's back alone can double its light ink).
+// A tag that claims over twice the resolution the letters show (a small
+// image scaled down that kept its scanner's tag) leaves every line under the
+// cues' smallest size: a weak reading of a tagged page is made again at the
+// letters' own scale (LetterScale) and the one with more evidence kept.
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <opencv2/imgproc.hpp>
 #include <vector>
@@ -75,7 +89,20 @@ constexpr double kStopWidth = 0.3, kStopHeight = 0.6;  // largest stop (comma), 
 constexpr int kMaxCore = 14;           // median core height (pixels) above which the ink is taken down
 constexpr double kMaxCoreMm = 4.0;     // ... while under this: larger cores (drawings, display type) are read as they are
 constexpr double kTargetCore = 10.0;   // ... to this, a body text line's core at 150 dpi
+constexpr double kLetterMm = 1.9;       // median letter-blob height of body text, by ink
+constexpr int kMinLetter = 4;           // pixels: smaller medians are not read as letters
+constexpr double kLetterTag = 2.0;      // a tag over this many times the letters' scale is not used
 constexpr double kStopsWeight = 5.0;    // the stops' vote on a page without marks, against one cue's
+// The light ink (LightInk) and when it is read.
+constexpr double kLightBelow = 0.6;     // confidence under which the page's reading is weak
+constexpr double kLightMore = 1.5;      // ... and the light ink is read when it holds this many times the ink
+constexpr double kLightSeen = 0.34;     // share of the light ink (a third) under which the page's reading gives way
+constexpr double kLightCellMm = 1.5, kLightPaperMm = 6.0;  // paper level: cells, and the window they spread over
+constexpr int kLightDarkest = 64;       // darkest value taken for the paper's peak
+constexpr double kLightGap = 0.06;      // ink lies this share of the paper under it at least
+constexpr double kLightGrains = 4.0;    // ... and this many times the paper's grain
+constexpr double kLightWindowMm = 2.5;  // window of the darkest pixel round each
+constexpr int kLightSpeck = 3;          // blobs of fewer pixels are dropped
 
 // One text line of a strip: rows [top, bottom), core rows [core0, core1],
 // the ink of its fullest row (peak) and of the whole line.
@@ -357,19 +384,21 @@ cv::Mat Straighten(const cv::Mat &level, const Skew &lines) {
     return out;
 }
 
-}  // namespace
+// One reading of a sheet's ink: the call, and the evidence behind it
+// weighed by the direction's certainty.
+struct Call {
+    Orientation orientation;
+    double evidence = 0;
+};
 
-Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew &skew, double maxSkew,
-                            const InkBlobs *blobs) {
-    Orientation result;
-    if (page.ink.empty()) return result;
-    const int f = page.reduction;
-    const cv::Rect area = cv::Rect(sheet.box.x / f, sheet.box.y / f, sheet.box.width / f, sheet.box.height / f) &
-                          cv::Rect(0, 0, page.ink.cols, page.ink.rows);
-    if (area.width < 16 || area.height < 16) return result;
-    cv::Mat ink = page.ink(area).clone();
-    if (sheet.sides != 0) ink &= sheet.paper(area);
-    const double px = page.dpi / 25.4 / f;
+// The whole reading of one ink image of the sheet: the lines' direction,
+// then the cues along it (along both when unsure). `skew` is the search's
+// result across the ink, `stay` the skew kept when only the cues turned the
+// call down the page; `px` pixels a millimetre.
+Call Orient(const cv::Mat &ink, const ScanPage &page, double px, const Skew &skew, const Skew &stay, double maxSkew,
+            const InkBlobs *blobs, bool same) {
+    Call call;
+    Orientation &result = call.orientation;
     const int strip = std::max(8, static_cast<int>(kStripMm * px));
     const int minLine = std::max(2, static_cast<int>(kMinLineMm * px));
     const int maxLine = std::max(minLine + 1, static_cast<int>(kMaxLineMm * px));
@@ -388,9 +417,7 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     bool vertical = score > 0;
     const double direction = std::clamp(std::abs(score) / std::log(kFullDirection), 0.0, 1.0);
     if (vertical || direction < kSureDirection) down = FindInkSkew(turned, page, maxSkew);
-    // The content's blobs are those of this very image when the ink was
-    // neither masked, turned nor straightened and covers the same area.
-    const bool same = blobs != nullptr && !blobs->stats.empty() && sheet.sides == 0 && blobs->area == area;
+    // `same`: the content's blobs are those of `ink` (see FindOrientation).
     auto read = [&](bool v) {
         const Skew &lines = v ? down : across;
         const cv::Mat &level = v ? turned : ink;
@@ -446,10 +473,176 @@ Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew
     // profiles' own skew across it stays (a form's long edge and box sides
     // give the search down it a skew of their own).
     result.vertical = vertical;
-    if (vertical) result.lines = flipped ? across : down;
+    if (vertical) result.lines = flipped ? stay : down;
     result.confidence = r.confidence * certainty;
     result.angle = vertical ? (r.sum >= 0 ? 90 : 270) : (r.sum >= 0 ? 0 : 180);
-    return result;
+    call.evidence = r.evidence * certainty;
+    return call;
+}
+
+// The pixels a millimetre the letters imply: the median size of
+// letter-sized blobs (3 pixels to an eighth of the image, neither side over
+// 15 times the other), each weighing its ink, over kLetterMm, across the
+// lines: heights or widths, whichever spread less (words merge along their
+// lines). 0 with under 40 such blobs, quartiles over 0.75 of the median
+// apart, or a median under 4 pixels (strokes broken into specks, as on a
+// 45-dpi photograph enlarged, measure so too).
+double LetterScale(const cv::Mat &ink, const InkBlobs *known) {
+    cv::Mat stats = known != nullptr ? known->stats : cv::Mat();
+    const int n = known != nullptr ? known->count : LabelBlobs(ink, nullptr, &stats);
+    const int largest = std::max(ink.rows, ink.cols) / 8;
+    std::vector<std::pair<int, int>> sizes[2];  // (height or width, area)
+    for (int i = 1; i < n; ++i) {
+        const int *b = stats.ptr<int>(i);
+        const int w = b[cv::CC_STAT_WIDTH], h = b[cv::CC_STAT_HEIGHT];
+        if (std::max(w, h) < 3 || std::max(w, h) > largest || w > 15 * h || h > 15 * w) continue;
+        sizes[0].emplace_back(h, b[cv::CC_STAT_AREA]);
+        sizes[1].emplace_back(w, b[cv::CC_STAT_AREA]);
+    }
+    if (sizes[0].size() < 40) return 0;
+    // Quartiles within 0.75 of the median: closer than the factor of 2 the
+    // caller tests, so the median cannot be off by that much.
+    double best = 0, spread = 0.75;
+    for (auto &v : sizes) {
+        std::sort(v.begin(), v.end());
+        std::int64_t total = 0, seen = 0;
+        for (const auto &e : v) total += e.second;
+        double q[3] = {0, 0, 0};
+        int k = 0;
+        for (const auto &e : v) {
+            seen += e.second;
+            while (k < 3 && 4 * seen >= (k + 1) * total) q[k++] = e.first;
+        }
+        if (q[1] >= kMinLetter && (q[2] - q[0]) / q[1] <= spread) {
+            spread = (q[2] - q[0]) / q[1];
+            best = q[1] / kLetterMm;
+        }
+    }
+    return best;
+}
+
+// The level of the paper of `gray` and the value under which a pixel lies
+// clearly below it: the level is the peak of the histogram (the most common
+// value from kLightDarkest up) and the paper's grain the half width of the
+// peak on its bright side, where no ink lies, over 1.1774 for a standard
+// deviation; clearly below is more than 6 % of the level or `grains`
+// grains under it.
+struct PaperPeak {
+    int level = 0, under = 0;
+    std::int64_t below = 0;  // pixels under `under`
+};
+
+PaperPeak ReadPaper(const cv::Mat &gray, double grains = kLightGrains) {
+    std::array<std::int64_t, 256> hist{};
+    for (int y = 0; y < gray.rows; ++y) {
+        const std::uint8_t *r = gray.ptr<std::uint8_t>(y);
+        for (int x = 0; x < gray.cols; ++x) ++hist[r[x]];
+    }
+    int level = kLightDarkest;
+    for (int v = kLightDarkest; v < 256; ++v)
+        if (hist[static_cast<std::size_t>(v)] > hist[static_cast<std::size_t>(level)]) level = v;
+    int half = level;
+    while (half < 255 && 2 * hist[static_cast<std::size_t>(half + 1)] >= hist[static_cast<std::size_t>(level)]) ++half;
+    const double grain = (half + 1 - level) / 1.1774;
+    PaperPeak out;
+    out.level = level;
+    out.under = static_cast<int>(level - std::max(kLightGap * level, grains * grain));
+    for (int v = 0; v < out.under; ++v) out.below += hist[static_cast<std::size_t>(v)];
+    return out;
+}
+
+// A lighter ink than the page's, for faint text the page's ink (one
+// threshold at least 18 % under the paper) misses: the reduced page divided
+// by its paper level (the brightest of 1.5 mm cells over 6 mm). A pixel is
+// ink where it lies clearly under the paper (InkUnder) and under the
+// midpoint between the paper and the darkest pixel within 2.5 mm (about a
+// letter's height: strokes of dark text are cut at half their depth and
+// do not swell, faint ones at half theirs). Blobs under 3 pixels are
+// dropped.
+cv::Mat LightInk(const ScanPage &page, const cv::Rect &area, double px) {
+    const cv::Mat gray = page.reduced(area);
+    const cv::Mat level =
+        PaperLevel(gray, std::max(2, static_cast<int>(kLightCellMm * px)), static_cast<int>(kLightPaperMm * px));
+    cv::Mat flat;
+    cv::divide(gray, cv::max(level, 1), flat, 255.0);
+    const PaperPeak paper = ReadPaper(flat);
+    cv::Mat dark;
+    const int window = std::max(3, static_cast<int>(kLightWindowMm * px)) | 1;
+    cv::erode(flat, dark, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(window, window)));
+    cv::Mat light(flat.size(), CV_8U);
+    for (int y = 0; y < flat.rows; ++y) {
+        const std::uint8_t *r = flat.ptr<std::uint8_t>(y), *d = dark.ptr<std::uint8_t>(y);
+        std::uint8_t *o = light.ptr<std::uint8_t>(y);
+        for (int x = 0; x < flat.cols; ++x) o[x] = r[x] < paper.under && 2 * r[x] < paper.level + d[x] ? 255 : 0;
+    }
+    cv::Mat labels, stats;
+    LabelBlobs(light, &labels, &stats);
+    for (int y = 0; y < light.rows; ++y) {
+        std::uint8_t *o = light.ptr<std::uint8_t>(y);
+        const int *l = labels.ptr<int>(y);
+        for (int x = 0; x < light.cols; ++x)
+            if (o[x] != 0 && stats.at<int>(l[x], cv::CC_STAT_AREA) < kLightSpeck) o[x] = 0;
+    }
+    return light;
+}
+
+}  // namespace
+
+Orientation FindOrientation(const ScanPage &page, const Sheet &sheet, const Skew &skew, double maxSkew,
+                            const InkBlobs *blobs) {
+    if (page.ink.empty()) return Orientation{};
+    const int f = page.reduction;
+    const cv::Rect area = cv::Rect(sheet.box.x / f, sheet.box.y / f, sheet.box.width / f, sheet.box.height / f) &
+                          cv::Rect(0, 0, page.ink.cols, page.ink.rows);
+    if (area.width < 16 || area.height < 16) return Orientation{};
+    cv::Mat ink = page.ink(area).clone();
+    if (sheet.sides != 0) ink &= sheet.paper(area);
+    // The content's blobs are those of this very image when the ink was
+    // neither masked, turned nor straightened and covers the same area.
+    const bool same = blobs != nullptr && !blobs->stats.empty() && sheet.sides == 0 && blobs->area == area;
+    double px = page.dpi / 25.4 / f;
+    Call first = Orient(ink, page, px, skew, skew, maxSkew, blobs, same);
+    // A tag the page's size did not contradict stands for the other analyses,
+    // but a tag claiming over twice the resolution its letters show (an image
+    // scaled down that kept its scanner's tag) leaves the lines under the
+    // cues' smallest size: a weak reading is read again at the letters'
+    // millimetre, and the one with more evidence kept.
+    if (first.orientation.confidence < kLightBelow && page.dpiSource == DpiSource::kTag) {
+        const double letters = LetterScale(ink, same ? blobs : nullptr);
+        if (letters > 0 && letters * kLetterTag < px) {
+            const Call other = Orient(ink, page, letters, skew, skew, maxSkew, blobs, same);
+            if (other.evidence > first.evidence) {
+                first = other;
+                px = letters;
+            }
+        }
+    }
+    if (first.orientation.confidence >= kLightBelow) return first.orientation;
+    // A weak reading: read the light ink too when it holds much more than
+    // the page's ink. Where the page's ink saw under a third of the light
+    // ink's strokes, its cues read fragments and the light reading stands;
+    // else the reading with more evidence, the page's weighed by the share
+    // of the strokes it saw.
+    // First a cheap look, before the paper is flattened: the pixels of the
+    // reduced page 6 % under its paper's peak, grain or not, are a generous
+    // count of the light ink's strokes (on clean paper, the page's ink alone).
+    const int inkCount = cv::countNonZero(ink);
+    if (ReadPaper(page.reduced(area), 0).below < kLightMore * inkCount) return first.orientation;
+    cv::Mat light = LightInk(page, area, px);
+    if (sheet.sides != 0) light &= sheet.paper(area);
+    const int lightCount = cv::countNonZero(light);
+    if (lightCount == 0 || lightCount < kLightMore * inkCount) return first.orientation;
+    const Call second = Orient(light, page, px, FindInkSkew(light, page, maxSkew), skew, maxSkew, nullptr, false);
+    const double seen = static_cast<double>(inkCount) / lightCount;
+    Call kept = first;
+    kept.evidence *= seen;
+    kept.orientation.confidence *= seen;
+    if (seen >= kLightSeen && kept.evidence >= second.evidence) return kept.orientation;
+    // Lines the page's ink also found running down the page keep the skew
+    // it found along them, as an upright reading keeps the page's own.
+    Orientation out = second.orientation;
+    if (out.vertical && first.orientation.vertical) out.lines = first.orientation.lines;
+    return out;
 }
 
 }  // namespace quarvel::scan

@@ -91,8 +91,11 @@ TEST(ScanSkew, LowConfidenceWithoutLinesAcross) {
 // stops on the baseline, though not with confidence, both at 150 dpi and
 // with the file's own 600-dpi tag, which leaves its letters twice the size
 // the cues are read at until the ink is taken down by its letters' size.
+// A newspaper crop (untagged) whose right column is too faint for the
+// page's ink is read on the light ink, unsure, in every turn.
 TEST(ScanOrientation, QuarterTurnsAreUndone) {
     const cv::Mat hebrew = MatFromPage(LoadScan("hebtypo.jpg").get());
+    const cv::Mat faint = MatFromPage(LoadScan("lighttext.jpg").get());
     const struct {
         cv::Mat page;
         bool sure, called;  // confidence at least 0.6; the right turn reported
@@ -101,7 +104,8 @@ TEST(ScanOrientation, QuarterTurnsAreUndone) {
     } pages[] = {{Turned(TextPage(), 4.0), true, true, 4.0, 150},
                  {Turned(TextPage(140, true), 4.0), false, false, 4.0, 150},
                  {hebrew, false, true, 0.0, 150},
-                 {hebrew, false, true, 0.0, 600}};
+                 {hebrew, false, true, 0.0, 600},
+                 {faint, false, true, 0.24, 0}};
     const int codes[] = {-1, cv::ROTATE_90_COUNTERCLOCKWISE, cv::ROTATE_180, cv::ROTATE_90_CLOCKWISE};
     for (const auto &p : pages)
         for (int q = 0; q < 4; ++q) {
@@ -114,6 +118,34 @@ TEST(ScanOrientation, QuarterTurnsAreUndone) {
             EXPECT_NEAR(r.skew_angle, p.skew, 0.05);  // a quarter turn leaves the skew as it was
             EXPECT_GE(r.skew_confidence, 0.6);
         }
+}
+
+// A 150-dpi page tagged 600 (an image scaled down that kept its scanner's
+// tag; the page's size does not contradict it): its lines are under the
+// cues' smallest size at that tag, so the orientation reads its letters'
+// own scale. Upright and turned a quarter either way it is called right
+// and sure.
+TEST(ScanOrientation, ATagOverTwiceTheLettersScaleGivesWay) {
+    const Block colour = LoadScan("breviar.38.150.jpg");
+    const PageView v(colour.get());
+    ASSERT_EQ(v.bitCount(), 24);
+    cv::Mat gray(v.height(), v.width(), CV_8UC1);
+    for (int y = 0; y < gray.rows; ++y)
+        for (int x = 0; x < gray.cols; ++x) {
+            const std::uint8_t *p = v.row(gray.rows - 1 - y) + 3 * x;
+            gray.at<std::uint8_t>(y, x) = static_cast<std::uint8_t>((114 * p[0] + 587 * p[1] + 299 * p[2]) / 1000);
+        }
+    const struct {
+        int code, angle;
+    } turns[] = {{-1, 0}, {cv::ROTATE_90_COUNTERCLOCKWISE, 90}, {cv::ROTATE_90_CLOCKWISE, 270}};
+    for (const auto &t : turns) {
+        SCOPED_TRACE(t.angle);
+        cv::Mat img;
+        t.code >= 0 ? cv::rotate(gray, img, t.code) : gray.copyTo(img);
+        const QuarvelPageReport r = Analyze(PageFromMat(img, 600).get());
+        EXPECT_EQ(r.orientation, t.angle);
+        EXPECT_GE(r.orientation_confidence, 0.6);
+    }
 }
 
 // A frame of known widths on given sides, dark or a light gray bed; the sheet
