@@ -193,6 +193,18 @@ int RingLevel(const cv::Mat &g, int *spread) {
     return q[1];
 }
 
+// Marks the labels (of n) found in the edge strips of the framed sides.
+std::vector<char> LabelsOnSides(const cv::Mat &labels, int n, const cv::Rect edges[4], const bool framed[4]) {
+    std::vector<char> on(static_cast<std::size_t>(n), 0);
+    for (int i = 0; i < 4; ++i) {
+        if (!framed[i]) continue;
+        const cv::Mat l = labels(edges[i]);
+        for (int y = 0; y < l.rows; ++y)
+            for (int x = 0; x < l.cols; ++x) on[static_cast<std::size_t>(l.at<int>(y, x))] = 1;
+    }
+    return on;
+}
+
 // A sheet's shaded part (a curled edge, a gutter) can be as dark as the bed
 // and join the frame, but a bed is flat while paper has grain and print.
 // Frame regions varied beyond the bed's own noise (the 3 x 3 range on the
@@ -255,13 +267,7 @@ cv::Mat ReclaimShadedPaper(const cv::Mat &g, int paperLevel, const cv::Mat &near
     // no longer reach the bed: they are paper too.
     cv::Mat frame = ~(p | reclaimed);
     const int m = cv::connectedComponents(frame, labels, 8, CV_32S);
-    std::vector<char> bed(static_cast<std::size_t>(m), 0);
-    for (int i = 0; i < 4; ++i) {
-        if (!framed[i]) continue;
-        const cv::Mat l = labels(edges[i]);
-        for (int y = 0; y < l.rows; ++y)
-            for (int x = 0; x < l.cols; ++x) bed[static_cast<std::size_t>(l.at<int>(y, x))] = 1;
-    }
+    const std::vector<char> bed = LabelsOnSides(labels, m, edges, framed);
     for (int y = 0; y < g.rows; ++y)
         for (int x = 0; x < g.cols; ++x)
             if (frame.at<std::uint8_t>(y, x) && !bed[static_cast<std::size_t>(labels.at<int>(y, x))])
@@ -293,13 +299,7 @@ bool FindFrame(const cv::Mat &g, int paperLevel, cv::Mat dark, const cv::Mat &ne
     if (!any) return false;
     cv::Mat labels;
     const int n = cv::connectedComponents(dark, labels, 8, CV_32S);
-    std::vector<char> frame(static_cast<std::size_t>(n), 0);
-    for (int i = 0; i < 4; ++i) {
-        if (!framed[i]) continue;
-        const cv::Mat l = labels(edges[i]);
-        for (int y = 0; y < l.rows; ++y)
-            for (int x = 0; x < l.cols; ++x) frame[static_cast<std::size_t>(l.at<int>(y, x))] = 1;
-    }
+    std::vector<char> frame = LabelsOnSides(labels, n, edges, framed);
     frame[0] = 0;
     cv::Mat &p = *paperGrid;
     p.create(g.size(), CV_8UC1);
